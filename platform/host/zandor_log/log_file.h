@@ -1,0 +1,51 @@
+#ifndef VEMK_ZANDOR_LOG_LOG_FILE_H
+#define VEMK_ZANDOR_LOG_LOG_FILE_H
+
+#include "zandor_log/line_writer.h"
+
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+
+namespace vemk {
+
+/// A log file that is rotated by size: NAME.1 is the youngest older file, NAME.4 the oldest.
+///
+/// Several processes may write the same file, each with an object of its own. The lock of the file
+/// at the path is held from the look at its size to the end of the write; who gets the lock of a
+/// file that has been renamed or removed meanwhile opens the path again. A lock that cannot be had
+/// costs the rotation, not the line.
+///
+/// Threading: none of its own; one call at a time.
+/// Ownership: owns its descriptor.
+/// Errors: see write_line().
+class log_file {
+public:
+  static constexpr off_t rotation_bytes = 1024 * 1024;
+  static constexpr int older_files_kept = 4;
+
+  explicit log_file(std::string file_path);
+  ~log_file();
+  log_file(const log_file &) = delete;
+  log_file &operator=(const log_file &) = delete;
+
+  /// Writes `line`, which ends with a line end. Returns false, with the reason in errno and nothing
+  /// written, when the path cannot be opened; each call tries again. A line that an open file does
+  /// not take (a full disk) is lost.
+  bool write_line(std::string_view line);
+
+private:
+  bool open_if_closed() noexcept;
+  void close_if_open() noexcept;
+  bool is_still_at_path() const noexcept;
+  bool is_full_for(std::string_view line) const noexcept;
+  bool rotate() const;
+
+  const std::string path;
+  int descriptor = -1;
+  line_writer writer;
+};
+
+} // namespace vemk
+
+#endif
