@@ -1,0 +1,329 @@
+"""roam-service as its users see it: a real process, and WebSocket clients of another make."""
+import asyncio
+import contextlib
+import os
+import signal
+import socket
+import subprocess
+import threading
+
+import pytest
+import websockets
+
+PROGRAM = os.environ.get("ROAM_SERVICE", "build/roam-service")
+LIMIT = 30
+MIB = 1024 * 1024
+
+
+class Service:
+    """A running roam-service whose output lines are taken one by one."""
+
+    def __init__(self, *options, **popen_options):
+        self.process = subprocess.Popen(
+            [PROGRAM, *options], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE, **popen_options)
+        first = self.process.stdout.readline().decode()
+        assert first.startswith("roam-service: listening on ws://"), first + self.error_text()
+        self.url = first.split()[-1]
+        self.port = int(self.url.split(":")[-1].split("/")[0])
+        self.notes = []
+        self.note_came = threading.Condition()
+        self.note_reader = threading.Thread(target=self.read_notes)
+        self.note_reader.start()
+
+    def error_text(self):
+        return self.process.stderr.read().decode()
+
+    def read_notes(self):
+        for line in self.process.stderr:
+            with self.note_came:
+                self.notes.append(line.decode())
+                self.note_came.notify_all()
+
+    def wait_for_note(self, text, count=1):
+        def seen():
+            return sum(text in note for note in self.notes) >= count
+        with self.note_came:
+            assert self.note_came.wait_for(seen, LIMIT), (text, self.notes)
+
+    def type(self, data):
+        self.process.stdin.write(data)
+        self.process.stdin.flush()
+
+    async def next_line(self):
+        reading = asyncio.get_running_loop().run_in_executor(None, self.process.stdout.readline)
+        return await asyncio.wait_for(reading, LIMIT)
+
+    def connect(self, path="/roam", subprotocols=("websock-roaming",)):
+        return websockets.connect(f"ws://127.0.0.1:{self.port}{path}", subprotocols=subprotocols,
+                                  max_size=None, compression=None, ping_interval=None)
+
+    def stop(self):
+        if self.process.poll() is None:
+            self.process.terminate()
+        status = self.process.wait(LIMIT)
+        self.note_reader.join(LIMIT)
+        for stream in (self.process.stdin, self.process.stdout, self.process.stderr):
+            with contextlib.suppress(BrokenPipeError):
+                stream.close()
+        return status
+
+
+@pytest.fixture
+def service():
+    running = Service("--port", "0")
+    yield running
+    running.stop()
+
+
+@pytest.fixture
+def echo_service():
+    running = Service("--port", "0", "--echo")
+    yield running
+    running.stop()
+
+
+def within_limit(work):
+    asyncio.run(asyncio.wait_for(work, 2 * LIMIT))
+
+
+def test_prints_a_message_as_one_line_and_leaves_high_bytes_and_backslashes(service):
+    async def work():
+        async with service.connect() as client:
+            await client.send("a\\b\nc\rd\te\x00f\x7f grün {}%s")
+            assert await service.next_line() == \
+                "a\\b\\nc\\rd\\te\\x00f\\x7f grün {}%s\n".encode()
+            await client.send("")
+            assert await service.next_line() == b"\n"
+    within_limit(work())
+
+
+def test_joins_fragments_with_an_empty_last_one(service):
+    async def work():
+        async with service.connect() as client:
+            await client.send(part for part in ("one ", "two ", "three"))
+            assert await service.next_line() == b"one two three\n"
+            await client.send("next")
+            assert await service.next_line() == b"next\n"
+    within_limit(work())
+
+
+def test_sends_each_input_line_to_every_client_in_order(service):
+    async def work():
+        async with service.connect() as first, service.connect() as second:
+            service.wait_for_note("daemon connected from 127.0.0.1", count=2)
+            service.type(b"one\n\ntwo\r\n")
+            for client in (first, second):
+                assert [await client.recv() for _ in range(3)] == ["one", "", "two\r"]
+    within_limit(work())
+
+
+def test_the_last_input_line_needs_no_line_end_and_serving_goes_on(service):
+    async def work():
+        async with service.connect() as client:
+            service.wait_for_note("daemon connected")
+            service.type(b"last")
+            service.process.stdin.close()
+            assert await client.recv() == "last"
+            await client.send("still there")
+            assert await service.next_line() == b"still there\n"
+    within_limit(work())
+
+
+def test_notes_a_line_that_went_nowhere(service):
+    service.type(b"anybody?\n")
+    service.wait_for_note("went nowhere")
+
+
+def test_notes_that_a_daemon_is_gone(service):
+    async def work():
+        async with service.connect():
+            service.wait_for_note("daemon connected")
+        service.wait_for_note("daemon gone")
+    within_limit(work())
+
+
+def test_echo_sends_text_and_binary_back_as_they_came(echo_service):
+    async def work():
+        async with echo_service.connect() as client:
+            for message in ("text\0 with NUL", b"\x00\xff\n", "", "x" * 70000):
+                await client.send(message)
+                await echo_service.next_line()
+                assert await client.recv() == message
+    within_limit(work())
+
+
+def test_without_echo_nothing_comes_back(service):
+    async def work():
+        async with service.connect() as client:
+            await client.send("hello")
+            await service.next_line()
+            service.type(b"first to arrive\n")
+            assert await client.recv() == "first to arrive"
+    within_limit(work())
+
+
+def test_passes_64_mib_both_ways(echo_service):
+    async def work():
+        message = "0123456789abcdef" * (4 * MIB)
+        async with echo_service.connect() as client:
+            await client.send(message)
+            assert len(await echo_service.next_line()) == 64 * MIB + 1
+            assert await client.recv() == message
+    within_limit(work())
+
+
+def test_answers_pings(service):
+    async def work():
+        async with service.connect() as client:
+            await asyncio.wait_for(await client.ping(b"mark"), LIMIT)
+    within_limit(work())
+
+
+@pytest.mark.parametrize("path", ["/", "/roam/", "/roaming", "/Roam"])
+def test_refuses_another_path(service, path):
+    async def work():
+        with pytest.raises(websockets.InvalidStatusCode) as refusal:
+            async with service.connect(path=path):
+                pass
+        assert refusal.value.status_code == 404
+    within_limit(work())
+
+
+@pytest.mark.parametrize("offered", [None, ["other"], ["websock-roaming2"]])
+def test_refuses_another_subprotocol(service, offered):
+    async def work():
+        with pytest.raises(websockets.InvalidStatusCode) as refusal:
+            async with service.connect(subprotocols=offered):
+                pass
+        assert refusal.value.status_code == 400
+    within_limit(work())
+
+
+def test_picks_its_subprotocol_from_a_list(service):
+    async def work():
+        async with service.connect(subprotocols=["other", "websock-roaming"]) as client:
+            assert client.subprotocol == "websock-roaming"
+    within_limit(work())
+
+
+def test_serves_the_path_that_is_asked_for():
+    running = Service("--port", "0", "--path", "/elsewhere")
+    try:
+        assert running.url == f"ws://127.0.0.1:{running.port}/elsewhere"
+
+        async def work():
+            async with running.connect(path="/elsewhere"):
+                pass
+            with pytest.raises(websockets.InvalidStatusCode):
+                async with running.connect(path="/roam"):
+                    pass
+        within_limit(work())
+    finally:
+        running.stop()
+
+
+def test_proxy_variables_do_not_matter():
+    running = Service("--port", "0", env={**os.environ, "http_proxy": "http://192.0.2.1:9",
+                                          "socks_proxy": "192.0.2.1:9"})
+
+    async def work():
+        async with running.connect() as client:
+            await client.send("direct")
+            assert await running.next_line() == b"direct\n"
+    try:
+        within_limit(work())
+    finally:
+        assert running.stop() == 0
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+def test_a_signal_closes_the_connections_and_ends_with_status_0(number):
+    running = Service("--port", "0")
+
+    async def work():
+        async with running.connect() as client:
+            running.process.send_signal(number)
+            with pytest.raises(websockets.ConnectionClosed):
+                await client.recv()
+            assert client.close_code == 1001
+    try:
+        within_limit(work())
+        assert running.process.wait(LIMIT) == 0
+    finally:
+        running.stop()
+
+
+def test_a_daemon_that_stops_reading_is_dropped_and_the_others_are_served(service):
+    async def work():
+        idle = socket.create_connection(("127.0.0.1", service.port))
+        with idle:
+            idle.sendall(b"GET /roam HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\n"
+                         b"Connection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
+                         b"Sec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\n"
+                         b"Sec-WebSocket-Protocol: websock-roaming\r\n\r\n")
+            service.wait_for_note("daemon connected")
+            async with service.connect() as reading:
+                service.wait_for_note("daemon connected", count=2)
+                line = b"x" * (32 * MIB)
+                loop = asyncio.get_running_loop()
+                for number in range(11):
+                    await loop.run_in_executor(None, service.type, line + b"\n")
+                    assert len(await reading.recv()) == len(line), number
+                await loop.run_in_executor(None, service.wait_for_note, "does not read")
+                await loop.run_in_executor(None, service.wait_for_note, "daemon gone")
+                service.type(b"still here\n")
+                assert await reading.recv() == "still here"
+    within_limit(work())
+
+
+def run_to_its_end(*options):
+    return subprocess.run([PROGRAM, *options], stdin=subprocess.DEVNULL, capture_output=True,
+                          text=True, timeout=LIMIT, check=False)
+
+
+def test_a_port_in_use_is_a_clear_error(service):
+    result = run_to_its_end("--port", str(service.port))
+    assert result.returncode == 1
+    assert result.stdout == ""
+    assert f"cannot listen on 127.0.0.1:{service.port}" in result.stderr
+    assert "--port 0" in result.stderr
+
+
+def test_a_foreign_address_is_a_clear_error():
+    result = run_to_its_end("--port", "0", "--bind", "192.0.2.7")
+    assert result.returncode == 1
+    assert "cannot listen on 192.0.2.7:0" in result.stderr
+    assert "--bind" in result.stderr
+
+
+@pytest.mark.parametrize("options, advice", [
+    (["--bind", "localhost"], "127.0.0.1"), (["--path", "roam"], "/roam"),
+    (["--port", "65536"], "65535"), (["--nonsense"], "--nonsense")])
+def test_wrong_usage_says_what_to_do(options, advice):
+    result = run_to_its_end(*options)
+    assert result.returncode != 0
+    assert advice in result.stderr
+
+
+def test_help_names_every_option():
+    result = run_to_its_end("--help")
+    assert result.returncode == 0
+    for option in ("--port", "--bind", "--path", "--echo"):
+        assert option in result.stdout
+
+
+def test_output_that_nobody_reads_ends_the_service():
+    running = Service("--port", "0")
+
+    async def work():
+        async with running.connect() as client:
+            running.process.stdout.close()
+            await client.send("into the void")
+            await client.wait_closed()
+    try:
+        within_limit(work())
+        assert running.process.wait(LIMIT) == 1
+        running.wait_for_note("cannot write to standard output")
+    finally:
+        running.stop()

@@ -1,0 +1,270 @@
+#include "roaming_service.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <netinet/in.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+
+namespace vemk {
+namespace {
+
+constexpr const char *subprotocol = "websock-roaming";
+constexpr size_t socket_chunk_bytes = 64 * 1024;
+constexpr lws_usec_t longest_wait_us = 200 * LWS_US_PER_MS;
+constexpr std::chrono::seconds leave_patience{1};
+
+bool is_ipv6(const std::string &address) {
+  return address.find(':') != std::string::npos;
+}
+
+std::string host_and_port(const std::string &address, int port) {
+  const std::string host = is_ipv6(address) ? "[" + address + "]" : address;
+  return host + ":" + std::to_string(port);
+}
+
+bool try_to_bind(int family, const sockaddr *address, socklen_t length) {
+  const int descriptor = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (descriptor < 0)
+    return false;
+  const int on = 1;
+  setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  const bool bound = bind(descriptor, address, length) == 0 && listen(descriptor, 1) == 0;
+  const int reason = errno;
+  close(descriptor);
+  errno = reason;
+  return bound;
+}
+
+// The library only says that it could not listen; this finds out why.
+bool can_listen(const service_options_t &options) {
+  const auto port = htons(static_cast<uint16_t>(options.port));
+  if (is_ipv6(options.bind_address)) {
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_port = port;
+    inet_pton(AF_INET6, options.bind_address.c_str(), &address.sin6_addr);
+    return try_to_bind(AF_INET6, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+  }
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = port;
+  inet_pton(AF_INET, options.bind_address.c_str(), &address.sin_addr);
+  return try_to_bind(AF_INET, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+}
+
+std::runtime_error listen_error(const service_options_t &options, int reason) {
+  std::string advice = "give another --bind or --port";
+  if (reason == EADDRINUSE)
+    advice = "give another --port, or --port 0 for a free one";
+  else if (reason == EADDRNOTAVAIL)
+    advice = "give an address of this machine with --bind";
+  return std::runtime_error("cannot listen on " +
+                            host_and_port(options.bind_address, options.port) + ": " +
+                            std::strerror(reason) + "; " + advice);
+}
+
+void log_library_line(int, const char *line) {
+  std::fprintf(stderr, "roam-service: libwebsockets: %s", line);
+}
+
+std::string header(lws *library, lws_token_indexes token) {
+  std::string value(static_cast<size_t>(lws_hdr_total_length(library, token)) + 1, '\0');
+  const int length = lws_hdr_copy(library, value.data(), static_cast<int>(value.size()), token);
+  value.resize(length > 0 ? static_cast<size_t>(length) : 0);
+  return value;
+}
+
+bool offers_subprotocol(std::string offered) {
+  for (char *rest = offered.data(); char *name = strtok_r(rest, ", \t", &rest);)
+    if (std::strcmp(name, subprotocol) == 0)
+      return true;
+  return false;
+}
+
+} // namespace
+
+roaming_service::roaming_service(const service_options_t &service_options,
+                                 message_handler on_message)
+    : options(service_options),
+      message_received(std::move(on_message)), protocols{{subprotocol, library_callback, 0,
+                                                          socket_chunk_bytes, 0, nullptr, 0},
+                                                         {}} {
+  if (!can_listen(options))
+    throw listen_error(options, errno);
+  lws_set_log_level(LLL_ERR | LLL_WARN, log_library_line);
+  lws_context_creation_info info{};
+  info.options = LWS_SERVER_OPTION_EXPLICIT_VHOSTS;
+  if (!is_ipv6(options.bind_address))
+    info.options |= LWS_SERVER_OPTION_DISABLE_IPV6;
+  info.port = options.port;
+  info.iface = options.bind_address.c_str();
+  info.protocols = protocols;
+  info.user = this;
+  info.gid = static_cast<gid_t>(-1);
+  info.uid = static_cast<uid_t>(-1);
+  context = lws_create_context(&info);
+  vhost = context ? lws_create_vhost(context, &info) : nullptr;
+  if (!vhost) {
+    const int reason = errno ? errno : EADDRNOTAVAIL;
+    if (context)
+      lws_context_destroy(context);
+    throw listen_error(options, reason);
+  }
+}
+
+roaming_service::~roaming_service() {
+  lws_context_destroy(context);
+}
+
+std::string roaming_service::url() const {
+  return "ws://" + host_and_port(options.bind_address, lws_get_vhost_listen_port(vhost)) +
+         options.path;
+}
+
+void roaming_service::serve(const std::function<bool()> &stop_wanted, wake_handler on_wake) {
+  woken = std::move(on_wake);
+  while (!stop_wanted())
+    serve_once();
+  take_leave();
+  woken = nullptr;
+}
+
+void roaming_service::wake() {
+  lws_cancel_service(context);
+}
+
+void roaming_service::broadcast(std::string_view text) {
+  if (connections.empty()) {
+    std::fprintf(stderr, "roam-service: no daemon is connected; the line went nowhere\n");
+    return;
+  }
+  const auto message = make_outgoing_message(text, LWS_WRITE_TEXT);
+  for (auto &[library, unused] : connections)
+    if (!queue_or_drop(library, message))
+      lws_set_timeout(library, PENDING_TIMEOUT_CLOSE_SEND, LWS_TO_KILL_ASYNC);
+}
+
+int roaming_service::library_callback(lws *library, lws_callback_reasons reason, void *user,
+                                      void *data, size_t length) {
+  auto *service = static_cast<roaming_service *>(lws_context_user(lws_get_context(library)));
+  switch (reason) {
+  case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
+    return service->process_upgrade_request(library);
+  case LWS_CALLBACK_ESTABLISHED:
+    return service->process_established(library);
+  case LWS_CALLBACK_RECEIVE:
+    return service->process_receive(library, {static_cast<const char *>(data), length});
+  case LWS_CALLBACK_SERVER_WRITEABLE:
+    return service->process_writeable(library);
+  case LWS_CALLBACK_CLOSED:
+    return service->process_closed(library);
+  case LWS_CALLBACK_EVENT_WAIT_CANCELLED:
+    if (service->woken)
+      service->woken();
+    return 0;
+  default:
+    return lws_callback_http_dummy(library, reason, user, data, length);
+  }
+}
+
+int roaming_service::process_upgrade_request(lws *library) const {
+  if (header(library, WSI_TOKEN_GET_URI) != options.path)
+    return refuse(library, "404 Not Found", "only path " + options.path + " is served");
+  if (!offers_subprotocol(header(library, WSI_TOKEN_PROTOCOL)))
+    return refuse(library, "400 Bad Request",
+                  std::string("only subprotocol ") + subprotocol + " is served");
+  return 0;
+}
+
+int roaming_service::refuse(lws *library, const std::string &status,
+                            const std::string &reason) const {
+  std::fprintf(stderr, "roam-service: refused a connection: %s\n", reason.c_str());
+  // The library's own status page is HTTP/1.0 at this point, which WebSocket clients do not take.
+  const auto answer =
+      make_outgoing_message("HTTP/1.1 " + status +
+                                "\r\nConnection: close\r\nContent-Type: text/plain"
+                                "\r\nContent-Length: " +
+                                std::to_string(reason.size() + 1) + "\r\n\r\n" + reason + "\n",
+                            LWS_WRITE_HTTP_FINAL);
+  lws_write(library, answer->block.data() + LWS_PRE, answer->length, answer->kind);
+  return 1;
+}
+
+int roaming_service::process_established(lws *library) {
+  char peer[64] = "an unknown address";
+  lws_get_peer_simple(library, peer, sizeof peer);
+  connections.emplace(std::piecewise_construct, std::forward_as_tuple(library),
+                      std::forward_as_tuple(library, peer));
+  std::fprintf(stderr, "roam-service: daemon connected from %s\n", peer);
+  return 0;
+}
+
+int roaming_service::process_receive(lws *library, std::string_view piece) {
+  const auto found = connections.find(library);
+  if (found == connections.end())
+    return -1;
+  if (!found->second.accept_piece(piece)) {
+    std::fprintf(stderr, "roam-service: the daemon's message is too long; dropping the daemon\n");
+    return -1;
+  }
+  const auto message = found->second.take_completed();
+  if (!message)
+    return 0;
+  const auto kind = lws_frame_is_binary(library) ? LWS_WRITE_BINARY : LWS_WRITE_TEXT;
+  message_received(*message);
+  return !options.echo || queue_or_drop(library, make_outgoing_message(*message, kind)) ? 0 : -1;
+}
+
+int roaming_service::process_writeable(lws *library) {
+  if (leaving) {
+    lws_close_reason(library, LWS_CLOSE_STATUS_GOINGAWAY, nullptr, 0);
+    return -1;
+  }
+  const auto found = connections.find(library);
+  return found != connections.end() && found->second.send_next() ? 0 : -1;
+}
+
+int roaming_service::process_closed(lws *library) {
+  connections.erase(library);
+  std::fprintf(stderr, "roam-service: daemon gone\n");
+  return 0;
+}
+
+bool roaming_service::queue_or_drop(lws *library,
+                                    const std::shared_ptr<outgoing_message_t> &message) {
+  const auto found = connections.find(library);
+  if (found == connections.end())
+    return false;
+  if (found->second.queue(message))
+    return true;
+  std::fprintf(stderr,
+               "roam-service: the daemon at %s does not read what it is sent; dropping it\n",
+               found->second.peer().c_str());
+  return false;
+}
+
+void roaming_service::serve_once() {
+  // The library would otherwise wait until one of its own timers is due.
+  lws_sorted_usec_list_t limit{};
+  lws_sul_schedule(
+      context, 0, &limit, [](lws_sorted_usec_list_t *) {}, longest_wait_us);
+  lws_service(context, 0);
+  lws_sul_schedule(context, 0, &limit, nullptr, LWS_SET_TIMER_USEC_CANCEL);
+}
+
+void roaming_service::take_leave() {
+  leaving = true;
+  for (auto &[library, unused] : connections)
+    lws_callback_on_writable(library);
+  const auto deadline = std::chrono::steady_clock::now() + leave_patience;
+  while (!connections.empty() && std::chrono::steady_clock::now() < deadline)
+    serve_once();
+}
+
+} // namespace vemk

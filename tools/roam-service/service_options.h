@@ -1,0 +1,23 @@
+#ifndef VEMK_ROAM_SERVICE_SERVICE_OPTIONS_H
+#define VEMK_ROAM_SERVICE_SERVICE_OPTIONS_H
+
+#include <optional>
+#include <string>
+
+namespace vemk {
+
+/// What the command line of roam-service says.
+struct service_options_t {
+  std::string bind_address = "127.0.0.1";
+  int port = 8080; // 0: one that is free
+  std::string path = "/roam";
+  bool echo = false;
+};
+
+/// Returns the options, or nothing after a usage error or a help text was printed; `exit_status` is
+/// then the status to end with.
+std::optional<service_options_t> parse_service_options(int argc, char **argv, int &exit_status);
+
+} // namespace vemk
+
+#endif
