@@ -1,0 +1,212 @@
+#include "zandor_log/log_file.h"
+
+#include "child_process.h"
+
+#include <cerrno>
+#include <chrono>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace vemk {
+namespace {
+
+constexpr size_t half_file_bytes = log_file::rotation_bytes / 2;
+
+std::string half_file_line(char mark) {
+  return std::string(half_file_bytes - 1, mark) + "\n";
+}
+
+class LogFileTest : public testing::Test {
+protected:
+  std::string older(int age) const { return path + "." + std::to_string(age); }
+
+  temporary_folder folder;
+  const std::string path = folder.file("log");
+};
+
+TEST_F(LogFileTest, CreatesAFileThatOnlyItsOwnerReads) {
+  log_file file(path);
+  ASSERT_TRUE(file.write_line("one\n"));
+  ASSERT_TRUE(file.write_line("two\n"));
+  EXPECT_EQ(file_content(path), "one\ntwo\n");
+  struct stat status {};
+  ASSERT_EQ(stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 077, 0U);
+}
+
+TEST_F(LogFileTest, AppendsToWhatIsThere) {
+  ASSERT_TRUE(log_file(path).write_line("before\n"));
+  ASSERT_TRUE(log_file(path).write_line("after\n"));
+  EXPECT_EQ(file_content(path), "before\nafter\n");
+}
+
+TEST_F(LogFileTest, AFileThatIsJustFullIsRotatedByTheNextLine) {
+  log_file file(path);
+  ASSERT_TRUE(file.write_line(half_file_line('a')));
+  ASSERT_TRUE(file.write_line(half_file_line('b')));
+  EXPECT_FALSE(file_exists(older(1)));
+  ASSERT_TRUE(file.write_line("c\n"));
+  EXPECT_EQ(file_content(older(1)), half_file_line('a') + half_file_line('b'));
+  EXPECT_EQ(file_content(path), "c\n");
+}
+
+TEST_F(LogFileTest, KeepsFourOlderFiles) {
+  log_file file(path);
+  for (char mark = 'a'; mark <= 'n'; mark++)
+    ASSERT_TRUE(file.write_line(half_file_line(mark)));
+  EXPECT_EQ(file_content(path), half_file_line('m') + half_file_line('n'));
+  EXPECT_EQ(file_content(older(1)), half_file_line('k') + half_file_line('l'));
+  EXPECT_EQ(file_content(older(4)), half_file_line('e') + half_file_line('f'));
+  EXPECT_FALSE(file_exists(older(5)));
+}
+
+TEST_F(LogFileTest, ALineLongerThanAFileGetsAFileOfItsOwn) {
+  const std::string long_line = std::string(2 * log_file::rotation_bytes, 'x') + "\n";
+  log_file file(path);
+  ASSERT_TRUE(file.write_line("before\n"));
+  ASSERT_TRUE(file.write_line(long_line));
+  ASSERT_TRUE(file.write_line("after\n"));
+  EXPECT_EQ(file_content(older(2)), "before\n");
+  EXPECT_EQ(file_content(older(1)), long_line);
+  EXPECT_EQ(file_content(path), "after\n");
+}
+
+TEST_F(LogFileTest, AVanishedFileIsMadeAnew) {
+  log_file file(path);
+  ASSERT_TRUE(file.write_line("lost\n"));
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  ASSERT_TRUE(file.write_line("found\n"));
+  EXPECT_EQ(file_content(path), "found\n");
+}
+
+TEST_F(LogFileTest, FollowsARotationByAnotherProcess) {
+  log_file file(path);
+  ASSERT_TRUE(file.write_line("old\n"));
+  ASSERT_EQ(rename(path.c_str(), older(1).c_str()), 0);
+  ASSERT_TRUE(file.write_line("new\n"));
+  EXPECT_EQ(file_content(older(1)), "old\n");
+  EXPECT_EQ(file_content(path), "new\n");
+}
+
+TEST_F(LogFileTest, APathThatCannotBeOpenedIsReportedAndTriedAgain) {
+  log_file file(folder.file("missing/log"));
+  EXPECT_FALSE(file.write_line("lost\n"));
+  EXPECT_EQ(errno, ENOENT);
+  ASSERT_EQ(mkdir(folder.file("missing").c_str(), 0700), 0);
+  EXPECT_TRUE(file.write_line("kept\n"));
+  EXPECT_EQ(file_content(folder.file("missing/log")), "kept\n");
+}
+
+TEST_F(LogFileTest, AFifoThatNobodyReadsIsReportedAtOnce) {
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  log_file file(path);
+  EXPECT_FALSE(file.write_line("lost\n"));
+  EXPECT_EQ(errno, ENXIO);
+}
+
+TEST_F(LogFileTest, AFullDeviceLosesTheLineOnly) {
+  log_file file("/dev/full");
+  EXPECT_TRUE(file.write_line("lost\n"));
+  EXPECT_TRUE(file.write_line("lost too\n"));
+}
+
+TEST_F(LogFileTest, ALockThatIsNeverReleasedCostsItsWaitOnlyOnce) {
+  log_file file(path);
+  ASSERT_TRUE(file.write_line("first\n"));
+  int locked[2];
+  int finished[2];
+  ASSERT_EQ(pipe(locked), 0);
+  ASSERT_EQ(pipe(finished), 0);
+  const pid_t holder = start_child([&] {
+    close(finished[1]);
+    const int descriptor = open(path.c_str(), O_WRONLY);
+    if (!line_writer().lock(descriptor))
+      _exit(1);
+    close(locked[0]);
+    close(locked[1]);
+    read_to_end(finished[0]);
+  });
+  close(locked[1]);
+  read_to_end(locked[0]);
+
+  constexpr int lines = 30;
+  const auto start = std::chrono::steady_clock::now();
+  for (int line = 0; line < lines; line++)
+    EXPECT_TRUE(file.write_line("unlocked\n"));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  EXPECT_EQ(file_content(path).size(), sizeof("first") + lines * sizeof("unlocked"));
+
+  close(finished[1]);
+  EXPECT_EQ(wait_for_child(holder), 0);
+  close(locked[0]);
+  close(finished[0]);
+}
+
+class SharedLogFileTest : public LogFileTest {
+protected:
+  static constexpr int writing_processes = 4;
+  static constexpr int lines_each = 2000;
+  static constexpr size_t filling_bytes = 3000;
+
+  static std::string line_of(int process, int number) {
+    return std::to_string(process) + " " + std::to_string(number) + " " +
+           std::string(filling_bytes, static_cast<char>('a' + process));
+  }
+
+  void write_from_all_processes() const {
+    std::vector<pid_t> children;
+    for (int process = 0; process < writing_processes; process++)
+      children.push_back(start_child([this, process] {
+        log_file file(path);
+        for (int number = 0; number < lines_each; number++)
+          if (!file.write_line(line_of(process, number) + "\n"))
+            _exit(1);
+      }));
+    for (const pid_t child : children)
+      EXPECT_EQ(wait_for_child(child), 0);
+  }
+
+  // Reads a log and checks that each of its lines is whole.
+  void collect(const std::string &log_path) {
+    std::istringstream log(file_content(log_path));
+    for (std::string line; std::getline(log, line);) {
+      int process = -1;
+      int number = -1;
+      std::istringstream(line) >> process >> number;
+      ASSERT_EQ(line, line_of(process, number)) << "in " << log_path;
+      EXPECT_TRUE(seen[process].insert(number).second) << line.substr(0, 10) << " came twice";
+    }
+  }
+
+  std::map<int, std::set<int>> seen;
+};
+
+TEST_F(SharedLogFileTest, NoLineIsTornOrLostWhileTheFileRotates) {
+  write_from_all_processes();
+  ASSERT_TRUE(file_exists(older(4)));
+  EXPECT_FALSE(file_exists(older(5)));
+  for (int age = log_file::older_files_kept; age >= 1; age--) {
+    collect(older(age));
+    EXPECT_LE(file_content(older(age)).size(), static_cast<size_t>(log_file::rotation_bytes));
+  }
+  collect(path);
+
+  // The oldest lines are gone by design; from the first that is kept on there is no gap.
+  size_t kept = 0;
+  for (const auto &[process, numbers] : seen) {
+    EXPECT_EQ(*numbers.rbegin(), lines_each - 1) << "of process " << process;
+    EXPECT_EQ(numbers.size(), static_cast<size_t>(lines_each - *numbers.begin()));
+    kept += numbers.size();
+  }
+  EXPECT_GT(kept, 4 * log_file::rotation_bytes / (filling_bytes + 20));
+}
+
+} // namespace
+} // namespace vemk
