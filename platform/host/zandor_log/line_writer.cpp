@@ -15,9 +15,11 @@ namespace vemk {
 namespace {
 
 using std::chrono::steady_clock;
-constexpr std::chrono::milliseconds lock_patience{100};
+// Longer than for a file: while the reader of a pipe is slow, the write would wait just as well.
+constexpr std::chrono::milliseconds pipe_lock_patience{1000};
 constexpr std::chrono::microseconds first_lock_pause{20};
-constexpr std::chrono::microseconds longest_lock_pause{1000};
+constexpr std::chrono::microseconds longest_lock_pause{250};
+constexpr std::chrono::microseconds pause_for_others{500};
 constexpr int writable_patience_ms = 100;
 
 // A record lock, because it belongs to the process: flock() would not tell two processes apart that
@@ -46,8 +48,8 @@ bool may_continue(int descriptor) noexcept {
 
 } // namespace
 
-bool line_writer::lock(int descriptor) noexcept {
-  const auto deadline = steady_clock::now() + lock_patience;
+bool line_writer::lock(int descriptor, std::chrono::milliseconds longest_wait) noexcept {
+  const auto deadline = steady_clock::now() + longest_wait;
   auto pause = first_lock_pause;
   while (!set_lock(descriptor, F_WRLCK)) {
     const bool held_elsewhere = errno == EAGAIN || errno == EACCES || errno == EINTR;
@@ -68,10 +70,13 @@ void line_writer::unlock(int descriptor) noexcept {
 
 void line_writer::write(int descriptor, std::string_view line) noexcept {
   const bool needs_lock = line.size() >= PIPE_BUF && is_pipe(descriptor);
-  const bool locked = needs_lock && lock(descriptor);
+  const bool locked = needs_lock && lock(descriptor, pipe_lock_patience);
   write_unit(descriptor, line);
-  if (locked)
-    unlock(descriptor);
+  if (!locked)
+    return;
+  unlock(descriptor);
+  // Who waits only looks now and then: without a pause a busy writer would always be first again.
+  std::this_thread::sleep_for(pause_for_others);
 }
 
 void line_writer::write_unit(int descriptor, std::string_view line) noexcept {

@@ -1,6 +1,7 @@
 #ifndef VEMK_ZANDOR_LOG_LINE_WRITER_H
 #define VEMK_ZANDOR_LOG_LINE_WRITER_H
 
+#include <chrono>
 #include <string_view>
 
 namespace vemk {
@@ -16,9 +17,11 @@ namespace vemk {
 /// Errors: what cannot be written is lost; the line after a cut one starts on a new line.
 class line_writer {
 public:
-  /// Takes the lock of `descriptor`, waiting up to 100 ms. Once that was in vain the next calls do
-  /// not wait at all until one succeeds, so that a stopped holder costs its wait only once.
-  bool lock(int descriptor) noexcept;
+  static constexpr std::chrono::milliseconds file_lock_patience{100};
+
+  /// Takes the lock of `descriptor`. Once the wait for it was in vain the next calls do not wait at
+  /// all until one succeeds, so that a stopped holder costs its wait only once.
+  bool lock(int descriptor, std::chrono::milliseconds longest_wait = file_lock_patience) noexcept;
   void unlock(int descriptor) noexcept;
 
   /// Writes `line`, which ends with a line end, under the lock where the kind of file needs it.

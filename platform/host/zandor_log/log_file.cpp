@@ -1,5 +1,6 @@
 #include "zandor_log/log_file.h"
 
+#include <chrono>
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,8 +10,8 @@
 namespace vemk {
 namespace {
 
-// Each further round means that another process has rotated in between.
-constexpr int open_rounds = 8;
+// Others may rotate the file again and again between the opening and the lock.
+constexpr std::chrono::milliseconds settle_patience{200};
 
 } // namespace
 
@@ -21,12 +22,13 @@ log_file::~log_file() {
 }
 
 bool log_file::write_line(std::string_view line) {
-  for (int round = 1;; round++) {
+  const auto deadline = std::chrono::steady_clock::now() + settle_patience;
+  for (;;) {
     if (!open_if_closed())
       return false;
     const bool locked = writer.lock(descriptor);
-    const bool last_round = round == open_rounds;
-    if (!last_round && (!is_still_at_path() || (locked && is_full_for(line) && rotate()))) {
+    const bool in_time = std::chrono::steady_clock::now() < deadline;
+    if (in_time && (!is_still_at_path() || (locked && is_full_for(line) && rotate()))) {
       close_if_open();
       continue;
     }

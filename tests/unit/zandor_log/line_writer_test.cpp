@@ -13,7 +13,7 @@ namespace vemk {
 namespace {
 
 constexpr int writing_processes = 4;
-constexpr int lines_each = 300;
+constexpr int lines_each = 200;
 constexpr size_t long_line_bytes = 20000;
 
 class LineWriterTest : public testing::Test {
@@ -43,7 +43,7 @@ TEST_F(LineWriterTest, LongLinesOfSeveralProcessesStayWholeInAPipe) {
 
   int count = 0;
   for (std::string line; std::getline(written, line); count++)
-    ASSERT_EQ(line, std::string(long_line_bytes, line[0])) << "line " << count;
+    ASSERT_TRUE(line == std::string(long_line_bytes, line[0])) << "line " << count << " is torn";
   EXPECT_EQ(count, writing_processes * lines_each);
 }
 

@@ -53,7 +53,7 @@ TEST_F(LogFileTest, AFileThatIsJustFullIsRotatedByTheNextLine) {
   ASSERT_TRUE(file.write_line(half_file_line('b')));
   EXPECT_FALSE(file_exists(older(1)));
   ASSERT_TRUE(file.write_line("c\n"));
-  EXPECT_EQ(file_content(older(1)), half_file_line('a') + half_file_line('b'));
+  EXPECT_TRUE(file_content(older(1)) == half_file_line('a') + half_file_line('b'));
   EXPECT_EQ(file_content(path), "c\n");
 }
 
@@ -61,9 +61,9 @@ TEST_F(LogFileTest, KeepsFourOlderFiles) {
   log_file file(path);
   for (char mark = 'a'; mark <= 'n'; mark++)
     ASSERT_TRUE(file.write_line(half_file_line(mark)));
-  EXPECT_EQ(file_content(path), half_file_line('m') + half_file_line('n'));
-  EXPECT_EQ(file_content(older(1)), half_file_line('k') + half_file_line('l'));
-  EXPECT_EQ(file_content(older(4)), half_file_line('e') + half_file_line('f'));
+  EXPECT_TRUE(file_content(path) == half_file_line('m') + half_file_line('n'));
+  EXPECT_TRUE(file_content(older(1)) == half_file_line('k') + half_file_line('l'));
+  EXPECT_TRUE(file_content(older(4)) == half_file_line('e') + half_file_line('f'));
   EXPECT_FALSE(file_exists(older(5)));
 }
 
@@ -74,7 +74,7 @@ TEST_F(LogFileTest, ALineLongerThanAFileGetsAFileOfItsOwn) {
   ASSERT_TRUE(file.write_line(long_line));
   ASSERT_TRUE(file.write_line("after\n"));
   EXPECT_EQ(file_content(older(2)), "before\n");
-  EXPECT_EQ(file_content(older(1)), long_line);
+  EXPECT_TRUE(file_content(older(1)) == long_line);
   EXPECT_EQ(file_content(path), "after\n");
 }
 
@@ -180,7 +180,8 @@ protected:
       int process = -1;
       int number = -1;
       std::istringstream(line) >> process >> number;
-      ASSERT_EQ(line, line_of(process, number)) << "in " << log_path;
+      ASSERT_TRUE(line == line_of(process, number))
+          << log_path << " has a torn line: " << line.substr(0, 10) << "...";
       EXPECT_TRUE(seen[process].insert(number).second) << line.substr(0, 10) << " came twice";
     }
   }
@@ -194,7 +195,8 @@ TEST_F(SharedLogFileTest, NoLineIsTornOrLostWhileTheFileRotates) {
   EXPECT_FALSE(file_exists(older(5)));
   for (int age = log_file::older_files_kept; age >= 1; age--) {
     collect(older(age));
-    EXPECT_LE(file_content(older(age)).size(), static_cast<size_t>(log_file::rotation_bytes));
+    // A process that waited for the lock in vain writes without it, a little beyond the limit.
+    EXPECT_LE(file_content(older(age)).size(), log_file::rotation_bytes + 10 * filling_bytes);
   }
   collect(path);
 

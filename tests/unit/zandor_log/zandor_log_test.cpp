@@ -9,8 +9,8 @@
 #include <ctime>
 #include <fcntl.h>
 #include <future>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <regex>
 #include <string>
 #include <sys/stat.h>
 #include <thread>
@@ -19,6 +19,8 @@
 // Each case runs in a child process, because logging is set up once in a process.
 namespace vemk {
 namespace {
+
+using testing::MatchesRegex;
 
 constexpr size_t timestamp_length = sizeof("2026-11-20 22:14:11.042") - 1;
 
@@ -70,8 +72,9 @@ TEST_F(ZandorLogTest, TheTimestampIsTheLocalTimeWithMilliseconds) {
     log_text("\n");
   });
   const time_t after = time(nullptr);
-  const std::regex timestamp(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3}\|)");
-  EXPECT_TRUE(std::regex_search(result.error_output, timestamp)) << result.error_output;
+  EXPECT_THAT(
+      result.error_output,
+      MatchesRegex("[0-9]{4}(-[0-9]{2}){2} [0-9]{2}(:[0-9]{2}){2}[.][0-9]{3}[|]7[|]case> \n"));
   tm parts{};
   parts.tm_isdst = -1;
   ASSERT_NE(strptime(result.error_output.c_str(), "%Y-%m-%d %H:%M:%S", &parts), nullptr);
@@ -95,7 +98,7 @@ TEST_F(ZandorLogTest, ALineOfAMebibyteComesOutWhole) {
     start_log_to_standard_error();
     log_text((text + "\n").c_str());
   });
-  EXPECT_EQ(without_timestamp(result.error_output), "|7|case> " + text + "\n");
+  EXPECT_TRUE(without_timestamp(result.error_output) == "|7|case> " + text + "\n");
 }
 
 TEST_F(ZandorLogTest, AMissingLineEndIsAdded) {
@@ -105,10 +108,9 @@ TEST_F(ZandorLogTest, AMissingLineEndIsAdded) {
     log_text("with\n");
     log_text("");
   });
-  const std::string stamp = R"(.{23}\|7\|case> )";
-  EXPECT_TRUE(std::regex_match(result.error_output,
-                               std::regex(stamp + "without\n" + stamp + "with\n" + stamp + "\n")))
-      << result.error_output;
+  const std::string stamp = ".{23}[|]7[|]case> ";
+  EXPECT_THAT(result.error_output,
+              MatchesRegex(stamp + "without\n" + stamp + "with\n" + stamp + "\n"));
 }
 
 TEST_F(ZandorLogTest, AMessageCutByANulByteStillEndsItsLine) {
@@ -139,9 +141,7 @@ TEST_F(ZandorLogTest, EachThreadFinishesTheLineItBegan) {
     other.join();
     finish_line("thread\n");
   });
-  EXPECT_TRUE(
-      std::regex_match(result.error_output, std::regex(".{23}other thread\n.{23}main thread\n")))
-      << result.error_output;
+  EXPECT_THAT(result.error_output, MatchesRegex(".{23}other thread\n.{23}main thread\n"));
 }
 
 TEST_F(ZandorLogTest, ABeginningThatIsNeverFinishedBecomesALine) {
@@ -152,9 +152,8 @@ TEST_F(ZandorLogTest, ABeginningThatIsNeverFinishedBecomesALine) {
     finish_line("end\n");
     finish_line("no beginning\n");
   });
-  EXPECT_TRUE(std::regex_match(result.error_output,
-                               std::regex(".{23}first \n.{23}second end\n.{23}no beginning\n")))
-      << result.error_output;
+  EXPECT_THAT(result.error_output,
+              MatchesRegex(".{23}first \n.{23}second end\n.{23}no beginning\n"));
 }
 
 TEST_F(ZandorLogTest, WorksWithoutInitialisation) {
@@ -185,11 +184,9 @@ TEST_F(ZandorLogTest, LinesGoToStandardErrorWhileTheFileCannotBeOpened) {
     log_text("three\n");
   });
   EXPECT_EQ(result.status, 0);
-  EXPECT_TRUE(std::regex_match(result.error_output,
-                               std::regex("vemk: cannot open the log file " + late +
-                                          "/log: No such file or directory; [^\n]*\n"
-                                          ".{23}\\|7\\|case> one\n.{23}\\|7\\|case> two\n")))
-      << result.error_output;
+  EXPECT_THAT(result.error_output, MatchesRegex("vemk: cannot open the log file " + late +
+                                                "/log: No such file or directory; [^\n]*\n"
+                                                ".{23}[|]7[|]case> one\n.{23}[|]7[|]case> two\n"));
   EXPECT_EQ(without_timestamp(file_content(late + "/log")), "|7|case> three\n");
 }
 
