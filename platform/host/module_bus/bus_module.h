@@ -1,0 +1,71 @@
+/// One module on the bus, from joining to leaving.
+#ifndef VEMK_MODULE_BUS_BUS_MODULE_H
+#define VEMK_MODULE_BUS_BUS_MODULE_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include <zmq.hpp>
+
+#include "module_bus/bus_wire.h"
+
+namespace vemk {
+
+/// Keeps a module to one process: a lock that ends with its holder, however that ends.
+/// Errors: the constructor throws bus_error when another process has the module.
+class module_lock {
+public:
+  module_lock(const std::string &folder, int module_id);
+  ~module_lock();
+  module_lock(const module_lock &) = delete;
+  module_lock &operator=(const module_lock &) = delete;
+
+private:
+  int descriptor;
+};
+
+/// A module that has joined the bus: its inbox and its outlet.
+///
+/// Threading: all calls on one thread. The messaging library has a thread of its own meanwhile.
+/// Ownership: owns sockets, their files and the module's lock, and gives all of them back before
+///   the destructor returns, which takes 100 ms at the most for messages still on their way.
+/// Errors: the constructor throws bus_error; the other calls do not throw.
+class bus_module {
+public:
+  /// Joins, and gives listeners that were waiting for the module the time to come back.
+  bus_module(const std::string &folder, int module_id);
+
+  /// Takes the next message as a packed record for free(), or returns null when there is none.
+  /// Never blocks. A record that cannot be allocated is tried again with the next call.
+  void *take_record();
+
+  /// True once a peer has told the module to leave.
+  bool told_to_leave() const { return leave_received; }
+
+  /// Sends to every listener, without ever waiting for one. False when nothing was sent.
+  bool publish(const void *data, std::uint32_t length);
+
+private:
+  void greet_new_listeners();
+  void settle();
+  void receive();
+  void answer(zmq::message_t &sender);
+  bool send_frame(frame_header_t header, const char *piece, std::size_t piece_bytes);
+
+  // The lock goes last, when the files are free for the next holder. The context outlives its
+  // sockets, and its end waits until the library has removed their files: were that left to
+  // happen later, it could remove those of the next join.
+  module_lock lock;
+  zmq::context_t context;
+  zmq::socket_t inbox;
+  zmq::socket_t outlet;
+  const std::uint32_t session;
+  std::uint64_t next_number = 0;
+  std::optional<zmq::message_t> waiting;
+  bool leave_received = false;
+};
+
+} // namespace vemk
+
+#endif
