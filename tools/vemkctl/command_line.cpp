@@ -1,0 +1,135 @@
+#include "vemkctl/command_line.h"
+
+#include <limits>
+#include <map>
+#include <sstream>
+
+#include <CLI/CLI.hpp>
+
+namespace vemk {
+
+namespace {
+
+constexpr double longest_timeout_seconds = 1e9;
+
+const std::map<std::string, message_format> formats{
+    {"text", message_format::text}, {"hex", message_format::hex}, {"json", message_format::json}};
+
+constexpr char footer[] =
+    "The bus folder is --bus; without it the environment's MODULE_BUS_DIR, else /run/module-bus,\n"
+    "else a folder of your own ($XDG_RUNTIME_DIR/module-bus or /tmp/module-bus-UID).\n"
+    "Exit status: 0 done, 3 bus error, 4 input or output error, 64 wrong usage; 1 and 2 as the\n"
+    "command says.";
+
+void add_module(CLI::App *command, options_t &options, const char *name, const char *text) {
+  command->add_option(name, options.module_id, text)
+      ->check(CLI::Range(0, std::numeric_limits<int>::max(), "MODULE"))
+      ->type_name("")
+      ->capture_default_str();
+}
+
+CLI::Option *add_timeout(CLI::App *command, options_t &options, const char *text) {
+  return command->add_option("--timeout", options.timeout_seconds, text)
+      ->check(CLI::Range(0.001, longest_timeout_seconds, "SECONDS"))
+      ->type_name("");
+}
+
+void add_quiet(CLI::App *command, options_t &options) {
+  command->add_flag("-q,--quiet", options.quiet, "No notes on standard error, only errors");
+}
+
+void add_send(CLI::App &app, options_t &options) {
+  auto *send = app.add_subcommand("send", "Send a message to a module");
+  send->add_option("text", options.text,
+                   "The message; '-' takes standard input, the whole of it as one message, NUL "
+                   "bytes included, up to 64 MiB")
+      ->required()
+      ->type_name("TEXT");
+  send->add_flag("--lines", options.lines, "One message a line, without the line feed");
+  add_module(send, options, "--to", "The module that is to get it");
+  add_timeout(send, options, "How long the module may take over a message (default 10)");
+  send->footer("Ends once the module has taken all messages; exit status 3 when it does not.");
+}
+
+void add_listen(CLI::App &app, options_t &options) {
+  auto *listen = app.add_subcommand("listen", "Print what a module sends, one message a line");
+  add_module(listen, options, "--from", "The module to listen to");
+  listen->add_option("--count", options.count, "End after so many messages")
+      ->check(CLI::Range(1L, std::numeric_limits<long>::max(), "N"))
+      ->type_name("");
+  add_timeout(listen, options, "End after so many seconds, with exit status 2");
+  listen
+      ->add_option_function<std::string>(
+          "--format", [&options](const std::string &name) { options.format = formats.at(name); },
+          "text (control bytes escaped, the default), hex or json")
+      ->check(CLI::IsMember(formats))
+      ->type_name("");
+  add_quiet(listen, options);
+  listen->footer("Exit status 0 when the count is reached, 2 when the time is up before.");
+}
+
+void add_status(CLI::App &app, options_t &options) {
+  auto *status = app.add_subcommand("status", "Ask the daemon for its connection to the service");
+  add_timeout(status, options, "How long to wait for the answer (default 5)");
+  status->footer("Prints connected or disconnected.\n"
+                 "Exit status 0 connected, 1 disconnected, 2 no answer in time.");
+}
+
+void add_rejoin(CLI::App &app, options_t &options) {
+  auto *rejoin = app.add_subcommand("rejoin", "Drop a module off the bus, so that it joins again");
+  add_module(rejoin, options, "--module", "The module to drop");
+  add_timeout(rejoin, options, "How long the module may take over it (default 10)");
+}
+
+command chosen_command(const CLI::App &app) {
+  const std::string name = app.get_subcommands().front()->get_name();
+  if (name == "send")
+    return command::send;
+  if (name == "listen")
+    return command::listen;
+  return name == "status" ? command::status : command::rejoin;
+}
+
+void set_default_timeout(options_t &options) {
+  if (options.timeout_seconds > 0 || options.what == command::listen)
+    return;
+  options.timeout_seconds = options.what == command::status ? 5 : 10;
+}
+
+} // namespace
+
+command_line_t parse_command_line(int argc, const char *const *argv) {
+  command_line_t result;
+  options_t options;
+  CLI::App app("Talks to the modules of the local module-messaging bus.", "vemkctl");
+  app.set_version_flag("--version", "vemkctl " VEMKCTL_VERSION);
+  app.add_option("--bus", options.bus_folder, "The bus folder; may follow the command too")
+      ->type_name("DIR");
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.footer(footer);
+  app.failure_message([](const CLI::App *, const CLI::Error &error) {
+    return std::string(error.what()) + "; see vemkctl --help or vemkctl COMMAND --help";
+  });
+  add_send(app, options);
+  add_listen(app, options);
+  add_status(app, options);
+  add_rejoin(app, options);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &error) {
+    std::ostringstream output;
+    std::ostringstream message;
+    result.status = app.exit(error, output, message) == 0 ? exit_done : exit_usage;
+    result.output = output.str();
+    result.error = message.str();
+    return result;
+  }
+  options.what = chosen_command(app);
+  set_default_timeout(options);
+  result.options = options;
+  return result;
+}
+
+} // namespace vemk

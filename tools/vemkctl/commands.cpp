@@ -1,0 +1,198 @@
+#include "vemkctl/commands.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+#include <vector>
+
+#include "module_bus/bus_client.h"
+#include "module_bus/bus_folder.h"
+#include "vemkctl/line_splitter.h"
+#include "vemkctl/message_format.h"
+
+namespace vemk {
+
+namespace {
+
+constexpr char status_request[] = R"({"service":"internal-ipc","cmd":"status"})";
+
+bus_deadline deadline_after(double seconds) {
+  if (seconds <= 0)
+    return bus_deadline::max();
+  const std::chrono::duration<double> time(seconds);
+  return std::chrono::steady_clock::now() +
+         std::chrono::duration_cast<std::chrono::steady_clock::duration>(time);
+}
+
+std::string module_in(const options_t &options, const std::string &folder) {
+  return "module " + std::to_string(options.module_id) + " in " + folder;
+}
+
+// Empty at the end of the input.
+std::string_view read_input(std::vector<char> &block) {
+  while (true) {
+    const ssize_t got = read(STDIN_FILENO, block.data(), block.size());
+    if (got >= 0)
+      return {block.data(), static_cast<std::size_t>(got)};
+    if (errno != EINTR)
+      throw io_error(std::string("cannot read standard input: ") + std::strerror(errno) +
+                     "; give the message as TEXT, or through a pipe or a file");
+  }
+}
+
+template<typename take_t>
+void for_each_block(const options_t &options, take_t take) {
+  if (options.text != "-") {
+    take(std::string_view(options.text));
+    return;
+  }
+  std::vector<char> block(64 * 1024);
+  for (auto bytes = read_input(block); !bytes.empty(); bytes = read_input(block))
+    take(bytes);
+}
+
+std::string whole_input(const options_t &options) {
+  std::string message;
+  for_each_block(options, [&](std::string_view bytes) {
+    if (bytes.size() > max_payload_bytes - message.size())
+      throw io_error("the message is longer than 64 MiB; send it in parts");
+    message.append(bytes);
+  });
+  return message;
+}
+
+void send_lines(const options_t &options, const std::function<void(std::string_view)> &send) {
+  try {
+    line_splitter lines(max_payload_bytes, send);
+    for_each_block(options, [&](std::string_view bytes) { lines.add(bytes); });
+    lines.finish();
+  } catch (const std::length_error &error) {
+    throw io_error(std::string(error.what()) + "; send it in parts");
+  }
+}
+
+[[noreturn]] void not_taken(const options_t &options, const std::string &folder) {
+  throw bus_error(module_in(options, folder) + " did not take it in time; see that the module " +
+                  "runs and uses this bus folder, or name another with --bus");
+}
+
+int run_send(const options_t &options, const std::string &folder) {
+  bus_sender sender(folder, options.module_id);
+  const auto send = [&](std::string_view message) {
+    if (!sender.send(message, deadline_after(options.timeout_seconds)))
+      not_taken(options, folder);
+  };
+  if (options.lines)
+    send_lines(options, send);
+  else
+    send(whole_input(options));
+  if (!sender.wait_until_taken(deadline_after(options.timeout_seconds)))
+    not_taken(options, folder);
+  return exit_done;
+}
+
+int run_rejoin(const options_t &options, const std::string &folder) {
+  const bus_deadline deadline = deadline_after(options.timeout_seconds);
+  bus_sender sender(folder, options.module_id);
+  if (!sender.send_leave(deadline) || !sender.wait_until_taken(deadline))
+    not_taken(options, folder);
+  return exit_done;
+}
+
+void note_losses(const options_t &options, std::uint64_t lost, std::uint64_t &told) {
+  if (lost == told)
+    return;
+  if (!options.quiet)
+    write_note(std::to_string(lost - told) + " messages were lost here; read faster");
+  told = lost;
+}
+
+int run_listen(const options_t &options, const std::string &folder) {
+  const bus_deadline deadline = deadline_after(options.timeout_seconds);
+  bus_listener listener(folder, options.module_id);
+  if (!listener.wait_until_subscribed(deadline)) {
+    if (!options.quiet)
+      write_note(module_in(options, folder) + " was not on the bus; see that it runs and uses " +
+                 "this bus folder, or name another with --bus");
+    return exit_timeout;
+  }
+  if (!options.quiet)
+    write_note("listening to " + module_in(options, folder));
+  std::uint64_t losses_told = 0;
+  for (long printed = 0; options.count == 0 || printed < options.count; ++printed) {
+    const auto message = listener.receive(deadline);
+    note_losses(options, listener.lost(), losses_told);
+    if (!message)
+      return exit_timeout;
+    const std::string line = format_message(*message, options.format, options.module_id) + "\n";
+    write_output(line.data(), line.size());
+  }
+  return exit_done;
+}
+
+int no_answer(const options_t &options, const std::string &folder) {
+  write_note("no answer from " + module_in(options, folder) +
+             " in time; see that the daemon runs and uses this bus folder, or name another " +
+             "with --bus");
+  return exit_timeout;
+}
+
+int run_status(const options_t &options, const std::string &folder) {
+  const bus_deadline deadline = deadline_after(options.timeout_seconds);
+  bus_listener listener(folder, options.module_id);
+  bus_sender sender(folder, options.module_id);
+  if (!listener.wait_until_subscribed(deadline) || !sender.send(status_request, deadline))
+    return no_answer(options, folder);
+  while (const auto message = listener.receive(deadline)) {
+    const auto connected = connected_status(*message);
+    if (!connected)
+      continue;
+    const std::string_view word = *connected ? "connected\n" : "disconnected\n";
+    write_output(word.data(), word.size());
+    return *connected ? exit_done : exit_disconnected;
+  }
+  return no_answer(options, folder);
+}
+
+} // namespace
+
+int run_command(const options_t &options) {
+  const std::string folder = open_bus_folder(options.bus_folder, bus_role::client);
+  switch (options.what) {
+  case command::send:
+    return run_send(options, folder);
+  case command::listen:
+    return run_listen(options, folder);
+  case command::status:
+    return run_status(options, folder);
+  case command::rejoin:
+    return run_rejoin(options, folder);
+  }
+  return exit_usage;
+}
+
+void write_output(const char *data, std::size_t length) {
+  while (length > 0) {
+    const ssize_t written = write(STDOUT_FILENO, data, length);
+    if (written < 0 && errno == EINTR)
+      continue;
+    if (written < 0)
+      throw io_error(std::string("cannot write to standard output: ") + std::strerror(errno) +
+                     "; see that its reader still runs or its disk has room");
+    data += written;
+    length -= static_cast<std::size_t>(written);
+  }
+}
+
+void write_note(const std::string &text) {
+  std::cerr << "vemkctl: " + text + "\n" << std::flush;
+}
+
+} // namespace vemk
