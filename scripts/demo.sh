@@ -47,7 +47,7 @@ keep_in_private_tmp() {
   case "$2" in
   /tmp/*)
     place=$1/${2#/tmp/}
-    mkdir -p "$place" && mount --rbind "$2" "$place"
+    mkdir -p "$place" && mount -n --rbind "$2" "$place"
     ;;
   esac
 }
@@ -58,10 +58,10 @@ make_private_tmp() {
   [ "$VEMK_DEMO_NAMESPACE" = own ] || return 1
   {
     mkdir "$new_tmp" &&
-      mount -t tmpfs -o mode=1777,size=16m vemk-demo "$new_tmp" &&
+      mount -n -t tmpfs -o mode=1777,size=16m vemk-demo "$new_tmp" &&
       keep_in_private_tmp "$new_tmp" "$checkout" &&
       keep_in_private_tmp "$new_tmp" "$build" &&
-      mount --move "$new_tmp" /tmp &&
+      mount -n --move "$new_tmp" /tmp &&
       cd "$checkout"
   } 2>>"$work/namespace.log"
 }
