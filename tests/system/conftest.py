@@ -1,0 +1,95 @@
+"""Fixtures of the system tests.
+
+Environment: VEMK_BUILD_DIR, the folder with vemk, vemkctl and roam-service; VEMK_RUNNER, words to
+put in front of the daemon's command line; VEMK_SLOWDOWN, a factor for every limit.
+"""
+
+import collections
+import os
+import pathlib
+
+import pytest
+
+from harness.bus_peer import bus_peer
+from harness.raw_server import raw_server
+from harness.roaming_server import roaming_server
+from harness.sandbox import sandbox
+from harness.vemk_daemon import config_text, vemk_daemon
+
+bridge_t = collections.namedtuple("bridge_t", "daemon bus server")
+
+
+@pytest.fixture
+def build_folder():
+    folder = pathlib.Path(os.environ.get("VEMK_BUILD_DIR", "build")).absolute()
+    for program in ("vemk", "vemkctl", "roam-service"):
+        if not (folder / program).exists():
+            pytest.fail(f"{folder} holds no {program}: build it, or name the build folder in "
+                        "VEMK_BUILD_DIR")
+    return folder
+
+
+@pytest.fixture
+def place(build_folder):
+    made = sandbox(build_folder)
+    yield made
+    made.remove()
+
+
+@pytest.fixture
+def make_daemon(place):
+    """Makes daemons, and fails the test when one ended by itself or reported a memory error."""
+    made = []
+
+    def make():
+        made.append(vemk_daemon(place, f"daemon-{len(made) + 1}"))
+        return made[-1]
+
+    yield make
+    problems = [problem for daemon in made for problem in daemon.problems()]
+    for daemon in made:
+        daemon.stop()
+        if daemon.process:
+            print(f"--- end of the log of {daemon.name}\n{daemon.log_text()[-4000:]}")
+    assert not problems, "\n".join(problems)
+
+
+@pytest.fixture
+def bus(place):
+    made = bus_peer(place)
+    yield made
+    made.stop()
+
+
+@pytest.fixture
+def server():
+    made = roaming_server()
+    made.start()
+    yield made
+    made.shut_down()
+
+
+@pytest.fixture
+def make_raw_server():
+    made = []
+
+    def make(behaviour):
+        made.append(raw_server(behaviour))
+        return made[-1]
+
+    yield make
+    for one in made:
+        one.shut_down()
+
+
+@pytest.fixture
+def make_bridge(make_daemon, bus, server):
+    """Starts a daemon between the bus and the server; returns when "connected" was announced."""
+
+    def make(**settings):
+        bus.listen()
+        daemon = make_daemon().start(config_text(server.url, **settings))
+        bus.wait_until_connected()
+        return bridge_t(daemon, bus, server)
+
+    return make

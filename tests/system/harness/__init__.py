@@ -1,0 +1,1 @@
+"""What the system tests stand on: a daemon under test, a bus peer and roaming services."""

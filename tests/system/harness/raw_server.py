@@ -1,0 +1,119 @@
+"""A server on plain sockets, for what a well-behaved WebSocket library would not do."""
+
+import base64
+import collections
+import hashlib
+import socket
+import struct
+import threading
+import time
+
+from harness.waiting import wait_until
+
+raw_frame_t = collections.namedtuple("raw_frame_t", "time connection final opcode masked payload")
+
+opcode_text, opcode_close, opcode_ping, opcode_pong = 1, 8, 9, 10
+
+
+def silent(server, connection, request):
+    """Answers nothing; the connection stays open."""
+
+
+def refuse(server, connection, request):
+    connection.sendall(b"HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\nConnection: close\r\n\r\n")
+    connection.close()
+
+
+def upgrade(server, connection, request):
+    """Accepts the WebSocket without choosing a subprotocol, and never answers a frame."""
+    key = request.split(b"Sec-WebSocket-Key: ")[1].split(b"\r\n")[0]
+    digest = hashlib.sha1(key + b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11").digest()
+    connection.sendall(b"HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n"
+                       b"Connection: Upgrade\r\nSec-WebSocket-Accept: "
+                       + base64.b64encode(digest) + b"\r\n\r\n")
+    server.read_frames(connection)
+
+
+class raw_server:
+    """Accepts connections and hands each, with the request it read, to `behaviour`.
+
+    One thread for accepting and one per connection; the recorded lists only ever grow.
+    """
+
+    def __init__(self, behaviour):
+        self.behaviour = behaviour
+        self.connections = []
+        self.accept_times = []
+        self.requests = []
+        self.frames = []
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.port = self.listener.getsockname()[1]
+        self.url = f"ws://127.0.0.1:{self.port}/roam"
+        threading.Thread(target=self.accept, daemon=True).start()
+
+    def accept(self):
+        while True:
+            try:
+                connection, _ = self.listener.accept()
+            except OSError:
+                return
+            self.connections.append(connection)
+            self.accept_times.append(time.monotonic())
+            threading.Thread(target=self.serve, args=(connection,), daemon=True).start()
+
+    def serve(self, connection):
+        try:
+            request = b""
+            while not request.endswith(b"\r\n\r\n"):
+                data = connection.recv(4096)
+                if not data:
+                    return
+                request += data
+            self.requests.append(request)
+            self.behaviour(self, connection, request)
+        except OSError:
+            pass
+
+    def read_frames(self, connection):
+        number = self.connections.index(connection) + 1
+        with connection.makefile("rb") as stream:
+            while True:
+                head = stream.read(2)
+                if len(head) < 2:
+                    return
+                length = head[1] & 0x7F
+                if length == 126:
+                    length = struct.unpack("!H", stream.read(2))[0]
+                elif length == 127:
+                    length = struct.unpack("!Q", stream.read(8))[0]
+                masked = bool(head[1] & 0x80)
+                mask = stream.read(4) if masked else bytes(4)
+                payload = bytes(b ^ mask[i % 4] for i, b in enumerate(stream.read(length)))
+                self.frames.append(raw_frame_t(time.monotonic(), number, bool(head[0] & 0x80),
+                                               head[0] & 0x0F, masked, payload))
+
+    def frames_of(self, opcode):
+        return [frame for frame in list(self.frames) if frame.opcode == opcode]
+
+    def wait_for_frames(self, opcode, count, seconds=30.0):
+        wait_until(lambda: len(self.frames_of(opcode)) >= count,
+                   f"{count} frames with opcode {opcode}", seconds)
+        return self.frames_of(opcode)
+
+    def wait_for_connections(self, count, seconds=30.0):
+        wait_until(lambda: len(self.connections) >= count, f"{count} connections in all", seconds,
+                   lambda: f"there were {len(self.connections)}")
+
+    def send_text_frame(self, payload):
+        """One final unmasked text frame of less than 126 bytes."""
+        self.connections[-1].sendall(bytes([0x81, len(payload)]) + payload)
+
+    def shut_down(self):
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.listener.close()
+        for connection in self.connections:
+            try:
+                connection.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+            connection.close()
