@@ -1,0 +1,28 @@
+"""Pings: the first after 30 s; a server that answers keeps its connection, a mute one does not."""
+
+from harness.raw_server import opcode_ping, opcode_pong, opcode_text, upgrade
+from harness.vemk_daemon import config_text
+
+
+def test_ping_after_thirty_seconds_without_payload(make_daemon, make_raw_server, bus):
+    server = make_raw_server(upgrade)
+    bus.listen()
+    daemon = make_daemon().start(config_text(server.url, log_level=15))
+    bus.wait_until_connected()
+    established = server.accept_times[0]
+    ping = server.wait_for_frames(opcode_ping, 1, seconds=60)[0]
+    assert (ping.payload, ping.final, ping.masked) == (b"", True, True)
+    # Whole seconds of the clock are compared, so up to one second is missing from 30.
+    assert 28.9 <= ping.time - established
+    server.connections[0].sendall(bytes([0x80 | opcode_pong, 0]))
+    daemon.wait_for_lines("process_client_receive_pong:119")
+    bus.send(b"still here")
+    assert server.wait_for_frames(opcode_text, 1)[0].payload == b"still here"
+    assert len(server.connections) == 1
+
+
+def test_pings_of_the_server_are_answered(make_bridge):
+    daemon, bus, server = make_bridge()
+    server.ping()
+    server.ping()
+    assert len(server.handshakes) == 1

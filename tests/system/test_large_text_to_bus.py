@@ -1,0 +1,12 @@
+"""A message of 1 MiB from the server: at one piece of 4096 bytes in 100 ms it takes 26 s."""
+
+import pytest
+
+
+@pytest.mark.parametrize("log_level", [0, 15])
+def test_one_mebibyte_arrives_unchanged(make_bridge, log_level):
+    daemon, bus, server = make_bridge(log_level=log_level)
+    text = "".join(f"{i:07d}\n" for i in range((1 << 20) // 8))
+    server.send_many([text, "next"])
+    assert bus.wait_for_payloads(2, seconds=90) == [text.encode(), b"next"]
+    assert bus.statuses()[-1] == "connected"

@@ -1,0 +1,19 @@
+"""Messages from the bus that are larger than a thread's stack."""
+
+import pytest
+
+
+def pattern(size):
+    return b"".join(b"%07x " % i for i in range(size // 8))
+
+
+@pytest.mark.parametrize("size, log_level", [(10 << 20, 15), (16 << 20, 0)])
+def test_message_larger_than_the_stack_arrives(make_bridge, size, log_level):
+    daemon, bus, server = make_bridge(log_level=log_level)
+    message = pattern(size)
+    bus.send(message)
+    bus.send(b"next")
+    received = server.wait_for_payloads(2, seconds=90)
+    assert [len(payload) for payload in received] == [size, 4]
+    assert received == [message, b"next"]
+    assert len(server.handshakes) == 1

@@ -1,0 +1,80 @@
+"""What the log looks like at each mask."""
+
+import re
+
+import pytest
+
+from harness.vemk_daemon import line_pattern
+
+modules = {"vemk-main", "websock-cfg", "ipc-worker", "websock-worker", "buffer-info", "timers"}
+
+
+def exchange(bridge):
+    bridge.bus.send(b"100%% of 5 %n %s")
+    bridge.server.wait_for_payloads(1)
+    bridge.server.send("down 3 %n")
+    bridge.bus.wait_for_payloads(1)
+
+
+def test_every_line_begins_with_time_process_and_module(make_bridge):
+    bridge = make_bridge(log_level=15)
+    exchange(bridge)
+    daemon = bridge.daemon
+    before = ""
+    for line in daemon.log_text().split("\n")[:-1]:
+        match = line_pattern.fullmatch(line)
+        assert not match or (int(match[2]) == daemon.pid and match[3] in modules), line
+        # The rest of a dump stands on lines of its own, which begin with a tab; the library's
+        # parser quotes line ends of the handshake as they are.
+        assert match or line.startswith("\t") or "portal->libwebsocket-debug> " in before, line
+        before = line
+
+
+def test_debug_lines_tell_the_course_of_a_message(make_bridge):
+    bridge = make_bridge(log_level=8)
+    exchange(bridge)
+    texts = [line.text for line in bridge.daemon.log_lines() if line.module == "websock-worker"]
+    own = [text for text in texts if not text.startswith("portal->libwebsocket-debug> ")]
+    expected = [
+        "Generate delay into [0;1) range",
+        "Delay before connection: 0 sec",
+        "websock-roaming-> _connect: Try to establish connect with server "
+        f"127.0.0.1:{bridge.server.port}/roam",
+        "websock-roaming->Connected",
+        "websock-roaming->process_client_established:58",
+        "Connection established - reset connection delay",
+        "websock-roaming->From queue",
+        "websock-roaming->process_client_receive:87",
+        "websock-roaming->process_client_receive: Recieve final msg len 9 from websocket",
+        "websock-roaming->Send to Queue",
+    ]
+    assert [text for text in own if text in expected] == expected
+    dumps = re.findall(r"buffer-info> Buffer info dump:\n((?:\t.*\n)*)", bridge.daemon.log_text())
+    # A pair of percent signs comes out as one; any other stands for itself.
+    assert dumps[0].endswith("    100% of 5 %n %s\n")
+    assert dumps[0].startswith("\t31 30 30 25 25 20 6F 66 20 35 20 25 6E 20 25 73 ")
+    assert dumps[1].endswith("    down 3 %n\n")
+
+
+def test_info_lines_tell_what_was_sent(make_bridge):
+    bridge = make_bridge(log_level=4)
+    exchange(bridge)
+    bridge.daemon.wait_for_lines("Send msg")
+    assert [(line.module, line.text) for line in bridge.daemon.log_lines()] == [
+        ("websock-worker",
+         "websock-roaming->lws_send:Send msg type [0] len [16/16]  to websocket")]
+
+
+@pytest.mark.parametrize("log_level", [0, 1, 2])
+def test_no_lines_when_there_is_nothing_of_the_category(make_bridge, log_level):
+    bridge = make_bridge(log_level=log_level)
+    exchange(bridge)
+    assert bridge.daemon.log_text() == ""
+    assert bridge.daemon.output() == ""
+
+
+def test_hexadecimal_mask_means_the_same(make_bridge):
+    bridge = make_bridge(log_level="0x04")
+    exchange(bridge)
+    bridge.daemon.wait_for_lines("Send msg")
+    assert len(bridge.daemon.log_lines()) == 1

@@ -1,0 +1,34 @@
+"""A server that accepts the TCP connection and does not get on with the handshake."""
+
+import pytest
+
+from harness.bus_peer import status_request
+from harness.raw_server import silent
+from harness.vemk_daemon import config_text
+
+
+def stop_half_way(server, connection, request):
+    connection.sendall(b"HTTP/1.1 101 Switching Protocols\r\nUpg")
+
+
+@pytest.mark.parametrize("behaviour", [silent, stop_half_way])
+def test_daemon_answers_disconnected_and_tries_again(make_daemon, make_raw_server, bus, behaviour):
+    """The library ends such an attempt with another reason than a refused one.
+
+    The worker once took no notice of it and waited for ever.
+    """
+    server = make_raw_server(behaviour)
+    bus.listen()
+    daemon = make_daemon().start(config_text(server.url, log_level=15))
+    server.wait_for_connections(1)
+    bus.wait_listening()
+    # The request stays queued until the library gives the attempt up, after some seconds.
+    bus.send(status_request)
+    server.wait_for_connections(2, seconds=60)
+    courses = [line.text for line in daemon.log_lines()
+               if "->From queue" in line.text or "Try to establish" in line.text]
+    assert "From queue" in courses[1] and "Try to establish" in courses[2]
+    # Two at the end of an attempt, and the answer.
+    bus.wait_for_statuses(3)
+    assert set(bus.statuses()) == {"disconnected"}
+    assert daemon.own_thread_names() == ["ipc", "main", "websock-roaming"]

@@ -1,0 +1,23 @@
+"""A server that closes again and again is noticed at once and costs the daemon nothing."""
+
+from harness.waiting import slowdown, wait_until
+
+own_threads = ["ipc", "main", "websock-roaming"]
+
+
+def test_ten_closes_in_a_row_are_noticed_within_a_second(make_bridge):
+    daemon, bus, server = make_bridge(log_level=15)
+    descriptors = daemon.descriptor_count()
+    assert daemon.own_thread_names() == own_threads
+    for lost in range(1, 11):
+        announced = len(bus.statuses())
+        closed = server.close() if lost % 2 else server.reset()
+        server.wait_for_connections(lost + 1)
+        bus.wait_for_statuses(announced + 3)
+        assert bus.statuses()[announced:] == ["disconnected", "disconnected", "connected"]
+        noticed = daemon.wait_for_lines("process_closed:76", lost)[lost - 1]
+        assert -0.1 < noticed.time - closed < 1 * slowdown
+    assert daemon.own_thread_names() == own_threads
+    wait_until(lambda: daemon.descriptor_count() == descriptors,
+               f"the {descriptors} descriptors that were open after the first connection",
+               details=lambda: f"there are {daemon.descriptor_count()}")
