@@ -76,17 +76,18 @@ void *make_record(const char *payload, std::size_t length) {
 
 } // namespace
 
-module_lock::module_lock(const std::string &folder, int module_id)
-    : descriptor(open(lock_path(folder, module_id).c_str(),
-                      O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
-  const std::string module = "module " + std::to_string(module_id);
-  if (descriptor < 0)
+module_claim::module_claim(const std::string &folder, int module_id)
+    : inbox(inbox_path(folder, module_id)), outlet(outlet_path(folder, module_id)),
+      lock(open(lock_path(folder, module_id).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
+                0600)) {
+  if (lock < 0)
     throw bus_error("cannot open the lock " + lock_path(folder, module_id) + ": " +
                     std::strerror(errno) + "; check that its folder can be written to");
-  if (flock(descriptor, LOCK_EX | LOCK_NB) == 0)
+  if (flock(lock, LOCK_EX | LOCK_NB) == 0)
     return;
   const int error = errno;
-  close(descriptor);
+  close(lock);
+  const std::string module = "module " + std::to_string(module_id);
   if (error == EWOULDBLOCK)
     throw bus_error(module + " is on the bus in " + folder + " already, in another process; " +
                     "stop that one, or name another folder with MODULE_BUS_DIR");
@@ -94,12 +95,14 @@ module_lock::module_lock(const std::string &folder, int module_id)
                   "; name a folder on a local file system with MODULE_BUS_DIR");
 }
 
-module_lock::~module_lock() {
-  close(descriptor);
+module_claim::~module_claim() {
+  unlink(inbox.c_str());
+  unlink(outlet.c_str());
+  close(lock);
 }
 
 bus_module::bus_module(const std::string &folder, int module_id)
-    : lock(folder, module_id), inbox(context, zmq::socket_type::router),
+    : claim(folder, module_id), inbox(context, zmq::socket_type::router),
       outlet(context, zmq::socket_type::xpub), session(std::random_device{}()) {
   inbox.set(zmq::sockopt::rcvhwm, inbox_messages);
   inbox.set(zmq::sockopt::sndhwm, max_unanswered);
@@ -107,8 +110,8 @@ bus_module::bus_module(const std::string &folder, int module_id)
   outlet.set(zmq::sockopt::xpub_verbose, true);
   for (auto *socket : {&inbox, &outlet})
     socket->set(zmq::sockopt::linger, leave_linger_ms);
-  bind(inbox, inbox_path(folder, module_id));
-  bind(outlet, outlet_path(folder, module_id));
+  bind(inbox, claim.inbox);
+  bind(outlet, claim.outlet);
   settle();
 }
 

@@ -12,17 +12,22 @@
 
 namespace vemk {
 
-/// Keeps a module to one process: a lock that ends with its holder, however that ends.
+/// Keeps a module to one process, by a lock that ends with its holder, however that ends.
+///
+/// Removes the module's socket files when it goes, while the lock still keeps others from them.
 /// Errors: the constructor throws bus_error when another process has the module.
-class module_lock {
+class module_claim {
 public:
-  module_lock(const std::string &folder, int module_id);
-  ~module_lock();
-  module_lock(const module_lock &) = delete;
-  module_lock &operator=(const module_lock &) = delete;
+  module_claim(const std::string &folder, int module_id);
+  ~module_claim();
+  module_claim(const module_claim &) = delete;
+  module_claim &operator=(const module_claim &) = delete;
+
+  const std::string inbox;
+  const std::string outlet;
 
 private:
-  int descriptor;
+  const int lock;
 };
 
 /// A module that has joined the bus: its inbox and its outlet.
@@ -53,10 +58,9 @@ private:
   void answer(zmq::message_t &sender);
   bool send_frame(frame_header_t header, const char *piece, std::size_t piece_bytes);
 
-  // The lock goes last, when the files are free for the next holder. The context outlives its
-  // sockets, and its end waits until the library has removed their files: were that left to
-  // happen later, it could remove those of the next join.
-  module_lock lock;
+  // Destroyed from below: the sockets, then the context, which waits until nothing of the library
+  // is left that could touch the files of the next join, then the claim.
+  module_claim claim;
   zmq::context_t context;
   zmq::socket_t inbox;
   zmq::socket_t outlet;

@@ -1,0 +1,142 @@
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "module_bus/bus_folder.h"
+
+namespace vemk {
+namespace {
+
+using ::testing::HasSubstr;
+
+class BusFolderTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    char name[] = "/tmp/vemk-folder-XXXXXX";
+    ASSERT_NE(mkdtemp(name), nullptr);
+    base = name;
+    unsetenv("MODULE_BUS_DIR");
+  }
+
+  void TearDown() override {
+    unsetenv("MODULE_BUS_DIR");
+    std::filesystem::remove_all(base);
+  }
+
+  std::string refusal(const std::string &folder, bus_role role = bus_role::module) {
+    try {
+      open_bus_folder(folder, role);
+    } catch (const bus_error &error) {
+      return error.what();
+    }
+    return "accepted";
+  }
+
+  static mode_t mode_of(const std::string &path) {
+    struct stat status {};
+    stat(path.c_str(), &status);
+    return status.st_mode & 07777;
+  }
+
+  std::string base;
+};
+
+TEST_F(BusFolderTest, IsMadeForItsUserAlone) {
+  const std::string folder = base + "/bus";
+  EXPECT_EQ(open_bus_folder(folder, bus_role::module), folder);
+  EXPECT_EQ(mode_of(folder), 0700U);
+}
+
+TEST_F(BusFolderTest, IsUsedAgainWhenItIsThere) {
+  const std::string folder = base + "/bus";
+  open_bus_folder(folder, bus_role::module);
+  EXPECT_EQ(open_bus_folder(folder, bus_role::module), folder);
+  EXPECT_EQ(open_bus_folder(folder, bus_role::client), folder);
+}
+
+TEST_F(BusFolderTest, IsNamedByTheEnvironmentUnlessTheCallerNamesOne) {
+  setenv("MODULE_BUS_DIR", (base + "/environment").c_str(), 1);
+  EXPECT_EQ(open_bus_folder("", bus_role::module), base + "/environment");
+  EXPECT_EQ(open_bus_folder(base + "/caller", bus_role::module), base + "/caller");
+}
+
+TEST_F(BusFolderTest, IsRefusedWhenOthersMayEnterAndIsNotChanged) {
+  for (const mode_t mode : {0755U, 0750U, 0701U, 0770U}) {
+    const std::string folder = base + "/open" + std::to_string(mode);
+    std::filesystem::create_directory(folder);
+    ASSERT_EQ(chmod(folder.c_str(), mode), 0);
+    EXPECT_THAT(refusal(folder), HasSubstr("chmod 700"));
+    EXPECT_THAT(refusal(folder, bus_role::client), HasSubstr("chmod 700"));
+    EXPECT_EQ(mode_of(folder), mode);
+  }
+}
+
+TEST_F(BusFolderTest, IsRefusedWhenItIsASymbolicLinkWithOrWithoutASlashBehindIt) {
+  const std::string folder = base + "/bus";
+  open_bus_folder(folder, bus_role::module);
+  std::filesystem::create_directory_symlink(folder, base + "/link");
+  EXPECT_THAT(refusal(base + "/link"), HasSubstr("is a symbolic link; name the folder"));
+  EXPECT_THAT(refusal(base + "/link//"), HasSubstr("is a symbolic link; name the folder"));
+}
+
+TEST_F(BusFolderTest, OfAnotherUserIsForClientsOfRootOnly) {
+  if (geteuid() != 0)
+    GTEST_SKIP() << "only root can give a folder away";
+  const std::string folder = base + "/bus";
+  open_bus_folder(folder, bus_role::module);
+  ASSERT_EQ(chown(folder.c_str(), 65534, 65534), 0);
+  EXPECT_THAT(refusal(folder), HasSubstr("belongs to user 65534, not to user 0; run as that user"));
+  EXPECT_EQ(open_bus_folder(folder, bus_role::client), folder);
+}
+
+TEST_F(BusFolderTest, ThatCannotBeMadeIsRefusedWithTheReason) {
+  EXPECT_THAT(refusal(base + "/missing/bus"), HasSubstr("No such file or directory; make it with"));
+  std::ofstream(base + "/file") << "x";
+  EXPECT_THAT(refusal(base + "/file"), HasSubstr("is not a folder; name another"));
+}
+
+TEST_F(BusFolderTest, FallsBackToTheNextOneThatMayBeTrusted) {
+  const std::string open_to_all = base + "/open";
+  std::filesystem::create_directory(open_to_all);
+  ASSERT_EQ(chmod(open_to_all.c_str(), 0777), 0);
+  const std::string own = base + "/own";
+  EXPECT_EQ(first_usable_folder({base + "/missing/bus", open_to_all, own}, bus_role::module), own);
+  EXPECT_EQ(first_usable_folder({own, open_to_all}, bus_role::module), own);
+  EXPECT_THROW(first_usable_folder({base + "/missing/bus", open_to_all}, bus_role::module),
+               bus_error);
+}
+
+TEST_F(BusFolderTest, PathIsAbsoluteSoThatItNeverNamesASocketOutsideTheFileSystem) {
+  const auto here = std::filesystem::current_path();
+  std::filesystem::current_path(base);
+  const std::string folder = open_bus_folder("@bus", bus_role::module);
+  std::filesystem::current_path(here);
+  EXPECT_EQ(folder, base + "/@bus");
+}
+
+TEST_F(BusFolderTest, HoldsTheSocketsAndTheLockOfAModule) {
+  EXPECT_EQ(inbox_path("/run/bus", 2), "/run/bus/2.in");
+  EXPECT_EQ(outlet_path("/run/bus", 2), "/run/bus/2.out");
+  EXPECT_EQ(lock_path("/run/bus", 2), "/run/bus/2.lock");
+}
+
+TEST_F(BusFolderTest, TooLongForASocketAddressIsRefused) {
+  const std::string longest(107 - std::string("/2.out").size(), 'x');
+  EXPECT_EQ(outlet_path(longest, 2).size(), 107U);
+  try {
+    outlet_path(longest + "yz", 2);
+    FAIL() << "accepted";
+  } catch (const bus_error &error) {
+    EXPECT_THAT(error.what(), HasSubstr("is 2 bytes too long"));
+    EXPECT_THAT(error.what(), HasSubstr("name a shorter one with MODULE_BUS_DIR"));
+  }
+}
+
+} // namespace
+} // namespace vemk

@@ -1,0 +1,105 @@
+/// A private bus folder for a test, and the bus functions in the order in which the daemon calls
+/// them.
+#ifndef VEMK_TESTS_MODULE_BUS_BUS_TEST_BASE_H
+#define VEMK_TESTS_MODULE_BUS_BUS_TEST_BASE_H
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "module_bus.h"
+#include "module_bus/bus_client.h"
+
+namespace vemk {
+
+inline bus_deadline in(std::chrono::milliseconds time) {
+  return std::chrono::steady_clock::now() + time;
+}
+
+constexpr std::chrono::milliseconds soon{5000};
+constexpr std::chrono::milliseconds one_poll{10};
+constexpr int daemon_module = 2;
+
+class bus_test_base : public ::testing::Test {
+protected:
+  void SetUp() override {
+    char name[] = "/tmp/vemk-bus-XXXXXX";
+    ASSERT_NE(mkdtemp(name), nullptr);
+    folder = name;
+    setenv("MODULE_BUS_DIR", name, 1);
+  }
+
+  void TearDown() override {
+    leave();
+    unsetenv("MODULE_BUS_DIR");
+    std::filesystem::remove_all(folder);
+  }
+
+  static int join() {
+    const signed char list[] = {-2, 0};
+    InitTrace("VEMk");
+    SetTraceOpt(0, 4, 0);
+    InitLibParams(daemon_module, list, 2);
+    SetModuleLoop(0);
+    return ModulePeerStart();
+  }
+
+  static void leave() {
+    ModulePeerStop();
+    SetModuleLoop(0);
+    FreeLibParams();
+  }
+
+  /// A listener learns of its subscription while the module polls.
+  static bool subscribe(bus_listener &listener) {
+    const bus_deadline end = in(soon);
+    while (std::chrono::steady_clock::now() < end) {
+      EXPECT_EQ(GetMsgFromQueueNoWait(), nullptr);
+      if (listener.wait_until_subscribed(in(one_poll)))
+        return true;
+    }
+    return false;
+  }
+
+  /// The next record, as the bytes of its head and payload.
+  static std::optional<std::string> next_record() {
+    const bus_deadline end = in(soon);
+    while (std::chrono::steady_clock::now() < end) {
+      if (void *record = GetMsgFromQueueNoWait())
+        return take(record);
+    }
+    return std::nullopt;
+  }
+
+  static std::optional<std::string> next_payload() {
+    const auto record = next_record();
+    return record ? std::optional<std::string>(record->substr(record_head)) : std::nullopt;
+  }
+
+  static int send(const std::string &text) {
+    return MsgSend(text.data(), 3, static_cast<std::uint32_t>(text.size()));
+  }
+
+  static constexpr std::size_t record_head = 13;
+  std::string folder;
+
+private:
+  static std::string take(void *record) {
+    const auto *bytes = static_cast<const char *>(record);
+    std::uint32_t length = 0;
+    std::memcpy(&length, bytes + 4, sizeof length);
+    std::string copy(bytes, record_head + length);
+    std::free(record);
+    return copy;
+  }
+};
+
+} // namespace vemk
+
+#endif

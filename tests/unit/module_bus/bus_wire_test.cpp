@@ -1,0 +1,168 @@
+#include <gtest/gtest.h>
+
+#include "module_bus/bus_wire.h"
+
+namespace vemk {
+namespace {
+
+constexpr std::uint32_t a_session = 77;
+constexpr std::uint32_t another_session = 78;
+
+std::string frame(const frame_header_t &header, const std::string &piece = "") {
+  std::string bytes(frame_header_bytes, '\0');
+  write_frame_header(header, bytes.data());
+  return bytes + piece;
+}
+
+std::string piece(std::uint64_t number, std::uint32_t total, std::uint32_t offset,
+                  const std::string &bytes, std::uint32_t session = a_session) {
+  return frame({frame_kind::piece, session, number, total, offset}, bytes);
+}
+
+std::string hello(std::uint64_t next_number, std::uint32_t session = a_session) {
+  return frame({frame_kind::hello, session, next_number, 0, 0});
+}
+
+TEST(FrameHeaderTest, IsWrittenLittleEndianWithoutPadding) {
+  const std::string bytes =
+      frame({frame_kind::piece, 0x01020304, 0x1112131415161718, 0x00000005, 0x00000002}, "abc");
+  const std::string expected("P\x04\x03\x02\x01\x18\x17\x16\x15\x14\x13\x12\x11"
+                             "\x05\x00\x00\x00\x02\x00\x00\x00"
+                             "abc",
+                             24);
+  EXPECT_EQ(bytes, expected);
+}
+
+TEST(FrameHeaderTest, IsReadAsItWasWritten) {
+  const auto header = read_frame_header(piece(0xfedcba9876543210, 0xffff, 0x8001, "x", 0xdeadbeef));
+  ASSERT_TRUE(header);
+  EXPECT_EQ(header->kind, frame_kind::piece);
+  EXPECT_EQ(header->session, 0xdeadbeefU);
+  EXPECT_EQ(header->number, 0xfedcba9876543210U);
+  EXPECT_EQ(header->total_bytes, 0xffffU);
+  EXPECT_EQ(header->offset_bytes, 0x8001U);
+}
+
+TEST(FrameHeaderTest, RefusesMalformedFrames) {
+  const std::string good = piece(1, 3, 0, "abc");
+  ASSERT_TRUE(read_frame_header(good));
+  for (std::size_t length = 0; length <= frame_header_bytes; ++length)
+    EXPECT_FALSE(read_frame_header(good.substr(0, length))) << length << " bytes";
+
+  std::string unknown_kind = good;
+  unknown_kind.front() = 'X';
+  EXPECT_FALSE(read_frame_header(unknown_kind));
+  EXPECT_FALSE(read_frame_header(piece(1, 2, 0, "abc"))) << "longer than its message";
+  EXPECT_FALSE(read_frame_header(piece(1, 3, 1, "abc"))) << "beyond the end";
+  EXPECT_FALSE(read_frame_header(piece(1, 3, 4, "a"))) << "offset beyond the end";
+  EXPECT_FALSE(read_frame_header(piece(1, 3, 0xffffffff, "ab"))) << "sum wraps";
+  EXPECT_FALSE(read_frame_header(piece(1, max_payload_bytes + 1, 0, "a"))) << "message too long";
+  EXPECT_FALSE(read_frame_header(piece(1, 5000, 0, std::string(max_piece_bytes + 1, 'a'))));
+  EXPECT_FALSE(read_frame_header(hello(1) + "a")) << "a hello with a payload";
+}
+
+TEST(MessageReassemblerTest, ReturnsAMessageWithItsLastPiece) {
+  message_reassembler reassembler;
+  EXPECT_EQ(reassembler.add(piece(0, 3, 0, "abc")), "abc");
+  EXPECT_EQ(reassembler.add(piece(1, 5, 0, "ab")), std::nullopt);
+  EXPECT_EQ(reassembler.add(piece(1, 5, 2, "cd")), std::nullopt);
+  EXPECT_EQ(reassembler.add(piece(1, 5, 4, "e")), "abcde");
+  EXPECT_EQ(reassembler.lost(), 0U);
+}
+
+TEST(MessageReassemblerTest, IsSubscribedFromTheFirstValidFrameOn) {
+  message_reassembler reassembler;
+  EXPECT_FALSE(reassembler.subscribed());
+  reassembler.add("garbage");
+  EXPECT_FALSE(reassembler.subscribed());
+  reassembler.add(hello(12));
+  EXPECT_TRUE(reassembler.subscribed());
+}
+
+TEST(MessageReassemblerTest, DoesNotCountWhatWasSentBeforeItCame) {
+  message_reassembler in_between;
+  EXPECT_EQ(in_between.add(hello(1000)), std::nullopt);
+  EXPECT_EQ(in_between.add(piece(1000, 1, 0, "x")), "x");
+  EXPECT_EQ(in_between.lost(), 0U);
+
+  message_reassembler in_the_middle;
+  EXPECT_EQ(in_the_middle.add(piece(1000, 4, 2, "cd")), std::nullopt);
+  EXPECT_EQ(in_the_middle.add(piece(1001, 1, 0, "x")), "x");
+  EXPECT_EQ(in_the_middle.lost(), 0U);
+}
+
+TEST(MessageReassemblerTest, CountsWholeMessagesThatAreMissing) {
+  message_reassembler reassembler;
+  reassembler.add(piece(0, 1, 0, "a"));
+  EXPECT_EQ(reassembler.add(piece(4, 1, 0, "b")), "b");
+  EXPECT_EQ(reassembler.lost(), 3U);
+}
+
+TEST(MessageReassemblerTest, DropsAMessageWithAMissingPieceAndGoesOnWithTheNext) {
+  message_reassembler reassembler;
+  reassembler.add(piece(0, 6, 0, "ab"));
+  EXPECT_EQ(reassembler.add(piece(0, 6, 4, "ef")), std::nullopt);
+  EXPECT_EQ(reassembler.lost(), 1U);
+  EXPECT_EQ(reassembler.add(piece(1, 2, 0, "ok")), "ok");
+  EXPECT_EQ(reassembler.lost(), 1U);
+}
+
+TEST(MessageReassemblerTest, CountsAMessageThatBrokeOffOnce) {
+  message_reassembler reassembler;
+  reassembler.add(piece(0, 6, 0, "ab"));
+  EXPECT_EQ(reassembler.add(piece(1, 2, 0, "ok")), "ok");
+  EXPECT_EQ(reassembler.lost(), 1U);
+}
+
+TEST(MessageReassemblerTest, ComesBackInTheMiddleOfALaterMessage) {
+  message_reassembler reassembler;
+  reassembler.add(piece(0, 6, 0, "ab"));
+  EXPECT_EQ(reassembler.add(piece(2, 6, 2, "cd")), std::nullopt);
+  EXPECT_EQ(reassembler.add(piece(2, 6, 4, "ef")), std::nullopt);
+  EXPECT_EQ(reassembler.add(piece(3, 2, 0, "ok")), "ok");
+  EXPECT_EQ(reassembler.lost(), 3U);
+}
+
+TEST(MessageReassemblerTest, AHelloForAnotherListenerChangesNothing) {
+  message_reassembler reassembler;
+  reassembler.add(piece(0, 1, 0, "a"));
+  EXPECT_EQ(reassembler.add(hello(1)), std::nullopt);
+  EXPECT_EQ(reassembler.add(piece(1, 1, 0, "b")), "b");
+  EXPECT_EQ(reassembler.lost(), 0U);
+}
+
+TEST(MessageReassemblerTest, AHelloTellsOfLossesBeforeIt) {
+  message_reassembler reassembler;
+  reassembler.add(piece(0, 1, 0, "a"));
+  reassembler.add(hello(3));
+  EXPECT_EQ(reassembler.lost(), 2U);
+}
+
+TEST(MessageReassemblerTest, StartsAnewWhenTheModuleHasJoinedAgain) {
+  message_reassembler reassembler;
+  reassembler.add(piece(500, 1, 0, "a"));
+  EXPECT_EQ(reassembler.add(hello(0, another_session)), std::nullopt);
+  EXPECT_EQ(reassembler.add(piece(0, 1, 0, "b", another_session)), "b");
+  EXPECT_EQ(reassembler.lost(), 0U);
+}
+
+TEST(MessageReassemblerTest, LosesTheMessageThatTheEndOfASessionCutShort) {
+  message_reassembler reassembler;
+  reassembler.add(piece(0, 4, 0, "ab"));
+  EXPECT_EQ(reassembler.add(piece(0, 4, 2, "cd", another_session)), std::nullopt);
+  EXPECT_EQ(reassembler.add(piece(1, 2, 0, "ok", another_session)), "ok");
+  EXPECT_EQ(reassembler.lost(), 1U);
+}
+
+TEST(MessageReassemblerTest, IgnoresMalformedFramesInTheMiddleOfAMessage) {
+  message_reassembler reassembler;
+  reassembler.add(piece(0, 4, 0, "ab"));
+  reassembler.add("");
+  reassembler.add("Pgarbage");
+  reassembler.add(piece(0, 4, 2, "cde"));
+  EXPECT_EQ(reassembler.add(piece(0, 4, 2, "cd")), "abcd");
+  EXPECT_EQ(reassembler.lost(), 0U);
+}
+
+} // namespace
+} // namespace vemk

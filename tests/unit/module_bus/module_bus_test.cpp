@@ -1,0 +1,234 @@
+#include <algorithm>
+#include <future>
+#include <iterator>
+#include <memory>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <zmq.hpp>
+
+#include "bus_test_base.h"
+#include "module_bus/bus_folder.h"
+
+namespace vemk {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+class ModuleBusTest : public bus_test_base {
+protected:
+  std::size_t open_descriptors() {
+    const std::filesystem::directory_iterator entries("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+  }
+};
+
+TEST_F(ModuleBusTest, JoiningSetsTheModuleLoopFlagAndLeavingDoesNotTouchIt) {
+  EXPECT_EQ(GetModuleLoop(), 0);
+  EXPECT_EQ(join(), 0);
+  EXPECT_NE(GetModuleLoop(), 0);
+  ModulePeerStop();
+  EXPECT_NE(GetModuleLoop(), 0);
+  SetModuleLoop(0);
+  EXPECT_EQ(GetModuleLoop(), 0);
+}
+
+TEST_F(ModuleBusTest, ClosingCallsMayComeTwiceOrWithoutAStart) {
+  leave();
+  leave();
+  EXPECT_EQ(join(), 0);
+  leave();
+  leave();
+  EXPECT_EQ(GetModuleLoop(), 0);
+  EXPECT_EQ(join(), 0);
+}
+
+TEST_F(ModuleBusTest, RefusesBadParameters) {
+  const signed char list[] = {-2, 0};
+  EXPECT_EQ(InitLibParams(daemon_module, list, 2), 0);
+  EXPECT_EQ(InitLibParams(-1, list, 2), -1);
+  EXPECT_EQ(InitLibParams(daemon_module, nullptr, 2), -1);
+  EXPECT_EQ(InitLibParams(daemon_module, list, -1), -1);
+}
+
+TEST_F(ModuleBusTest, AFailedStartLeavesTheFlagAndSaysWhyOnce) {
+  setenv("MODULE_BUS_DIR", (folder + "/missing/bus").c_str(), 1);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(join(), -1);
+  EXPECT_EQ(join(), -1);
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(GetModuleLoop(), 0);
+  EXPECT_THAT(said, AllOf(StartsWith("VEMk: cannot join the bus: "), HasSubstr("mkdir")));
+  EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1);
+}
+
+TEST_F(ModuleBusTest, StartWithoutParametersFails) {
+  FreeLibParams();
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(ModulePeerStart(), -1);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("call InitLibParams first"));
+}
+
+TEST_F(ModuleBusTest, ThereIsNoMessageWhenNoneWasSentOrNobodyJoined) {
+  EXPECT_EQ(GetMsgFromQueueNoWait(), nullptr);
+  ASSERT_EQ(join(), 0);
+  EXPECT_EQ(GetMsgFromQueueNoWait(), nullptr);
+}
+
+TEST_F(ModuleBusTest, ARecordHoldsTheLengthAtFourAndThePayloadAtThirteen) {
+  ASSERT_EQ(join(), 0);
+  bus_sender sender(folder, daemon_module);
+  ASSERT_TRUE(sender.send(std::string("a\0%n\xff", 5), in(soon)));
+  const std::uint32_t length = 5;
+  std::string expected(13, '\0');
+  std::memcpy(expected.data() + 4, &length, sizeof length);
+  EXPECT_EQ(next_record(), expected + std::string("a\0%n\xff", 5));
+}
+
+TEST_F(ModuleBusTest, AnEmptyMessageIsARecordOfLengthZero) {
+  ASSERT_EQ(join(), 0);
+  bus_sender sender(folder, daemon_module);
+  ASSERT_TRUE(sender.send("", in(soon)));
+  EXPECT_EQ(next_record(), std::string(13, '\0'));
+}
+
+TEST_F(ModuleBusTest, MessagesOfOneSenderComeInOrderAndAreAnswered) {
+  ASSERT_EQ(join(), 0);
+  bus_sender sender(folder, daemon_module);
+  for (const char *text : {"one", "two", "three"})
+    ASSERT_TRUE(sender.send(text, in(soon)));
+  EXPECT_FALSE(sender.wait_until_taken(in(one_poll)));
+  EXPECT_EQ(next_payload(), "one");
+  EXPECT_EQ(next_payload(), "two");
+  EXPECT_FALSE(sender.wait_until_taken(in(one_poll)));
+  EXPECT_EQ(next_payload(), "three");
+  EXPECT_TRUE(sender.wait_until_taken(in(soon)));
+}
+
+TEST_F(ModuleBusTest, SendingToAModuleThatIsNotThereFails) {
+  bus_sender sender(folder, daemon_module);
+  EXPECT_FALSE(sender.send("text", in(one_poll)));
+}
+
+TEST_F(ModuleBusTest, AMessageThatWasLostWithItsModuleIsNotTakenForDelivered) {
+  ASSERT_EQ(join(), 0);
+  bus_sender sender(folder, daemon_module);
+  ASSERT_TRUE(sender.send("text", in(soon)));
+  leave();
+  ASSERT_EQ(join(), 0);
+  EXPECT_EQ(GetMsgFromQueueNoWait(), nullptr);
+  EXPECT_FALSE(sender.wait_until_taken(in(one_poll)));
+}
+
+TEST_F(ModuleBusTest, EveryListenerGetsEveryMessage) {
+  ASSERT_EQ(join(), 0);
+  bus_listener first(folder, daemon_module);
+  bus_listener second(folder, daemon_module);
+  ASSERT_TRUE(subscribe(first));
+  ASSERT_TRUE(subscribe(second));
+  for (const char *text : {"one", "two"})
+    EXPECT_EQ(send(text), 0);
+  for (bus_listener *listener : {&first, &second}) {
+    EXPECT_EQ(listener->receive(in(soon)), "one");
+    EXPECT_EQ(listener->receive(in(soon)), "two");
+    EXPECT_EQ(listener->receive(in(one_poll)), std::nullopt);
+  }
+}
+
+TEST_F(ModuleBusTest, PayloadsAroundTheSizeOfAPiecePassUnchanged) {
+  ASSERT_EQ(join(), 0);
+  bus_listener listener(folder, daemon_module);
+  ASSERT_TRUE(subscribe(listener));
+  for (const std::size_t size : {1U, 1023U, 1024U, 1025U, 2048U, 2049U}) {
+    std::string payload(size, '\0');
+    for (std::size_t i = 0; i < size; ++i)
+      payload[i] = static_cast<char>(i % 251);
+    ASSERT_EQ(send(payload), 0);
+    EXPECT_EQ(listener.receive(in(soon)), payload) << size << " bytes";
+  }
+}
+
+TEST_F(ModuleBusTest, SendingRefusesWhatItCannotSendAndSendsNothing) {
+  EXPECT_EQ(send("not joined"), -1);
+  ASSERT_EQ(join(), 0);
+  bus_listener listener(folder, daemon_module);
+  ASSERT_TRUE(subscribe(listener));
+  EXPECT_EQ(MsgSend("text", 2, 4), -1);
+  EXPECT_EQ(MsgSend(nullptr, 3, 4), -1);
+  EXPECT_EQ(MsgSend("text", 3, 0), -1);
+  const std::string too_long(max_payload_bytes + 1, 'x');
+  EXPECT_EQ(send(too_long), -1);
+  EXPECT_EQ(send("last"), 0);
+  EXPECT_EQ(listener.receive(in(soon)), "last");
+}
+
+TEST_F(ModuleBusTest, TheFirstMessageAfterAJoinReachesAListenerThatWasWaiting) {
+  bus_listener listener(folder, daemon_module);
+  for (const char *text : {"first stay", "second stay", "third stay"}) {
+    auto heard = std::async(std::launch::async, [&] { return listener.receive(in(soon)); });
+    ASSERT_EQ(join(), 0);
+    ASSERT_EQ(send(text), 0);
+    EXPECT_EQ(heard.get(), text);
+    leave();
+  }
+  EXPECT_EQ(listener.lost(), 0U);
+}
+
+TEST_F(ModuleBusTest, LeaveClearsTheFlagAfterTheMessagesBeforeIt) {
+  ASSERT_EQ(join(), 0);
+  bus_sender sender(folder, daemon_module);
+  ASSERT_TRUE(sender.send("before", in(soon)));
+  ASSERT_TRUE(sender.send_leave(in(soon)));
+  EXPECT_EQ(next_payload(), "before");
+  EXPECT_NE(GetModuleLoop(), 0);
+  const bus_deadline end = in(soon);
+  while (GetModuleLoop() != 0 && std::chrono::steady_clock::now() < end)
+    EXPECT_EQ(GetMsgFromQueueNoWait(), nullptr);
+  EXPECT_EQ(GetModuleLoop(), 0);
+  EXPECT_TRUE(sender.wait_until_taken(in(soon)));
+}
+
+TEST_F(ModuleBusTest, JoinsAgainTenTimesWithTheSameDescriptors) {
+  bus_sender sender(folder, daemon_module);
+  ASSERT_EQ(join(), 0);
+  const std::size_t descriptors = open_descriptors();
+  leave();
+  const std::size_t descriptors_apart = open_descriptors();
+  for (int round = 0; round < 10; ++round) {
+    ASSERT_EQ(join(), 0);
+    ASSERT_TRUE(sender.send("again", in(soon)));
+    EXPECT_EQ(next_payload(), "again");
+    leave();
+    EXPECT_EQ(open_descriptors(), descriptors_apart);
+  }
+  EXPECT_LT(descriptors_apart, descriptors);
+}
+
+TEST_F(ModuleBusTest, LeavingRemovesTheSockets) {
+  ASSERT_EQ(join(), 0);
+  EXPECT_TRUE(std::filesystem::exists(inbox_path(folder, daemon_module)));
+  EXPECT_TRUE(std::filesystem::exists(outlet_path(folder, daemon_module)));
+  leave();
+  EXPECT_FALSE(std::filesystem::exists(inbox_path(folder, daemon_module)));
+  EXPECT_FALSE(std::filesystem::exists(outlet_path(folder, daemon_module)));
+}
+
+TEST_F(ModuleBusTest, MalformedInboxMessagesAreDropped) {
+  ASSERT_EQ(join(), 0);
+  zmq::context_t context;
+  zmq::socket_t raw(context, zmq::socket_type::dealer);
+  raw.set(zmq::sockopt::linger, 0);
+  raw.connect("ipc://" + inbox_path(folder, daemon_module));
+  raw.send(zmq::str_buffer(""), zmq::send_flags::none);
+  raw.send(zmq::str_buffer("Xunknown kind"), zmq::send_flags::none);
+  raw.send(zmq::str_buffer("Dtwo"), zmq::send_flags::sndmore);
+  raw.send(zmq::str_buffer("Dparts"), zmq::send_flags::none);
+  raw.send(zmq::str_buffer("Dgood"), zmq::send_flags::none);
+  EXPECT_EQ(next_payload(), "good");
+  EXPECT_NE(GetModuleLoop(), 0);
+}
+
+} // namespace
+} // namespace vemk

@@ -1,0 +1,130 @@
+// Many messages, long ones, and listeners that do not keep up.
+
+#include <fstream>
+#include <thread>
+
+#include <unistd.h>
+
+#include "bus_test_base.h"
+
+namespace vemk {
+namespace {
+
+constexpr std::size_t kibibyte = 1024;
+constexpr std::size_t mebibyte = 1024 * kibibyte;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool memory_is_measurable = false;
+#else
+constexpr bool memory_is_measurable = true;
+#endif
+
+class ModuleBusVolumeTest : public bus_test_base {
+protected:
+  static std::size_t resident_bytes() {
+    std::ifstream statm("/proc/self/statm");
+    std::size_t total = 0;
+    std::size_t resident = 0;
+    statm >> total >> resident;
+    return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  }
+
+  static std::string numbered(int number, std::size_t size) {
+    std::string payload = std::to_string(number) + ":";
+    payload.resize(size, 'x');
+    return payload;
+  }
+};
+
+TEST_F(ModuleBusVolumeTest, AListenerThatReadsLosesNothingOf10000KibibytesInOneGo) {
+  ASSERT_EQ(join(), 0);
+  bus_listener listener(folder, daemon_module);
+  ASSERT_TRUE(subscribe(listener));
+  for (int i = 0; i < 10000; ++i)
+    ASSERT_EQ(send(numbered(i, kibibyte)), 0);
+  for (int i = 0; i < 10000; ++i)
+    ASSERT_EQ(listener.receive(in(soon)), numbered(i, kibibyte));
+  EXPECT_EQ(listener.lost(), 0U);
+}
+
+TEST_F(ModuleBusVolumeTest, AListenerThatReadsLosesNothingOf100000SmallMessagesInOneGo) {
+  ASSERT_EQ(join(), 0);
+  bus_listener listener(folder, daemon_module);
+  ASSERT_TRUE(subscribe(listener));
+  for (int i = 0; i < 100000; ++i)
+    ASSERT_EQ(send(numbered(i, 16)), 0);
+  for (int i = 0; i < 100000; ++i)
+    ASSERT_EQ(listener.receive(in(soon)), numbered(i, 16));
+  EXPECT_EQ(listener.lost(), 0U);
+}
+
+TEST_F(ModuleBusVolumeTest, MessagesOf64MebibytesPassBothWays) {
+  ASSERT_EQ(join(), 0);
+  const std::string payload = numbered(1, max_payload_bytes);
+  bus_listener listener(folder, daemon_module);
+  ASSERT_TRUE(subscribe(listener));
+  ASSERT_EQ(send(payload), 0);
+  EXPECT_TRUE(listener.receive(in(4 * soon)) == payload);
+
+  bus_sender sender(folder, daemon_module);
+  ASSERT_TRUE(sender.send(payload, in(soon)));
+  EXPECT_TRUE(next_payload() == payload);
+  EXPECT_TRUE(sender.wait_until_taken(in(soon)));
+}
+
+TEST_F(ModuleBusVolumeTest, ABurstFromASenderThatEndsAtOnceArrivesWhole) {
+  // What a closing sender had written was lost when the inbox was full at that moment; hence the
+  // answers.
+  constexpr int burst = 3000;
+  ASSERT_EQ(join(), 0);
+  bool taken = false;
+  std::thread sending([&] {
+    bus_sender sender(folder, daemon_module);
+    for (int i = 0; i < burst; ++i)
+      EXPECT_TRUE(sender.send(numbered(i, 100), in(soon)));
+    taken = sender.wait_until_taken(in(soon));
+  });
+  for (int i = 0; i < burst; ++i)
+    EXPECT_EQ(next_payload(), numbered(i, 100));
+  sending.join();
+  EXPECT_TRUE(taken);
+}
+
+TEST_F(ModuleBusVolumeTest, AListenerThatStoppedReadingBlocksNobodyAndCostsBoundedMemory) {
+  constexpr int messages = 400;
+  constexpr int full_after = 250; // MiB; a stopped listener is owed 200,000 pieces of 1 KiB
+  ASSERT_EQ(join(), 0);
+  bus_listener stopped(folder, daemon_module);
+  bus_listener reading(folder, daemon_module);
+  ASSERT_TRUE(subscribe(stopped));
+  ASSERT_TRUE(subscribe(reading));
+
+  const std::size_t resident_before = resident_bytes();
+  std::size_t resident_full = 0;
+  for (int i = 0; i < messages; ++i) {
+    const std::string payload = numbered(i, mebibyte);
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(send(payload), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    ASSERT_TRUE(reading.receive(in(soon)) == payload) << "message " << i;
+    if (i == full_after)
+      resident_full = resident_bytes();
+  }
+  EXPECT_EQ(reading.lost(), 0U);
+  if (memory_is_measurable) {
+    EXPECT_LT(resident_full, resident_before + 320 * mebibyte);
+    EXPECT_LT(resident_bytes(), resident_full + 32 * mebibyte);
+  }
+
+  std::uint64_t heard = 0;
+  while (stopped.receive(in(std::chrono::milliseconds(500))))
+    ++heard;
+  ASSERT_EQ(send("read again"), 0);
+  EXPECT_EQ(stopped.receive(in(soon)), "read again");
+  EXPECT_GT(heard, 0U);
+  EXPECT_GT(stopped.lost(), 0U);
+  EXPECT_EQ(heard + stopped.lost(), static_cast<std::uint64_t>(messages));
+}
+
+} // namespace
+} // namespace vemk
