@@ -21,17 +21,31 @@ constexpr char footer[] =
     "Exit status: 0 done, 3 bus error, 4 input or output error, 64 wrong usage; 1 and 2 as the\n"
     "command says.";
 
+// The library's own range lets "nan" pass, and puts the bounds in the help instead of a name.
+template<typename number_t>
+CLI::Validator number_from(number_t lowest, number_t highest) {
+  const auto check = [lowest, highest](const std::string &text) {
+    number_t value{};
+    if (CLI::detail::lexical_cast(text, value) && value >= lowest && value <= highest)
+      return std::string();
+    std::ostringstream fault;
+    fault << "'" << text << "' is not a number from " << lowest << " to " << highest;
+    return fault.str();
+  };
+  return CLI::Validator(check, "");
+}
+
 void add_module(CLI::App *command, options_t &options, const char *name, const char *text) {
   command->add_option(name, options.module_id, text)
-      ->check(CLI::Range(0, std::numeric_limits<int>::max(), "MODULE"))
-      ->type_name("")
+      ->check(number_from(0, std::numeric_limits<int>::max()))
+      ->type_name("MODULE")
       ->capture_default_str();
 }
 
 CLI::Option *add_timeout(CLI::App *command, options_t &options, const char *text) {
   return command->add_option("--timeout", options.timeout_seconds, text)
-      ->check(CLI::Range(0.001, longest_timeout_seconds, "SECONDS"))
-      ->type_name("");
+      ->check(number_from(0.001, longest_timeout_seconds))
+      ->type_name("SECONDS");
 }
 
 void add_quiet(CLI::App *command, options_t &options) {
@@ -40,11 +54,11 @@ void add_quiet(CLI::App *command, options_t &options) {
 
 void add_send(CLI::App &app, options_t &options) {
   auto *send = app.add_subcommand("send", "Send a message to a module");
-  send->add_option("text", options.text,
+  send->add_option("TEXT", options.text,
                    "The message; '-' takes standard input, the whole of it as one message, NUL "
                    "bytes included, up to 64 MiB")
       ->required()
-      ->type_name("TEXT");
+      ->type_name("");
   send->add_flag("--lines", options.lines, "One message a line, without the line feed");
   add_module(send, options, "--to", "The module that is to get it");
   add_timeout(send, options, "How long the module may take over a message (default 10)");
@@ -55,15 +69,15 @@ void add_listen(CLI::App &app, options_t &options) {
   auto *listen = app.add_subcommand("listen", "Print what a module sends, one message a line");
   add_module(listen, options, "--from", "The module to listen to");
   listen->add_option("--count", options.count, "End after so many messages")
-      ->check(CLI::Range(1L, std::numeric_limits<long>::max(), "N"))
-      ->type_name("");
+      ->check(number_from(1L, std::numeric_limits<long>::max()))
+      ->type_name("N");
   add_timeout(listen, options, "End after so many seconds, with exit status 2");
   listen
       ->add_option_function<std::string>(
           "--format", [&options](const std::string &name) { options.format = formats.at(name); },
-          "text (control bytes escaped, the default), hex or json")
-      ->check(CLI::IsMember(formats))
-      ->type_name("");
+          "How to print: text (the default) escapes control bytes")
+      ->check(CLI::Validator(CLI::IsMember(formats)).description(""))
+      ->type_name("text|hex|json");
   add_quiet(listen, options);
   listen->footer("Exit status 0 when the count is reached, 2 when the time is up before.");
 }

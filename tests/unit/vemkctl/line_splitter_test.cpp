@@ -1,0 +1,66 @@
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "vemkctl/line_splitter.h"
+
+namespace vemk {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class LineSplitterTest : public ::testing::Test {
+protected:
+  std::vector<std::string> lines;
+  line_splitter splitter{8, [this](std::string_view line) { lines.emplace_back(line); }};
+};
+
+TEST_F(LineSplitterTest, HandsOnEachLineWithoutItsLineFeed) {
+  splitter.add("one\ntwo\n\nfour\n");
+  EXPECT_THAT(lines, ElementsAre("one", "two", "", "four"));
+  splitter.finish();
+  EXPECT_THAT(lines, ElementsAre("one", "two", "", "four"));
+}
+
+TEST_F(LineSplitterTest, HandsOnALineAsSoonAsItsLineFeedComes) {
+  splitter.add("o");
+  splitter.add("ne");
+  EXPECT_THAT(lines, IsEmpty());
+  splitter.add("\ntw");
+  EXPECT_THAT(lines, ElementsAre("one"));
+}
+
+TEST_F(LineSplitterTest, CountsALastLineWithoutALineFeed) {
+  splitter.add("one\ntwo");
+  splitter.finish();
+  EXPECT_THAT(lines, ElementsAre("one", "two"));
+}
+
+TEST_F(LineSplitterTest, HasNoLinesInAnEmptyInput) {
+  splitter.add("");
+  splitter.finish();
+  EXPECT_THAT(lines, IsEmpty());
+}
+
+TEST_F(LineSplitterTest, LeavesOtherBytesAsTheyAre) {
+  splitter.add(std::string("a\0b\r\n\xff\n", 7));
+  EXPECT_THAT(lines, ElementsAre(std::string("a\0b\r", 4), "\xff"));
+}
+
+TEST_F(LineSplitterTest, TakesALineOfTheGreatestLengthAndRefusesALongerOne) {
+  splitter.add("12345678\n1234");
+  EXPECT_THAT(lines, ElementsAre("12345678"));
+  try {
+    splitter.add("56789");
+    FAIL() << "accepted";
+  } catch (const std::length_error &error) {
+    EXPECT_STREQ(error.what(), "line 2 is longer than 8 bytes");
+  }
+}
+
+} // namespace
+} // namespace vemk

@@ -1,0 +1,83 @@
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "vemkctl/message_format.h"
+
+namespace vemk {
+namespace {
+
+std::string text(std::string_view message) {
+  return format_message(message, message_format::text, 2);
+}
+
+std::string json(std::string_view message) {
+  return format_message(message, message_format::json, 2);
+}
+
+TEST(TextFormatTest, EscapesOnlyWhatWouldBreakTheLineOrTheTerminal) {
+  EXPECT_EQ(text("plain text"), "plain text");
+  EXPECT_EQ(text("a\nb\rc\td"), "a\\nb\\rc\\td");
+  EXPECT_EQ(text(std::string("\0\x01\x1b\x1f\x7f", 5)), "\\x00\\x01\\x1b\\x1f\\x7f");
+  EXPECT_EQ(text("back\\slash \xc3\xa4 \xff"), "back\\slash \xc3\xa4 \xff");
+  EXPECT_EQ(text(""), "");
+}
+
+TEST(HexFormatTest, WritesTwoLowerCaseDigitsAByte) {
+  EXPECT_EQ(format_message(std::string("\0\x0f\xa5\xff", 4), message_format::hex, 2), "000fa5ff");
+  EXPECT_EQ(format_message("", message_format::hex, 2), "");
+}
+
+TEST(JsonFormatTest, HoldsValidUtf8AsText) {
+  EXPECT_EQ(json("a \"b\" \\ /\n"), R"({"from":2,"length":10,"text":"a \"b\" \\ /\n"})");
+  EXPECT_EQ(json(std::string("a\0b", 3)), R"({"from":2,"length":3,"text":"a\u0000b"})");
+  EXPECT_EQ(json("\xc3\xa4"), "{\"from\":2,\"length\":2,\"text\":\"\xc3\xa4\"}");
+  EXPECT_EQ(json(""), R"({"from":2,"length":0,"text":""})");
+}
+
+TEST(JsonFormatTest, HoldsOtherBytesAsHex) {
+  EXPECT_EQ(json("a\xff"), R"({"from":2,"length":2,"hex":"61ff"})");
+}
+
+TEST(JsonFormatTest, NamesTheSendersModule) {
+  EXPECT_EQ(format_message("x", message_format::json, 7), R"({"from":7,"length":1,"text":"x"})");
+}
+
+TEST(Utf8Test, AcceptsTheBoundsOfEachLength) {
+  for (const char *valid : {"", "\x7f", "\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf",
+                            "\xee\x80\x80", "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"})
+    EXPECT_TRUE(is_utf8(valid)) << format_message(valid, message_format::hex, 2);
+  EXPECT_TRUE(is_utf8(std::string_view("\0", 1)));
+}
+
+TEST(Utf8Test, RefusesOverlongFormsSurrogatesAndWhatLiesBeyond) {
+  for (const char *invalid :
+       {"\x80", "\xbf", "\xc0\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xed\xbf\xbf",
+        "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xff"})
+    EXPECT_FALSE(is_utf8(invalid)) << format_message(invalid, message_format::hex, 2);
+}
+
+TEST(Utf8Test, RefusesSequencesCutShort) {
+  for (const char *invalid : {"\xc2", "\xc2g", "\xe2\x82", "\xe2\x82g", "\xf0\x9f\x98",
+                              "\xf0\x9f\x98g", "a\xe2", "\xc2\xc2\x80"})
+    EXPECT_FALSE(is_utf8(invalid)) << format_message(invalid, message_format::hex, 2);
+}
+
+TEST(ConnectedStatusTest, ReadsTheDaemonsStatusMessages) {
+  EXPECT_EQ(
+      connected_status(R"({ "version": "2.0", "service": "internal-ipc", "cmd": "connected" })"),
+      true);
+  EXPECT_EQ(connected_status(R"({"cmd":"disconnected","service":"internal-ipc"})"), false);
+}
+
+TEST(ConnectedStatusTest, IgnoresEverythingElse) {
+  for (const char *other :
+       {"", "connected", "[1]", "null", R"({"cmd":"connected"})",
+        R"({"service":"other","cmd":"connected"})", R"({"service":"internal-ipc","cmd":"status"})",
+        R"({"service":"internal-ipc"})", R"({"service":1,"cmd":"connected"})",
+        R"({"service":"internal-ipc","cmd":["connected"]})", "{\"service\":\"internal-ipc\""})
+    EXPECT_EQ(connected_status(other), std::nullopt) << other;
+}
+
+} // namespace
+} // namespace vemk

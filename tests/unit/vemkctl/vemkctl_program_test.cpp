@@ -1,0 +1,229 @@
+// The real program against a module in this process.
+
+#include <csignal>
+#include <filesystem>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fake_module.h"
+#include "program_run.h"
+
+namespace vemk {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+constexpr char connected[] =
+    R"({ "version": "2.0", "service": "internal-ipc", "cmd": "connected" })";
+constexpr char disconnected[] =
+    R"({ "version": "2.0", "service": "internal-ipc", "cmd": "disconnected" })";
+
+std::vector<std::string> silence(const std::string &) {
+  return {};
+}
+std::vector<std::string> echo(const std::string &message) {
+  return {message};
+}
+
+class VemkctlProgramTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    char name[] = "/tmp/vemk-ctl-XXXXXX";
+    ASSERT_NE(mkdtemp(name), nullptr);
+    folder = name;
+    bus = folder + "/bus";
+    setenv("MODULE_BUS_DIR", bus.c_str(), 1);
+  }
+
+  void TearDown() override {
+    unsetenv("MODULE_BUS_DIR");
+    std::filesystem::remove_all(folder);
+  }
+
+  /// What the module gets from one run that has to succeed.
+  std::vector<std::string> sent(const std::vector<std::string> &arguments,
+                                const std::string &input = "") {
+    fake_module module(silence);
+    program_run run(folder, arguments, input);
+    EXPECT_EQ(run.exit_status(), 0);
+    EXPECT_EQ(run.next_note(), "");
+    module.stop();
+    return module.messages;
+  }
+
+  /// What a listener prints of one message.
+  std::string printed(const std::string &format, const std::string &message) {
+    fake_module module(echo);
+    program_run listener(folder, {"listen", "--count", "1", "--format", format});
+    EXPECT_EQ(listener.next_note(), "vemkctl: listening to module 2 in " + bus);
+    EXPECT_EQ(program_run(folder, {"send", "-"}, message).exit_status(), 0);
+    EXPECT_EQ(listener.exit_status(), 0);
+    return listener.output();
+  }
+
+  std::string folder;
+  std::string bus;
+};
+
+TEST_F(VemkctlProgramTest, SendSendsATextAsOneMessage) {
+  EXPECT_THAT(sent({"send", "two\nlines"}), ElementsAre("two\nlines"));
+  EXPECT_THAT(sent({"send", ""}), ElementsAre(""));
+}
+
+TEST_F(VemkctlProgramTest, SendTakesTheWholeOfStandardInputAsOneMessage) {
+  const std::string bytes("a\0b\nc\xff\n", 7);
+  EXPECT_THAT(sent({"send", "-"}, bytes), ElementsAre(bytes));
+  const std::string longer(300000, 'x');
+  EXPECT_THAT(sent({"send", "-"}, longer), ElementsAre(longer));
+}
+
+TEST_F(VemkctlProgramTest, SendTakesALineAsAMessage) {
+  EXPECT_THAT(sent({"send", "--lines", "-"}, "one\n\nthree\r\nlast"),
+              ElementsAre("one", "", "three\r", "last"));
+  EXPECT_THAT(sent({"send", "--lines", "-"}, ""), IsEmpty());
+  EXPECT_THAT(sent({"send", "--lines", "one\ntwo"}), ElementsAre("one", "two"));
+}
+
+TEST_F(VemkctlProgramTest, SendEndsAfterAllOfManyLinesWereTaken) {
+  std::string input;
+  for (int i = 0; i < 20000; ++i)
+    input += "line " + std::to_string(i) + "\n";
+  const auto messages = sent({"send", "--lines", "-"}, input);
+  ASSERT_EQ(messages.size(), 20000U);
+  EXPECT_EQ(messages.back(), "line 19999");
+}
+
+TEST_F(VemkctlProgramTest, SendRefusesWhatIsLongerThan64Mebibytes) {
+  program_run run(folder, {"send", "-"}, std::string(64 * 1024 * 1024 + 1, 'x'));
+  EXPECT_EQ(run.next_note(), "vemkctl: the message is longer than 64 MiB; send it in parts");
+  EXPECT_EQ(run.exit_status(), 4);
+}
+
+TEST_F(VemkctlProgramTest, SendSaysSoWhenNobodyTakesTheMessage) {
+  program_run run(folder, {"send", "--timeout", "0.2", "text"});
+  EXPECT_EQ(run.next_note(), "vemkctl: module 2 in " + bus +
+                                 " did not take it in time; see that the module runs and uses "
+                                 "this bus folder, or name another with --bus");
+  EXPECT_EQ(run.exit_status(), 3);
+}
+
+TEST_F(VemkctlProgramTest, AFolderThatIsOpenToOthersIsRefused) {
+  std::filesystem::create_directory(bus);
+  std::filesystem::permissions(bus, std::filesystem::perms(0755));
+  for (const char *command : {"listen", "status", "rejoin"}) {
+    program_run run(folder, {command});
+    EXPECT_THAT(run.next_note(), HasSubstr("close it with chmod 700"));
+    EXPECT_EQ(run.exit_status(), 3) << command;
+  }
+}
+
+TEST_F(VemkctlProgramTest, TheFolderOnTheCommandLineGoesBeforeTheEnvironment) {
+  const std::string other = folder + "/other";
+  program_run run(folder, {"send", "text", "--timeout", "0.1", "--bus", other});
+  EXPECT_THAT(run.next_note(), HasSubstr(other));
+}
+
+TEST_F(VemkctlProgramTest, ListenPrintsEachFormat) {
+  const std::string bytes("a\0\n\\\xc3\xa4", 6);
+  EXPECT_EQ(printed("text", bytes), "a\\x00\\n\\\xc3\xa4\n");
+  EXPECT_EQ(printed("hex", bytes), "61000a5cc3a4\n");
+  EXPECT_EQ(printed("json", bytes),
+            "{\"from\":2,\"length\":6,\"text\":\"a\\u0000\\n\\\\\xc3\xa4\"}\n");
+  EXPECT_EQ(printed("json", "\xff"), "{\"from\":2,\"length\":1,\"hex\":\"ff\"}\n");
+}
+
+TEST_F(VemkctlProgramTest, ListenEndsWithTwoWhenTheTimeIsUp) {
+  fake_module module(silence);
+  program_run run(folder, {"listen", "--timeout", "0.3", "--quiet"});
+  EXPECT_EQ(run.next_note(), "");
+  EXPECT_EQ(run.exit_status(), 2);
+  EXPECT_EQ(run.output(), "");
+}
+
+TEST_F(VemkctlProgramTest, ListenSaysThatTheModuleWasNotThere) {
+  program_run run(folder, {"listen", "--timeout", "0.2"});
+  EXPECT_THAT(run.next_note(), StartsWith("vemkctl: module 2 in " + bus + " was not on the bus"));
+  EXPECT_EQ(run.exit_status(), 2);
+}
+
+TEST_F(VemkctlProgramTest, ListenReportsOutputThatCannotBeWritten) {
+  fake_module module(echo);
+  program_run listener(folder, {"listen"}, "", "/dev/full");
+  listener.next_note();
+  EXPECT_EQ(program_run(folder, {"send", "text"}).exit_status(), 0);
+  EXPECT_THAT(listener.next_note(), StartsWith("vemkctl: cannot write to standard output: No spa"));
+  EXPECT_EQ(listener.exit_status(), 4);
+}
+
+TEST_F(VemkctlProgramTest, ListenEndsWithASignalInTheDefaultWay) {
+  fake_module module(silence);
+  program_run listener(folder, {"listen"});
+  listener.next_note();
+  listener.signal(SIGINT);
+  EXPECT_EQ(listener.exit_status(), 130);
+}
+
+TEST_F(VemkctlProgramTest, StatusTellsConnectedFromDisconnected) {
+  for (const bool is_connected : {true, false}) {
+    fake_module module([&](const std::string &) {
+      return std::vector<std::string>{is_connected ? connected : disconnected};
+    });
+    program_run run(folder, {"status"});
+    EXPECT_EQ(run.exit_status(), is_connected ? 0 : 1);
+    EXPECT_EQ(run.output(), is_connected ? "connected\n" : "disconnected\n");
+    module.stop();
+    EXPECT_THAT(module.messages, ElementsAre(R"({"service":"internal-ipc","cmd":"status"})"));
+  }
+}
+
+TEST_F(VemkctlProgramTest, StatusIgnoresEverythingButTheAnswer) {
+  fake_module module([](const std::string &) {
+    return std::vector<std::string>{"traffic", R"({"service":"other","cmd":"disconnected"})",
+                                    std::string("\0\xff", 2), connected};
+  });
+  program_run run(folder, {"status"});
+  EXPECT_EQ(run.exit_status(), 0);
+  EXPECT_EQ(run.output(), "connected\n");
+}
+
+TEST_F(VemkctlProgramTest, StatusEndsWithTwoWithoutAnAnswer) {
+  fake_module module(echo);
+  program_run with_module(folder, {"status", "--timeout", "0.3"});
+  EXPECT_THAT(with_module.next_note(), StartsWith("vemkctl: no answer from module 2 in " + bus));
+  EXPECT_EQ(with_module.exit_status(), 2);
+  module.stop();
+  program_run without_module(folder, {"status", "--timeout", "0.2"});
+  EXPECT_THAT(without_module.next_note(), StartsWith("vemkctl: no answer from module 2 in " + bus));
+  EXPECT_EQ(without_module.exit_status(), 2);
+  EXPECT_EQ(without_module.output(), "");
+}
+
+TEST_F(VemkctlProgramTest, RejoinDropsTheModule) {
+  fake_module module(silence);
+  program_run run(folder, {"rejoin"});
+  EXPECT_EQ(run.exit_status(), 0);
+  module.stop();
+  EXPECT_TRUE(module.dropped);
+  EXPECT_THAT(module.messages, IsEmpty());
+}
+
+TEST_F(VemkctlProgramTest, HelpAndWrongUsageGoWhereTheyBelong) {
+  program_run help(folder, {"send", "--help"});
+  EXPECT_EQ(help.exit_status(), 0);
+  EXPECT_THAT(help.output(), HasSubstr("Usage: vemkctl send"));
+
+  program_run usage(folder, {"send"});
+  EXPECT_THAT(usage.next_note(), StartsWith("vemkctl: TEXT is required; see vemkctl --help"));
+  EXPECT_EQ(usage.exit_status(), 64);
+  EXPECT_EQ(usage.output(), "");
+
+  program_run full(folder, {"--help"}, "", "/dev/full");
+  EXPECT_EQ(full.exit_status(), 4);
+}
+
+} // namespace
+} // namespace vemk
