@@ -1,5 +1,6 @@
 // Several processes: who has a module, what a killed one leaves behind, and how one ends.
 
+#include <atomic>
 #include <csignal>
 #include <functional>
 #include <thread>
@@ -93,15 +94,17 @@ TEST_F(ModuleBusProcessTest, AModuleIsOneLiveProcessOnly) {
 
 TEST_F(ModuleBusProcessTest, ExitOnAnotherThreadDoesNotWaitForTheBusThreadOrCrashIt) {
   start_child([](const std::function<void()> &ready) {
+    std::atomic<bool> joined{false};
     std::thread([&] {
       join();
       ready();
+      joined = true;
       while (true) {
         GetMsgFromQueueNoWait();
         MsgSend("text", 3, 4);
       }
     }).detach();
-    while (GetModuleLoop() == 0)
+    while (!joined)
       std::this_thread::yield();
     std::exit(7);
   });

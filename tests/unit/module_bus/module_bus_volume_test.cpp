@@ -91,7 +91,7 @@ TEST_F(ModuleBusVolumeTest, ABurstFromASenderThatEndsAtOnceArrivesWhole) {
 }
 
 TEST_F(ModuleBusVolumeTest, AListenerThatStoppedReadingBlocksNobodyAndCostsBoundedMemory) {
-  constexpr int messages = 400;
+  constexpr int messages = 320;
   constexpr int full_after = 250; // MiB; a stopped listener is owed 200,000 pieces of 1 KiB
   ASSERT_EQ(join(), 0);
   bus_listener stopped(folder, daemon_module);
