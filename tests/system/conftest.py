@@ -7,6 +7,7 @@ put in front of the daemon's command line; VEMK_SLOWDOWN, a factor for every lim
 import collections
 import os
 import pathlib
+import signal
 
 import pytest
 
@@ -15,6 +16,9 @@ from harness.raw_server import raw_server
 from harness.roaming_server import roaming_server
 from harness.sandbox import sandbox
 from harness.vemk_daemon import config_text, vemk_daemon
+
+# What a test has started is stopped and removed when the test program is told to end, too.
+signal.signal(signal.SIGTERM, signal.default_int_handler)
 
 bridge_t = collections.namedtuple("bridge_t", "daemon bus server")
 
