@@ -1,0 +1,20 @@
+# Warnings, hardening and sanitizers for everything that this project compiles.
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+include(CheckPIESupported)
+check_pie_supported()
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wformat=2 -Wundef
+  -Wcast-align -fstack-protector-strong)
+if(VEMK_WERROR)
+  add_compile_options(-Werror)
+endif()
+# _FORTIFY_SOURCE needs the optimiser, and the sanitizers intercept the same functions.
+if(NOT VEMK_SANITIZE)
+  add_compile_options($<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+endif()
+add_link_options(-Wl,-z,relro,-z,now)
+
+if(VEMK_SANITIZE)
+  add_compile_options(-fsanitize=${VEMK_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${VEMK_SANITIZE})
+endif()
