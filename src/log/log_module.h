@@ -1,0 +1,64 @@
+/// Log modules and emitters.
+///
+/// Every source file that logs has one static log_module_t with a mask of message categories. An
+/// emitter writes a message when its category bit is set in the module's mask: one line that reads
+/// timestamp, "|PID|MODULE> ", message. Formats are printf's and carry their own line end.
+///
+/// Threading: any thread may call the emitters and log_set_level; one process-wide mutex keeps the
+///   parts of a line together. log_module_init is for static initialisers.
+/// Errors: a mutex that cannot be locked throws std::system_error; writing reports nothing.
+#ifndef VEMK_LOG_LOG_MODULE_H
+#define VEMK_LOG_LOG_MODULE_H
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdint>
+#include <mutex>
+
+namespace vemk {
+
+/// The categories, as bits of a mask.
+constexpr std::uint32_t log_category_error = 0x01;
+constexpr std::uint32_t log_category_warning = 0x02;
+constexpr std::uint32_t log_category_info = 0x04;
+constexpr std::uint32_t log_category_debug = 0x08;
+
+struct log_module_t {
+  const char *name;
+  /// Set on one thread while another one logs, hence atomic; no order with other data is implied.
+  std::atomic<std::uint32_t> level;
+};
+
+/// The mask that the configuration gave; 0 until then. Written before the worker threads exist and
+/// copied into a module's level only at the moments that its owner names.
+extern std::uint32_t g_log_level;
+
+/// Held over the two platform calls that make up one line.
+extern std::mutex g_log_mutex;
+
+/// Names a module, sets its mask and makes standard output unbuffered. `name` is not copied.
+void log_module_init(log_module_t &module, const char *name, std::uint32_t level);
+
+/// A source file's static initialiser: makes its module known, silent at first.
+struct log_module_setup {
+  log_module_setup(log_module_t &module, const char *name);
+};
+
+void log_set_level(log_module_t &module, std::uint32_t level);
+
+void log_error(const log_module_t &module, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
+void log_warning(const log_module_t &module, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
+void log_info(const log_module_t &module, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
+void log_debug(const log_module_t &module, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
+
+/// Writes whatever the module's mask says.
+void log_vprint(const log_module_t &module, const char *format, va_list arguments)
+    __attribute__((format(printf, 2, 0)));
+
+} // namespace vemk
+
+#endif

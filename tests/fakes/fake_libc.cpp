@@ -1,0 +1,180 @@
+#include "fakes/fake_libc.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csetjmp>
+#include <ctime>
+#include <deque>
+#include <mutex>
+#include <sys/select.h>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+constexpr std::int64_t second_us = 1000000;
+constexpr std::int64_t start_us = 1000 * second_us;
+
+struct select_failure_t {
+  int error;
+  std::int64_t slept_us;
+};
+
+std::recursive_mutex state_lock;
+std::int64_t clock_us = start_us;
+std::deque<std::int64_t> readings;
+int reads = 0;
+std::vector<std::int64_t> sleeps;
+std::function<void(std::int64_t)> sleep_hook;
+std::vector<std::int64_t> select_timeouts;
+std::deque<select_failure_t> select_failures;
+std::atomic<bool> exit_ends_the_process{false};
+
+struct exit_catcher_t {
+  jmp_buf point;
+  int status;
+};
+thread_local exit_catcher_t *exit_catcher = nullptr;
+
+using guard = std::lock_guard<std::recursive_mutex>;
+
+} // namespace
+
+extern "C" {
+
+int __real_clock_gettime(clockid_t id, timespec *time);
+
+int __wrap_clock_gettime(clockid_t id, timespec *time) {
+  if (id != CLOCK_MONOTONIC)
+    return __real_clock_gettime(id, time);
+  const guard locked(state_lock);
+  ++reads;
+  std::int64_t reading_us = clock_us;
+  if (!readings.empty()) {
+    reading_us = readings.front() * second_us;
+    readings.pop_front();
+  }
+  time->tv_sec = static_cast<time_t>(reading_us / second_us);
+  time->tv_nsec = static_cast<long>(reading_us % second_us * 1000);
+  return 0;
+}
+
+int __wrap_usleep(useconds_t microseconds) {
+  std::function<void(std::int64_t)> hook;
+  {
+    const guard locked(state_lock);
+    sleeps.push_back(microseconds);
+    clock_us += microseconds;
+    hook = sleep_hook;
+  }
+  if (hook)
+    hook(microseconds);
+  return 0;
+}
+
+int __wrap_select(int, fd_set *, fd_set *, fd_set *, timeval *timeout) {
+  const guard locked(state_lock);
+  const std::int64_t asked_us = timeout->tv_sec * second_us + timeout->tv_usec;
+  select_timeouts.push_back(asked_us);
+  select_failure_t outcome{0, asked_us};
+  if (!select_failures.empty()) {
+    outcome = select_failures.front();
+    select_failures.pop_front();
+  }
+  clock_us += outcome.slept_us;
+  const std::int64_t left_us = asked_us - outcome.slept_us;
+  timeout->tv_sec = static_cast<time_t>(left_us / second_us);
+  timeout->tv_usec = static_cast<suseconds_t>(left_us % second_us);
+  errno = outcome.error;
+  return outcome.error == 0 ? 0 : -1;
+}
+
+[[noreturn]] void __real_exit(int status);
+
+[[noreturn]] void __wrap_exit(int status) {
+  if (exit_ends_the_process)
+    __real_exit(status);
+  if (exit_catcher != nullptr) {
+    exit_catcher->status = status;
+    longjmp(exit_catcher->point, 1);
+  }
+  throw vemk::fake_libc::process_exit{status};
+}
+}
+
+namespace vemk::fake_libc {
+
+void reset() {
+  const guard locked(state_lock);
+  clock_us = start_us;
+  readings.clear();
+  reads = 0;
+  sleeps.clear();
+  sleep_hook = nullptr;
+  select_timeouts.clear();
+  select_failures.clear();
+  exit_ends_the_process = false;
+}
+
+void let_exit_end_the_process() {
+  exit_ends_the_process = true;
+}
+
+std::optional<int> exit_status(const std::function<void()> &operation) {
+  exit_catcher_t catcher{};
+  exit_catcher = &catcher;
+  if (setjmp(catcher.point) == 0) {
+    operation();
+    exit_catcher = nullptr;
+    return std::nullopt;
+  }
+  exit_catcher = nullptr;
+  return catcher.status;
+}
+
+std::int64_t now_us() {
+  const guard locked(state_lock);
+  return clock_us;
+}
+
+void set_seconds(std::int64_t seconds) {
+  const guard locked(state_lock);
+  clock_us = seconds * second_us;
+}
+
+void advance_seconds(std::int64_t seconds) {
+  const guard locked(state_lock);
+  clock_us += seconds * second_us;
+}
+
+void script_readings(const std::vector<std::int64_t> &seconds) {
+  const guard locked(state_lock);
+  readings.assign(seconds.begin(), seconds.end());
+}
+
+int clock_reads() {
+  const guard locked(state_lock);
+  return reads;
+}
+
+std::vector<std::int64_t> sleeps_us() {
+  const guard locked(state_lock);
+  return sleeps;
+}
+
+void on_sleep(std::function<void(std::int64_t)> hook) {
+  const guard locked(state_lock);
+  sleep_hook = std::move(hook);
+}
+
+std::vector<std::int64_t> select_timeouts_us() {
+  const guard locked(state_lock);
+  return select_timeouts;
+}
+
+void fail_select(int error, std::int64_t slept_us) {
+  const guard locked(state_lock);
+  select_failures.push_back({error, slept_us});
+}
+
+} // namespace vemk::fake_libc

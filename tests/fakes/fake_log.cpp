@@ -1,0 +1,81 @@
+#include "fakes/fake_log.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+
+#include "zandor_log.h"
+
+namespace {
+
+std::mutex record_lock;
+std::vector<std::string> recorded_lines;
+std::vector<std::string> recorded_programs;
+std::string open_line;
+
+__attribute__((format(printf, 1, 0))) std::string formatted(const char *format, va_list arguments) {
+  va_list again;
+  va_copy(again, arguments);
+  const int size = vsnprintf(nullptr, 0, format, again);
+  va_end(again);
+  std::string text(static_cast<std::size_t>(size) + 1, '\0');
+  vsnprintf(text.data(), text.size(), format, arguments);
+  text.resize(static_cast<std::size_t>(size));
+  return text;
+}
+
+} // namespace
+
+extern "C" {
+
+void init_zandor_logrotate(const char *program) {
+  const std::lock_guard<std::mutex> guard(record_lock);
+  recorded_programs.emplace_back(program);
+}
+
+void zandor_log_msg_timed(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const std::lock_guard<std::mutex> guard(record_lock);
+  open_line = formatted(format, arguments);
+  va_end(arguments);
+}
+
+void vzandor_log_msg(const char *format, va_list arguments) {
+  const std::lock_guard<std::mutex> guard(record_lock);
+  recorded_lines.push_back(open_line + formatted(format, arguments));
+  open_line.clear();
+}
+}
+
+namespace vemk::fake_log {
+
+std::vector<std::string> lines() {
+  const std::lock_guard<std::mutex> guard(record_lock);
+  return recorded_lines;
+}
+
+std::vector<std::string> messages(const std::string &module) {
+  std::vector<std::string> found;
+  const std::string marker = "|" + module + "> ";
+  for (const std::string &line : lines()) {
+    const std::size_t at = line.find(marker);
+    if (at != std::string::npos)
+      found.push_back(line.substr(at + marker.size()));
+  }
+  return found;
+}
+
+std::vector<std::string> programs() {
+  const std::lock_guard<std::mutex> guard(record_lock);
+  return recorded_programs;
+}
+
+void clear() {
+  const std::lock_guard<std::mutex> guard(record_lock);
+  recorded_lines.clear();
+  recorded_programs.clear();
+  open_line.clear();
+}
+
+} // namespace vemk::fake_log

@@ -1,0 +1,38 @@
+/// Memory requests under a test's control: realloc, calloc and operator new.
+///
+/// A test program that links fake_memory gets realloc and calloc of its own code and the project's
+/// counted and, when told, refused; the libraries keep theirs. operator new is the whole program's,
+/// but it is only ever refused on the thread that asked for it.
+///
+/// Threading: the records and refusals belong to the calling thread.
+#ifndef VEMK_TESTS_FAKE_MEMORY_H
+#define VEMK_TESTS_FAKE_MEMORY_H
+
+#include <cstddef>
+#include <vector>
+
+namespace vemk::fake_memory {
+
+/// Empty records, nothing refused.
+void reset();
+
+/// The sizes that realloc and calloc were asked for since reset(), refused ones included.
+std::vector<std::size_t> realloc_sizes();
+std::vector<std::size_t> calloc_sizes();
+
+/// Every realloc, or calloc, returns null until reset().
+void refuse_realloc();
+void refuse_calloc();
+
+/// Every operator new on this thread throws std::bad_alloc for as long as one of these lives.
+class refused_new {
+public:
+  refused_new();
+  refused_new(const refused_new &) = delete;
+  refused_new &operator=(const refused_new &) = delete;
+  ~refused_new();
+};
+
+} // namespace vemk::fake_memory
+
+#endif
