@@ -1,0 +1,22 @@
+/// Splitting the roaming service's URL.
+#ifndef VEMK_CONFIG_SERVICE_URL_H
+#define VEMK_CONFIG_SERVICE_URL_H
+
+namespace vemk {
+
+/// Pieces of a URL text, each zero-terminated, null where the text has no such piece.
+struct service_url_t {
+  const char *scheme;
+  const char *host;
+  const char *port;
+  /// Without its leading "/".
+  const char *path;
+};
+
+/// Splits "[scheme://]host[:port][/path]" in place; the pieces point into `text`. A "/" counts only
+/// behind the port where there is one.
+service_url_t split_service_url(char *text);
+
+} // namespace vemk
+
+#endif

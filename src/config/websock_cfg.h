@@ -1,0 +1,47 @@
+/// The daemon's configuration: one record, filled from the command line and a key=value file.
+///
+/// Threading: main's thread, before any other exists.
+#ifndef VEMK_CONFIG_WEBSOCK_CFG_H
+#define VEMK_CONFIG_WEBSOCK_CFG_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace vemk {
+
+constexpr std::size_t config_text_size = 256;
+
+/// Texts are NUL-terminated. Numbers that 32 bits cannot hold become the nearest that they can.
+struct websock_cfg_t {
+  /// Location (domain) of this access point.
+  char ap_location[config_text_size];
+  char host[config_text_size];
+  /// Starts with "/" when it comes from the URL.
+  char path[config_text_size];
+  std::int32_t port;
+  /// The file's URL gave host, port and path. Without it no connection is made.
+  bool url_valid;
+  /// Seconds.
+  std::uint32_t initial_connection_delay;
+  /// Seconds.
+  std::uint32_t max_connection_delay;
+  /// Mask of log categories.
+  std::uint32_t log_level;
+  std::int32_t cfg_mode;
+  /// A file was named that could not be opened or held a URL with a wrong scheme.
+  bool cfg_file_failed;
+};
+
+/// Fills the record from the options "f:d:p:P:", then from the file that -f named, whose URL
+/// replaces -d, -p and -P. Ends the process with exit(-1) on a bad option. A file that cannot be
+/// used is no error here: it leaves `url_valid` clear and sets `cfg_file_failed`.
+void parse_command_line(websock_cfg_t &cfg, int argc, char **argv);
+
+/// Reads a configuration file into the record, and "log_level=" into `g_log_level` as well. Returns
+/// false when it cannot be opened or holds a URL whose scheme is not "ws"; what the lines before
+/// that one set stays. A line that starts with no known key is ignored.
+bool read_config_file(websock_cfg_t &cfg, const char *file_name);
+
+} // namespace vemk
+
+#endif
