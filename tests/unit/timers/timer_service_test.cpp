@@ -1,0 +1,309 @@
+#include "timers/timer_service.h"
+
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fakes/fake_libc.h"
+#include "fakes/fake_memory.h"
+
+namespace vemk {
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+/// The clock stands at second 1000 when the service is made.
+class TimerServiceTest : public testing::Test {
+protected:
+  TimerServiceTest() {
+    fake_libc::reset();
+    service = std::make_unique<timer_service>();
+  }
+
+  std::function<void()> record(const std::string &text) {
+    return [this, text] { fired.push_back(text); };
+  }
+
+  /// What the next run_expired() fires.
+  std::vector<std::string> run() {
+    fired.clear();
+    service->run_expired();
+    return fired;
+  }
+
+  std::vector<std::string> run_after(std::int64_t seconds) {
+    fake_libc::advance_seconds(seconds);
+    return run();
+  }
+
+  std::unique_ptr<timer_service> service;
+  std::vector<std::string> fired;
+};
+
+} // namespace
+
+TEST_F(TimerServiceTest, EmptyListOnlyChecksTheClock) {
+  const int before = fake_libc::clock_reads();
+  service->run_expired();
+  EXPECT_EQ(before + 1, fake_libc::clock_reads());
+  EXPECT_THAT(fake_libc::sleeps_us(), IsEmpty());
+  EXPECT_THAT(fake_libc::select_timeouts_us(), IsEmpty());
+}
+
+TEST_F(TimerServiceTest, TimerFiresInItsSecondAndOnlyOnce) {
+  service->add_timer(record("a"), 0, 3);
+  EXPECT_THAT(run(), IsEmpty());
+  EXPECT_THAT(run_after(2), IsEmpty());
+  EXPECT_THAT(run_after(1), ElementsAre("a"));
+  EXPECT_THAT(run(), IsEmpty());
+  EXPECT_THAT(run_after(3), IsEmpty());
+}
+
+TEST_F(TimerServiceTest, LateTimerFiresAtTheNextRun) {
+  service->add_timer(record("a"), 0, 3);
+  EXPECT_THAT(run_after(9), ElementsAre("a"));
+}
+
+TEST_F(TimerServiceTest, DelayCountsFromTheSecondOfTheCall) {
+  fake_libc::advance_seconds(5);
+  service->add_timer(record("a"), 0, 2);
+  EXPECT_THAT(run_after(1), IsEmpty());
+  EXPECT_THAT(run_after(1), ElementsAre("a"));
+}
+
+TEST_F(TimerServiceTest, DelayZeroIsDueInTheSameSecond) {
+  service->add_timer(record("a"), 0, 0);
+  EXPECT_THAT(run(), ElementsAre("a"));
+}
+
+TEST_F(TimerServiceTest, NegativeDelayIsOverdueAtOnce) {
+  service->add_timer(record("now"), 0, 0);
+  service->add_timer(record("overdue"), 0, -5);
+  EXPECT_THAT(run(), ElementsAre("overdue", "now"));
+}
+
+TEST_F(TimerServiceTest, AddingFiresNothing) {
+  service->add_timer(record("a"), 0, 0);
+  fake_libc::advance_seconds(1);
+  service->add_timer(record("b"), 0, 0);
+  EXPECT_THAT(fired, IsEmpty());
+}
+
+TEST_F(TimerServiceTest, TimersFireInTheOrderOfTheirExpiries) {
+  service->add_timer(record("4"), 0, 4);
+  service->add_timer(record("2"), 0, 2);
+  service->add_timer(record("3"), 0, 3);
+  service->add_timer(record("1"), 0, 1);
+  EXPECT_THAT(run_after(3), ElementsAre("1", "2", "3"));
+  EXPECT_THAT(run_after(1), ElementsAre("4"));
+}
+
+TEST_F(TimerServiceTest, EqualExpiriesFireInInsertionOrder) {
+  service->add_timer(record("a"), 0, 2);
+  service->add_timer(record("later"), 0, 3);
+  service->add_timer(record("b"), 1, 2);
+  service->add_timer(record("earlier"), 0, 1);
+  fake_libc::advance_seconds(1);
+  service->add_timer(record("c"), 0, 1);
+  EXPECT_THAT(run_after(2), ElementsAre("earlier", "a", "b", "c", "later"));
+}
+
+TEST_F(TimerServiceTest, PositionOfTheNewEntryIsReturned) {
+  const auto late = service->add_timer(record("late"), 7, 60);
+  const auto early = service->add_timer(record("early"), 4294967295u, 2);
+  const auto equal = service->add_timer(record("equal"), 8, 2);
+  EXPECT_EQ(7u, late->id);
+  EXPECT_EQ(1060, late->expiry);
+  EXPECT_EQ(4294967295u, early->id);
+  EXPECT_EQ(1002, early->expiry);
+  EXPECT_EQ(equal, std::next(early));
+  EXPECT_EQ(late, std::next(equal));
+  early->callback();
+  EXPECT_THAT(fired, ElementsAre("early"));
+}
+
+TEST_F(TimerServiceTest, ExpiryIsASigned32BitSecond) {
+  EXPECT_EQ(2147483647, service->add_timer(record("last"), 0, 2147483647 - 1000)->expiry);
+  EXPECT_EQ(-2147483647 - 1, service->add_timer(record("wraps"), 0, 2147483647 - 999)->expiry);
+  EXPECT_THAT(run(), ElementsAre("wraps"));
+}
+
+TEST_F(TimerServiceTest, CancellingRemovesEveryTimerOfItsIdAndNoOther) {
+  service->add_timer(record("zero 1"), 0, 1);
+  service->add_timer(record("one"), 1, 1);
+  service->add_timer(record("zero 2"), 0, 2);
+  service->add_timer(record("zero 3"), 0, 2);
+  service->add_timer(record("two"), 2, 2);
+  service->add_timer(record("zero 4"), 0, 3);
+  service->cancel_timers(0);
+  EXPECT_THAT(run_after(3), ElementsAre("one", "two"));
+}
+
+TEST_F(TimerServiceTest, CancellingAnUnknownIdChangesNothing) {
+  service->cancel_timers(0);
+  service->add_timer(record("a"), 1, 1);
+  service->cancel_timers(0);
+  service->cancel_timers(4294967295u);
+  EXPECT_THAT(run_after(1), ElementsAre("a"));
+}
+
+TEST_F(TimerServiceTest, CancellingNeitherReadsTheClockNorFires) {
+  service->add_timer(record("due"), 0, 0);
+  const int before = fake_libc::clock_reads();
+  service->cancel_timers(0);
+  EXPECT_EQ(before, fake_libc::clock_reads());
+  EXPECT_THAT(fired, IsEmpty());
+}
+
+TEST_F(TimerServiceTest, CallbackIsCopiedAndReleasedWhenCancelled) {
+  const auto token = std::make_shared<int>();
+  {
+    const std::function<void()> callback = [token] {};
+    service->add_timer(callback, 0, 1);
+    service->add_timer(callback, 0, 2);
+  }
+  EXPECT_EQ(3, token.use_count());
+  service->cancel_timers(0);
+  EXPECT_EQ(1, token.use_count());
+}
+
+TEST_F(TimerServiceTest, CallbackIsReleasedAfterFiring) {
+  const auto token = std::make_shared<int>();
+  service->add_timer([token] {}, 0, 0);
+  ASSERT_EQ(2, token.use_count());
+  service->run_expired();
+  EXPECT_EQ(1, token.use_count());
+}
+
+TEST_F(TimerServiceTest, DestructionReleasesPendingTimersUnfired) {
+  const auto token = std::make_shared<int>();
+  service->add_timer([this, token] { fired.push_back("fired"); }, 0, 0);
+  service->add_timer([token] {}, 1, 60);
+  service.reset();
+  EXPECT_EQ(1, token.use_count());
+  EXPECT_THAT(fired, IsEmpty());
+}
+
+TEST_F(TimerServiceTest, CallbackMayRearmItself) {
+  std::function<void()> again = [&] {
+    fired.push_back("again");
+    service->cancel_timers(0);
+    service->add_timer(again, 0, 2);
+  };
+  service->add_timer(again, 0, 2);
+  EXPECT_THAT(run_after(2), ElementsAre("again"));
+  EXPECT_THAT(run_after(1), IsEmpty());
+  EXPECT_THAT(run_after(1), ElementsAre("again"));
+}
+
+// Its own entry is gone before a callback runs, so cancelling finds only the others.
+TEST_F(TimerServiceTest, CallbackMayCancelEverything) {
+  service->add_timer(
+      [this] {
+        fired.push_back("cancels");
+        service->cancel_timers(0);
+      },
+      0, 1);
+  service->add_timer(record("same second"), 0, 1);
+  service->add_timer(record("other id"), 1, 1);
+  service->add_timer(record("later"), 0, 2);
+  EXPECT_THAT(run_after(1), ElementsAre("cancels", "other id"));
+  EXPECT_THAT(run_after(1), IsEmpty());
+}
+
+TEST_F(TimerServiceTest, CallbackMayCancelSeveralTimersThatFollowIt) {
+  service->add_timer([this] { service->cancel_timers(7); }, 0, 0);
+  for (int i = 0; i < 5; ++i)
+    service->add_timer(record("cancelled"), 7, 0);
+  service->add_timer(record("last"), 0, 0);
+  EXPECT_THAT(run(), ElementsAre("last"));
+}
+
+TEST_F(TimerServiceTest, TimerAddedBehindTheWalksNextEntryFiresInTheSameRun) {
+  service->add_timer([this] { service->add_timer(record("added"), 0, 0); }, 0, 0);
+  service->add_timer(record("next"), 0, 0);
+  EXPECT_THAT(run(), ElementsAre("next", "added"));
+}
+
+TEST_F(TimerServiceTest, TimerAddedInFrontOfTheWalksNextEntryWaitsForTheNextRun) {
+  service->add_timer([this] { service->add_timer(record("added"), 0, 0); }, 0, 0);
+  service->add_timer(record("not due"), 0, 60);
+  EXPECT_THAT(run(), IsEmpty());
+  EXPECT_THAT(run(), ElementsAre("added"));
+}
+
+TEST_F(TimerServiceTest, TimerThatRearmsItselfWithoutDelayDoesNotHoldTheRun) {
+  std::function<void()> again = [&] {
+    fired.push_back("again");
+    service->add_timer(again, 0, 0);
+  };
+  service->add_timer(again, 0, 0);
+  EXPECT_THAT(run(), ElementsAre("again"));
+  EXPECT_THAT(run(), ElementsAre("again"));
+}
+
+TEST_F(TimerServiceTest, RunGoesByTheSecondAtWhichItBegan) {
+  service->add_timer([] { fake_libc::advance_seconds(5); }, 0, 0);
+  service->add_timer(record("due meanwhile"), 0, 3);
+  EXPECT_THAT(run(), IsEmpty());
+  EXPECT_THAT(run(), ElementsAre("due meanwhile"));
+}
+
+TEST_F(TimerServiceTest, EmptyCallbackThrowsWhenDueAndAfterItsRemoval) {
+  service->add_timer(record("before"), 0, 1);
+  service->add_timer(nullptr, 0, 1);
+  service->add_timer(record("after"), 0, 1);
+  service->run_expired();
+  fake_libc::advance_seconds(1);
+  EXPECT_THROW(service->run_expired(), std::bad_function_call);
+  EXPECT_THAT(fired, ElementsAre("before"));
+  EXPECT_THAT(run(), ElementsAre("after"));
+}
+
+TEST_F(TimerServiceTest, ExceptionOfACallbackLeavesTheOthersForTheNextRun) {
+  service->add_timer([] { throw std::runtime_error("callback"); }, 0, 0);
+  service->add_timer(record("other"), 0, 0);
+  EXPECT_THROW(service->run_expired(), std::runtime_error);
+  EXPECT_THAT(run(), ElementsAre("other"));
+}
+
+// The walk that an exception ended must leave nothing behind that a later cancelling could trip on.
+TEST_F(TimerServiceTest, CancellingAfterACallbacksExceptionIsSafe) {
+  service->add_timer([] { throw std::runtime_error("callback"); }, 0, 0);
+  service->add_timer(record("a"), 1, 0);
+  service->add_timer(record("b"), 0, 0);
+  EXPECT_THROW(service->run_expired(), std::runtime_error);
+  service->cancel_timers(1);
+  service->add_timer(record("c"), 1, 0);
+  EXPECT_THAT(run(), ElementsAre("b", "c"));
+}
+
+TEST_F(TimerServiceTest, NoMemoryForAnEntryThrowsAndLeavesTheListAsItWas) {
+  service->add_timer(record("a"), 0, 1);
+  const std::function<void()> callback = record("b");
+  {
+    const fake_memory::refused_new refused;
+    EXPECT_THROW(service->add_timer(callback, 0, 1), std::bad_alloc);
+  }
+  EXPECT_THAT(run_after(1), ElementsAre("a"));
+}
+
+TEST_F(TimerServiceTest, TwoServicesShareNothing) {
+  timer_service other;
+  other.add_timer(record("other"), 0, 0);
+  service->cancel_timers(0);
+  EXPECT_THAT(run(), IsEmpty());
+  other.run_expired();
+  EXPECT_THAT(fired, ElementsAre("other"));
+}
+
+} // namespace vemk
