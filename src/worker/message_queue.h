@@ -1,0 +1,54 @@
+/// The inter-thread message queue.
+#ifndef VEMK_WORKER_MESSAGE_QUEUE_H
+#define VEMK_WORKER_MESSAGE_QUEUE_H
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include "worker/buffer_info.h"
+
+namespace vemk {
+
+/// A first-in first-out queue of whole messages from one producing to one consuming thread, with a
+/// hook that runs after every push so that the consumer can be woken without polling.
+///
+/// Threading: every operation may be called from any thread; `lock` guards `items` and every call
+///   and change of `notify`. `notify` runs on the pushing thread under `lock`, so it must not touch
+///   this queue. No other lock may be taken while `lock` is held.
+/// Ownership: shares each buffer until it is popped; the destructor releases what is left.
+/// Errors: a mutex that cannot be locked throws std::system_error; storage that cannot grow throws
+///   std::bad_alloc. In both cases the queue is unchanged.
+struct message_queue_t {
+  /// Never waits for anything; the do-nothing function when nobody listens.
+  std::function<void()> notify;
+  std::deque<std::shared_ptr<buffer_info_t>> items;
+  std::mutex lock;
+
+  message_queue_t();
+
+  message_queue_t(const message_queue_t &) = delete;
+  message_queue_t &operator=(const message_queue_t &) = delete;
+
+  /// Appends the item, then calls `notify` if it holds a target.
+  void push(const std::shared_ptr<buffer_info_t> &item);
+
+  /// Removes and returns the front item; a null pointer at once when there is none.
+  std::shared_ptr<buffer_info_t> try_pop();
+
+  /// Removes the front item, if there is one, and calls `handler` with it after `lock` has been
+  /// released. Returns whether there was one. An item taken for an empty handler is lost and
+  /// std::bad_function_call thrown.
+  bool take(const std::function<void(std::shared_ptr<buffer_info_t>)> &handler);
+
+  /// Replaces `notify`. After the return the old target is neither running nor called again.
+  void set_notify(std::function<void()> callback);
+
+  /// Replaces `notify` by the function that does nothing.
+  void reset_notify();
+};
+
+} // namespace vemk
+
+#endif

@@ -1,0 +1,432 @@
+#include "worker/abstract_worker.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <pthread.h>
+#include <stdexcept>
+#include <string>
+#include <sys/prctl.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fakes/fake_libc.h"
+#include "fakes/fake_log.h"
+#include "log/log_module.h"
+
+namespace vemk {
+
+namespace {
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr std::int32_t restart_pause = 300000;
+
+/// Records its operations; each does what the test gave for it.
+class recording_worker : public abstract_worker {
+public:
+  using abstract_worker::abstract_worker;
+
+  bool init() override {
+    note(running ? "init while running" : "init");
+    return on_init();
+  }
+
+  bool run_once() override {
+    note("run_once");
+    return on_run_once();
+  }
+
+  void deinit() override {
+    note(running ? "deinit while running" : "deinit");
+    on_deinit();
+  }
+
+  bool keep_running(const bool *flag) override {
+    flags.push_back(flag);
+    return on_keep_running(flag);
+  }
+
+  /// A loop that does not end as expected must not fill the memory with its record.
+  void note(const std::string &event) {
+    if (events.size() == 10000)
+      _exit(3);
+    events.push_back(event);
+  }
+
+  void stop_running() { running = false; }
+  bool is_running() const { return running; }
+  bool was_started() const { return started; }
+  bool has_thread() const { return thread.joinable(); }
+  timer_service &service() { return timers; }
+
+  std::function<bool()> on_init = [] { return true; };
+  std::function<bool()> on_run_once = [] { return false; };
+  std::function<void()> on_deinit = [] {};
+  std::function<bool(const bool *)> on_keep_running = [](const bool *flag) { return *flag; };
+  std::vector<std::string> events;
+  std::vector<const bool *> flags;
+};
+
+/// Sleeps are recorded with the operations, and the worker's thread ends in its last restart pause:
+/// the loop has no end of its own.
+class AbstractWorkerTest : public testing::Test {
+protected:
+  AbstractWorkerTest() {
+    fake_libc::reset();
+    fake_log::clear();
+    make_worker(100000);
+  }
+
+  ~AbstractWorkerTest() override { fake_libc::reset(); }
+
+  void make_worker(std::int32_t step_pause) {
+    worker = std::make_unique<recording_worker>(&run_flag, "recording", step_pause, restart_pause);
+  }
+
+  /// The worker's operations and sleeps over this many rounds of its loop.
+  std::vector<std::string> events_of(int rounds) {
+    int rounds_left = rounds;
+    fake_libc::on_sleep([&](std::int64_t sleep_us) {
+      worker->note("sleep " + std::to_string(sleep_us));
+      if (sleep_us == restart_pause && --rounds_left == 0)
+        pthread_exit(nullptr);
+    });
+    worker->start();
+    worker->join();
+    return worker->events;
+  }
+
+  /// run_once() that returns `result` and restarts the worker in its call number `last`.
+  std::function<bool()> steps(int last, bool result) {
+    return [this, last, result, count = 0]() mutable {
+      if (++count == last) {
+        count = 0;
+        worker->stop_running();
+      }
+      return result;
+    };
+  }
+
+  bool run_flag = true;
+  std::unique_ptr<recording_worker> worker;
+};
+
+class AbstractWorkerDeathTest : public AbstractWorkerTest {
+protected:
+  AbstractWorkerDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+  /// For the child process: standard output goes where the test can match it, and exit() is the
+  /// real one.
+  void run_in_child() {
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    fake_libc::let_exit_end_the_process();
+    worker->start();
+    worker->join();
+  }
+
+  void tell_deinit() {
+    worker->on_deinit = [] { fputs("deinit called\n", stderr); };
+  }
+};
+
+} // namespace
+
+TEST_F(AbstractWorkerTest, NewWorkerHasNoThreadAndHasDoneNothing) {
+  EXPECT_FALSE(worker->was_started());
+  EXPECT_FALSE(worker->is_running());
+  EXPECT_FALSE(worker->has_thread());
+  EXPECT_THAT(worker->events, IsEmpty());
+}
+
+TEST_F(AbstractWorkerTest, UsualPausesAreATenthAndThreeTenthsOfASecond) {
+  EXPECT_EQ(100000, abstract_worker::usual_step_pause_us);
+  EXPECT_EQ(300000, abstract_worker::usual_restart_pause_us);
+}
+
+TEST_F(AbstractWorkerTest, ConstructionMakesATimerServiceOfTheConfiguredLevel) {
+  fake_libc::reset();
+  g_log_level = 0x08;
+  make_worker(0);
+  EXPECT_EQ(1, fake_libc::clock_reads());
+  fake_libc::script_readings({999, 1000});
+  worker->service().run_expired();
+  g_log_level = 0;
+  EXPECT_THAT(
+      fake_log::messages("timers"),
+      ElementsAre("time_monotonic: Time error, need restart, expired [999] [1000] cnt 0\n"));
+}
+
+TEST_F(AbstractWorkerTest, DestructionReleasesPendingTimers) {
+  const auto token = std::make_shared<int>();
+  worker->service().add_timer([token] {}, 0, 60);
+  worker.reset();
+  EXPECT_EQ(1, token.use_count());
+}
+
+TEST_F(AbstractWorkerTest, FailingInitTearsDownAndPausesBeforeTheNextTry) {
+  worker->on_init = [] { return false; };
+  EXPECT_THAT(events_of(3), ElementsAre("init", "deinit", "sleep 300000", "init", "deinit",
+                                        "sleep 300000", "init", "deinit", "sleep 300000"));
+  EXPECT_THAT(worker->flags, IsEmpty());
+}
+
+TEST_F(AbstractWorkerTest, FalseRunFlagGivesACycleWithoutSteps) {
+  run_flag = false;
+  EXPECT_THAT(events_of(2), ElementsAre("init", "deinit while running", "sleep 300000", "init",
+                                        "deinit while running", "sleep 300000"));
+  EXPECT_THAT(worker->flags, ElementsAre(&run_flag, &run_flag));
+}
+
+TEST_F(AbstractWorkerTest, StepsThatReturnFalseRunBackToBack) {
+  worker->on_run_once = steps(3, false);
+  EXPECT_THAT(events_of(1),
+              ElementsAre("init", "run_once", "run_once", "run_once", "deinit", "sleep 300000"));
+}
+
+TEST_F(AbstractWorkerTest, StepsThatReturnTrueAreFollowedByTheStepPause) {
+  worker->on_run_once = steps(2, true);
+  EXPECT_THAT(events_of(1), ElementsAre("init", "run_once", "sleep 100000", "run_once",
+                                        "sleep 100000", "deinit", "sleep 300000"));
+}
+
+TEST_F(AbstractWorkerTest, EveryStepDecidesAboutItsOwnPause) {
+  worker->on_run_once = [this, count = 0]() mutable {
+    ++count;
+    if (count == 3)
+      worker->stop_running();
+    return count == 2;
+  };
+  EXPECT_THAT(events_of(1), ElementsAre("init", "run_once", "run_once", "sleep 100000", "run_once",
+                                        "deinit", "sleep 300000"));
+}
+
+TEST_F(AbstractWorkerTest, StepPauseOfOneMicrosecondIsAPause) {
+  make_worker(1);
+  worker->on_run_once = steps(1, true);
+  EXPECT_THAT(events_of(1), ElementsAre("init", "run_once", "sleep 1", "deinit", "sleep 300000"));
+}
+
+TEST_F(AbstractWorkerTest, StepPauseOfZeroOrLessIsNone) {
+  for (const std::int32_t pause : {0, -1, -2147483647 - 1}) {
+    make_worker(pause);
+    worker->on_run_once = steps(2, true);
+    EXPECT_THAT(events_of(1), ElementsAre("init", "run_once", "run_once", "deinit", "sleep 300000"))
+        << pause;
+  }
+}
+
+TEST_F(AbstractWorkerTest, KeepRunningIsAskedWithTheRunFlagBeforeEveryStep) {
+  int asked = 0;
+  worker->on_keep_running = [&](const bool *) {
+    worker->note("keep_running");
+    return ++asked <= 2;
+  };
+  EXPECT_THAT(events_of(1),
+              ElementsAre("init", "keep_running", "run_once", "keep_running", "run_once",
+                          "keep_running", "deinit while running", "sleep 300000"));
+  EXPECT_THAT(worker->flags, ElementsAre(&run_flag, &run_flag, &run_flag));
+}
+
+TEST_F(AbstractWorkerTest, RunFlagMayBeNullWhereKeepRunningIgnoresIt) {
+  worker = std::make_unique<recording_worker>(nullptr, "recording", 0, restart_pause);
+  worker->on_keep_running = [](const bool *) { return false; };
+  events_of(1);
+  EXPECT_THAT(worker->flags, ElementsAre(nullptr));
+}
+
+TEST_F(AbstractWorkerTest, ClearedRunFlagEndsTheStepsAfterTheCurrentOne) {
+  worker->on_run_once = [this] {
+    run_flag = false;
+    return true;
+  };
+  EXPECT_THAT(events_of(1), ElementsAre("init", "run_once", "sleep 100000", "deinit while running",
+                                        "sleep 300000"));
+}
+
+TEST_F(AbstractWorkerTest, StepThatClearsRunningForcesARestartWithoutAnotherQuestion) {
+  worker->on_run_once = steps(1, false);
+  EXPECT_THAT(events_of(2), ElementsAre("init", "run_once", "deinit", "sleep 300000", "init",
+                                        "run_once", "deinit", "sleep 300000"));
+  EXPECT_EQ(2u, worker->flags.size());
+}
+
+TEST_F(AbstractWorkerTest, RunningIsTheResultOfInitAndIsClearedAfterTheRestartPause) {
+  bool running_in_step = false;
+  worker->on_run_once = [&] {
+    running_in_step = worker->is_running();
+    run_flag = false;
+    return false;
+  };
+  EXPECT_THAT(events_of(2), ElementsAre("init", "run_once", "deinit while running", "sleep 300000",
+                                        "init", "deinit while running", "sleep 300000"));
+  EXPECT_TRUE(running_in_step);
+  EXPECT_TRUE(worker->is_running());
+}
+
+TEST_F(AbstractWorkerTest, InitIsTriedAnewUntilItSucceeds) {
+  worker->on_init = [count = 0]() mutable { return ++count == 2; };
+  worker->on_run_once = steps(1, false);
+  EXPECT_THAT(events_of(2), ElementsAre("init", "deinit", "sleep 300000", "init", "run_once",
+                                        "deinit", "sleep 300000"));
+}
+
+TEST_F(AbstractWorkerTest, OperationsRunOnTheWorkersOwnThread) {
+  std::vector<pthread_t> threads;
+  const auto note = [&] { threads.push_back(pthread_self()); };
+  worker->on_init = [&] {
+    note();
+    return true;
+  };
+  worker->on_run_once = [&] {
+    note();
+    worker->stop_running();
+    return false;
+  };
+  worker->on_keep_running = [&](const bool *) {
+    note();
+    return true;
+  };
+  worker->on_deinit = note;
+  events_of(1);
+  ASSERT_EQ(4u, threads.size());
+  for (const pthread_t thread : threads) {
+    EXPECT_TRUE(pthread_equal(threads.front(), thread));
+    EXPECT_FALSE(pthread_equal(pthread_self(), thread));
+  }
+}
+
+TEST_F(AbstractWorkerTest, ThreadCarriesTheWorkersNameCutTo15Characters) {
+  const std::pair<std::string, std::string> names[] = {
+      {"ipc", "ipc"},
+      {"websock-roaming", "websock-roaming"},
+      {"websock-roaming-2", "websock-roaming"},
+      {"", ""},
+  };
+  for (const auto &[given, expected] : names) {
+    worker = std::make_unique<recording_worker>(&run_flag, given, 0, restart_pause);
+    char thread_name[16] = "unread";
+    worker->on_init = [&] {
+      prctl(PR_GET_NAME, thread_name);
+      return false;
+    };
+    events_of(1);
+    EXPECT_EQ(expected, thread_name);
+  }
+}
+
+TEST_F(AbstractWorkerTest, StartSetsStartedAndJoinWaitsForTheThread) {
+  bool ended = false;
+  worker->on_init = [] { return false; };
+  worker->on_deinit = [&] { ended = true; };
+  events_of(1);
+  EXPECT_TRUE(worker->was_started());
+  EXPECT_TRUE(ended);
+  EXPECT_FALSE(worker->has_thread());
+}
+
+TEST_F(AbstractWorkerTest, JoinOfAWorkerThatWasNeverStartedReturnsAtOnce) {
+  worker->join();
+  worker->join();
+  EXPECT_THAT(worker->events, IsEmpty());
+}
+
+TEST_F(AbstractWorkerDeathTest, ExceptionOfAStepEndsTheProcessWithAMessageAndNoTearDown) {
+  worker->on_run_once = []() -> bool { throw std::runtime_error("step"); };
+  tell_deinit();
+  EXPECT_EXIT(run_in_child(), testing::ExitedWithCode(255),
+              AllOf(HasSubstr("Unhandled exception at worker 'recording'\n"),
+                    Not(HasSubstr("deinit called"))));
+}
+
+TEST_F(AbstractWorkerDeathTest, AnyThrownTypeIsCaughtInAStep) {
+  worker->on_run_once = []() -> bool { throw 42; };
+  tell_deinit();
+  EXPECT_EXIT(run_in_child(), testing::ExitedWithCode(255),
+              AllOf(HasSubstr("Unhandled exception at worker 'recording'\n"),
+                    Not(HasSubstr("deinit called"))));
+}
+
+TEST_F(AbstractWorkerDeathTest, ExceptionOfTheStepPauseCountsAsTheSteps) {
+  worker->on_run_once = [] { return true; };
+  tell_deinit();
+  fake_libc::on_sleep([](std::int64_t) { throw std::runtime_error("pause"); });
+  EXPECT_EXIT(run_in_child(), testing::ExitedWithCode(255),
+              AllOf(HasSubstr("Unhandled exception at worker 'recording'\n"),
+                    Not(HasSubstr("deinit called"))));
+}
+
+TEST_F(AbstractWorkerDeathTest, MessageDoesNotGoThroughTheLog) {
+  worker->on_run_once = []() -> bool { throw std::runtime_error("step"); };
+  g_log_level = 0xFFFF;
+  EXPECT_EXIT(
+      {
+        atexit([] {
+          for (const std::string &line : fake_log::lines())
+            fprintf(stderr, "logged %s", line.c_str());
+        });
+        run_in_child();
+      },
+      testing::ExitedWithCode(255), Not(HasSubstr("logged")));
+  g_log_level = 0;
+}
+
+TEST_F(AbstractWorkerDeathTest, ExceptionOfInitTerminatesWithoutTheMessage) {
+  worker->on_init = []() -> bool { throw std::runtime_error("init"); };
+  EXPECT_EXIT(run_in_child(), testing::KilledBySignal(SIGABRT), Not(HasSubstr("Unhandled")));
+}
+
+TEST_F(AbstractWorkerDeathTest, ExceptionOfKeepRunningTerminatesWithoutTheMessage) {
+  worker->on_keep_running = [](const bool *) -> bool { throw std::runtime_error("keep_running"); };
+  EXPECT_EXIT(run_in_child(), testing::KilledBySignal(SIGABRT), Not(HasSubstr("Unhandled")));
+}
+
+TEST_F(AbstractWorkerDeathTest, ExceptionOfDeinitTerminatesWithoutTheMessage) {
+  worker->on_init = [] { return false; };
+  worker->on_deinit = [] { throw std::runtime_error("deinit"); };
+  EXPECT_EXIT(run_in_child(), testing::KilledBySignal(SIGABRT), Not(HasSubstr("Unhandled")));
+}
+
+TEST_F(AbstractWorkerDeathTest, ExceptionOfTheRestartPauseTerminatesWithoutTheMessage) {
+  worker->on_init = [] { return false; };
+  fake_libc::on_sleep([](std::int64_t) { throw std::runtime_error("pause"); });
+  EXPECT_EXIT(run_in_child(), testing::KilledBySignal(SIGABRT), Not(HasSubstr("Unhandled")));
+}
+
+TEST_F(AbstractWorkerDeathTest, DestructionOfAStartedUnjoinedWorkerTerminates) {
+  worker->on_init = [] {
+    pause();
+    return false;
+  };
+  EXPECT_EXIT(
+      {
+        worker->start();
+        worker.reset();
+      },
+      testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(AbstractWorkerDeathTest, SecondStartTerminates) {
+  worker->on_init = [] {
+    pause();
+    return false;
+  };
+  EXPECT_EXIT(
+      {
+        worker->start();
+        worker->start();
+      },
+      testing::KilledBySignal(SIGABRT), "");
+}
+
+} // namespace vemk

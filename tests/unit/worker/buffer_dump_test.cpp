@@ -1,0 +1,304 @@
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fakes/fake_log.h"
+#include "fakes/fake_memory.h"
+#include "log/log_module.h"
+#include "worker/buffer_info.h"
+
+namespace vemk {
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+const std::string heading = "Buffer info dump:\n";
+const std::string skip_notice = "\t....part of message are skipped...\n";
+
+std::string hex(const std::string &bytes) {
+  std::string text;
+  for (const char byte : bytes) {
+    char column[16];
+    snprintf(column, sizeof column, "%02X ", static_cast<unsigned>(static_cast<signed char>(byte)));
+    text += column;
+  }
+  return text;
+}
+
+std::string full_line(const std::string &bytes) {
+  return "\t" + hex(bytes) + "    " + bytes + "\n";
+}
+
+std::string last_line(const std::string &bytes) {
+  return "\t" + hex(bytes) + std::string((32 - bytes.size()) * 3, ' ') + "    " + bytes + "\n";
+}
+
+/// What the log shows of bytes that are listed in full and hold no "%" and no NUL.
+std::string plain_listing(const std::string &bytes) {
+  std::string text = heading;
+  std::size_t at = 0;
+  for (; at + 32 <= bytes.size(); at += 32)
+    text += full_line(bytes.substr(at, 32));
+  return at < bytes.size() ? text + last_line(bytes.substr(at)) : text;
+}
+
+/// `count` lines of 32 bytes, each of which tells its index.
+std::string numbered_lines(int count) {
+  std::string bytes;
+  for (int line = 0; line < count; ++line) {
+    std::string text = "line " + std::to_string(line) + " of a long message";
+    text.resize(32, '.');
+    bytes += text;
+  }
+  return bytes;
+}
+
+std::string numbered_listing(int first, int last) {
+  std::string text;
+  const std::string bytes = numbered_lines(last + 1);
+  for (int line = first; line <= last; ++line)
+    text += full_line(bytes.substr(static_cast<std::size_t>(line) * 32, 32));
+  return text;
+}
+
+class BufferDumpTest : public testing::Test {
+protected:
+  BufferDumpTest() {
+    fake_log::clear();
+    fake_memory::reset();
+    g_log_level = 0x08;
+  }
+
+  ~BufferDumpTest() override {
+    fake_memory::reset();
+    g_log_level = 0;
+  }
+
+  /// What the log shows of these bytes: one debug line's message.
+  static std::string dumped(const std::string &bytes) {
+    fake_log::clear();
+    buffer_info_t buffer;
+    buffer.append(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+    buffer.dump();
+    const std::vector<std::string> messages = fake_log::messages("buffer-info");
+    EXPECT_THAT(messages, SizeIs(1));
+    return messages.empty() ? "" : messages.front();
+  }
+
+  /// The character column of a message shorter than a line.
+  static std::string characters(const std::string &bytes) {
+    const std::string text = dumped(bytes);
+    const std::string start =
+        heading + "\t" + hex(bytes) + std::string((32 - bytes.size()) * 3, ' ') + "    ";
+    EXPECT_EQ(start, text.substr(0, start.size()));
+    return text.substr(std::min(start.size(), text.size()));
+  }
+};
+
+} // namespace
+
+TEST_F(BufferDumpTest, EmptyBufferIsTheHeadingAlone) {
+  const buffer_info_t never_filled;
+  never_filled.dump();
+  EXPECT_THAT(fake_log::lines(),
+              ElementsAre("|" + std::to_string(getpid()) + "|buffer-info> Buffer info dump:\n"));
+  EXPECT_EQ("Buffer info dump:\n", dumped(""));
+}
+
+TEST_F(BufferDumpTest, OneByteIsPaddedToTheCharacterColumn) {
+  EXPECT_EQ("Buffer info dump:\n\t41 " + std::string(93, ' ') + "    A\n", dumped("A"));
+}
+
+TEST_F(BufferDumpTest, ThirtyOneBytesArePaddedByOneColumn) {
+  const std::string bytes(31, 'z');
+  std::string columns;
+  for (int i = 0; i < 31; ++i)
+    columns += "7A ";
+  EXPECT_EQ("Buffer info dump:\n\t" + columns + "   " + "    " + bytes + "\n", dumped(bytes));
+}
+
+TEST_F(BufferDumpTest, ThirtyTwoBytesAreOneFullLine) {
+  EXPECT_EQ("Buffer info dump:\n"
+            "\t30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66 30 31 32 33 34 35 36 37 38 39 61 62 "
+            "63 64 65 66     0123456789abcdef0123456789abcdef\n",
+            dumped("0123456789abcdef0123456789abcdef"));
+}
+
+TEST_F(BufferDumpTest, ThirtyThreeBytesAddAPaddedLine) {
+  EXPECT_EQ("Buffer info dump:\n"
+            "\t30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66 30 31 32 33 34 35 36 37 38 39 61 62 "
+            "63 64 65 66     0123456789abcdef0123456789abcdef\n"
+            "\t21 " +
+                std::string(93, ' ') + "    !\n",
+            dumped("0123456789abcdef0123456789abcdef!"));
+}
+
+TEST_F(BufferDumpTest, FourHundredLinesAreListedInFull) {
+  EXPECT_EQ(heading + numbered_listing(0, 399), dumped(numbered_lines(400)));
+  EXPECT_EQ(heading + numbered_listing(0, 399) + last_line("rest"),
+            dumped(numbered_lines(400) + "rest"));
+}
+
+TEST_F(BufferDumpTest, FourHundredAndOneLinesSkipTheMiddle) {
+  EXPECT_EQ(heading + numbered_listing(0, 49) + skip_notice + numbered_listing(352, 400),
+            dumped(numbered_lines(401)));
+}
+
+TEST_F(BufferDumpTest, RemainderFollowsTheLastLinesOfALongMessage) {
+  EXPECT_EQ(heading + numbered_listing(0, 49) + skip_notice + numbered_listing(352, 400) +
+                last_line("the rest"),
+            dumped(numbered_lines(401) + "the rest"));
+}
+
+TEST_F(BufferDumpTest, VeryLongMessageStillShowsItsEnds) {
+  EXPECT_EQ(heading + numbered_listing(0, 49) + skip_notice + numbered_listing(32719, 32767),
+            dumped(numbered_lines(32768)));
+}
+
+TEST_F(BufferDumpTest, HighBytesTakeNineColumnsAndShiftTheCharacters) {
+  EXPECT_EQ("Buffer info dump:\n\tFFFFFFC3 FFFFFF80 FFFFFFFF 7F " + std::string(28 * 3, ' ') +
+                "    \xC3\x80\xFF\x7F\n",
+            dumped("\xC3\x80\xFF\x7F"));
+}
+
+// Nine columns a byte exceed what three columns a byte would leave room for.
+TEST_F(BufferDumpTest, MessageOfHighBytesStaysInItsBlock) {
+  for (const std::size_t size : {1u, 31u, 32u, 33u, 400u * 32u, 400u * 32u + 31u}) {
+    const std::string bytes(size, '\xFF');
+    EXPECT_EQ(plain_listing(bytes), dumped(bytes)) << size;
+  }
+}
+
+TEST_F(BufferDumpTest, ControlAndHighBytesAreShownUnfiltered) {
+  std::string bytes;
+  for (int byte = 1; byte < 256; ++byte) {
+    if (byte != '%')
+      bytes += static_cast<char>(byte);
+  }
+  EXPECT_EQ(plain_listing(bytes), dumped(bytes));
+}
+
+TEST_F(BufferDumpTest, NulByteEndsTheEmittedText) {
+  const std::string bytes("ab\0cd", 5);
+  EXPECT_EQ(heading + "\t61 62 00 63 64 " + std::string(27 * 3, ' ') + "    ab", dumped(bytes));
+}
+
+TEST_F(BufferDumpTest, NulByteInAnEarlierLineHidesTheLaterLines) {
+  std::string bytes(100, 'x');
+  bytes[40] = '\0';
+  EXPECT_EQ(heading + full_line(std::string(32, 'x')) + "\t" + hex(bytes.substr(32, 32)) + "    " +
+                std::string(8, 'x'),
+            dumped(bytes));
+}
+
+TEST_F(BufferDumpTest, PercentSignsNeverActAsConversions) {
+  for (const std::string text :
+       {"%n", "%s", "%d", "%s%s%s%s%s%s%n", "a%nb", "%1$n", "%hhn", "%*d", "%.999999999d", "%c%",
+        "%", "a%", "% %", "%-%", "100% sure", "%m", "%lln%lln", "%5$s"})
+    EXPECT_EQ(text + "\n", characters(text)) << text;
+}
+
+TEST_F(BufferDumpTest, PairOfPercentSignsComesOutAsOne) {
+  const struct {
+    const char *bytes;
+    const char *shown;
+  } cases[] = {{"%%", "%\n"},       {"%%%", "%%\n"},   {"%%%%", "%%\n"},  {"%%%%%", "%%%\n"},
+               {"a%%b", "a%b\n"},   {"%%n", "%n\n"},   {"%%%n", "%%n\n"}, {"%%s%s", "%s%s\n"},
+               {"%n%%n", "%n%n\n"}, {"%% %", "% %\n"}, {"a%%", "a%\n"}};
+  for (const auto &pair : cases)
+    EXPECT_EQ(pair.shown, characters(pair.bytes)) << pair.bytes;
+}
+
+TEST_F(BufferDumpTest, PercentSignAtTheEndOfALineStandsForItself) {
+  const std::string line = std::string(31, 'x') + "%";
+  EXPECT_EQ(heading + full_line(line), dumped(line));
+  EXPECT_EQ(heading + full_line(line) + last_line("n"), dumped(line + "n"));
+}
+
+// The line end stands between them in the listing, so they are no pair there.
+TEST_F(BufferDumpTest, PercentSignsOnBothSidesOfALineEndAreNoPair) {
+  const std::string line = std::string(31, 'x') + "%";
+  EXPECT_EQ(heading + full_line(line) + last_line("%n"), dumped(line + "%n"));
+}
+
+TEST_F(BufferDumpTest, PercentSignBeforeANulStandsForItself) {
+  const std::string start = heading + "\t61 25 00 6E " + std::string(28 * 3, ' ') + "    ";
+  EXPECT_EQ(start + "a%", dumped(std::string("a%\0n", 4)));
+  EXPECT_EQ(heading + "\t25 25 00 " + std::string(29 * 3, ' ') + "    %",
+            dumped(std::string("%%\0", 3)));
+}
+
+TEST_F(BufferDumpTest, MessageOfSinglePercentSignsStaysInItsBlock) {
+  std::string bytes;
+  for (int i = 0; i < 400 * 16; ++i)
+    bytes += "%\xFF";
+  EXPECT_EQ(plain_listing(bytes), dumped(bytes));
+}
+
+TEST_F(BufferDumpTest, MessageOfPercentSignsShowsHalfOfThem) {
+  const std::string bytes(64, '%');
+  const std::string line = "\t" + hex(std::string(32, '%')) + "    " + std::string(16, '%') + "\n";
+  EXPECT_EQ(heading + line + line, dumped(bytes));
+}
+
+TEST_F(BufferDumpTest, DumpIsOfTheDebugCategory) {
+  g_log_level = 0xFFFFFFF7;
+  buffer_info_t buffer;
+  buffer.append("abc", 3);
+  buffer.dump();
+  EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(BufferDumpTest, ListingIsBuiltWhateverTheMask) {
+  g_log_level = 0;
+  buffer_info_t buffer;
+  buffer.append("abc", 3);
+  buffer.dump();
+  EXPECT_THAT(fake_memory::calloc_sizes(), SizeIs(1));
+}
+
+TEST_F(BufferDumpTest, NoMemoryForTheListingMeansNoLine) {
+  buffer_info_t buffer;
+  buffer.append("abc", 3);
+  fake_memory::refuse_calloc();
+  buffer.dump();
+  EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(BufferDumpTest, DumpLeavesTheBufferAlone) {
+  buffer_info_t buffer;
+  buffer.append("a%n", 3);
+  const std::uint8_t *const before = buffer.data;
+  buffer.dump();
+  EXPECT_EQ(before, buffer.data);
+  EXPECT_EQ(3u, buffer.length);
+  EXPECT_STREQ("a%n", reinterpret_cast<const char *>(buffer.data));
+}
+
+// The length counts as signed: from 2^31 on no line is listed, whatever the buffer holds.
+TEST_F(BufferDumpTest, LengthBeyond31BitsListsNoByte) {
+  buffer_info_t buffer;
+  buffer.append("abc", 3);
+  for (const std::uint32_t length : {0x80000000u, 0x80000001u, 0xC0000000u, 0xFFFFFF00u}) {
+    buffer.length = length;
+    buffer.dump();
+    EXPECT_THAT(fake_log::lines(), IsEmpty()) << length;
+  }
+  for (const std::uint32_t length : {0xFFFFFFFFu, 0xFFFFFFE1u, 0xFFFFFFE0u}) {
+    fake_log::clear();
+    buffer.length = length;
+    buffer.dump();
+    EXPECT_THAT(fake_log::messages("buffer-info"), ElementsAre(heading)) << length;
+  }
+  buffer.length = 3;
+}
+
+} // namespace vemk

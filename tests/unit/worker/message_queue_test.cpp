@@ -1,0 +1,364 @@
+#include "worker/message_queue.h"
+
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fakes/fake_memory.h"
+#include "fakes/fake_mutex.h"
+
+namespace vemk {
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using item_t = std::shared_ptr<buffer_info_t>;
+
+item_t message(const std::string &text) {
+  item_t item = std::make_shared<buffer_info_t>();
+  item->append(text.data(), static_cast<std::uint32_t>(text.size()));
+  return item;
+}
+
+std::string text_of(const item_t &item) {
+  return item ? reinterpret_cast<const char *>(item->data) : "nothing";
+}
+
+int error_of(const std::function<void()> &operation) {
+  try {
+    operation();
+  } catch (const std::system_error &error) {
+    return error.code().value();
+  }
+  return 0;
+}
+
+class MessageQueueTest : public testing::Test {
+protected:
+  message_queue_t queue;
+};
+
+} // namespace
+
+TEST_F(MessageQueueTest, NewQueueIsEmptyAndHoldsADoNothingNotify) {
+  EXPECT_TRUE(queue.items.empty());
+  ASSERT_TRUE(queue.notify);
+  queue.notify();
+  EXPECT_TRUE(queue.items.empty());
+}
+
+TEST_F(MessageQueueTest, EmptyQueueReportsNothingAndStaysAsItIs) {
+  EXPECT_EQ(nullptr, queue.try_pop());
+  EXPECT_FALSE(queue.take([](const item_t &) { ADD_FAILURE() << "called"; }));
+  queue.push(message("a"));
+  EXPECT_EQ("a", text_of(queue.try_pop()));
+  EXPECT_EQ(nullptr, queue.try_pop());
+}
+
+TEST_F(MessageQueueTest, PushSharesTheBuffer) {
+  const item_t item = message("a");
+  queue.push(item);
+  EXPECT_EQ(2, item.use_count());
+  EXPECT_EQ(1u, queue.items.size());
+  EXPECT_EQ(item, queue.items.front());
+}
+
+TEST_F(MessageQueueTest, PopHandsTheShareOver) {
+  const item_t item = message("a");
+  queue.push(item);
+  item_t popped = queue.try_pop();
+  EXPECT_EQ(item, popped);
+  EXPECT_EQ(2, item.use_count());
+  popped.reset();
+  EXPECT_EQ(1, item.use_count());
+}
+
+TEST_F(MessageQueueTest, ItemsLeaveInTheirOrderAcrossTheBlocksOfTheContainer) {
+  for (int i = 0; i < 1000; ++i)
+    queue.push(message(std::to_string(i)));
+  for (int i = 0; i < 1000; ++i)
+    ASSERT_EQ(std::to_string(i), text_of(queue.try_pop()));
+  EXPECT_EQ(nullptr, queue.try_pop());
+}
+
+TEST_F(MessageQueueTest, OrderHoldsWhilePushesAndPopsAlternate) {
+  int pushed = 0;
+  int popped = 0;
+  for (int round = 0; round < 200; ++round) {
+    for (int i = 0; i < 3; ++i)
+      queue.push(message(std::to_string(pushed++)));
+    for (int i = 0; i < 2; ++i)
+      ASSERT_EQ(std::to_string(popped++), text_of(queue.try_pop()));
+  }
+  EXPECT_EQ(200u, queue.items.size());
+}
+
+TEST_F(MessageQueueTest, BufferOutlivesItsProducersShare) {
+  item_t item = message("a");
+  const std::weak_ptr<buffer_info_t> watch = item;
+  queue.push(item);
+  item.reset();
+  EXPECT_FALSE(watch.expired());
+  item = queue.try_pop();
+  EXPECT_EQ("a", text_of(item));
+  item.reset();
+  EXPECT_TRUE(watch.expired());
+}
+
+TEST_F(MessageQueueTest, NotifyRunsOnceForEveryPushAfterTheItemIsStored) {
+  std::vector<std::size_t> sizes;
+  queue.set_notify([&] { sizes.push_back(queue.items.size()); });
+  queue.push(message("a"));
+  queue.push(message("b"));
+  queue.try_pop();
+  queue.take([](const item_t &) {});
+  queue.push(message("c"));
+  EXPECT_THAT(sizes, ElementsAre(1, 2, 1));
+}
+
+TEST_F(MessageQueueTest, NotifyRunsUnderTheLockOnThePushingThread) {
+  bool held = false;
+  std::thread::id caller;
+  queue.set_notify([&] {
+    held = fake_mutex::is_held(queue.lock);
+    caller = std::this_thread::get_id();
+  });
+  std::thread::id producer_id;
+  std::thread producer([&] {
+    producer_id = std::this_thread::get_id();
+    queue.push(message("a"));
+  });
+  producer.join();
+  EXPECT_TRUE(held);
+  EXPECT_EQ(producer_id, caller);
+  EXPECT_FALSE(fake_mutex::is_held(queue.lock));
+}
+
+TEST_F(MessageQueueTest, NotifyWithoutATargetIsSkipped) {
+  queue.set_notify(nullptr);
+  queue.push(message("a"));
+  EXPECT_EQ("a", text_of(queue.try_pop()));
+}
+
+TEST_F(MessageQueueTest, ReplacedNotifyIsReleasedAndNoLongerCalled) {
+  const auto old_target = std::make_shared<int>(0);
+  int calls = 0;
+  queue.set_notify([old_target] { ++*old_target; });
+  queue.push(message("a"));
+  queue.set_notify([&] { ++calls; });
+  EXPECT_EQ(1, old_target.use_count());
+  queue.push(message("b"));
+  EXPECT_EQ(1, *old_target);
+  EXPECT_EQ(1, calls);
+}
+
+TEST_F(MessageQueueTest, ResetNotifyReleasesTheTargetAndHoldsTheDoNothingFunction) {
+  const auto target = std::make_shared<int>(0);
+  queue.set_notify([target] { ++*target; });
+  queue.reset_notify();
+  EXPECT_EQ(1, target.use_count());
+  EXPECT_TRUE(queue.notify);
+  queue.push(message("a"));
+  EXPECT_EQ(0, *target);
+  EXPECT_EQ("a", text_of(queue.try_pop()));
+}
+
+TEST_F(MessageQueueTest, SetNotifyTakesTheLock) {
+  fake_mutex::watch(queue.lock);
+  queue.set_notify([] {});
+  EXPECT_EQ(1, fake_mutex::locks());
+  queue.reset_notify();
+  EXPECT_EQ(2, fake_mutex::locks());
+}
+
+TEST_F(MessageQueueTest, ExceptionOfNotifyLeavesTheItemStoredAndTheLockFree) {
+  queue.set_notify([] { throw std::runtime_error("notify"); });
+  EXPECT_THROW(queue.push(message("a")), std::runtime_error);
+  EXPECT_FALSE(fake_mutex::is_held(queue.lock));
+  EXPECT_EQ("a", text_of(queue.try_pop()));
+}
+
+TEST_F(MessageQueueTest, TakeGivesTheFrontItemToTheHandler) {
+  queue.push(message("a"));
+  queue.push(message("b"));
+  std::vector<std::string> taken;
+  const auto handler = [&](const item_t &item) { taken.push_back(text_of(item)); };
+  EXPECT_TRUE(queue.take(handler));
+  EXPECT_THAT(taken, ElementsAre("a"));
+  EXPECT_TRUE(queue.take(handler));
+  EXPECT_FALSE(queue.take(handler));
+  EXPECT_THAT(taken, ElementsAre("a", "b"));
+}
+
+TEST_F(MessageQueueTest, HandlerRunsWithoutTheLockAndMayUseTheQueue) {
+  queue.push(message("a"));
+  bool held = true;
+  EXPECT_TRUE(queue.take([&](const item_t &item) {
+    held = fake_mutex::is_held(queue.lock);
+    EXPECT_TRUE(queue.items.empty());
+    queue.push(item);
+  }));
+  EXPECT_FALSE(held);
+  EXPECT_EQ("a", text_of(queue.try_pop()));
+}
+
+TEST_F(MessageQueueTest, ItemIsReleasedAfterTheHandlerUnlessItKeepsIt) {
+  const item_t item = message("a");
+  item_t kept;
+  queue.push(item);
+  queue.take([](const item_t &) {});
+  EXPECT_EQ(1, item.use_count());
+  queue.push(item);
+  queue.take([&](const item_t &taken) { kept = taken; });
+  EXPECT_EQ(2, item.use_count());
+}
+
+TEST_F(MessageQueueTest, TakeWithAnEmptyHandlerThrowsAndReleasesTheItem) {
+  const item_t item = message("a");
+  queue.push(item);
+  queue.push(message("b"));
+  EXPECT_THROW(queue.take(nullptr), std::bad_function_call);
+  EXPECT_EQ(1, item.use_count());
+  EXPECT_EQ("b", text_of(queue.try_pop()));
+}
+
+TEST_F(MessageQueueTest, EmptyHandlerDoesNotMatterWhenNothingIsTaken) {
+  EXPECT_FALSE(queue.take(nullptr));
+}
+
+TEST_F(MessageQueueTest, ExceptionOfTheHandlerReleasesTheItem) {
+  const item_t item = message("a");
+  queue.push(item);
+  EXPECT_THROW(queue.take([](const item_t &) { throw std::runtime_error("handler"); }),
+               std::runtime_error);
+  EXPECT_EQ(1, item.use_count());
+  EXPECT_EQ(nullptr, queue.try_pop());
+}
+
+TEST_F(MessageQueueTest, LockFailureIsThrownWithItsCodeAndChangesNothing) {
+  int notified = 0;
+  queue.set_notify([&] { ++notified; });
+  queue.push(message("a"));
+  fake_mutex::refuse(queue.lock, EDEADLK);
+  EXPECT_EQ(EDEADLK, error_of([this] { queue.push(message("b")); }));
+  EXPECT_EQ(EDEADLK, error_of([this] { queue.try_pop(); }));
+  EXPECT_EQ(EDEADLK, error_of([this] { queue.take([](const item_t &) {}); }));
+  EXPECT_EQ(EDEADLK, error_of([this] { queue.set_notify(nullptr); }));
+  fake_mutex::watch(queue.lock);
+  EXPECT_EQ(1, notified);
+  EXPECT_EQ(1u, queue.items.size());
+  EXPECT_TRUE(queue.notify);
+}
+
+TEST_F(MessageQueueTest, NoMemoryToGrowThrowsAndLeavesTheQueueAsItWas) {
+  int notified = 0;
+  queue.set_notify([&] { ++notified; });
+  const item_t item = message("a");
+  int pushed = 0;
+  bool threw = false;
+  while (!threw && pushed < 1000) {
+    const fake_memory::refused_new refused;
+    try {
+      queue.push(item);
+      ++pushed;
+    } catch (const std::bad_alloc &) {
+      threw = true;
+    }
+  }
+  EXPECT_TRUE(threw);
+  EXPECT_EQ(pushed, notified);
+  EXPECT_EQ(static_cast<std::size_t>(pushed), queue.items.size());
+  EXPECT_EQ(1 + pushed, item.use_count());
+  EXPECT_FALSE(fake_mutex::is_held(queue.lock));
+}
+
+TEST(MessageQueueEndTest, DestructionFreesEveryItemThenNotify) {
+  std::vector<std::string> released;
+  const auto note = [&](const std::string &text) {
+    return [&released, text](buffer_info_t *buffer) {
+      released.push_back(text);
+      delete buffer;
+    };
+  };
+  {
+    message_queue_t queue;
+    for (const std::string text : {"a", "b", "c"})
+      queue.push(item_t(new buffer_info_t, note(text)));
+    queue.set_notify([held = item_t(new buffer_info_t, note("notify"))] {});
+    EXPECT_THAT(released, IsEmpty());
+  }
+  EXPECT_THAT(released, ElementsAre("a", "b", "c", "notify"));
+}
+
+TEST(MessageQueueEndTest, ItemsHeldElsewhereOutliveTheQueue) {
+  const item_t item = message("a");
+  {
+    message_queue_t queue;
+    queue.push(item);
+  }
+  EXPECT_EQ(1, item.use_count());
+  EXPECT_EQ("a", text_of(item));
+}
+
+// One thread produces, the other one consumes and points notify at itself and away from it, as the
+// WebSocket worker does at each connection.
+TEST_F(MessageQueueTest, ProducerAndConsumerMeetWithoutLossOrRace) {
+  constexpr int count = 5000;
+  std::atomic<int> wakes{0};
+  std::thread producer([&] {
+    for (int i = 0; i < count; ++i)
+      queue.push(message(std::to_string(i)));
+  });
+  int taken = 0;
+  bool in_order = true;
+  for (int round = 0; taken < count; ++round) {
+    if (round % 2 == 0)
+      queue.set_notify([&] { ++wakes; });
+    else
+      queue.reset_notify();
+    while (queue.take([&](const item_t &item) {
+      in_order = in_order && text_of(item) == std::to_string(taken);
+      ++taken;
+    })) {
+    }
+    std::this_thread::yield();
+  }
+  producer.join();
+  EXPECT_TRUE(in_order);
+  EXPECT_EQ(nullptr, queue.try_pop());
+  EXPECT_LE(wakes, count);
+}
+
+// After reset_notify returns, what the old target used may be destroyed.
+TEST_F(MessageQueueTest, OldTargetIsNeitherRunningNorCalledAfterItsReplacement) {
+  std::atomic<bool> done{false};
+  std::thread producer([&] {
+    while (!done) {
+      queue.push(message("a"));
+      queue.try_pop();
+    }
+  });
+  for (int i = 0; i < 500; ++i) {
+    auto connection = std::make_unique<int>(0);
+    queue.set_notify([target = connection.get()] { ++*target; });
+    std::this_thread::yield();
+    queue.reset_notify();
+    connection.reset();
+  }
+  done = true;
+  producer.join();
+}
+
+} // namespace vemk
