@@ -80,7 +80,7 @@ TEST(CommandLineTest, ListenTakesItsOptions) {
 
 TEST(CommandLineTest, StatusAndRejoinHaveDefaults) {
   EXPECT_EQ(options_of({"status"}).what, command::status);
-  EXPECT_EQ(options_of({"status"}).timeout_seconds, 5);
+  EXPECT_EQ(options_of({"status"}).timeout_seconds, 10);
   EXPECT_EQ(options_of({"rejoin"}).what, command::rejoin);
   EXPECT_EQ(options_of({"rejoin", "--module", "4"}).module_id, 4);
 }
