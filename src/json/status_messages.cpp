@@ -1,0 +1,45 @@
+#include "json/status_messages.h"
+
+#include <cstring>
+#include <memory>
+#include <strings.h>
+
+#include "json/json_reader.h"
+#include "json/json_writer.h"
+
+namespace vemk {
+
+namespace {
+
+constexpr char service_name[] = "internal-ipc";
+constexpr char status_command[] = "status";
+constexpr char message_version[] = "2.0";
+
+} // namespace
+
+bus_message_kind classify_bus_message(const buffer_info_t &message) {
+  const json_reader json(reinterpret_cast<const char *>(message.data));
+  if (json.is_null())
+    return bus_message_kind::foreign;
+
+  const char *const service = json.get_string("service");
+  if (service == nullptr || strcasecmp(service, service_name) != 0)
+    return bus_message_kind::foreign;
+
+  const char *const command = json.get_string("cmd");
+  if (command == nullptr || strcasecmp(command, status_command) != 0)
+    return bus_message_kind::internal;
+  return bus_message_kind::status_request;
+}
+
+void queue_status_message(message_queue_t &queue, bool connected) {
+  json_writer message(service_name, connected ? "connected" : "disconnected", "", message_version);
+  const char *const text = message.to_string();
+  if (text == nullptr)
+    return;
+  const auto buffer = std::make_shared<buffer_info_t>();
+  if (buffer->append(text, static_cast<std::uint32_t>(strlen(text))) != nullptr)
+    queue.push(buffer);
+}
+
+} // namespace vemk

@@ -1,0 +1,256 @@
+#include "json/json_reader.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+
+#include "unit/json/wrapped_json.h"
+
+namespace vemk {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using owned_text = std::unique_ptr<char, decltype(&free)>;
+
+class JsonReaderTest : public testing::Test {
+protected:
+  JsonReaderTest() { wrapped_json::reset(); }
+  ~JsonReaderTest() override { wrapped_json::reset(); }
+
+  /// The element's copy as a string, "<null>" for a null pointer.
+  static std::string string_at(const json_reader &reader, std::size_t index) {
+    const owned_text text(reader.string_at(index), &free);
+    return text ? text.get() : "<null>";
+  }
+
+  static std::string get_string(const json_reader &reader, const char *key) {
+    const char *const text = reader.get_string(key);
+    return text == nullptr ? "<null>" : text;
+  }
+
+  static std::string nested_arrays(int depth) {
+    const auto count = static_cast<std::size_t>(depth);
+    return std::string(count, '[') + std::string(count, ']');
+  }
+};
+
+// Making a reader.
+
+TEST_F(JsonReaderTest, TextThatIsNotJsonMakesANullReader) {
+  for (const char *text :
+       {"", " ", "not JSON", "{", "[1,", "{\"a\"}", "{\"a\":}", "\x80\xFF", "}"}) {
+    SCOPED_TRACE(text);
+    const json_reader reader(text);
+    EXPECT_TRUE(reader.is_null());
+    EXPECT_EQ(reader.get_string("service"), nullptr);
+  }
+}
+
+TEST_F(JsonReaderTest, NullTextMakesANullReader) {
+  EXPECT_TRUE(json_reader(static_cast<const char *>(nullptr)).is_null());
+}
+
+TEST_F(JsonReaderTest, JsonNullIsANullReader) {
+  EXPECT_TRUE(json_reader("null").is_null());
+}
+
+TEST_F(JsonReaderTest, AnyOtherJsonValueIsParsed) {
+  for (const char *text : {"{}", "[]", "\"\"", "0", "true", "false", "1.5", " {} "}) {
+    SCOPED_TRACE(text);
+    EXPECT_FALSE(json_reader(text).is_null());
+  }
+}
+
+TEST_F(JsonReaderTest, ParsedValueIsReleasedOnce) {
+  { const json_reader reader("{}"); }
+  EXPECT_THAT(wrapped_json::record(), ElementsAre("put"));
+}
+
+TEST_F(JsonReaderTest, BorrowedValueIsNotReleased) {
+  json_object *const object = json_tokener_parse(R"({"a":"b"})");
+  {
+    const json_reader reader(object);
+    EXPECT_FALSE(reader.is_null());
+    EXPECT_EQ(get_string(reader, "a"), "b");
+  }
+  EXPECT_THAT(wrapped_json::record(), IsEmpty());
+  json_object_put(object);
+}
+
+TEST_F(JsonReaderTest, ReaderMayBorrowNothing) {
+  const json_reader reader(static_cast<json_object *>(nullptr));
+  EXPECT_TRUE(reader.is_null());
+}
+
+TEST_F(JsonReaderTest, DeepNestingIsRefusedAndNeverCrashes) {
+  EXPECT_FALSE(json_reader(nested_arrays(20).c_str()).is_null());
+  EXPECT_TRUE(json_reader(nested_arrays(1000000).c_str()).is_null());
+}
+
+// Null and wrongly typed values.
+
+TEST_F(JsonReaderTest, NullReaderAnswersEverythingWithNothing) {
+  const json_reader reader("not JSON");
+  EXPECT_EQ(reader.array_length(), 0u);
+  EXPECT_TRUE(reader.at(0).is_null());
+  EXPECT_EQ(reader.string_at(0), nullptr);
+  EXPECT_EQ(reader.int_at(0), 0);
+  EXPECT_TRUE(reader.member("key").is_null());
+  EXPECT_EQ(reader.get_int("key"), 0);
+  EXPECT_EQ(reader.get_string("key"), nullptr);
+}
+
+TEST_F(JsonReaderTest, ScalarsHaveNeitherElementsNorMembers) {
+  for (const char *text : {"\"text\"", "5", "1.5", "true"}) {
+    SCOPED_TRACE(text);
+    const json_reader reader(text);
+    EXPECT_EQ(reader.array_length(), 0u);
+    EXPECT_TRUE(reader.at(0).is_null());
+    EXPECT_EQ(reader.string_at(0), nullptr);
+    EXPECT_EQ(reader.int_at(0), 0);
+    EXPECT_TRUE(reader.member("text").is_null());
+    EXPECT_EQ(reader.get_int("text"), 0);
+    EXPECT_EQ(reader.get_string("text"), nullptr);
+  }
+}
+
+TEST_F(JsonReaderTest, ObjectIsNoArrayAndArrayNoObject) {
+  const json_reader object(R"({"0":1})");
+  EXPECT_EQ(object.array_length(), 0u);
+  EXPECT_TRUE(object.at(0).is_null());
+  EXPECT_EQ(object.string_at(0), nullptr);
+  EXPECT_EQ(object.int_at(0), 0);
+  const json_reader array(R"(["a"])");
+  EXPECT_TRUE(array.member("a").is_null());
+  EXPECT_TRUE(array.member("0").is_null());
+  EXPECT_EQ(array.get_int("0"), 0);
+  EXPECT_EQ(array.get_string("0"), nullptr);
+}
+
+// Arrays.
+
+TEST_F(JsonReaderTest, ArrayLengthCountsEveryElement) {
+  EXPECT_EQ(json_reader("[]").array_length(), 0u);
+  EXPECT_EQ(json_reader("[null, 1, [2, 3]]").array_length(), 3u);
+}
+
+TEST_F(JsonReaderTest, IndexAtOrAboveTheLengthGivesNothing) {
+  const json_reader reader(R"(["a","b"])");
+  EXPECT_FALSE(reader.at(1).is_null());
+  for (const std::size_t index : {std::size_t{2}, std::size_t{3}, SIZE_MAX}) {
+    EXPECT_TRUE(reader.at(index).is_null());
+    EXPECT_EQ(reader.string_at(index), nullptr);
+    EXPECT_EQ(reader.int_at(index), 0);
+  }
+}
+
+TEST_F(JsonReaderTest, ElementsAreBorrowed) {
+  {
+    const json_reader reader(R"([{"a":"inner"},[7]])");
+    EXPECT_EQ(get_string(reader.at(0), "a"), "inner");
+    EXPECT_EQ(reader.at(1).int_at(0), 7);
+  }
+  EXPECT_THAT(wrapped_json::record(), ElementsAre("put"));
+}
+
+TEST_F(JsonReaderTest, StringElementIsCopiedForTheCaller) {
+  owned_text text(nullptr, &free);
+  {
+    const json_reader reader(R"(["text"])");
+    text.reset(reader.string_at(0));
+  }
+  EXPECT_STREQ(text.get(), "text");
+}
+
+TEST_F(JsonReaderTest, OnlyNonEmptyStringElementsHaveAString) {
+  const json_reader reader(R"(["", null, 5, true, {"a":1}, ["b"], "text"])");
+  for (std::size_t index = 0; index < 6; ++index)
+    EXPECT_EQ(string_at(reader, index), "<null>") << index;
+  EXPECT_EQ(string_at(reader, 6), "text");
+}
+
+TEST_F(JsonReaderTest, StringElementWithoutMemoryIsNull) {
+  const json_reader reader(R"(["text"])");
+  wrapped_json::fail(wrapped_json::call::copy_text);
+  EXPECT_EQ(string_at(reader, 0), "<null>");
+}
+
+TEST_F(JsonReaderTest, NumbersOfElementsAreConverted) {
+  const json_reader reader(R"([5, -6, "7", "x", 2.9, true, false, null, {}, [], 3000000000])");
+  const int expected[] = {5, -6, 7, 0, 2, 1, 0, 0, 0, 0, INT32_MAX};
+  for (std::size_t index = 0; index < std::size(expected); ++index)
+    EXPECT_EQ(reader.int_at(index), expected[index]) << index;
+}
+
+// Members.
+
+TEST_F(JsonReaderTest, MemberIsBorrowed) {
+  {
+    const json_reader reader(R"({"a":{"b":{"c":"deep"}}})");
+    EXPECT_EQ(get_string(reader.member("a").member("b"), "c"), "deep");
+    EXPECT_TRUE(reader.member("b").is_null());
+    EXPECT_TRUE(reader.member("missing").member("b").is_null());
+  }
+  EXPECT_THAT(wrapped_json::record(), ElementsAre("put"));
+}
+
+TEST_F(JsonReaderTest, MemberThatIsJsonNullIsANullReader) {
+  EXPECT_TRUE(json_reader(R"({"a":null})").member("a").is_null());
+}
+
+TEST_F(JsonReaderTest, NumbersOfMembersAreConverted) {
+  const json_reader reader(
+      R"({"int":5,"min":-3000000000,"text":"42","bad":"x","null":null,"object":{},"true":true})");
+  EXPECT_EQ(reader.get_int("int"), 5);
+  EXPECT_EQ(reader.get_int("min"), INT32_MIN);
+  EXPECT_EQ(reader.get_int("text"), 42);
+  EXPECT_EQ(reader.get_int("bad"), 0);
+  EXPECT_EQ(reader.get_int("null"), 0);
+  EXPECT_EQ(reader.get_int("object"), 0);
+  EXPECT_EQ(reader.get_int("true"), 1);
+  EXPECT_EQ(reader.get_int("missing"), 0);
+}
+
+TEST_F(JsonReaderTest, StringsOfMembersAreTheirTextOrTheirJson) {
+  const json_reader reader(
+      R"({"text":"x","empty":"","number":12,"real":1.5,"true":true,"null":null,"list":[1,2]})");
+  EXPECT_EQ(get_string(reader, "text"), "x");
+  EXPECT_EQ(get_string(reader, "empty"), "");
+  EXPECT_EQ(get_string(reader, "number"), "12");
+  EXPECT_EQ(get_string(reader, "real"), "1.5");
+  EXPECT_EQ(get_string(reader, "true"), "true");
+  EXPECT_EQ(get_string(reader, "list"), "[ 1, 2 ]");
+  EXPECT_EQ(get_string(reader, "null"), "<null>");
+  EXPECT_EQ(get_string(reader, "missing"), "<null>");
+}
+
+TEST_F(JsonReaderTest, MembersStringIsPartOfTheObject) {
+  const json_reader reader(R"({"a":"text"})");
+  EXPECT_EQ(reader.get_string("a"), reader.get_string("a"));
+}
+
+TEST_F(JsonReaderTest, KeysAreCompared) {
+  const json_reader reader(R"({"Service":"upper","":"no name"})");
+  EXPECT_EQ(get_string(reader, "service"), "<null>");
+  EXPECT_EQ(get_string(reader, "Service"), "upper");
+  EXPECT_EQ(get_string(reader, ""), "no name");
+}
+
+TEST_F(JsonReaderTest, LastOfTwoEqualKeysCounts) {
+  EXPECT_EQ(get_string(json_reader(R"({"a":"first","a":"last"})"), "a"), "last");
+}
+
+TEST_F(JsonReaderTest, BytesAboveAsciiAreKept) {
+  EXPECT_EQ(get_string(json_reader("{\"a\":\"\xC3\xA4\"}"), "a"), "\xC3\xA4");
+  EXPECT_EQ(get_string(json_reader(R"({"a":"\u00e4"})"), "a"), "\xC3\xA4");
+}
+
+} // namespace
+} // namespace vemk

@@ -1,0 +1,36 @@
+/// The allocating calls of the JSON layer under a test's control.
+#ifndef VEMK_TESTS_UNIT_JSON_WRAPPED_JSON_H
+#define VEMK_TESTS_UNIT_JSON_WRAPPED_JSON_H
+
+#include <string>
+#include <vector>
+
+namespace vemk::wrapped_json {
+
+/// The calls that can be made to fail as they do without memory.
+enum class call {
+  new_object,
+  new_array,
+  new_string,
+  new_int,
+  object_add,
+  array_add,
+  array_put,
+  copy_text,
+  grow_buffer,
+  count,
+};
+
+/// Everything works again; empty record.
+void reset();
+
+/// The `nth` call of this kind from now on fails, counted from 1, and only that one.
+void fail(call kind, int nth = 1);
+
+/// The ways in which values were put into arrays and objects and the roots released, in order:
+/// "object_add key", "array_add", "array_put 3", "put" or "put null".
+std::vector<std::string> record();
+
+} // namespace vemk::wrapped_json
+
+#endif
