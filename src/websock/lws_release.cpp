@@ -1,0 +1,81 @@
+#include "websock/lws_release.h"
+
+#include <cstdlib>
+
+namespace vemk {
+
+void ignore_proxy_environment() {
+  unsetenv("http_proxy");
+  unsetenv("socks_proxy");
+}
+
+#if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+
+namespace {
+
+// More than a socket takes at once.
+constexpr std::size_t max_send_size = 16 * 1024 * 1024;
+
+} // namespace
+
+void lift_send_limit(lws_protocols &protocol) {
+  protocol.tx_packet_size = max_send_size;
+}
+
+void service_for_at_most(lws_context *context, int limit_ms) {
+  // The library's own argument is ignored; a timer of its own ends the wait.
+  lws_sorted_usec_list_t limit{};
+  lws_sul_schedule(
+      context, 0, &limit, [](lws_sorted_usec_list_t *) {}, limit_ms * LWS_US_PER_MS);
+  lws_service(context, limit_ms);
+  lws_sul_schedule(context, 0, &limit, nullptr, LWS_SET_TIMER_USEC_CANCEL);
+}
+
+void writeable_wakeup::request(lws_context *context, lws *) {
+  lws_cancel_service(context);
+}
+
+int writeable_wakeup::observe(lws *wsi, lws_callback_reasons reason) {
+  switch (reason) {
+  case LWS_CALLBACK_CLIENT_ESTABLISHED:
+    connection = wsi;
+    return reason;
+  case LWS_CALLBACK_CLIENT_CLOSED:
+    connection = nullptr;
+    return LWS_CALLBACK_CLOSED;
+  case LWS_CALLBACK_CLOSED_CLIENT_HTTP:
+    // All that is told of a server that accepts the connection and never answers the handshake.
+    return LWS_CALLBACK_CLOSED_HTTP;
+  case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
+  case LWS_CALLBACK_WSI_DESTROY:
+    if (wsi == connection)
+      connection = nullptr;
+    return reason;
+  case LWS_CALLBACK_EVENT_WAIT_CANCELLED:
+    if (connection != nullptr)
+      lws_callback_on_writable(connection);
+    return reason;
+  default:
+    return reason;
+  }
+}
+
+#else
+
+void lift_send_limit(lws_protocols &) {}
+
+void service_for_at_most(lws_context *context, int limit_ms) {
+  lws_service(context, limit_ms);
+}
+
+void writeable_wakeup::request(lws_context *, lws *wsi) {
+  lws_callback_on_writable(wsi);
+}
+
+int writeable_wakeup::observe(lws *, lws_callback_reasons reason) {
+  return reason;
+}
+
+#endif
+
+} // namespace vemk

@@ -1,0 +1,157 @@
+/// The WebSocket worker.
+#ifndef VEMK_WEBSOCK_WEBSOCK_WORKER_H
+#define VEMK_WEBSOCK_WEBSOCK_WORKER_H
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <libwebsockets.h>
+
+#include "websock/lws_release.h"
+#include "worker/abstract_worker.h"
+#include "worker/buffer_info.h"
+#include "worker/message_queue.h"
+
+namespace vemk {
+
+/// The thread "websock-roaming": owns the one client connection to the roaming service.
+///
+/// Every init() waits a random delay that grows with each failure, then opens a library context and
+/// a connection; every deinit() destroys them. While connected, messages of the first queue leave
+/// as text frames, one per writeable callback, and received messages go whole into the second
+/// queue. A connection that errs, closes, leaves three pings unanswered or gets no writeable
+/// callback for 60 seconds is torn down and made anew. The second queue also gets a status message
+/// at each change, and the answer to every status request found in the first queue.
+///
+/// Only one may exist at a time: a second one takes the library's callbacks away from the first.
+///
+/// Threading: as abstract_worker. All handlers run on the worker's thread inside run_once(), but
+///   for request_writeable(), which the bus thread calls through the first queue's notify.
+/// Ownership: owns context, connection and receive buffer; the queues and the run flag are the
+///   caller's and outlive the worker.
+/// Errors: connection failures are logged and retried for ever. Queue errors and std::bad_alloc
+///   are thrown through the library's callbacks, which ends the process.
+class websock_worker : public abstract_worker {
+public:
+  /// Delays are in seconds. `without_lws_binding` builds the object without taking over the
+  /// library's callbacks; it then cannot connect. Removes proxy variables from the environment.
+  websock_worker(message_queue_t *from_bus, message_queue_t *to_bus, std::string server_host,
+                 std::string server_path, std::int32_t server_port, const bool *keep_running_flag,
+                 std::uint32_t first_delay, std::uint32_t largest_delay, bool without_lws_binding);
+
+  bool init() override;
+  bool run_once() override;
+  void deinit() override;
+
+  /// True while `*flag` is and the connection or its attempt lives.
+  bool keep_running(const bool *flag) override;
+
+  /// Stops as deinit() does.
+  ~websock_worker() override;
+
+protected:
+  // Lifecycle.
+
+  /// Opens the context and starts the connection. False when one of them could not be made.
+  bool _connect();
+
+  /// One step of the delay algorithm: returns seconds drawn from a window around the current delay,
+  /// then doubles that up to the maximum.
+  std::uint32_t next_delay();
+
+  /// Waits next_delay() while answering status requests from the first queue and dropping the rest.
+  void wait_before_connect();
+
+  void stop();
+
+  // Handlers of the library's events, and sending.
+
+  /// The dispatcher. Always returns 0.
+  int lws_callback(lws *wsi, lws_callback_reasons reason, void *user, void *in, std::size_t length);
+
+  int process_client_established(lws *wsi, void *user, void *in);
+  int process_client_connection_error();
+  int process_closed();
+  int process_protocol_destroy();
+
+  /// Returns 0, or -1 for a last piece that is empty or for which there is no memory.
+  int process_client_receive(lws *wsi, void *user, void *in, std::size_t length);
+  int process_client_receive_pong();
+  int process_client_writeable(lws *wsi, void *user, void *in);
+
+  /// Handles one message of the first queue while connected.
+  void from_queue_send(lws *wsi, const std::shared_ptr<buffer_info_t> &message);
+
+  /// Writes one frame; `data` may be null when `length` is 0. Returns what lws_write returned, or
+  /// -1 when there is no memory for the frame.
+  int lws_send(lws *wsi, const void *data, std::size_t length, lws_write_protocol type);
+
+  /// Asks for a writeable callback if connected. Any thread that holds off deinit(), as the first
+  /// queue's lock does.
+  void request_writeable(lws *wsi);
+
+  // Keepalive.
+
+  static constexpr std::uint32_t watchdog_timer_id = 0;
+
+  /// Drops the connection when three pings in a row went unanswered.
+  void check_missed_pongs();
+
+  /// Sends a ping when one is due.
+  void ping_if_due(lws *wsi);
+
+  void arm_watchdog();
+
+  /// The watchdog's callback: makes the base restart this worker.
+  void ping_timeout();
+
+  // Status messages.
+
+  void queue_connected_status();
+  void queue_disconnected_status();
+
+  /// Returns true when the message is the daemon's own, answered or dropped, and false when it is
+  /// for the roaming service.
+  bool handle_status_request(const buffer_info_t &message);
+
+  bool skip_lws_binding;
+  const char *log_name;
+  message_queue_t *bus_to_ws_queue;
+  message_queue_t *ws_to_bus_queue;
+  std::int32_t mode;
+  lws_context *context;
+  lws_protocol_callback protocol_callback;
+  void (*log_hook)(int level, const char *line);
+  std::string host;
+  std::string path;
+  std::int32_t port;
+  int wake_pipe[2];
+  /// The message being received. Survives a reconnect with what it holds.
+  std::shared_ptr<buffer_info_t> rx_buffer;
+  lws_protocols protocols[2];
+  lws_context_creation_info creation_info;
+  lws_client_connect_info connect_info;
+  std::int32_t missed_pongs;
+  bool alive;
+  /// Written by the worker's thread, read by the bus thread in request_writeable().
+  std::atomic<bool> connected;
+  bool closed;
+  timespec last_ping;
+  std::function<void()> ping_timeout_handler;
+  /// Seconds, as the two that follow.
+  std::uint32_t current_delay;
+  std::uint32_t initial_delay;
+  std::uint32_t max_delay;
+  writeable_wakeup wakeup;
+
+private:
+  void trace(const char *handler, int number) const;
+};
+
+} // namespace vemk
+
+#endif

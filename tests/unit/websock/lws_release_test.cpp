@@ -1,0 +1,180 @@
+#include "websock/lws_release.h"
+
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fakes/fake_log.h"
+#include "fakes/fake_lws.h"
+#include "unit/websock/websock_fixture.h"
+
+namespace vemk {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class LwsReleaseTest : public WebsockFixture {
+protected:
+  /// Pushes as the bus worker does, on a thread of its own.
+  void push_from_another_thread() {
+    std::thread pusher([this] { push_from_bus("text"); });
+    pusher.join();
+  }
+};
+
+TEST_F(LwsReleaseTest, CloseOfAClientConnectionIsNoticed) {
+  make_connected_worker();
+  EXPECT_EQ(fake_lws::deliver(fake_lws::closed_reason), 0);
+  EXPECT_TRUE(worker->closed);
+  EXPECT_FALSE(worker->keep_running(&run_flag));
+  EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("process_closed", 76)));
+}
+
+TEST_F(LwsReleaseTest, ServiceIsLimitedToHalfASecond) {
+  make_connecting_worker();
+  std::size_t timers_during_service = 0;
+  fake_lws::script_service([&] { timers_during_service = fake_lws::pending_timers(); });
+  worker->run_once();
+  EXPECT_EQ(fake_lws::calls(), service_calls("context1"));
+  EXPECT_EQ(timers_during_service, fake_lws::wakes_by_cancelling ? 1u : 0u);
+  EXPECT_EQ(fake_lws::pending_timers(), 0u);
+}
+
+TEST_F(LwsReleaseTest, EveryStepHasALimitOfItsOwn) {
+  make_connecting_worker();
+  worker->run_once();
+  forget_records();
+  worker->run_once();
+  EXPECT_EQ(fake_lws::calls(), service_calls("context1"));
+}
+
+TEST_F(LwsReleaseTest, LimitIsTheOneThatWasAsked) {
+  make_connecting_worker();
+  service_for_at_most(worker->context, 20);
+  if (fake_lws::wakes_by_cancelling)
+    EXPECT_THAT(fake_lws::calls(),
+                ElementsAre("lws_sul_schedule context1 0 20000", "lws_service context1 20",
+                            "lws_sul_schedule context1 0 cancel"));
+  else
+    EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_service context1 20"));
+}
+
+TEST_F(LwsReleaseTest, ProxyVariablesAreRemovedAndOthersStay) {
+  setenv("http_proxy", "127.0.0.1:9", 1);
+  setenv("socks_proxy", "127.0.0.1:9", 1);
+  setenv("vemk_test_variable", "stays", 1);
+  ignore_proxy_environment();
+  EXPECT_EQ(getenv("http_proxy"), nullptr);
+  EXPECT_EQ(getenv("socks_proxy"), nullptr);
+  EXPECT_STREQ(getenv("vemk_test_variable"), "stays");
+  ignore_proxy_environment();
+  unsetenv("vemk_test_variable");
+}
+
+#if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+
+TEST_F(LwsReleaseTest, ServerThatAcceptsAndNeverAnswersIsNoticed) {
+  make_connecting_worker();
+  EXPECT_EQ(fake_lws::deliver(LWS_CALLBACK_CLOSED_CLIENT_HTTP), 0);
+  EXPECT_TRUE(worker->closed);
+  EXPECT_FALSE(worker->keep_running(&run_flag));
+  EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("process_closed", 76)));
+}
+
+TEST_F(LwsReleaseTest, LibraryDoesNotCutFramesIntoSmallWrites) {
+  make_worker();
+  worker->_connect();
+  EXPECT_GE(fake_lws::creation_infos().at(0).protocol.tx_packet_size, 1024u * 1024u);
+}
+
+TEST_F(LwsReleaseTest, PushFromAnotherThreadOnlyWakesTheServiceThread) {
+  make_connected_worker();
+  push_from_another_thread();
+  EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_cancel_service context1"));
+}
+
+TEST_F(LwsReleaseTest, WokenServiceThreadAsksForAWriteableCallback) {
+  make_connected_worker();
+  EXPECT_EQ(fake_lws::deliver(LWS_CALLBACK_EVENT_WAIT_CANCELLED, nullptr), 0);
+  EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_callback_on_writable wsi1"));
+  EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+TEST_F(LwsReleaseTest, WakeupBeforeTheEstablishmentAsksForNothing) {
+  make_connecting_worker();
+  fake_lws::deliver(LWS_CALLBACK_EVENT_WAIT_CANCELLED, nullptr);
+  EXPECT_THAT(fake_lws::calls(), IsEmpty());
+}
+
+// The library frees a connection as soon as it closes, while the queue's hook stays in place until
+// the worker stops. A push in that window once reached the freed connection.
+TEST_F(LwsReleaseTest, PushBetweenCloseAndStopTouchesNoConnection) {
+  const lws_callback_reasons ends[] = {LWS_CALLBACK_CLIENT_CLOSED, LWS_CALLBACK_WSI_DESTROY,
+                                       LWS_CALLBACK_CLIENT_CONNECTION_ERROR};
+  for (const lws_callback_reasons end : ends) {
+    SCOPED_TRACE(end);
+    worker.reset();
+    make_connected_worker();
+    const std::string context = "context" + std::to_string(fake_lws::creation_infos().size());
+    fake_lws::deliver(end);
+    fake_lws::kill_connection(fake_lws::connection());
+    push_from_another_thread();
+    EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_cancel_service " + context));
+    fake_lws::clear_calls();
+    fake_lws::deliver(LWS_CALLBACK_EVENT_WAIT_CANCELLED, nullptr);
+    EXPECT_THAT(fake_lws::calls(), IsEmpty());
+  }
+}
+
+TEST_F(LwsReleaseTest, EndOfAnotherConnectionLeavesTheEstablishedOneUsable) {
+  make_connected_worker();
+  const lws_callback_reasons ends[] = {LWS_CALLBACK_WSI_DESTROY,
+                                       LWS_CALLBACK_CLIENT_CONNECTION_ERROR};
+  for (const lws_callback_reasons end : ends)
+    fake_lws::deliver(end, nullptr);
+  fake_lws::deliver(LWS_CALLBACK_EVENT_WAIT_CANCELLED, nullptr);
+  EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_callback_on_writable wsi1"));
+}
+
+TEST_F(LwsReleaseTest, WakeupAfterAReconnectConcernsTheNewConnection) {
+  make_connected_worker();
+  fake_lws::deliver(fake_lws::closed_reason);
+  worker->deinit();
+  worker->init();
+  forget_records();
+  fake_lws::deliver(LWS_CALLBACK_EVENT_WAIT_CANCELLED, nullptr);
+  EXPECT_THAT(fake_lws::calls(), IsEmpty());
+  fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
+  fake_lws::clear_calls();
+  push_from_another_thread();
+  fake_lws::deliver(LWS_CALLBACK_EVENT_WAIT_CANCELLED, nullptr);
+  EXPECT_THAT(fake_lws::calls(),
+              ElementsAre("lws_cancel_service context2", "lws_callback_on_writable wsi2"));
+}
+
+#else
+
+TEST_F(LwsReleaseTest, PushFromAnotherThreadRequestsAWriteableCallback) {
+  make_connected_worker();
+  push_from_another_thread();
+  EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_callback_on_writable wsi1"));
+}
+
+TEST_F(LwsReleaseTest, LaterReasonsMeanNothing) {
+  make_connected_worker();
+  fake_lws::deliver(static_cast<lws_callback_reasons>(45));
+  fake_lws::deliver(static_cast<lws_callback_reasons>(71), nullptr);
+  fake_lws::deliver(static_cast<lws_callback_reasons>(75));
+  EXPECT_TRUE(worker->alive);
+  EXPECT_FALSE(worker->closed);
+  EXPECT_THAT(fake_lws::calls(), IsEmpty());
+}
+
+#endif
+
+} // namespace
+} // namespace vemk

@@ -1,0 +1,114 @@
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fakes/fake_lws.h"
+#include "unit/websock/websock_fixture.h"
+
+namespace vemk {
+namespace {
+
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+class WebsockStatusTest : public WebsockFixture {
+protected:
+  bool is_kept(const std::string &text) {
+    buffer_info_t message;
+    message.append(text.data(), static_cast<std::uint32_t>(text.size()));
+    return worker->handle_status_request(message);
+  }
+
+  void send_from_bus(const std::string &text) {
+    push_from_bus(text);
+    fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE);
+  }
+};
+
+TEST_F(WebsockStatusTest, StatusMessagesSayWhatTheConnectionIs) {
+  make_worker();
+  worker->queue_connected_status();
+  worker->queue_disconnected_status();
+  EXPECT_THAT(take_to_bus(), ElementsAre(connected_status, disconnected_status));
+}
+
+TEST_F(WebsockStatusTest, RequestIsAnsweredWithThePresentState) {
+  make_connecting_worker();
+  EXPECT_TRUE(is_kept(status_request));
+  EXPECT_THAT(take_to_bus(), ElementsAre(disconnected_status));
+  fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
+  take_to_bus();
+  EXPECT_TRUE(is_kept(status_request));
+  EXPECT_THAT(take_to_bus(), ElementsAre(connected_status));
+}
+
+TEST_F(WebsockStatusTest, LostConnectionStillCountsAsConnectedUntilDeinit) {
+  make_connected_worker();
+  fake_lws::deliver(fake_lws::closed_reason);
+  EXPECT_TRUE(is_kept(status_request));
+  EXPECT_THAT(take_to_bus(), ElementsAre(connected_status));
+  worker->deinit();
+  take_to_bus();
+  EXPECT_TRUE(is_kept(status_request));
+  EXPECT_THAT(take_to_bus(), ElementsAre(disconnected_status));
+}
+
+TEST_F(WebsockStatusTest, LetterCaseDoesNotMatter) {
+  make_connected_worker();
+  send_from_bus(R"({"service":"INTERNAL-ipc","cmd":"StAtUs"})");
+  EXPECT_THAT(take_to_bus(), ElementsAre(connected_status));
+  EXPECT_THAT(fake_lws::frames(), IsEmpty());
+}
+
+TEST_F(WebsockStatusTest, OtherMessagesOfTheServiceAreNeitherAnsweredNorSent) {
+  make_connected_worker();
+  for (const char *text :
+       {R"({"service":"internal-ipc","cmd":"reboot"})", R"({"service":"internal-ipc"})",
+        R"({"service":"internal-ipc","cmd":null})", R"({"service":"internal-ipc","cmd":7})",
+        connected_status})
+    send_from_bus(text);
+  EXPECT_THAT(fake_lws::frames(), IsEmpty());
+  EXPECT_THAT(take_to_bus(), IsEmpty());
+}
+
+TEST_F(WebsockStatusTest, EverythingElseIsSent) {
+  make_connected_worker();
+  const std::vector<std::string> texts = {"not JSON",
+                                          R"({"service":"other","cmd":"status"})",
+                                          R"({"cmd":"status"})",
+                                          R"({"service":null,"cmd":"status"})",
+                                          "[]",
+                                          "{",
+                                          "\xFF"};
+  for (const std::string &text : texts)
+    send_from_bus(text);
+  const auto frames = fake_lws::frames();
+  ASSERT_EQ(frames.size(), texts.size());
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    EXPECT_EQ(frames[i].payload, texts[i]);
+    EXPECT_EQ(frames[i].type, 0);
+  }
+  EXPECT_THAT(take_to_bus(), IsEmpty());
+}
+
+TEST_F(WebsockStatusTest, RestartAnnouncesDisconnectedTwice) {
+  make_worker();
+  worker->init();
+  fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
+  fake_lws::deliver(fake_lws::closed_reason);
+  worker->deinit();
+  worker->init();
+  fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
+  const auto texts = take_to_bus();
+  EXPECT_THAT(texts, ElementsAre(disconnected_status, connected_status, disconnected_status,
+                                 disconnected_status, connected_status));
+  EXPECT_THAT(texts, Each(Not(HasSubstr("ap-mac"))));
+}
+
+} // namespace
+} // namespace vemk

@@ -1,0 +1,155 @@
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <pthread.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fakes/fake_libc.h"
+#include "fakes/fake_log.h"
+#include "fakes/fake_lws.h"
+#include "unit/websock/websock_fixture.h"
+
+namespace vemk {
+namespace {
+
+using testing::ElementsAre;
+using testing::Not;
+
+constexpr std::int64_t restart_pause_us = 300000;
+constexpr std::int64_t step_pause_us = 100000;
+
+/// Runs the worker on its own thread, which the base never ends: the test ends it in a restart
+/// pause.
+class WebsockThreadTest : public WebsockFixture {
+protected:
+  /// Ends the worker's thread in its restart pause number `restarts`.
+  void run_until_restart(int restarts) {
+    std::atomic<int> pauses{0};
+    fake_libc::on_sleep([&](std::int64_t microseconds) {
+      if (microseconds == restart_pause_us && ++pauses == restarts)
+        pthread_exit(nullptr);
+    });
+    worker->start();
+    worker->join();
+    fake_libc::on_sleep(nullptr);
+  }
+
+  /// The library establishes the connection in one step and closes it in the next.
+  static void script_short_connection() {
+    fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED); });
+    fake_lws::script_service([] { fake_lws::deliver(fake_lws::closed_reason); });
+  }
+
+  /// The seconds in the lines that announce a wait.
+  static std::vector<int> announced_waits() {
+    std::vector<int> waits;
+    for (const std::string &message : fake_log::messages("websock-worker")) {
+      int seconds = 0;
+      if (sscanf(message.c_str(), "Delay before connection: %d sec\n", &seconds) == 1)
+        waits.push_back(seconds);
+    }
+    return waits;
+  }
+
+  static std::vector<std::int64_t> long_sleeps() {
+    std::vector<std::int64_t> found;
+    for (const std::int64_t sleep : fake_libc::sleeps_us()) {
+      if (sleep != 50000)
+        found.push_back(sleep);
+    }
+    return found;
+  }
+};
+
+TEST_F(WebsockThreadTest, ThreadIsNamedAfterTheWorker) {
+  make_worker();
+  char name[32] = "";
+  fake_lws::script_service([&] {
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    fake_lws::deliver(LWS_CALLBACK_CLIENT_CONNECTION_ERROR);
+  });
+  run_until_restart(1);
+  EXPECT_STREQ(name, "websock-roaming");
+}
+
+TEST_F(WebsockThreadTest, ClosedConnectionIsFollowedByAnotherAttempt) {
+  make_worker();
+  script_short_connection();
+  script_short_connection();
+  run_until_restart(2);
+  EXPECT_THAT(take_to_bus(),
+              ElementsAre(disconnected_status, connected_status, disconnected_status,
+                          disconnected_status, connected_status, disconnected_status));
+  EXPECT_THAT(long_sleeps(), ElementsAre(step_pause_us, step_pause_us, restart_pause_us,
+                                         step_pause_us, step_pause_us, restart_pause_us));
+  EXPECT_EQ(fake_lws::connect_infos().size(), 2u);
+  EXPECT_EQ(worker->context, nullptr);
+}
+
+TEST_F(WebsockThreadTest, UnreachableServerIsTriedForEverWithGrowingWaits) {
+  make_worker(2, 8);
+  fake_lws::fail_next_connection();
+  for (int i = 0; i < 4; ++i)
+    fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_CONNECTION_ERROR); });
+  run_until_restart(5);
+  EXPECT_EQ(fake_lws::connect_infos().size(), 5u);
+  // rand() is 0, so the waits are half the delays 2, 4, 8, 8, 8.
+  EXPECT_THAT(announced_waits(), ElementsAre(1, 2, 4, 4, 4));
+  EXPECT_EQ(take_to_bus(), std::vector<std::string>(10, disconnected_status));
+}
+
+TEST_F(WebsockThreadTest, WatchdogRestartsTheWorker) {
+  make_worker();
+  fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED); });
+  for (int i = 0; i < 6; ++i)
+    fake_lws::script_service([] { fake_libc::advance_seconds(10); });
+  run_until_restart(1);
+  EXPECT_THAT(take_to_bus(),
+              ElementsAre(disconnected_status, connected_status, disconnected_status));
+  EXPECT_FALSE(worker->closed);
+}
+
+TEST_F(WebsockThreadTest, FalseRunFlagCyclesWithoutSteps) {
+  make_worker();
+  run_flag = false;
+  run_until_restart(3);
+  EXPECT_EQ(fake_lws::connect_infos().size(), 3u);
+  EXPECT_THAT(long_sleeps(), ElementsAre(restart_pause_us, restart_pause_us, restart_pause_us));
+  EXPECT_THAT(fake_lws::calls(), Not(testing::Contains(testing::HasSubstr("lws_service"))));
+}
+
+// Messages come from the bus thread all the time, also while a connection is going away.
+TEST_F(WebsockThreadTest, PushesDuringReconnectsTouchOnlyWhatExists) {
+  constexpr int rounds = 50;
+  constexpr int most_pushes = 50000;
+  make_worker(1, 1);
+  for (int i = 0; i < rounds; ++i) {
+    fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED); });
+    fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE); });
+    fake_lws::script_service([] {
+      fake_lws::deliver(fake_lws::closed_reason);
+      if (fake_lws::wakes_by_cancelling)
+        fake_lws::kill_connection(fake_lws::connection());
+    });
+  }
+  std::atomic<bool> stop{false};
+  std::thread pusher([&] {
+    for (int i = 0; i < most_pushes && !stop; ++i) {
+      push_from_bus("text");
+      std::this_thread::yield();
+    }
+  });
+  run_until_restart(rounds);
+  stop = true;
+  pusher.join();
+  EXPECT_THAT(fake_lws::calls(), Not(testing::Contains(testing::HasSubstr("dead"))));
+  EXPECT_EQ(fake_lws::connect_infos().size(), static_cast<std::size_t>(rounds));
+}
+
+} // namespace
+} // namespace vemk
