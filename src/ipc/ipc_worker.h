@@ -1,0 +1,59 @@
+/// The bus worker.
+#ifndef VEMK_IPC_IPC_WORKER_H
+#define VEMK_IPC_IPC_WORKER_H
+
+#include <cstdint>
+#include <memory>
+
+#include "worker/abstract_worker.h"
+#include "worker/buffer_info.h"
+#include "worker/message_queue.h"
+
+namespace vemk {
+
+/// The thread "ipc": joins the module-messaging bus, copies every message for this module into the
+/// first queue and sends every message of the second queue onto the bus, bytes unchanged.
+///
+/// It polls: at most one message a step, the bus before the queue, and 100 ms of pause when there
+/// was neither. When the bus drops the module, it leaves and joins again every 300 ms.
+///
+/// Threading: as abstract_worker; the bus library is called from this thread only, and never with
+///   a queue's lock held.
+/// Ownership: the queues and the run flag are the caller's and outlive the worker.
+/// Errors: no result of the bus library is checked. A message for which there is no memory is
+///   lost; queue errors are thrown, which ends the process.
+class ipc_worker : public abstract_worker {
+public:
+  /// `module` is the identifier under which the daemon joins the bus.
+  ipc_worker(message_queue_t *from_bus, message_queue_t *to_bus, std::int32_t module,
+             const bool *keep_running_flag);
+
+  bool init() override;
+  bool run_once() override;
+  void deinit() override;
+
+  /// True while `*flag` is and the library's module-loop flag says that the module is live.
+  bool keep_running(const bool *flag) override;
+
+  /// Leaves the bus, also when deinit() already did.
+  ~ipc_worker() override;
+
+protected:
+  /// Sends the buffer onto the bus; an empty one is dropped.
+  void send_to_bus(const buffer_info_t &buffer);
+  void send_to_bus(const std::shared_ptr<buffer_info_t> &buffer);
+
+  /// Copies the payload of a bus record into the first queue. The record stays the caller's.
+  void forward_bus_message(const void *message);
+
+private:
+  void leave_bus();
+
+  message_queue_t *bus_to_ws_queue;
+  message_queue_t *ws_to_bus_queue;
+  std::int32_t module_id;
+};
+
+} // namespace vemk
+
+#endif

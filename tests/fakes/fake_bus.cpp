@@ -1,0 +1,211 @@
+#include "fakes/fake_bus.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <utility>
+
+#include "module_bus.h"
+
+namespace {
+
+constexpr std::size_t length_offset = 4;
+constexpr std::size_t payload_offset = 13;
+
+struct message_t {
+  std::string payload;
+  char filling;
+};
+
+std::mutex state_lock;
+std::vector<std::string> recorded_calls;
+std::vector<std::string> sent_payloads;
+std::deque<message_t> inbox;
+std::vector<char *> records;
+std::function<void()> send_hook;
+int loop_flag = 0;
+int call_result = 0;
+bool flag_changes_ignored = false;
+bool peer_start_fails = false;
+
+using guard = std::lock_guard<std::mutex>;
+
+void record(const std::string &call) {
+  recorded_calls.push_back(call);
+}
+
+/// Returns an odd address inside a block of its own.
+char *make_record(const message_t &message) {
+  const auto length = static_cast<std::uint32_t>(message.payload.size());
+  char *const block = static_cast<char *>(malloc(1 + payload_offset + length));
+  char *const start = block + 1;
+  memset(start, message.filling, payload_offset);
+  memcpy(start + length_offset, &length, sizeof length);
+  memcpy(start + payload_offset, message.payload.data(), length);
+  return start;
+}
+
+} // namespace
+
+extern "C" {
+
+void __real_free(void *block);
+
+void __wrap_free(void *block) {
+  {
+    const guard locked(state_lock);
+    const auto found = std::find(records.begin(), records.end(), block);
+    if (found != records.end()) {
+      block = *found - 1;
+      records.erase(found);
+    }
+  }
+  __real_free(block);
+}
+
+void InitTrace(const char *module_name) {
+  const guard locked(state_lock);
+  record(std::string("InitTrace ") + module_name);
+}
+
+void SetTraceOpt(int target, int level, int flags) {
+  const guard locked(state_lock);
+  record("SetTraceOpt " + std::to_string(target) + " " + std::to_string(level) + " " +
+         std::to_string(flags));
+}
+
+int InitLibParams(int module_id, const signed char *list, int count) {
+  const guard locked(state_lock);
+  std::string elements;
+  for (int i = 0; i < count; ++i)
+    elements += (i == 0 ? "" : ", ") + std::to_string(list[i]);
+  record("InitLibParams " + std::to_string(module_id) + " {" + elements + "} " +
+         std::to_string(count));
+  return call_result;
+}
+
+void FreeLibParams() {
+  const guard locked(state_lock);
+  record("FreeLibParams");
+}
+
+int ModulePeerStart() {
+  const guard locked(state_lock);
+  record("ModulePeerStart");
+  if (!peer_start_fails)
+    loop_flag = 1;
+  return call_result;
+}
+
+void ModulePeerStop() {
+  const guard locked(state_lock);
+  record("ModulePeerStop");
+}
+
+int GetModuleLoop() {
+  const guard locked(state_lock);
+  record("GetModuleLoop");
+  return loop_flag;
+}
+
+void SetModuleLoop(int value) {
+  const guard locked(state_lock);
+  record("SetModuleLoop " + std::to_string(value));
+  if (!flag_changes_ignored)
+    loop_flag = value;
+}
+
+void *GetMsgFromQueueNoWait() {
+  const guard locked(state_lock);
+  record("GetMsgFromQueueNoWait");
+  if (inbox.empty())
+    return nullptr;
+  char *const start = make_record(inbox.front());
+  inbox.pop_front();
+  records.push_back(start);
+  return start;
+}
+
+int MsgSend(const void *data, int destination, uint32_t length) {
+  std::function<void()> hook;
+  {
+    const guard locked(state_lock);
+    const std::string payload(static_cast<const char *>(data), length);
+    record("MsgSend " + payload + " " + std::to_string(destination) + " " + std::to_string(length));
+    sent_payloads.push_back(payload);
+    hook = send_hook;
+  }
+  if (hook)
+    hook();
+  return call_result;
+}
+}
+
+namespace vemk::fake_bus {
+
+void reset() {
+  const guard locked(state_lock);
+  recorded_calls.clear();
+  sent_payloads.clear();
+  inbox.clear();
+  send_hook = nullptr;
+  loop_flag = 0;
+  call_result = 0;
+  flag_changes_ignored = false;
+  peer_start_fails = false;
+}
+
+std::vector<std::string> calls() {
+  const guard locked(state_lock);
+  return recorded_calls;
+}
+
+void clear_calls() {
+  const guard locked(state_lock);
+  recorded_calls.clear();
+}
+
+std::vector<std::string> sent() {
+  const guard locked(state_lock);
+  return sent_payloads;
+}
+
+void add_message(const std::string &payload, char filling) {
+  const guard locked(state_lock);
+  inbox.push_back({payload, filling});
+}
+
+std::size_t records_in_use() {
+  const guard locked(state_lock);
+  return records.size();
+}
+
+void set_flag(int value) {
+  const guard locked(state_lock);
+  loop_flag = value;
+}
+
+void ignore_flag_changes() {
+  const guard locked(state_lock);
+  flag_changes_ignored = true;
+}
+
+void fail_peer_start() {
+  const guard locked(state_lock);
+  peer_start_fails = true;
+}
+
+void set_results(int value) {
+  const guard locked(state_lock);
+  call_result = value;
+}
+
+void on_send(std::function<void()> hook) {
+  const guard locked(state_lock);
+  send_hook = std::move(hook);
+}
+
+} // namespace vemk::fake_bus
