@@ -1,0 +1,46 @@
+#include "main/pid_file.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <unistd.h>
+
+namespace vemk {
+
+namespace {
+
+constexpr char pid_file_path[] = "/tmp/vemk.roaming.pid";
+
+// The PID to kill when the file holds no number. It lies above Linux's largest PID, 2^22, so that
+// the kill command finds no process; 0 or a negative number would reach whole groups of them.
+constexpr unsigned nobodys_pid = 2147483647;
+
+void terminate_recorded_process() {
+  FILE *const file = fopen(pid_file_path, "r");
+  if (file == nullptr)
+    return;
+  unsigned pid = nobodys_pid;
+  if (fscanf(file, "%u", &pid) != 1)
+    pid = nobodys_pid;
+  char command[64];
+  snprintf(command, sizeof command, "/bin/kill -s TERM %u 2> /dev/null", pid);
+  if (system(command) < 0)
+    perror("system");
+  fclose(file);
+}
+
+void record_own_pid() {
+  FILE *const file = fopen(pid_file_path, "w+");
+  if (file == nullptr)
+    return;
+  fprintf(file, "%u\n", static_cast<unsigned>(getpid()));
+  fclose(file);
+}
+
+} // namespace
+
+void replace_earlier_instance() {
+  terminate_recorded_process();
+  record_own_pid();
+}
+
+} // namespace vemk

@@ -1,0 +1,84 @@
+#include "main/bridge.h"
+
+#include <cstring>
+#include <stdexcept>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "unit/main/fake_process.h"
+#include "unit/main/fake_workers.h"
+
+namespace vemk {
+
+namespace {
+
+using testing::ElementsAre;
+
+class BridgeTest : public testing::Test {
+protected:
+  BridgeTest() {
+    fake_process::reset();
+    fake_workers::reset();
+    strcpy(cfg.host, "192.0.2.7");
+    strcpy(cfg.path, "/roam");
+    strcpy(cfg.ap_location, "default-domain");
+    cfg.port = 8080;
+    cfg.url_valid = true;
+    cfg.initial_connection_delay = 5;
+    cfg.max_connection_delay = 300;
+  }
+
+  websock_cfg_t cfg{};
+  const bool bus_run_flag = true;
+  message_queue_t first_queue;
+  message_queue_t second_queue;
+};
+
+} // namespace
+
+TEST_F(BridgeTest, WorkersAreBuiltStartedJoinedAndDestroyedInOrder) {
+  run_bridge(cfg, bus_run_flag, first_queue, second_queue);
+  EXPECT_THAT(fake_process::events(),
+              ElementsAre("websock_worker", "ipc_worker", "start ipc_worker",
+                          "start websock_worker", "join ipc_worker", "join websock_worker",
+                          "~ipc_worker", "~websock_worker"));
+}
+
+TEST_F(BridgeTest, WebSocketWorkerGetsQueuesUrlFlagAndDelays) {
+  run_bridge(cfg, bus_run_flag, first_queue, second_queue);
+  const fake_workers::websock_arguments_t arguments = fake_workers::websock_arguments();
+  EXPECT_EQ(&first_queue, arguments.from_bus);
+  EXPECT_EQ(&second_queue, arguments.to_bus);
+  EXPECT_EQ("192.0.2.7", arguments.host);
+  EXPECT_EQ("/roam", arguments.path);
+  EXPECT_EQ(8080, arguments.port);
+  EXPECT_EQ(&cfg.url_valid, arguments.run_flag);
+  EXPECT_EQ(5u, arguments.first_delay);
+  EXPECT_EQ(300u, arguments.largest_delay);
+  EXPECT_FALSE(arguments.without_lws_binding);
+}
+
+TEST_F(BridgeTest, BusWorkerGetsTheSameQueuesItsModuleAndItsFlag) {
+  run_bridge(cfg, bus_run_flag, first_queue, second_queue);
+  const fake_workers::ipc_arguments_t arguments = fake_workers::ipc_arguments();
+  EXPECT_EQ(&first_queue, arguments.from_bus);
+  EXPECT_EQ(&second_queue, arguments.to_bus);
+  EXPECT_EQ(2, arguments.module_id);
+  EXPECT_EQ(&bus_run_flag, arguments.run_flag);
+}
+
+TEST_F(BridgeTest, ExceptionOfTheFirstConstructionLeavesNothingRunning) {
+  fake_workers::let_websock_construction_throw();
+  EXPECT_THROW(run_bridge(cfg, bus_run_flag, first_queue, second_queue), std::runtime_error);
+  EXPECT_THAT(fake_process::events(), ElementsAre("websock_worker"));
+}
+
+TEST_F(BridgeTest, ExceptionOfTheSecondConstructionDestroysTheFirstWorker) {
+  fake_workers::let_ipc_construction_throw();
+  EXPECT_THROW(run_bridge(cfg, bus_run_flag, first_queue, second_queue), std::runtime_error);
+  EXPECT_THAT(fake_process::events(),
+              ElementsAre("websock_worker", "ipc_worker", "~websock_worker"));
+}
+
+} // namespace vemk

@@ -1,0 +1,181 @@
+#include "unit/main/fake_process.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <sys/prctl.h>
+#include <sys/types.h>
+
+#include "fakes/temporary_folder.h"
+#include "log/log_module.h"
+
+namespace {
+
+constexpr char real_pid_file[] = "/tmp/vemk.roaming.pid";
+
+struct state_t {
+  vemk::temporary_folder folder;
+  std::string pid_file = folder.file("pid");
+  std::vector<std::string> events;
+  std::vector<vemk::message_queue_t *> queues;
+  std::map<FILE *, std::string> open_files;
+  int system_result = 0;
+};
+
+// Static, so that exit() removes its folder in the children of death tests too.
+std::unique_ptr<state_t> state;
+
+/// What a file is called in the events; empty for a file that is none of the test's.
+std::string event_name(const std::string &path) {
+  if (path == real_pid_file)
+    return "PID file";
+  if (path.rfind(state->folder.path(), 0) == 0)
+    return path.substr(state->folder.path().size() + 1);
+  return "";
+}
+
+void note(const std::string &event) {
+  if (state)
+    state->events.push_back(event);
+}
+
+} // namespace
+
+extern "C" {
+
+FILE *__real_fopen(const char *path, const char *mode);
+
+FILE *__wrap_fopen(const char *path, const char *mode) {
+  if (!state && strcmp(path, real_pid_file) == 0)
+    abort();
+  const std::string name = state ? event_name(path) : "";
+  if (name.empty())
+    return __real_fopen(path, mode);
+  FILE *const file = __real_fopen(name == "PID file" ? state->pid_file.c_str() : path, mode);
+  note("fopen " + name + " " + mode + (file == nullptr ? " failed" : ""));
+  if (file != nullptr)
+    state->open_files[file] = name;
+  return file;
+}
+
+int __real_fclose(FILE *file);
+
+int __wrap_fclose(FILE *file) {
+  if (state) {
+    const auto known = state->open_files.find(file);
+    if (known != state->open_files.end()) {
+      note("fclose " + known->second);
+      state->open_files.erase(known);
+    }
+  }
+  return __real_fclose(file);
+}
+
+int __wrap_system(const char *command) {
+  note(std::string("system ") + command);
+  return state ? state->system_result : -1;
+}
+
+void __wrap_perror(const char *text) {
+  note(std::string("perror ") + text);
+}
+
+pid_t __real_getpid(void);
+
+pid_t __wrap_getpid(void) {
+  return state ? vemk::fake_process::own_pid : __real_getpid();
+}
+
+int __wrap_prctl(int option, ...) {
+  va_list arguments;
+  va_start(arguments, option);
+  if (option == PR_SET_NAME)
+    note(std::string("thread name ") + va_arg(arguments, const char *));
+  else
+    note("prctl " + std::to_string(option));
+  va_end(arguments);
+  return 0;
+}
+
+void __wrap_srand(unsigned seed) {
+  note("srand " + std::to_string(seed));
+}
+
+time_t __wrap_time(time_t *) {
+  return vemk::fake_process::current_time;
+}
+
+void __wrap_init_zandor_logrotate(const char *program) {
+  note(std::string("init_zandor_logrotate ") + program);
+}
+
+void __real__ZN4vemk13log_set_levelERNS_12log_module_tEj(vemk::log_module_t &module,
+                                                         std::uint32_t level);
+
+void __wrap__ZN4vemk13log_set_levelERNS_12log_module_tEj(vemk::log_module_t &module,
+                                                         std::uint32_t level) {
+  if (strcmp(module.name, "vemk-main") == 0)
+    note("level of vemk-main " + std::to_string(level));
+  __real__ZN4vemk13log_set_levelERNS_12log_module_tEj(module, level);
+}
+
+void __real__ZN4vemk15message_queue_tC1Ev(vemk::message_queue_t *queue);
+
+void __wrap__ZN4vemk15message_queue_tC1Ev(vemk::message_queue_t *queue) {
+  __real__ZN4vemk15message_queue_tC1Ev(queue);
+  note("queue");
+  if (state)
+    state->queues.push_back(queue);
+}
+}
+
+namespace vemk::fake_process {
+
+void reset() {
+  state.reset();
+  state = std::make_unique<state_t>();
+}
+
+void record(const std::string &event) {
+  note(event);
+}
+
+std::vector<std::string> events() {
+  return state->events;
+}
+
+std::vector<message_queue_t *> queues() {
+  return state->queues;
+}
+
+void set_system_result(int result) {
+  state->system_result = result;
+}
+
+std::string write_file(const std::string &name, const std::string &text) {
+  return state->folder.write(name, text);
+}
+
+void write_pid_file(const std::string &text) {
+  state->folder.write("pid", text);
+}
+
+bool has_pid_file() {
+  return std::filesystem::exists(state->pid_file);
+}
+
+std::string pid_file() {
+  return state->folder.read("pid");
+}
+
+void make_pid_file_unreachable() {
+  state->pid_file = state->folder.file("no such folder/pid");
+}
+
+} // namespace vemk::fake_process

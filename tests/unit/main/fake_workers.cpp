@@ -1,0 +1,143 @@
+#include "unit/main/fake_workers.h"
+
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+#include "ipc/ipc_worker.h"
+#include "unit/main/fake_process.h"
+#include "websock/websock_worker.h"
+
+namespace {
+
+using vemk::fake_process::record;
+
+bool websock_throws = false;
+bool ipc_throws = false;
+vemk::fake_workers::websock_arguments_t last_websock{};
+vemk::fake_workers::ipc_arguments_t last_ipc{};
+
+/// Leaves a message in the queue whose release, with the queue at the latest, is recorded.
+void leave_message(vemk::message_queue_t *queue, const std::string &event) {
+  queue->push(std::shared_ptr<vemk::buffer_info_t>(new vemk::buffer_info_t,
+                                                   [event](vemk::buffer_info_t *buffer) {
+                                                     record(event);
+                                                     delete buffer;
+                                                   }));
+}
+
+std::string name_of(vemk::abstract_worker *worker) {
+  return dynamic_cast<vemk::ipc_worker *>(worker) != nullptr ? "ipc_worker" : "websock_worker";
+}
+
+} // namespace
+
+extern "C" {
+
+void __wrap__ZN4vemk15abstract_worker5startEv(vemk::abstract_worker *worker) {
+  record("start " + name_of(worker));
+}
+
+void __wrap__ZN4vemk15abstract_worker4joinEv(vemk::abstract_worker *worker) {
+  record("join " + name_of(worker));
+}
+}
+
+namespace vemk {
+
+websock_worker::websock_worker(message_queue_t *from_bus, message_queue_t *to_bus,
+                               std::string server_host, std::string server_path,
+                               std::int32_t server_port, const bool *keep_running_flag,
+                               std::uint32_t first_delay, std::uint32_t largest_delay,
+                               bool without_lws_binding)
+    : abstract_worker(keep_running_flag, "websock-roaming") {
+  record("websock_worker");
+  last_websock = {from_bus,
+                  to_bus,
+                  std::move(server_host),
+                  std::move(server_path),
+                  server_port,
+                  keep_running_flag,
+                  *keep_running_flag,
+                  first_delay,
+                  largest_delay,
+                  without_lws_binding};
+  if (websock_throws)
+    throw std::runtime_error("websock_worker");
+  leave_message(from_bus, "first queue released");
+  leave_message(to_bus, "second queue released");
+}
+
+bool websock_worker::init() {
+  return false;
+}
+
+bool websock_worker::run_once() {
+  return false;
+}
+
+void websock_worker::deinit() {}
+
+bool websock_worker::keep_running(const bool *) {
+  return false;
+}
+
+websock_worker::~websock_worker() {
+  record("~websock_worker");
+}
+
+ipc_worker::ipc_worker(message_queue_t *from_bus, message_queue_t *to_bus, std::int32_t module,
+                       const bool *keep_running_flag)
+    : abstract_worker(keep_running_flag, "ipc") {
+  record("ipc_worker");
+  last_ipc = {from_bus, to_bus, module, keep_running_flag, *keep_running_flag};
+  if (ipc_throws)
+    throw std::runtime_error("ipc_worker");
+}
+
+bool ipc_worker::init() {
+  return false;
+}
+
+bool ipc_worker::run_once() {
+  return false;
+}
+
+void ipc_worker::deinit() {}
+
+bool ipc_worker::keep_running(const bool *) {
+  return false;
+}
+
+ipc_worker::~ipc_worker() {
+  record("~ipc_worker");
+}
+
+namespace fake_workers {
+
+void reset() {
+  websock_throws = false;
+  ipc_throws = false;
+  last_websock = {};
+  last_ipc = {};
+}
+
+void let_websock_construction_throw() {
+  websock_throws = true;
+}
+
+void let_ipc_construction_throw() {
+  ipc_throws = true;
+}
+
+websock_arguments_t websock_arguments() {
+  return last_websock;
+}
+
+ipc_arguments_t ipc_arguments() {
+  return last_ipc;
+}
+
+} // namespace fake_workers
+
+} // namespace vemk

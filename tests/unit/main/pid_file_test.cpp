@@ -1,0 +1,125 @@
+#include "main/pid_file.h"
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "unit/main/fake_process.h"
+
+namespace vemk {
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::Not;
+using testing::StartsWith;
+
+class PidFileTest : public testing::Test {
+protected:
+  PidFileTest() { fake_process::reset(); }
+
+  /// The commands that a start runs over a PID file of this text.
+  static std::vector<std::string> commands_for(const std::string &text) {
+    fake_process::reset();
+    fake_process::write_pid_file(text);
+    replace_earlier_instance();
+    std::vector<std::string> commands;
+    for (const std::string &event : fake_process::events()) {
+      if (event.rfind("system ", 0) == 0)
+        commands.push_back(event.substr(7));
+    }
+    return commands;
+  }
+};
+
+} // namespace
+
+TEST_F(PidFileTest, MissingFileIsSkippedAndWritten) {
+  replace_earlier_instance();
+  EXPECT_THAT(fake_process::events(),
+              ElementsAre("fopen PID file r failed", "fopen PID file w+", "fclose PID file"));
+  EXPECT_EQ("4242\n", fake_process::pid_file());
+}
+
+TEST_F(PidFileTest, RecordedProcessIsTerminatedBeforeTheOwnPidIsWritten) {
+  fake_process::write_pid_file("123\n");
+  replace_earlier_instance();
+  EXPECT_THAT(fake_process::events(),
+              ElementsAre("fopen PID file r", "system /bin/kill -s TERM 123 2> /dev/null",
+                          "fclose PID file", "fopen PID file w+", "fclose PID file"));
+  EXPECT_EQ("4242\n", fake_process::pid_file());
+}
+
+TEST_F(PidFileTest, OnlyTheFirstNumberIsRead) {
+  for (const char *text : {"123", "123\n", "  \n 123\n456\n", "123abc", "+123", "0123", "123 456"})
+    EXPECT_THAT(commands_for(text), ElementsAre("/bin/kill -s TERM 123 2> /dev/null")) << text;
+}
+
+TEST_F(PidFileTest, OwnPidIsNoException) {
+  EXPECT_THAT(commands_for("4242\n"), ElementsAre("/bin/kill -s TERM 4242 2> /dev/null"));
+}
+
+TEST_F(PidFileTest, NothingButTheNumberReachesTheCommand) {
+  EXPECT_THAT(commands_for("7; reboot\n"), ElementsAre("/bin/kill -s TERM 7 2> /dev/null"));
+  EXPECT_THAT(commands_for("7%n%s\n"), ElementsAre("/bin/kill -s TERM 7 2> /dev/null"));
+}
+
+// The PID is nobody's then: above the largest one that Linux gives, and no process group.
+TEST_F(PidFileTest, FileWithoutANumberStillRunsAKillCommandThatReachesNoProcess) {
+  const std::string texts[] = {"", "\n", "abc", "$(reboot)", "-", "x123", std::string(3, '\0')};
+  for (const std::string &text : texts) {
+    const std::vector<std::string> commands = commands_for(text);
+    ASSERT_EQ(1u, commands.size()) << text;
+    unsigned pid = 0;
+    ASSERT_EQ(1, sscanf(commands[0].c_str(), "/bin/kill -s TERM %u", &pid));
+    EXPECT_GT(pid, 1u << 22);
+    EXPECT_LT(pid, 1u << 31);
+    EXPECT_EQ("/bin/kill -s TERM " + std::to_string(pid) + " 2> /dev/null", commands[0]);
+  }
+}
+
+TEST_F(PidFileTest, CommandThatCannotBeRunIsReportedAndSkipped) {
+  fake_process::write_pid_file("123\n");
+  fake_process::set_system_result(-1);
+  replace_earlier_instance();
+  EXPECT_THAT(fake_process::events(),
+              ElementsAre("fopen PID file r", "system /bin/kill -s TERM 123 2> /dev/null",
+                          "perror system", "fclose PID file", "fopen PID file w+",
+                          "fclose PID file"));
+  EXPECT_EQ("4242\n", fake_process::pid_file());
+}
+
+TEST_F(PidFileTest, CommandThatFindsNoProcessIsNotReported) {
+  for (const int status : {0, 256, 127 << 8, 15}) {
+    fake_process::reset();
+    fake_process::write_pid_file("123\n");
+    fake_process::set_system_result(status);
+    replace_earlier_instance();
+    EXPECT_THAT(fake_process::events(), Not(Contains(StartsWith("perror")))) << status;
+  }
+}
+
+TEST_F(PidFileTest, FileThatCannotBeWrittenIsSkippedSilently) {
+  fake_process::make_pid_file_unreachable();
+  replace_earlier_instance();
+  EXPECT_THAT(fake_process::events(),
+              ElementsAre("fopen PID file r failed", "fopen PID file w+ failed"));
+}
+
+TEST_F(PidFileTest, LongerOldContentLeavesNoRest) {
+  fake_process::write_pid_file("1234567890\nmore\n");
+  replace_earlier_instance();
+  EXPECT_EQ("4242\n", fake_process::pid_file());
+}
+
+TEST_F(PidFileTest, NextStartTerminatesTheOneThatWroteTheFile) {
+  replace_earlier_instance();
+  replace_earlier_instance();
+  EXPECT_THAT(fake_process::events(), Contains("system /bin/kill -s TERM 4242 2> /dev/null"));
+}
+
+} // namespace vemk
