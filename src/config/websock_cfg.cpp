@@ -106,8 +106,7 @@ void parse_command_line(websock_cfg_t &cfg, int argc, char **argv) {
   log_set_level(log_module, every_category);
 
   std::optional<std::string> file_name;
-  // 0 makes getopt forget an earlier scan, which it may have left in the middle of an argument.
-  optind = 0;
+  optind = 1;
   for (int option = 0; (option = getopt(argc, argv, "f:d:p:P:")) != -1;) {
     switch (option) {
     case 'f':

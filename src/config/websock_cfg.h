@@ -11,7 +11,8 @@ namespace vemk {
 
 constexpr std::size_t config_text_size = 256;
 
-/// Texts are NUL-terminated. Numbers that 32 bits cannot hold become the nearest that they can.
+/// Texts are NUL-terminated. Numbers are what strtoul and atoi give where long has 32 bits: one too
+/// large becomes the largest.
 struct websock_cfg_t {
   /// Location (domain) of this access point.
   char ap_location[config_text_size];

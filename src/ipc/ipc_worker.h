@@ -17,8 +17,8 @@ namespace vemk {
 /// It polls: at most one message a step, the bus before the queue, and 100 ms of pause when there
 /// was neither. When the bus drops the module, it leaves and joins again every 300 ms.
 ///
-/// Threading: as abstract_worker; the bus library is called from this thread only, and never with
-///   a queue's lock held.
+/// Threading: as abstract_worker; the bus library is called from this thread only (from the
+///   owner's in the destructor), and never with a queue's lock held.
 /// Ownership: the queues and the run flag are the caller's and outlive the worker.
 /// Errors: no result of the bus library is checked. A message for which there is no memory is
 ///   lost; queue errors are thrown, which ends the process.

@@ -14,7 +14,7 @@ namespace vemk {
 ///
 /// Threading: one thread at a time for a root writer and its children.
 /// Ownership: a root owns its whole tree. A child's value belongs to its parent's tree, so a child
-///   is used only while its parent lives.
+///   is used only while its parent lives, and not after its value was replaced there.
 /// Errors: none are reported; what cannot be made or attached is missing from the text.
 class json_writer {
 public:

@@ -10,8 +10,9 @@ namespace {
 
 constexpr char pid_file_path[] = "/tmp/vemk.roaming.pid";
 
-// The PID to kill when the file holds no number. It lies above Linux's largest PID, 2^22, so that
-// the kill command finds no process; 0 or a negative number would reach whole groups of them.
+// The PID to kill when the file holds none. It lies above Linux's largest PID, 2^22, so that the
+// kill command finds no process. 0, and numbers that turn negative in the kill command, are no
+// PIDs: they would reach whole groups of processes, this one among them, and so at every start.
 constexpr unsigned nobodys_pid = 2147483647;
 
 void terminate_recorded_process() {
@@ -19,7 +20,7 @@ void terminate_recorded_process() {
   if (file == nullptr)
     return;
   unsigned pid = nobodys_pid;
-  if (fscanf(file, "%u", &pid) != 1)
+  if (fscanf(file, "%u", &pid) != 1 || pid == 0 || pid > nobodys_pid)
     pid = nobodys_pid;
   char command[64];
   snprintf(command, sizeof command, "/bin/kill -s TERM %u 2> /dev/null", pid);

@@ -21,8 +21,9 @@ struct timer_entry {
 ///
 /// Every reading of the clock is checked against the last good one: a step backward or of more
 /// than 10 seconds forward is read again at once, and after 11 bad readings in a row the process
-/// ends with exit(-1), for its supervisor to start it again. So some operation must be called at
-/// least every 10 seconds once one has been.
+/// ends with exit(-1), for its supervisor to start it again. So from construction on, an operation
+/// that reads the clock must be called at least every 10 seconds; cancel_timers() and
+/// sleep_seconds() do not read it.
 ///
 /// Threading: none of its own; everything, callbacks included, runs on the thread that calls.
 ///   Not thread-safe.
@@ -58,7 +59,8 @@ public:
   std::int32_t wait_while(const std::function<bool()> &predicate);
 
   /// Sleeps until the first timer that is not overdue is due, then fires what is due. Returns at
-  /// once when there is no such timer.
+  /// once when there is no such timer. One that lies more than 10 seconds ahead ends the process,
+  /// by the check of the clock after the sleep.
   void wait_next();
 
   /// Sleeps `seconds`, whatever signals arrive. Returns 0 or the error number of select.

@@ -9,7 +9,7 @@ void ignore_proxy_environment() {
   unsetenv("socks_proxy");
 }
 
-#if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+#if LWS_LIBRARY_VERSION_NUMBER >= 4001000
 
 namespace {
 
@@ -60,7 +60,7 @@ int writeable_wakeup::observe(lws *wsi, lws_callback_reasons reason) {
   }
 }
 
-#else
+#elif LWS_LIBRARY_VERSION_NUMBER < 2001000
 
 void lift_send_limit(lws_protocols &) {}
 
@@ -76,6 +76,8 @@ int writeable_wakeup::observe(lws *, lws_callback_reasons reason) {
   return reason;
 }
 
+#else
+#error "The supported releases of libwebsockets are API 2.0, and 4.1 or later"
 #endif
 
 } // namespace vemk

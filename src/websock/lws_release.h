@@ -36,15 +36,16 @@ void service_for_at_most(lws_context *context, int limit_ms);
 class writeable_wakeup {
 public:
   /// Has the service thread get a writeable callback for `wsi`, which is the connection
-  /// established last. `context` is alive during the call; whether `wsi` still is does not matter.
+  /// established last. `context` is alive during the call. API 2.0 is handed `wsi` itself; later
+  /// releases free it when it closes, and there nothing is done for one that is gone.
   static void request(lws_context *context, lws *wsi);
 
-  /// To be called first in every protocol callback. Does what request() left to the service thread
-  /// and returns the reason as API 2.0 numbers it.
+  /// To be called in every protocol callback, before it is dispatched. Does what request() left to
+  /// the service thread and returns the reason as API 2.0 numbers it.
   int observe(lws *wsi, lws_callback_reasons reason);
 
 private:
-#if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+#if LWS_LIBRARY_VERSION_NUMBER >= 4001000
   /// The established connection for as long as the library has it; null otherwise.
   lws *connection = nullptr;
 #endif

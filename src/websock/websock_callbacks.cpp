@@ -171,9 +171,7 @@ int websock_worker::process_client_writeable(lws *wsi, void *, void *) {
 }
 
 void websock_worker::from_queue_send(lws *wsi, const std::shared_ptr<buffer_info_t> &message) {
-  log_debug(websock_log_module, "%s->From queue\n", log_name);
-  message->dump();
-  if (!handle_status_request(*message))
+  if (!keep_own_message(*message))
     lws_send(wsi, message->data, message->length, LWS_WRITE_TEXT);
 }
 

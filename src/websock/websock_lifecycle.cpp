@@ -167,12 +167,15 @@ void websock_worker::wait_before_connect() {
   const auto delay = static_cast<std::int32_t>(next_delay());
   log_debug(websock_log_module, "Delay before connection: %d sec\n", static_cast<int>(delay));
   timers.delay_with_callback(delay, [this] {
-    bus_to_ws_queue->take([this](const std::shared_ptr<buffer_info_t> &message) {
-      log_debug(websock_log_module, "%s->From queue\n", log_name);
-      message->dump();
-      handle_status_request(*message);
-    });
+    bus_to_ws_queue->take(
+        [this](const std::shared_ptr<buffer_info_t> &message) { keep_own_message(*message); });
   });
+}
+
+bool websock_worker::keep_own_message(const buffer_info_t &message) {
+  log_debug(websock_log_module, "%s->From queue\n", log_name);
+  message.dump();
+  return handle_status_request(message);
 }
 
 void websock_worker::queue_connected_status() {

@@ -29,12 +29,16 @@ namespace vemk {
 ///
 /// Only one may exist at a time: a second one takes the library's callbacks away from the first.
 ///
-/// Threading: as abstract_worker. All handlers run on the worker's thread inside run_once(), but
-///   for request_writeable(), which the bus thread calls through the first queue's notify.
+/// Threading: as abstract_worker. The handlers run inside the library's calls: on the worker's
+///   thread, and on the owner's in the destructor. Only request_writeable() is for the bus thread,
+///   which calls it through the first queue's notify.
 /// Ownership: owns context, connection and receive buffer; the queues and the run flag are the
 ///   caller's and outlive the worker.
-/// Errors: connection failures are logged and retried for ever. Queue errors and std::bad_alloc
-///   are thrown through the library's callbacks, which ends the process.
+/// Errors: connection failures are logged and retried for ever, but for a name server that is
+/// silent
+///   for more than 10 seconds: the look-up blocks, and the clock check ends the process. Queue
+///   errors and std::bad_alloc are thrown through the library's callbacks, which ends the process
+///   as well.
 class websock_worker : public abstract_worker {
 public:
   /// Delays are in seconds. `without_lws_binding` builds the object without taking over the
@@ -110,6 +114,10 @@ protected:
   void ping_timeout();
 
   // Status messages.
+
+  /// Logs a message taken from the first queue and handles it if it is the daemon's own. Returns
+  /// false when it is for the roaming service.
+  bool keep_own_message(const buffer_info_t &message);
 
   void queue_connected_status();
   void queue_disconnected_status();

@@ -1,5 +1,7 @@
 #include "worker/buffer_info.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <memory>

@@ -16,7 +16,8 @@ namespace vemk {
 ///
 /// Threading: every operation may be called from any thread; `lock` guards `items` and every call
 ///   and change of `notify`. `notify` runs on the pushing thread under `lock`, so it must not touch
-///   this queue. No other lock may be taken while `lock` is held.
+///   this queue. `lock` is the innermost of the daemon's locks, but for the log's, under which
+///   nothing else is taken.
 /// Ownership: shares each buffer until it is popped; the destructor releases what is left.
 /// Errors: a mutex that cannot be locked throws std::system_error; storage that cannot grow throws
 ///   std::bad_alloc. In both cases the queue is unchanged.

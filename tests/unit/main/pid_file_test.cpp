@@ -34,6 +34,18 @@ protected:
     }
     return commands;
   }
+
+  /// The one command for a file's text must name a PID that is nobody's: above the largest one that
+  /// Linux gives, and no process group.
+  static void expect_harmless_command(const std::string &text) {
+    const std::vector<std::string> commands = commands_for(text);
+    ASSERT_EQ(1u, commands.size()) << text;
+    unsigned pid = 0;
+    ASSERT_EQ(1, sscanf(commands[0].c_str(), "/bin/kill -s TERM %u", &pid)) << text;
+    EXPECT_GT(pid, 1u << 22) << text;
+    EXPECT_LT(pid, 1u << 31) << text;
+    EXPECT_EQ("/bin/kill -s TERM " + std::to_string(pid) + " 2> /dev/null", commands[0]);
+  }
 };
 
 } // namespace
@@ -68,18 +80,17 @@ TEST_F(PidFileTest, NothingButTheNumberReachesTheCommand) {
   EXPECT_THAT(commands_for("7%n%s\n"), ElementsAre("/bin/kill -s TERM 7 2> /dev/null"));
 }
 
-// The PID is nobody's then: above the largest one that Linux gives, and no process group.
 TEST_F(PidFileTest, FileWithoutANumberStillRunsAKillCommandThatReachesNoProcess) {
-  const std::string texts[] = {"", "\n", "abc", "$(reboot)", "-", "x123", std::string(3, '\0')};
-  for (const std::string &text : texts) {
-    const std::vector<std::string> commands = commands_for(text);
-    ASSERT_EQ(1u, commands.size()) << text;
-    unsigned pid = 0;
-    ASSERT_EQ(1, sscanf(commands[0].c_str(), "/bin/kill -s TERM %u", &pid));
-    EXPECT_GT(pid, 1u << 22);
-    EXPECT_LT(pid, 1u << 31);
-    EXPECT_EQ("/bin/kill -s TERM " + std::to_string(pid) + " 2> /dev/null", commands[0]);
-  }
+  for (const std::string text : {"", "\n", "abc", "$(reboot)", "-", "x123"})
+    expect_harmless_command(text);
+  expect_harmless_command(std::string(3, '\0'));
+}
+
+// "-1" reads as 4294967295, which the kill command takes for -1 again: every process of the system.
+// 0 is the caller's own group. Either would end the daemon at each start, before it writes its PID.
+TEST_F(PidFileTest, NumberThatIsNoPidReachesNoProcess) {
+  for (const char *text : {"0", "-1", "-123", "2147483648", "4294967295"})
+    expect_harmless_command(text);
 }
 
 TEST_F(PidFileTest, CommandThatCannotBeRunIsReportedAndSkipped) {
