@@ -3,7 +3,7 @@ SHELL := /bin/bash
 # Most tests wait for a peer or a delay rather than compute.
 TEST_JOBS ?= 8
 
-.PHONY: build run test packages clean
+.PHONY: build run test target packages clean
 
 packages:
 	scripts/install-packages.sh
@@ -17,6 +17,17 @@ run: build
 
 test: build
 	ctest --test-dir build --output-on-failure -j $(TEST_JOBS)
+
+# As for MIPS under emulation; the native companions are the other ends of the system tests.
+target: packages
+	scripts/install-packages.sh scripts/packages-target.txt
+	scripts/target-env.sh build-mips-env
+	cmake --preset default
+	cmake --build --preset default --target vemkctl roam-service
+	cmake --preset mips
+	cmake --build --preset mips
+	file build-mips/vemk
+	ctest --test-dir build-mips --output-on-failure -j $(TEST_JOBS)
 
 clean:
 	rm -rf build build-*
