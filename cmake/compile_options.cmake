@@ -14,6 +14,10 @@ if(NOT VEMK_SANITIZE)
 endif()
 add_link_options(-Wl,-z,relro,-z,now)
 
+# For the device: what nothing refers to is left out, and no library is named that is not used.
+add_compile_options($<$<CONFIG:MinSizeRel>:-ffunction-sections> $<$<CONFIG:MinSizeRel>:-fdata-sections>)
+add_link_options($<$<CONFIG:MinSizeRel>:-Wl,--gc-sections,--as-needed>)
+
 if(VEMK_SANITIZE)
   add_compile_options(-fsanitize=${VEMK_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VEMK_SANITIZE})

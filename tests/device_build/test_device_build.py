@@ -1,0 +1,75 @@
+"""The daemon as a device gets it: what it needs, how it is hardened, how large it is."""
+
+import os
+import re
+
+import pytest
+
+import device_build
+
+# What the C and C++ libraries consist of; the dynamic loader is one of them on some processors.
+language_libraries = {"libc", "libm", "libstdc++", "libgcc_s", "libatomic", "ld", "ld-linux-x86-64"}
+stand_in_pattern = re.compile(r"zmq|spdlog|cli11|CLI/|\bfmt\b|libfmt", re.IGNORECASE)
+max_size = {"mipsel": 120 * 1024, "x86_64": 120 * 1024}
+
+
+@pytest.fixture(scope="module")
+def build():
+    return device_build.device_build()
+
+
+def test_needs_the_two_protocol_libraries_and_the_platform_only(build):
+    needed = set(build.needed())
+    assert needed - language_libraries == {
+        "libwebsockets", "libjson-c", "libdevice_bus", "libdevice_log"}
+    assert {"libc", "libstdc++"} <= needed
+
+
+def test_no_library_of_the_stand_ins_is_looked_for(build):
+    assert stand_in_pattern.findall(build.cache()) == []
+
+
+def test_no_header_of_the_stand_ins_is_read(build):
+    files = build.compiled_files()
+    assert "platform/include/module_bus.h" in files
+    assert stand_in_pattern.findall(files) == []
+
+
+def test_neither_stand_ins_nor_companions_are_built(build):
+    made = {path.name for path in build.folder.rglob("*") if path.suffix in (".a", "")}
+    assert "libvemk.a" in made
+    assert not {"vemkctl", "roam-service", "libmodule_bus_host.a", "libzandor_log_host.a"} & made
+
+
+def test_is_position_independent(build):
+    assert re.search(r"Type:\s+DYN", build.readelf("-h"))
+    assert re.search(r"FLAGS_1\).*\bPIE\b", build.readelf("-d"))
+
+
+def test_relocations_are_read_only_after_start(build):
+    assert "GNU_RELRO" in build.readelf("-l")
+    assert re.search(r"FLAGS_1\).*\bNOW\b", build.readelf("-d"))
+
+
+def test_stack_and_buffers_are_guarded(build):
+    symbols = build.undefined_symbols()
+    assert "__stack_chk_fail" in symbols
+    assert "__snprintf_chk" in symbols
+
+
+def test_stripped_program_is_within_its_budget(build):
+    assert build.stripped_size() <= max_size[os.environ["PROCESSOR"]]
+
+
+def test_platform_without_libraries_is_refused():
+    folder = device_build.work_folder / "without-libraries"
+    status, output = device_build.configure(folder, "-DVEMK_PLATFORM=device")
+    assert status != 0
+    assert "needs VEMK_PLATFORM_LIBRARIES: the device's bus and log" in " ".join(output.split())
+
+
+def test_unknown_platform_is_refused():
+    folder = device_build.work_folder / "unknown-platform"
+    status, output = device_build.configure(folder, "-DVEMK_PLATFORM=router")
+    assert status != 0
+    assert "VEMK_PLATFORM is 'router'; it takes host or device" in " ".join(output.split())
