@@ -1,25 +1,33 @@
-"""The daemon as a device gets it: what it needs, how it is hardened, how large it is."""
+"""The daemon as a device gets it: what it needs, how it is hardened, how large it is.
+
+The environment, set in CMakeLists.txt, names the processor, its tools and a folder to work in.
+"""
 
 import os
+import pathlib
 import re
 
 import pytest
 
-import device_build
+from device_build import configure, device_build, tools_t
 
 # What the C and C++ libraries consist of; the dynamic loader is one of them on some processors.
 language_libraries = {"libc", "libm", "libstdc++", "libgcc_s", "libatomic", "ld", "ld-linux-x86-64"}
 stand_in_pattern = re.compile(r"zmq|spdlog|cli11|CLI/|\bfmt\b|libfmt", re.IGNORECASE)
 max_size = {"mipsel": 120 * 1024, "x86_64": 120 * 1024}
 
+work_folder = pathlib.Path(os.environ["WORK_DIR"])
+tools = tools_t(os.environ["CMAKE_COMMAND"], os.environ["C_COMPILER"], os.environ["READELF"],
+                os.environ["STRIP"], os.environ["DEFINITIONS"].split())
+
 
 @pytest.fixture(scope="module")
 def build():
-    return device_build.device_build()
+    return device_build(tools, work_folder / "device")
 
 
 def test_needs_the_two_protocol_libraries_and_the_platform_only(build):
-    needed = set(build.needed())
+    needed = build.needed()
     assert needed - language_libraries == {
         "libwebsockets", "libjson-c", "libdevice_bus", "libdevice_log"}
     assert {"libc", "libstdc++"} <= needed
@@ -36,7 +44,7 @@ def test_no_header_of_the_stand_ins_is_read(build):
 
 
 def test_neither_stand_ins_nor_companions_are_built(build):
-    made = {path.name for path in build.folder.rglob("*") if path.suffix in (".a", "")}
+    made = {path.name for path in build.build_folder.rglob("*") if path.suffix in (".a", "")}
     assert "libvemk.a" in made
     assert not {"vemkctl", "roam-service", "libmodule_bus_host.a", "libzandor_log_host.a"} & made
 
@@ -62,14 +70,14 @@ def test_stripped_program_is_within_its_budget(build):
 
 
 def test_platform_without_libraries_is_refused():
-    folder = device_build.work_folder / "without-libraries"
-    status, output = device_build.configure(folder, "-DVEMK_PLATFORM=device")
+    folder = work_folder / "without-libraries"
+    status, output = configure(tools, folder, "-DVEMK_PLATFORM=device")
     assert status != 0
     assert "needs VEMK_PLATFORM_LIBRARIES: the device's bus and log" in " ".join(output.split())
 
 
 def test_unknown_platform_is_refused():
-    folder = device_build.work_folder / "unknown-platform"
-    status, output = device_build.configure(folder, "-DVEMK_PLATFORM=router")
+    folder = work_folder / "unknown-platform"
+    status, output = configure(tools, folder, "-DVEMK_PLATFORM=router")
     assert status != 0
     assert "VEMK_PLATFORM is 'router'; it takes host or device" in " ".join(output.split())
