@@ -1,6 +1,7 @@
 # 32-bit little-endian MIPS, with the tools and libraries that scripts/target-env.sh makes.
 # VEMK_TARGET_ENV names the folder it made them in.
-set(VEMK_TARGET_ENV ${CMAKE_CURRENT_LIST_DIR}/../build-mips-env CACHE PATH
+get_filename_component(checkout ${CMAKE_CURRENT_LIST_DIR} DIRECTORY)
+set(VEMK_TARGET_ENV ${checkout}/build-mips-env CACHE PATH
     "The folder made by scripts/target-env.sh")
 get_filename_component(target_env ${VEMK_TARGET_ENV} ABSOLUTE)
 if(NOT EXISTS ${target_env}/made-from)

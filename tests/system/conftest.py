@@ -1,7 +1,9 @@
 """Fixtures of the system tests.
 
-Environment: VEMK_BUILD_DIR, the folder with vemk, vemkctl and roam-service; VEMK_RUNNER, words to
-put in front of the daemon's command line; VEMK_SLOWDOWN, a factor for every limit.
+Environment: VEMK_BUILD_DIR, the folder with vemk; VEMK_COMPANION_DIR, the folder with vemkctl and
+roam-service when it is another one; VEMK_RUNNER, words to put in front of the daemon's command
+line; VEMK_RUNNER_DIR, a folder that they need and that may lie under /tmp; VEMK_SLOWDOWN, a factor
+for every limit.
 """
 
 import collections
@@ -23,19 +25,27 @@ signal.signal(signal.SIGTERM, signal.default_int_handler)
 bridge_t = collections.namedtuple("bridge_t", "daemon bus server")
 
 
-@pytest.fixture
-def build_folder():
-    folder = pathlib.Path(os.environ.get("VEMK_BUILD_DIR", "build")).absolute()
-    for program in ("vemk", "vemkctl", "roam-service"):
+def folder_with(variable, default, *programs):
+    folder = pathlib.Path(os.environ.get(variable) or default).absolute()
+    for program in programs:
         if not (folder / program).exists():
-            pytest.fail(f"{folder} holds no {program}: build it, or name the build folder in "
-                        "VEMK_BUILD_DIR")
+            pytest.fail(f"{folder} holds no {program}: build it, or name its folder in {variable}")
     return folder
 
 
 @pytest.fixture
-def place(build_folder):
-    made = sandbox(build_folder)
+def build_folder():
+    return folder_with("VEMK_BUILD_DIR", "build", "vemk")
+
+
+@pytest.fixture
+def companion_folder(build_folder):
+    return folder_with("VEMK_COMPANION_DIR", build_folder, "vemkctl", "roam-service")
+
+
+@pytest.fixture
+def place(build_folder, companion_folder):
+    made = sandbox(build_folder, companion_folder, os.environ.get("VEMK_RUNNER_DIR"))
     yield made
     made.remove()
 

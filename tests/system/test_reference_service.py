@@ -10,8 +10,8 @@ from harness.waiting import wait_until
 
 
 @pytest.fixture
-def service(build_folder):
-    process = subprocess.Popen([build_folder / "roam-service", "--port", "0"], text=True, bufsize=1,
+def service(companion_folder):
+    process = subprocess.Popen([companion_folder / "roam-service", "--port", "0"], text=True, bufsize=1,
                                stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                stderr=subprocess.DEVNULL)
     process.lines = []

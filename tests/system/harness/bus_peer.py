@@ -20,7 +20,7 @@ class bus_peer:
     """Sends to the daemon and records, with arrival times, what the daemon puts onto the bus."""
 
     def __init__(self, place):
-        self.program = [str(place.build_folder / "vemkctl"), "--bus", str(place.bus_folder)]
+        self.program = [str(place.companion_folder / "vemkctl"), "--bus", str(place.bus_folder)]
         self.inbox_file = place.bus_folder / "2.in"
         self.received = []
         self.notes = []

@@ -17,14 +17,16 @@ import pytest
 # Not under /tmp, which the daemon sees differently; short, because socket paths end at 107 bytes.
 parent_folder = "/var/tmp"
 
-enter = 'mount --bind "$1" "$2" && mount --bind "$3" /tmp && shift 3 && exec "$@"'
+# What is bound into the new /tmp comes along with it.
+enter = ('while [ "$1" != in ]; do mount --bind "$1" "$2" && shift 2 || exit; done && '
+         'mount --rbind "$2" /tmp && shift 2 && exec "$@"')
 
 
 class sandbox:
     """Owns its folder and removes it with `remove`."""
 
-    def __init__(self, build_folder):
-        self.build_folder = pathlib.Path(build_folder)
+    def __init__(self, build_folder, companion_folder, runner_folder=None):
+        self.companion_folder = companion_folder
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="vemk-", dir=parent_folder))
         self.bus_folder = self.folder / "bus"
         self.bus_folder.mkdir(mode=0o700)
@@ -33,12 +35,18 @@ class sandbox:
         # The build folder may itself lie under /tmp, so the daemon is started through a bind.
         self.bound_build_folder = self.folder / "build"
         self.bound_build_folder.mkdir()
+        self.binds = [(build_folder, self.bound_build_folder)]
+        if runner_folder and pathlib.PurePath("/tmp") in pathlib.PurePath(runner_folder).parents:
+            bound = self.tmp_folder / pathlib.PurePath(runner_folder).relative_to("/tmp")
+            bound.mkdir(parents=True)
+            self.binds.append((runner_folder, bound))
         self.pid_file = self.tmp_folder / "vemk.roaming.pid"
 
     def command(self, *arguments):
         """The command line that runs `arguments` inside; the process ID is that of the caller."""
-        return [*namespace_prefix(), "sh", "-c", enter, "sandbox", str(self.build_folder),
-                str(self.bound_build_folder), str(self.tmp_folder), *map(str, arguments)]
+        binds = [str(folder) for bind in self.binds for folder in bind]
+        return [*namespace_prefix(), "sh", "-c", enter, "sandbox", *binds, "in",
+                str(self.tmp_folder), *map(str, arguments)]
 
     def remove(self):
         shutil.rmtree(self.folder, ignore_errors=True)

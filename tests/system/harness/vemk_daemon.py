@@ -90,10 +90,14 @@ class vemk_daemon:
         return sorted((task / "comm").read_text().strip() for task in tasks)
 
     def own_thread_names(self):
-        """Without the threads of the stand-in bus library and of the thread sanitizer."""
+        """Without the threads of the stand-in bus library, of an emulator and of the thread
+        sanitizer."""
         names = [name for name in self.thread_names() if not name.startswith("ZMQbg/")]
         if "libtsan" in pathlib.Path(f"/proc/{self.pid}/maps").read_text():
             names.remove("main")
+        emulator = pathlib.Path(f"/proc/{self.pid}/exe").readlink().name[:15]
+        if emulator in names:
+            names.remove(emulator)
         return names
 
     def descriptor_count(self):

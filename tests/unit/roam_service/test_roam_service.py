@@ -2,6 +2,7 @@
 import asyncio
 import contextlib
 import os
+import shlex
 import signal
 import socket
 import subprocess
@@ -10,7 +11,9 @@ import threading
 import pytest
 import websockets
 
-PROGRAM = os.environ.get("ROAM_SERVICE", "build/roam-service")
+# VEMK_RUNNER holds words to put in front of the program, an emulator for example.
+PROGRAM = [*shlex.split(os.environ.get("VEMK_RUNNER", "")),
+           os.environ.get("ROAM_SERVICE", "build/roam-service")]
 LIMIT = 30
 MIB = 1024 * 1024
 
@@ -20,7 +23,7 @@ class Service:
 
     def __init__(self, *options, **popen_options):
         self.process = subprocess.Popen(
-            [PROGRAM, *options], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            [*PROGRAM, *options], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
             stderr=subprocess.PIPE, **popen_options)
         first = self.process.stdout.readline().decode()
         assert first.startswith("roam-service: listening on ws://"), first + self.error_text()
@@ -278,7 +281,7 @@ def test_a_daemon_that_stops_reading_is_dropped_and_the_others_are_served(servic
 
 
 def run_to_its_end(*options):
-    return subprocess.run([PROGRAM, *options], stdin=subprocess.DEVNULL, capture_output=True,
+    return subprocess.run([*PROGRAM, *options], stdin=subprocess.DEVNULL, capture_output=True,
                           text=True, timeout=LIMIT, check=False)
 
 

@@ -14,6 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include "fakes/emulator.h"
+
 namespace vemk {
 
 /// Starts the program with its standard streams on files in a folder of the test's own, except for
@@ -35,12 +37,13 @@ public:
     posix_spawn_file_actions_addopen(&files, 1, output_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                      0600);
     posix_spawn_file_actions_adddup2(&files, ends[1], 2);
-    arguments.insert(arguments.begin(), "vemkctl");
+    const std::vector<std::string> command = run_command(VEMKCTL_PATH);
+    arguments.insert(arguments.begin(), command.begin(), command.end());
     std::vector<char *> argv;
     for (std::string &argument : arguments)
       argv.push_back(argument.data());
     argv.push_back(nullptr);
-    EXPECT_EQ(posix_spawn(&process, VEMKCTL_PATH, &files, nullptr, argv.data(), environ), 0);
+    EXPECT_EQ(posix_spawn(&process, argv[0], &files, nullptr, argv.data(), environ), 0);
     posix_spawn_file_actions_destroy(&files);
     close(ends[1]);
   }
