@@ -1,5 +1,8 @@
 # Warnings, hardening and sanitizers for everything that this project compiles.
-set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+# A toolchain for static programs, which no loader moves, says that it wants it OFF.
+if(NOT DEFINED CMAKE_POSITION_INDEPENDENT_CODE)
+  set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+endif()
 include(CheckPIESupported)
 check_pie_supported()
 
