@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 #include "websock/websock_log.h"
 
@@ -21,12 +22,13 @@ constexpr std::size_t max_stack_frame = 16 * 1024;
 /// A zeroed area for one frame: the headroom, then a copy of the payload.
 class frame_area {
 public:
-  frame_area(const void *data, std::size_t length) : on_heap(nullptr), start(on_stack) {
-    const std::size_t size = headroom + length;
-    if (size > sizeof on_stack)
-      start = on_heap = static_cast<unsigned char *>(calloc(1, size));
-    else
-      memset(on_stack, 0, size);
+  frame_area(const void *data, std::size_t length) : on_heap(nullptr), start(nullptr) {
+    if (length <= sizeof on_stack - headroom) {
+      start = on_stack;
+      memset(on_stack, 0, headroom + length);
+    } else if (length <= std::numeric_limits<std::size_t>::max() - headroom) {
+      start = on_heap = static_cast<unsigned char *>(calloc(1, headroom + length));
+    }
     if (start != nullptr && data != nullptr)
       memcpy(payload(), data, length);
   }

@@ -17,6 +17,9 @@ const log_module_setup module_setup(buffer_log_module, "buffer-info");
 // Part of a fixed message text, whatever line reports the failure.
 constexpr int append_failure_line = 95;
 
+// A message and its NUL byte must fit the target's 32-bit size_t.
+constexpr std::uint32_t largest_block = std::numeric_limits<std::uint32_t>::max();
+
 } // namespace
 
 buffer_info_t::buffer_info_t() : data(nullptr), length(0) {
@@ -24,6 +27,8 @@ buffer_info_t::buffer_info_t() : data(nullptr), length(0) {
 }
 
 buffer_info_t::buffer_info_t(const buffer_info_t &source) : buffer_info_t() {
+  if (source.length >= largest_block)
+    return;
   data = static_cast<std::uint8_t *>(calloc(1, std::size_t{source.length} + 1));
   if (data == nullptr)
     return;
@@ -39,10 +44,9 @@ buffer_info_t::~buffer_info_t() {
 }
 
 std::uint8_t *buffer_info_t::append(const void *source, std::uint32_t count) {
-  // The message and its NUL byte must fit the target's 32-bit size_t.
   const std::uint64_t needed = std::uint64_t{length} + count + 1;
   void *grown = nullptr;
-  if (needed <= std::numeric_limits<std::uint32_t>::max())
+  if (needed <= largest_block)
     grown = realloc(data, static_cast<std::size_t>(needed));
   if (grown == nullptr) {
     log_error(buffer_log_module, "%s:%d Can't alloc memory\n", "append", append_failure_line);

@@ -213,6 +213,19 @@ TEST_F(WebsockSendingTest, NoMemoryForALargeFrameLosesOnlyThatMessage) {
   EXPECT_EQ(fake_lws::frames()[0].payload, "small");
 }
 
+// The frame's size once wrapped round to a few bytes of the stack, and the payload went over it.
+TEST_F(WebsockSendingTest, ALengthThatLeavesNoRoomForTheHeadroomIsNotSent) {
+  make_connected_worker();
+  const wrapped_libc::memory_shortage shortage(mebibyte);
+  constexpr std::size_t longest = static_cast<std::size_t>(-1);
+  for (const std::size_t length : {std::size_t{0x80000000u}, longest - 16, longest - 15, longest}) {
+    forget_records();
+    EXPECT_EQ(worker->lws_send(fake_lws::connection(), "x", length, LWS_WRITE_TEXT), -1);
+    EXPECT_THAT(fake_log::lines(), ElementsAre(failed_line(0)));
+    EXPECT_THAT(fake_lws::calls(), testing::IsEmpty());
+  }
+}
+
 TEST_F(WebsockSendingTest, SmallFramesNeedNoHeap) {
   make_connected_worker();
   const wrapped_libc::memory_shortage shortage(1);

@@ -221,6 +221,21 @@ TEST_F(BufferInfoTest, CopyWithoutMemoryIsEmptyAndSilent) {
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
+// Where sizes have 32 bits, 2^32 - 1 bytes and their NUL once wrapped round to a block of 0 bytes.
+TEST_F(BufferInfoTest, CopyOfALengthThatHasNoRoomForItsNulIsEmpty) {
+  buffer_info_t source;
+  append(source, "abc");
+  fake_memory::refuse_calloc();
+  for (const std::uint32_t length : {0x80000000u, 0xFFFFFFFEu, 0xFFFFFFFFu}) {
+    source.length = length;
+    const buffer_info_t copy(source);
+    EXPECT_EQ(nullptr, copy.data);
+    EXPECT_EQ(0u, copy.length);
+  }
+  source.length = 3;
+  EXPECT_THAT(fake_memory::calloc_sizes(), testing::Each(testing::Gt(0x80000000u)));
+}
+
 TEST_F(BufferInfoTest, LevelIsCopiedAtEveryConstruction) {
   g_log_level = 0;
   buffer_info_t buffer;
