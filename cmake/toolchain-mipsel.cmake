@@ -19,7 +19,9 @@ foreach(tool ar nm objdump ranlib readelf strip)
   string(TOUPPER ${tool} variable)
   set(CMAKE_${variable} ${target_env}/bin/mipsel-${tool})
 endforeach()
-set(CMAKE_CROSSCOMPILING_EMULATOR ${target_env}/bin/qemu)
+# Debian's mipsel needs release 2 of MIPS32 and a floating-point unit; this processor has both. Like
+# the real one, it does not load a word from an address that is not a multiple of four.
+set(CMAKE_CROSSCOMPILING_EMULATOR ${target_env}/bin/qemu -cpu 24Kf)
 
 set(CMAKE_FIND_ROOT_PATH ${CMAKE_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -284,6 +285,30 @@ TEST_F(IpcWorkerTest, ForwardingLeavesTheRecordToItsCaller) {
   const unsigned char record[] = {9, 9, 9, 9, 2, 0, 0, 0, 9, 9, 9, 9, 9, 'h', 'i', 'x'};
   worker->forward_bus_message(record);
   EXPECT_THAT(take_all(bus_to_ws), ElementsAre("hi"));
+}
+
+// The device's processor ends a program that loads a word from an odd address.
+TEST_F(IpcWorkerTest, ARecordIsReadAtEveryAlignment) {
+  alignas(8) unsigned char memory[64];
+  for (std::size_t shift = 0; shift < 8; ++shift) {
+    SCOPED_TRACE(shift);
+    const unsigned char record[] = {9, 9, 9, 9, 4, 0, 0, 0, 9, 9, 9, 9, 9, 't', 'e', 'x', 't'};
+    std::memcpy(memory + shift, record, sizeof record);
+    worker->forward_bus_message(memory + shift);
+    EXPECT_THAT(take_all(bus_to_ws), ElementsAre("text"));
+  }
+}
+
+TEST_F(IpcWorkerTest, ALengthBeyond31BitsIsUnsigned) {
+  for (const std::uint8_t highest : {std::uint8_t{0x80}, std::uint8_t{0xFF}}) {
+    const unsigned char record[] = {9, 9, 9, 9, 0xFF, 0xFF, 0xFF, highest, 9, 9, 9, 9, 9, 'x'};
+    refused_from = 0x80000000u;
+    worker->forward_bus_message(record);
+    refused_from = no_limit;
+  }
+  EXPECT_THAT(take_all(bus_to_ws), IsEmpty());
+  EXPECT_THAT(fake_log::messages("buffer-info"),
+              ElementsAre("append:95 Can't alloc memory\n", "append:95 Can't alloc memory\n"));
 }
 
 TEST_F(IpcWorkerTest, NoMemoryLosesTheMessageAndReleasesTheRecord) {

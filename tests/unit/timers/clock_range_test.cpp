@@ -1,0 +1,79 @@
+// The monotonic clock up to the last second that 32 bits can hold, whatever the width of time_t.
+
+#include "timers/timer_service.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fakes/fake_libc.h"
+
+namespace vemk {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::int32_t last_second = 2147483647;
+
+class ClockRangeTest : public testing::Test {
+protected:
+  ClockRangeTest() { fake_libc::reset(); }
+
+  void make_service_at(std::int64_t seconds) {
+    fake_libc::set_seconds(seconds);
+    service = std::make_unique<timer_service>();
+  }
+
+  std::function<void()> record(const std::string &text) {
+    return [this, text] { fired.push_back(text); };
+  }
+
+  std::unique_ptr<timer_service> service;
+  std::vector<std::string> fired;
+};
+
+TEST_F(ClockRangeTest, TimersFireUpToTheLastSecond) {
+  make_service_at(last_second - 5);
+  service->add_timer(record("last"), 0, 5);
+  service->add_timer(record("earlier"), 0, 4);
+  service->run_expired();
+  EXPECT_THAT(fired, IsEmpty());
+  fake_libc::set_seconds(last_second - 1);
+  service->run_expired();
+  EXPECT_THAT(fired, ElementsAre("earlier"));
+  fake_libc::set_seconds(last_second);
+  service->run_expired();
+  EXPECT_THAT(fired, ElementsAre("earlier", "last"));
+}
+
+TEST_F(ClockRangeTest, ADelayEndsWithTheLastSecond) {
+  make_service_at(last_second - 2);
+  EXPECT_EQ(service->delay_with_callback(2, record("poll")), last_second);
+  EXPECT_THAT(fired, testing::SizeIs(40));
+}
+
+TEST_F(ClockRangeTest, AnExpiryBeyondTheLastSecondLiesFarBackAndFiresAtOnce) {
+  make_service_at(last_second - 5);
+  EXPECT_EQ(service->add_timer(record("wrapped"), 0, 6)->expiry, -last_second - 1);
+  service->run_expired();
+  EXPECT_THAT(fired, ElementsAre("wrapped"));
+}
+
+TEST_F(ClockRangeTest, ADelayBeyondTheLastSecondPollsOnce) {
+  make_service_at(last_second - 5);
+  EXPECT_EQ(service->delay_with_callback(6, record("poll")), last_second - 5);
+  EXPECT_THAT(fired, ElementsAre("poll"));
+}
+
+TEST_F(ClockRangeTest, TheSecondAfterTheLastOneEndsTheProcess) {
+  make_service_at(last_second);
+  fake_libc::set_seconds(std::int64_t{last_second} + 1);
+  EXPECT_EQ(fake_libc::exit_status([this] { service->run_expired(); }), -1);
+}
+
+} // namespace
+} // namespace vemk
