@@ -17,9 +17,13 @@ if(NOT VEMK_SANITIZE)
 endif()
 add_link_options(-Wl,-z,relro,-z,now)
 
-# For the device: what nothing refers to is left out, and no library is named that is not used.
-add_compile_options($<$<CONFIG:MinSizeRel>:-ffunction-sections> $<$<CONFIG:MinSizeRel>:-fdata-sections>)
-add_link_options($<$<CONFIG:MinSizeRel>:-Wl,--gc-sections,--as-needed>)
+# For the device: what nothing refers to is left out, no library is named that is not used, and the
+# program offers no symbols of its own, which MIPS would reach through a table and list by name.
+if(CMAKE_BUILD_TYPE STREQUAL "MinSizeRel")
+  add_compile_options(-ffunction-sections -fdata-sections -fvisibility=hidden
+    $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>)
+  add_link_options(-Wl,--gc-sections,--as-needed)
+endif()
 
 if(VEMK_SANITIZE)
   add_compile_options(-fsanitize=${VEMK_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
