@@ -10,6 +10,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "fakes/time64.h"
+
 namespace {
 
 constexpr std::int64_t second_us = 1000000;

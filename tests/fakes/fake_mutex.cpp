@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <pthread.h>
+#include <system_error>
 #include <thread>
 
 namespace {
@@ -23,6 +24,14 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
   const int error = refusal;
   return error != 0 ? error : __real_pthread_mutex_lock(mutex);
 }
+
+#ifdef _LIBCPP_VERSION
+void __wrap__ZNSt3__15mutex4lockEv(std::mutex *mutex) {
+  const int error = __wrap_pthread_mutex_lock(mutex->native_handle());
+  if (error != 0)
+    throw std::system_error(error, std::system_category());
+}
+#endif
 }
 
 namespace vemk::fake_mutex {

@@ -136,7 +136,8 @@ TEST_F(LogModuleTest, InitStoresNameAndLevel) {
 TEST_F(LogModuleTest, InitMakesStandardOutputUnbuffered) {
   static char block[4096];
   ASSERT_EQ(0, setvbuf(stdout, block, _IOFBF, sizeof block));
-  ASSERT_EQ(sizeof block, __fbufsize(stdout));
+  // The C library may keep some of the block for itself.
+  ASSERT_GT(__fbufsize(stdout), sizeof block / 2);
   log_module_init(module, "timers", 0);
   EXPECT_LE(__fbufsize(stdout), 1u);
 }

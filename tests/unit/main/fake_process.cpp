@@ -13,6 +13,7 @@
 #include <sys/types.h>
 
 #include "fakes/temporary_folder.h"
+#include "fakes/time64.h"
 #include "log/log_module.h"
 
 namespace {
