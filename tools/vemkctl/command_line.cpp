@@ -6,6 +6,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "vemkctl/command_description.h"
+
 namespace vemk {
 
 namespace {
@@ -115,10 +117,7 @@ void set_default_timeout(options_t &options) {
 
 } // namespace
 
-command_line_t parse_command_line(int argc, const char *const *argv) {
-  command_line_t result;
-  options_t options;
-  CLI::App app("Talks to the modules of the local module-messaging bus.", "vemkctl");
+void describe_command_line(CLI::App &app, options_t &options) {
   app.set_version_flag("--version", "vemkctl " VEMKCTL_VERSION);
   app.add_option("--bus", options.bus_folder, "The bus folder; may follow the command too")
       ->type_name("DIR");
@@ -132,6 +131,13 @@ command_line_t parse_command_line(int argc, const char *const *argv) {
   add_listen(app, options);
   add_status(app, options);
   add_rejoin(app, options);
+}
+
+command_line_t parse_command_line(int argc, const char *const *argv) {
+  command_line_t result;
+  options_t options;
+  CLI::App app("Talks to the modules of the local module-messaging bus.", "vemkctl");
+  describe_command_line(app, options);
 
   try {
     app.parse(argc, argv);
