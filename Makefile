@@ -3,7 +3,7 @@ SHELL := /bin/bash
 # Most tests wait for a peer or a delay rather than compute.
 TEST_JOBS ?= 8
 
-.PHONY: build run test target packages clean
+.PHONY: build run test target target-size packages clean
 
 packages:
 	scripts/install-packages.sh
@@ -27,7 +27,14 @@ target: packages
 	cmake --preset mips
 	cmake --build --preset mips
 	file build-mips/vemk
+	build-mips-env/bin/qemu --version | head -n 1
+	ctest --test-dir build-mips -V -R '^unit\.ProcessorTest\.' | grep -E 'Test command|processor:'
 	ctest --test-dir build-mips --output-on-failure -j $(TEST_JOBS)
+
+target-size: packages
+	scripts/install-packages.sh scripts/packages-target.txt
+	scripts/target-env.sh build-mips-env
+	scripts/target-size.py --write docs/target.md
 
 clean:
 	rm -rf build build-*
