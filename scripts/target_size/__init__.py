@@ -1,0 +1,1 @@
+"""Measures what the daemon costs on its target."""
