@@ -41,13 +41,17 @@ class vemk_daemon:
         self.output_file = place.folder / f"{name}.out"
         self.log_file = place.folder / f"{name}.log"
 
-    def start(self, config=None, arguments=None, environment=None):
-        """Starts with `-f` and a file of the text `config`, or with `arguments` alone."""
+    def start(self, config=None, arguments=None, environment=None, stack_bytes=None):
+        """Starts with `-f` and a file of the text `config`, or with `arguments` alone.
+
+        `stack_bytes` is what each thread gets, the first one too; 8 MiB otherwise.
+        """
         if config is not None:
             self.config_file.write_bytes(config if isinstance(config, bytes) else config.encode())
             arguments = ["-f", self.config_file]
         program = self.place.bound_build_folder / "vemk"
-        runner = shlex.split(os.environ.get("VEMK_RUNNER", ""))
+        runner = ["prlimit", f"--stack={stack_bytes}"] if stack_bytes else []
+        runner += shlex.split(os.environ.get("VEMK_RUNNER", ""))
         with open(self.output_file, "wb") as output, open(self.log_file, "wb") as log:
             self.process = subprocess.Popen(
                 self.place.command(*runner, program, *arguments), cwd="/",

@@ -1,0 +1,52 @@
+"""Threads with 128 KiB of stack each, which is what small C libraries give them."""
+
+import pathlib
+
+import pytest
+
+from harness.vemk_daemon import config_text
+
+stack_bytes = 128 * 1024
+
+
+@pytest.fixture
+def bridge(make_daemon, bus, server):
+    bus.listen()
+    daemon = make_daemon().start(config_text(server.url, log_level=15), stack_bytes=stack_bytes)
+    bus.wait_until_connected()
+    limits = pathlib.Path(f"/proc/{daemon.pid}/limits").read_text()
+    assert f"Max stack size            {stack_bytes} " in limits
+    return daemon, bus, server
+
+
+def test_sixteen_mebibytes_from_the_bus(bridge):
+    daemon, bus, server = bridge
+    message = b"".join(b"%07x " % i for i in range((16 << 20) // 8))
+    bus.send(message)
+    bus.send(b"next")
+    assert server.wait_for_payloads(2, seconds=90) == [message, b"next"]
+    assert len(server.handshakes) == 1
+
+
+@pytest.mark.parametrize("message", [
+    b"[" * 100000 + b"]" * 100000,
+    b'{"service":' * 50000,
+    b'{"service":"' + b"x" * 200000 + b'","cmd":"status"}',
+    b'{"service":"other","cmd":' + b'{"a":' * 30 + b"1" + b"}" * 30 + b"}",
+], ids=["arrays", "unfinished", "long", "nested"])
+def test_json_that_is_deep_or_long(bridge, message):
+    daemon, bus, server = bridge
+    bus.send(message)
+    bus.send(b"next")
+    assert server.wait_for_payloads(2) == [message, b"next"]
+
+
+def test_dumps_in_both_directions(bridge):
+    daemon, bus, server = bridge
+    # The listing's lines are as wide as text makes them, and none is left out.
+    message = "ü".encode() * (400 * 16)
+    bus.send(message)
+    server.send(message)
+    assert server.wait_for_payloads(1) == [message]
+    assert bus.wait_for_payloads(1) == [message]
+    daemon.wait_for_lines("Buffer info dump:", count=2)
