@@ -20,7 +20,8 @@ set(CMAKE_CROSSCOMPILING_EMULATOR ${static_env}/bin/qemu-mipsel -cpu 24Kc)
 # Unoptimised code would be compiled with checks of undefined behaviour, configure checks too.
 set(CMAKE_C_FLAGS_INIT "-Os -ffunction-sections -fdata-sections")
 set(CMAKE_CXX_FLAGS_INIT "-Os -ffunction-sections -fdata-sections")
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -Wl,--gc-sections -s")
+# The driver asks for thread stacks of 8 MiB, where programs for musl get 128 KiB.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -Wl,--gc-sections,-z,stack-size=131072 -s")
 set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
 
 set(CMAKE_FIND_ROOT_PATH ${static_env}/prefix)
