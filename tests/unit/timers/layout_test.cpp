@@ -25,8 +25,12 @@ TEST(TimerLayoutTest, IsCallbackThenIdThenExpiry) {
 TEST(TimerLayoutTest, ServiceIsTheListThenTheLastTime) {
   // Two words for the ends, one for the count; then the time, and the position of a walk.
   EXPECT_EQ(sizeof(timer_service::timer_list), 3 * sizeof(void *));
-  EXPECT_EQ(sizeof(timer_service),
-            sizeof(timer_service::timer_list) + sizeof(timespec) + sizeof(void *));
+  struct layout_t {
+    timer_service::timer_list timers;
+    timespec last_now;
+    void *next_to_fire;
+  };
+  EXPECT_EQ(sizeof(timer_service), sizeof(layout_t));
 }
 
 } // namespace
