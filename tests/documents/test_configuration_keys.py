@@ -1,0 +1,26 @@
+"""vemk.conf(5) and the example have every key that the daemon reads, and no other."""
+
+import re
+
+from manual import checkout, manual_page, plain
+
+keys = re.findall(r'\{"(\w+=)", read_\w+\}', (checkout / "src/config/websock_cfg.cpp").read_text())
+
+
+def test_the_sources_were_read():
+    assert len(keys) == 5
+
+
+def test_the_manual_describes_every_key():
+    described = [key for key, _ in manual_page("vemk.conf.5").items("Keys", "Ic")]
+    assert described == keys
+
+
+def test_the_manual_names_no_unknown_key():
+    text = plain((checkout / "man/vemk.conf.5").read_text())
+    assert set(re.findall(r"\b[a-z]+_[a-z_]+=", text)) == set(keys)
+
+
+def test_the_example_shows_every_key():
+    text = (checkout / "examples/vemk.conf").read_text()
+    assert re.findall(r"^(\w+=)", text, re.MULTILINE) == keys
