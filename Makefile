@@ -3,7 +3,7 @@ SHELL := /bin/bash
 # Most tests wait for a peer or a delay rather than compute.
 TEST_JOBS ?= 8
 
-.PHONY: build run test target target-size packages clean
+.PHONY: build run test target target-size target-static packages clean
 
 packages:
 	scripts/install-packages.sh
@@ -35,6 +35,19 @@ target-size: packages
 	scripts/install-packages.sh scripts/packages-target.txt
 	scripts/target-env.sh build-mips-env
 	scripts/target-size.py --write docs/target.md
+
+# Without a shared library, an FPU or glibc: as near to a device as can be run here.
+target-static: packages
+	scripts/install-packages.sh scripts/packages-target.txt scripts/packages-static.txt
+	scripts/static-env.sh build-static-env
+	cmake --preset default
+	cmake --build --preset default --target vemkctl roam-service
+	cmake --preset mips-static
+	cmake --build --preset mips-static
+	file build-mips-static/vemk
+	readelf -A build-mips-static/vemk | grep -E 'ISA:|FP ABI:'
+	ctest --preset mips-static -j $(TEST_JOBS)
+	scripts/static-size.py
 
 clean:
 	rm -rf build build-*
