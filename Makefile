@@ -3,7 +3,7 @@ SHELL := /bin/bash
 # Most tests wait for a peer or a delay rather than compute.
 TEST_JOBS ?= 8
 
-.PHONY: build run test target target-size target-static packages clean
+.PHONY: build run test target target-size target-static packages pictures clean
 
 packages:
 	scripts/install-packages.sh
@@ -48,6 +48,11 @@ target-static: packages
 	readelf -A build-mips-static/vemk | grep -E 'ISA:|FP ABI:'
 	ctest --preset mips-static -j $(TEST_JOBS)
 	scripts/static-size.py
+
+# After a change in docs/pictures.
+pictures:
+	scripts/install-packages.sh scripts/packages-pictures.txt
+	scripts/make-pictures.sh
 
 clean:
 	rm -rf build build-*
