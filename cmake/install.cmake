@@ -1,0 +1,31 @@
+# What `cmake --install` puts where. A device gets the daemon with its configuration and manuals; a
+# workstation also the companions, the systemd unit and the shell completion.
+include(GNUInstallDirs)
+set(VEMK_CONFIGURATION_DIR ${CMAKE_INSTALL_FULL_SYSCONFDIR}/vemk)
+
+install(TARGETS vemk RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(FILES examples/vemk.conf DESTINATION ${VEMK_CONFIGURATION_DIR})
+
+set(manuals vemk.8 vemk.conf.5)
+if(VEMK_PLATFORM STREQUAL "host")
+  list(APPEND manuals vemkctl.1 roam-service.1)
+endif()
+foreach(manual ${manuals})
+  string(REGEX MATCH "[0-9]$" section ${manual})
+  install(FILES man/${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} OPTIONAL)
+endforeach()
+
+if(VEMK_PLATFORM STREQUAL "host")
+  install(TARGETS vemkctl roam-service RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+  # It is written by a program of this build, which another processor's build could not run.
+  if(NOT CMAKE_CROSSCOMPILING)
+    add_subdirectory(completions)
+    install(FILES ${VEMKCTL_COMPLETION}
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  endif()
+
+  set(VEMK_DAEMON ${CMAKE_INSTALL_FULL_SBINDIR}/vemk)
+  configure_file(packaging/systemd/vemk.service.in vemk.service @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/vemk.service DESTINATION lib/systemd/system)
+endif()
