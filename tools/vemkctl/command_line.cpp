@@ -97,12 +97,31 @@ void add_rejoin(CLI::App &app, options_t &options) {
   add_timeout(rejoin, options, "How long the module may take over it (default 10)");
 }
 
+void add_check_config(CLI::App &app, options_t &options) {
+  auto *check = app.add_subcommand(
+      "check-config", "Tell what the daemon makes of a configuration file, and what looks wrong");
+  check->add_option("FILE", options.config_file, "The file, as for vemk -f")
+      ->required()
+      ->type_name("");
+  check->footer(
+      "Prints warnings and errors by line, then what the daemon would use: host, port,\n"
+      "path, reconnect delays, log categories and location. Needs neither the daemon nor\n"
+      "the bus, and connects to nothing.\n"
+      "Exit status 0 usable, 1 usable with warnings, 2 not usable: the daemon would not\n"
+      "connect.\n"
+      "Examples:\n"
+      "  vemkctl check-config /etc/vemk.conf\n"
+      "  vemkctl check-config new.conf && cp new.conf /etc/vemk.conf");
+}
+
 command chosen_command(const CLI::App &app) {
   const std::string name = app.get_subcommands().front()->get_name();
   if (name == "send")
     return command::send;
   if (name == "listen")
     return command::listen;
+  if (name == "check-config")
+    return command::check_config;
   return name == "status" ? command::status : command::rejoin;
 }
 
@@ -131,12 +150,15 @@ void describe_command_line(CLI::App &app, options_t &options) {
   add_listen(app, options);
   add_status(app, options);
   add_rejoin(app, options);
+  add_check_config(app, options);
 }
 
 command_line_t parse_command_line(int argc, const char *const *argv) {
   command_line_t result;
   options_t options;
-  CLI::App app("Talks to the modules of the local module-messaging bus.", "vemkctl");
+  CLI::App app("Talks to the modules of the local module-messaging bus, and checks the daemon's "
+               "configuration.",
+               "vemkctl");
   describe_command_line(app, options);
 
   try {

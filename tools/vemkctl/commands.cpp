@@ -14,6 +14,7 @@
 
 #include "module_bus/bus_client.h"
 #include "module_bus/bus_folder.h"
+#include "vemkctl/config_check.h"
 #include "vemkctl/line_splitter.h"
 #include "vemkctl/message_format.h"
 
@@ -161,9 +162,25 @@ int run_status(const options_t &options, const std::string &folder) {
   return no_answer(options, folder);
 }
 
+int run_check_config(const options_t &options) {
+  const config_check_t check = check_config(options.config_file);
+  write_output(check.report.data(), check.report.size());
+  switch (check.verdict) {
+  case config_verdict::usable:
+    return exit_done;
+  case config_verdict::usable_with_warnings:
+    return exit_usable_with_warnings;
+  case config_verdict::unusable:
+    return exit_unusable;
+  }
+  return exit_unusable;
+}
+
 } // namespace
 
 int run_command(const options_t &options) {
+  if (options.what == command::check_config)
+    return run_check_config(options);
   const std::string folder = open_bus_folder(options.bus_folder, bus_role::client);
   switch (options.what) {
   case command::send:
@@ -174,6 +191,8 @@ int run_command(const options_t &options) {
     return run_status(options, folder);
   case command::rejoin:
     return run_rejoin(options, folder);
+  case command::check_config:
+    break;
   }
   return exit_usage;
 }

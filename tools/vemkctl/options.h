@@ -6,7 +6,7 @@
 
 namespace vemk {
 
-enum class command { send, listen, status, rejoin };
+enum class command { send, listen, status, rejoin, check_config };
 enum class message_format { text, hex, json };
 
 struct options_t {
@@ -21,13 +21,17 @@ struct options_t {
 
   long count = 0; // listen; 0: no limit
   message_format format = message_format::text;
+
+  std::string config_file; // check_config
 };
 
 /// Exit statuses. 1 and 2 answer the question that was asked, the rest say that something failed.
 enum exit_status {
   exit_done = 0,
   exit_disconnected = 1,
+  exit_usable_with_warnings = 1,
   exit_timeout = 2,
+  exit_unusable = 2,
   exit_bus_error = 3,
   exit_io_error = 4,
   exit_usage = 64,

@@ -85,6 +85,13 @@ TEST(CommandLineTest, StatusAndRejoinHaveDefaults) {
   EXPECT_EQ(options_of({"rejoin", "--module", "4"}).module_id, 4);
 }
 
+TEST(CommandLineTest, CheckConfigTakesOneFile) {
+  EXPECT_EQ(options_of({"check-config", "vemk.conf"}).what, command::check_config);
+  EXPECT_EQ(options_of({"check-config", "vemk.conf"}).config_file, "vemk.conf");
+  EXPECT_THAT(refusal({"check-config"}), HasSubstr("FILE is required"));
+  EXPECT_THAT(refusal({"check-config", "a", "b"}), HasSubstr("not expected: b"));
+}
+
 TEST(CommandLineTest, TheBusFolderMayStandBeforeOrAfterTheCommand) {
   EXPECT_EQ(options_of({"--bus", "/a", "send", "x"}).bus_folder, "/a");
   EXPECT_EQ(options_of({"send", "--bus", "/a", "x"}).bus_folder, "/a");
@@ -108,7 +115,7 @@ TEST(CommandLineTest, RefusesWrongUsage) {
 }
 
 TEST(CommandLineTest, HelpGoesToStandardOutput) {
-  for (const char *command : {"send", "listen", "status", "rejoin"}) {
+  for (const char *command : {"send", "listen", "status", "rejoin", "check-config"}) {
     const command_line_t line = parse({command, "--help"});
     EXPECT_FALSE(line.options);
     EXPECT_EQ(line.status, exit_done);

@@ -211,6 +211,34 @@ TEST_F(VemkctlProgramTest, RejoinDropsTheModule) {
   EXPECT_THAT(module.messages, IsEmpty());
 }
 
+TEST_F(VemkctlProgramTest, CheckConfigReportsWithoutABus) {
+  const auto file = [this](const char *name, const std::string &text) {
+    const std::string path = folder + "/" + name;
+    std::ofstream(path) << text;
+    return path;
+  };
+  const std::string url = "roam_service_url=ws://192.0.2.7:8080/\n";
+  const std::string delays = "initial_connection_delay=2\nmax_connection_delay=60\n";
+  const std::pair<std::string, int> cases[] = {
+      {file("good", url + delays), 0},
+      {file("odd", url), 1},
+      // The daemon's parser would log the scheme.
+      {file("bad", delays + "log_level=15\nroam_service_url=wss://192.0.2.7:8080/\n"), 2},
+  };
+  for (const auto &[path, status] : cases) {
+    program_run run(folder, {"--bus", folder + "/no/such/folder", "check-config", path});
+    EXPECT_EQ(run.next_note(), "");
+    EXPECT_EQ(run.exit_status(), status);
+    EXPECT_THAT(run.output(), StartsWith(path + ":"));
+  }
+
+  program_run full(folder, {"check-config", cases[0].first}, "", "/dev/full");
+  EXPECT_EQ(full.exit_status(), 4);
+  program_run device(folder, {"check-config", "/dev/null"});
+  EXPECT_THAT(device.next_note(), StartsWith("vemkctl: /dev/null is no regular file"));
+  EXPECT_EQ(device.exit_status(), 4);
+}
+
 TEST_F(VemkctlProgramTest, HelpAndWrongUsageGoWhereTheyBelong) {
   program_run help(folder, {"send", "--help"});
   EXPECT_EQ(help.exit_status(), 0);

@@ -1,0 +1,290 @@
+#include <string>
+#include <sys/stat.h>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fakes/temporary_folder.h"
+#include "vemkctl/commands.h"
+#include "vemkctl/config_check.h"
+#include "vemkctl/config_findings.h"
+
+namespace vemk {
+namespace {
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+const std::string good_url = "roam_service_url=ws://192.0.2.7:8080/roam\n";
+const std::string good_delays = "initial_connection_delay=2\nmax_connection_delay=60\n";
+const std::string good = good_url + good_delays;
+
+class ConfigCheckTest : public testing::Test {
+protected:
+  config_check_t check(const std::string &bytes) {
+    return check_config(folder.write("vemk.conf", bytes));
+  }
+
+  /// The findings as "LINE: text", LINE being 0 for the file.
+  static std::vector<std::string> findings(const std::string &bytes) {
+    std::vector<std::string> texts;
+    for (const finding_t &finding : find_in_config(bytes).findings)
+      texts.push_back(std::to_string(finding.line) + ": " + finding.text);
+    return texts;
+  }
+
+  void expect_warning(const std::string &bytes, const std::string &text) {
+    const config_check_t result = check(bytes);
+    EXPECT_EQ(result.verdict, config_verdict::usable_with_warnings) << result.report;
+    EXPECT_THAT(result.report, HasSubstr(folder.file("vemk.conf") + ":" + text));
+  }
+
+  void expect_unusable(const std::string &bytes, const std::string &text) {
+    const config_check_t result = check(bytes);
+    EXPECT_EQ(result.verdict, config_verdict::unusable) << result.report;
+    EXPECT_THAT(result.report, HasSubstr(text));
+    EXPECT_THAT(result.report, HasSubstr(": not usable: the daemon would "));
+    EXPECT_THAT(result.report, Not(HasSubstr("the daemon uses")));
+  }
+
+  temporary_folder folder;
+};
+
+TEST_F(ConfigCheckTest, TellsWhatTheDaemonUses) {
+  const config_check_t result = check(good + "ap_location=lobby west\nlog_level=0x0D\n");
+  EXPECT_EQ(result.verdict, config_verdict::usable);
+  EXPECT_EQ(result.report, folder.file("vemk.conf") +
+                               ": usable; the daemon uses\n"
+                               "  host            192.0.2.7\n"
+                               "  port            8080\n"
+                               "  path            /roam\n"
+                               "  initial delay   2 s\n"
+                               "  maximum delay   60 s\n"
+                               "  first delays    [1;3) [2;6) [4;12) [8;24) [16;48) seconds\n"
+                               "  log             error, info, debug (0x0D)\n"
+                               "  location        lobby west\n");
+}
+
+TEST_F(ConfigCheckTest, DefaultsAreWhatTheDaemonHas) {
+  EXPECT_THAT(check(good).report, AllOf(HasSubstr("  log             nothing (0x00)\n"),
+                                        HasSubstr("  location        default-domain\n")));
+}
+
+TEST_F(ConfigCheckTest, CommentsBlankLinesAndLetterCaseAreFine) {
+  EXPECT_THAT(findings("# comment = 1\n; comment\n\n   \n  # indented\nLOG_LEVEL=0X0f\n" + good),
+              IsEmpty());
+}
+
+TEST_F(ConfigCheckTest, LinesThatMatchNoKeyAreNamed) {
+  EXPECT_THAT(
+      findings(" log_level=1\nlog_level =1\nmax_conection_delay=60\nMAX-CONNECTION-DELAY=60\n"
+               "colour=red\n[vemk]\nlog_level 5\n"),
+      ElementsAre(
+          AllOf(StartsWith("1: blanks before the key"), HasSubstr("write log_level= in the first")),
+          AllOf(StartsWith("2: blanks before the key"), HasSubstr("write log_level= in the first")),
+          AllOf(StartsWith("3: 'max_conection_delay' is no key"),
+                EndsWith("did you mean max_connection_delay=?")),
+          AllOf(StartsWith("4: 'MAX-CONNECTION-DELAY' is no key"),
+                EndsWith("did you mean max_connection_delay=?")),
+          AllOf(StartsWith("5: 'colour' is no key"), Not(HasSubstr("did you mean"))),
+          StartsWith("6: '[vemk]' is neither KEY=VALUE nor a comment"),
+          StartsWith("7: 'log_level 5' is neither KEY=VALUE nor a comment")));
+}
+
+TEST_F(ConfigCheckTest, ManyIgnoredLinesAreCounted) {
+  std::string file;
+  for (int i = 0; i < 25; ++i)
+    file += "words\n";
+  const auto texts = findings(file);
+  ASSERT_EQ(texts.size(), 21u);
+  EXPECT_THAT(texts.back(), StartsWith("0: 5 more lines match no key"));
+}
+
+TEST_F(ConfigCheckTest, MisplacedServiceKeyIsWhyThereIsNoService) {
+  expect_unusable(" " + good, ":1: error: blanks before the key");
+  expect_unusable("roam_service_url = ws://192.0.2.7:8080/roam\n", ":1: error: blanks before");
+  expect_unusable("roam_servce_url=ws://192.0.2.7:8080/roam\n", "did you mean roam_service_url=?");
+  expect_unusable("# nothing\n", "because no line gives it a service; add roam_service_url=");
+}
+
+TEST_F(ConfigCheckTest, UrlWithoutPortOrPathIsUnusable) {
+  expect_unusable("roam_service_url=ws://host/roam\n", ":1: error: the URL has no port; ");
+  expect_unusable("roam_service_url=ws://host:80\n",
+                  ":1: error: the URL has no '/' behind its port");
+  expect_unusable("roam_service_url=ws://host/a:b\n",
+                  ":1: error: the URL has no port before its path");
+  expect_unusable("roam_service_url=\n", ":1: error: the URL has no port; ");
+}
+
+TEST_F(ConfigCheckTest, OtherSchemesAreRefusedWithAHint) {
+  expect_unusable("roam_service_url=wss://h:80/\n", "'wss' is refused, there is no TLS");
+  expect_unusable("roam_service_url=WS://h:80/\n", "'WS' is refused, it must be in lower case");
+  expect_unusable("roam_service_url= ws://h:80/\n", "' ws' is refused, blanks are part of it");
+  expect_unusable("roam_service_url=http://h:80/\n", "'http' is refused, it is all that stands");
+  expect_unusable("roam_service_url=h:80/?to=x://\n", "'h:80/?to=x' is refused");
+}
+
+TEST_F(ConfigCheckTest, RefusedSchemeStopsTheReading) {
+  expect_unusable("roam_service_url=wss://h:80/\n\n" + good,
+                  ":3: warning: from here on nothing is read, because of the scheme on line 1");
+}
+
+TEST_F(ConfigCheckTest, ServiceReadBeforeARefusedSchemeOrAnIncompleteUrlStays) {
+  expect_warning(good + "roam_service_url=wss://other:1/\n",
+                 "4: warning: scheme 'wss' is refused, there is no TLS; write ws://; the one of "
+                 "line 1 stays in use\n");
+  expect_warning(good + "roam_service_url=ws://other/\n", "4: warning: the URL has no port; ");
+  EXPECT_THAT(check(good + "roam_service_url=ws://other/\n").report,
+              HasSubstr("  host            192.0.2.7\n"));
+}
+
+TEST_F(ConfigCheckTest, PortsThatCannotBeConnectedToAreUnusable) {
+  expect_unusable("roam_service_url=ws://h:0/\n", ":1: error: port 0 is no port to connect to");
+  expect_unusable("roam_service_url=ws://h:65536/\n", "port 65536 counts as 0, which is no port");
+  expect_unusable("roam_service_url=ws://h:/\n", ":1: error: port: it has no value");
+  expect_unusable("roam_service_url=ws://h:http/\n", ":1: error: port: 'http' is no number");
+  expect_unusable("roam_service_url=ws://u:pw@h:80/\n", "port: 'pw@h:80' is no number");
+}
+
+// The WebSocket library takes the port's lowest 16 bits, and a server there is connected to.
+TEST_F(ConfigCheckTest, PortsOutOfRangeAreTakenModulo65536) {
+  expect_warning("roam_service_url=ws://h:83616/\n" + good_delays,
+                 "1: warning: port '83616' is not from 1 to 65535, and the connection goes to port "
+                 "18080; ");
+  EXPECT_THAT(check("roam_service_url=ws://h:83616/\n").report,
+              HasSubstr("  port            18080 (from 83616)\n"));
+  expect_warning("roam_service_url=ws://h:-1/\n" + good_delays, "1: warning: port '-1' is not");
+}
+
+TEST_F(ConfigCheckTest, HostsThatNoNameServerKnowsAreUnusable) {
+  expect_unusable("roam_service_url=ws://:80/\n", ":1: error: the URL has no host");
+  expect_unusable("roam_service_url=ws://h :80/\n", ":1: error: host 'h ' holds blanks");
+  expect_unusable("roam_service_url=ws://h/roam:80/x\n", ":1: error: host 'h/roam' holds a '/'");
+  expect_unusable("roam_service_url=ws://[::1]:80/x\n", ":1: error: host '[' begins an IPv6");
+}
+
+TEST_F(ConfigCheckTest, OddHostsAndPathsAreWarnedOf) {
+  const std::string url = "roam_service_url=ws://";
+  expect_warning(url + "h\xC3\xB6st:80/\n" + good_delays,
+                 "1: warning: host 'h\xC3\xB6st' is not all ASCII");
+  expect_warning(url + "h*:80/\n" + good_delays, "1: warning: host 'h*' holds what no host name");
+  expect_warning(url + "h:80/a b\n" + good_delays, "1: warning: path 'a b' holds blanks");
+  expect_warning(url + "h:80/ \n" + good_delays, "1: warning: path ' ' holds blanks");
+  expect_warning(url + "h:80/\xC3\xB6\n" + good_delays, "1: warning: path '\xC3\xB6' is not all");
+  expect_warning(url + "h:80x/\n" + good_delays, "1: warning: port: '80x' has 'x' behind");
+}
+
+TEST_F(ConfigCheckTest, NumbersThatAreNotPlainAreNamedWithWhatTheyCountAs) {
+  EXPECT_THAT(findings("max_connection_delay=\nmax_connection_delay=ten\n"),
+              testing::Contains("1: max_connection_delay: it has no value and counts as 0; give a "
+                                "number"));
+  const std::pair<const char *, const char *> cases[] = {
+      {"ten", "'ten' is no number and counts as 0"},
+      {"5s", "'5s' has 's' behind the number and counts as 5"},
+      {"5 ", "'5 ' has ' ' behind the number and counts as 5"},
+      {"0x10", "'0x10' has 'x10' behind the number and counts as 0"},
+      {"4294967296", "'4294967296' is beyond 32 bits and counts as 4294967295"},
+      {"99999999999999999999", "is beyond 32 bits and counts as 4294967295"},
+      {"-5", "'-5' has a sign and counts as 4294967291"},
+      {"+5", "'+5' has blanks or a sign before the number and counts as 5"},
+      {" 5", "' 5' has blanks or a sign before the number and counts as 5"},
+      {"4294967295", "4294967295 seconds are taken for a negative number"},
+  };
+  for (const auto &[value, text] : cases)
+    EXPECT_THAT(findings(std::string("max_connection_delay=") + value + "\n"),
+                ElementsAre(HasSubstr(text)));
+  EXPECT_THAT(findings("max_connection_delay=2147483647\n"), IsEmpty());
+}
+
+TEST_F(ConfigCheckTest, LogLevelsAreReadAsTheDaemonReadsThem) {
+  const std::pair<const char *, const char *> cases[] = {
+      {"0x", "0x has no digits behind it and counts as 0"},
+      {"0F", "'0F' has 'F' behind the number and counts as 0"},
+      {"0xFg", "'Fg' has 'g' behind the number and counts as 15"},
+      {"16", "'16' has bits that name no category"},
+      {"0xFFFF", "'0xFFFF' has bits that name no category"},
+  };
+  for (const auto &[value, text] : cases)
+    EXPECT_THAT(findings(std::string("log_level=") + value + "\n"), ElementsAre(HasSubstr(text)));
+  EXPECT_THAT(findings("log_level=0X0f\n"), IsEmpty());
+}
+
+TEST_F(ConfigCheckTest, DelaysThatDoNotWorkTogetherAreWarnedOf) {
+  const auto delays = [](const std::string &initial, const std::string &largest) {
+    return good_url + "initial_connection_delay=" + initial + "\nmax_connection_delay=" + largest +
+           "\n";
+  };
+  expect_warning(delays("90", "60"), "2: warning: the initial delay 90 is above the maximum 60");
+  expect_warning(delays("0", "60"), "2: warning: the initial delay is 0");
+  expect_warning(delays("2", "0"), "3: warning: the largest delay is 0");
+  expect_warning(delays("1", "1"), "3: warning: the largest delay is 1");
+  expect_warning(good_url, " warning: without max_connection_delay=");
+  expect_warning(good_url, " warning: without initial_connection_delay=");
+}
+
+TEST_F(ConfigCheckTest, LaterOfTwoLinesCounts) {
+  expect_warning(good + "\nmax_connection_delay=30\n",
+                 "5: warning: max_connection_delay= is on line 3 too, and this later one counts");
+  EXPECT_THAT(check(good + "max_connection_delay=30\n").report, HasSubstr("maximum delay   30 s"));
+}
+
+TEST_F(ConfigCheckTest, RestOfALongLineIsReadAsANewOne) {
+  expect_warning("#" + std::string(253, '-') + good,
+                 "1: warning: the line is longer than 254 bytes");
+  EXPECT_THAT(check("#" + std::string(253, '-') + good).report, HasSubstr("192.0.2.7"));
+  EXPECT_THAT(findings("#" + std::string(253, '-') + "\n" + good), IsEmpty());
+  EXPECT_THAT(findings("#" + std::string(900, '-') + "\nap_location= x\n"),
+              ElementsAre(StartsWith("1: the line is longer"), StartsWith("2: ap_location: ")));
+}
+
+TEST_F(ConfigCheckTest, LocationsAreTakenAsTheyStand) {
+  EXPECT_THAT(findings("ap_location=a b\n"), IsEmpty());
+  EXPECT_THAT(findings("ap_location=a # b\n"), ElementsAre(HasSubstr("the comment behind")));
+  EXPECT_THAT(findings("ap_location=\"a\"\n"), ElementsAre(HasSubstr("the quotation marks")));
+  EXPECT_THAT(findings("ap_location=a \n"), ElementsAre(HasSubstr("blanks around the value")));
+}
+
+TEST_F(ConfigCheckTest, FilesThatAreNotPlainTextAreNamedOnce) {
+  expect_warning("# a\r\n# b\r\n" + good, "1: warning: the line ends in CR LF");
+  EXPECT_THAT(findings("# a\r\n# b\r\n" + good), ElementsAre(StartsWith("1: the line ends in")));
+  EXPECT_THAT(findings("# a\r# b\r# c\r"), ElementsAre(HasSubstr("does not end a line")));
+  EXPECT_THAT(findings(std::string("ap_location=a\0b\n\0\n", 18)),
+              ElementsAre(StartsWith("1: a NUL byte hides the rest")));
+  EXPECT_THAT(findings("\x7F\x45LF\n\x01\x02=\n"), ElementsAre(StartsWith("1: a control byte")));
+  EXPECT_THAT(findings("\xEF\xBB\xBF# comment\n"),
+              testing::Contains(StartsWith("1: a byte order mark")));
+  EXPECT_THAT(findings("\xFF\xFEr\n"), testing::Contains(StartsWith("0: this looks like UTF-16")));
+  expect_unusable("", " warning: the file is empty");
+}
+
+TEST_F(ConfigCheckTest, WhatIsNoFileIsUnusable) {
+  const auto verdict_of = [](const std::string &path, const std::string &text) {
+    const config_check_t result = check_config(path);
+    EXPECT_EQ(result.verdict, config_verdict::unusable);
+    EXPECT_THAT(result.report, StartsWith(path + ": error: " + text));
+    EXPECT_THAT(result.report, HasSubstr(": not usable: the daemon would end at once"));
+  };
+  verdict_of(folder.path(), "is a folder");
+  verdict_of(folder.file("missing.conf"), "cannot be opened: No such file or directory");
+}
+
+TEST_F(ConfigCheckTest, PipeIsLeftAlone) {
+  const std::string path = folder.file("pipe");
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_THROW(check_config(path), io_error);
+}
+
+TEST_F(ConfigCheckTest, ControlBytesReachNoTerminal) {
+  const std::string report = check("\x1b[31m=1\n" + good + "ap_location=\x1b[2J\n").report;
+  EXPECT_THAT(report, AllOf(Not(HasSubstr("\x1b")), HasSubstr("location        \\x1b[2J\n")));
+}
+
+} // namespace
+} // namespace vemk

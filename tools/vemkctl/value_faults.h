@@ -1,0 +1,38 @@
+/// What may be wrong with a value of the configuration file.
+#ifndef VEMKCTL_VALUE_FAULTS_H
+#define VEMKCTL_VALUE_FAULTS_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace vemk {
+
+/// The port that a connection is made to: the WebSocket library keeps 16 bits of the number.
+std::uint16_t connected_port(std::int32_t port);
+
+/// Why a connection to this host and port can never come about, if so.
+std::optional<std::string> service_fault(std::string_view host, std::int32_t port);
+
+/// A number of seconds.
+std::optional<std::string> delay_fault(std::string_view value);
+
+std::optional<std::string> log_level_fault(std::string_view value);
+
+std::optional<std::string> location_fault(std::string_view value);
+
+/// The URL's text as the daemon splits it.
+struct url_faults_t {
+  std::optional<std::string> scheme; // refused
+  std::optional<std::string> missing_part;
+  std::optional<std::string> host;
+  std::optional<std::string> port;
+  std::optional<std::string> path;
+};
+
+url_faults_t url_faults(std::string_view value);
+
+} // namespace vemk
+
+#endif
