@@ -12,7 +12,7 @@ if(VEMK_PLATFORM STREQUAL "host")
 endif()
 foreach(manual ${manuals})
   string(REGEX MATCH "[0-9]$" section ${manual})
-  install(FILES man/${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} OPTIONAL)
+  install(FILES man/${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
 endforeach()
 
 if(VEMK_PLATFORM STREQUAL "host")

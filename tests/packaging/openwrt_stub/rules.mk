@@ -1,0 +1,8 @@
+# What the package's Makefile takes from OpenWrt's rules.mk. WORK names the folder to work in.
+INCLUDE_DIR := $(TOPDIR)/include
+PKG_BUILD_DIR = $(WORK)/build
+PKG_INSTALL_DIR = $(WORK)/staged
+INSTALL_DIR := install -d -m 0755
+INSTALL_BIN := install -m 0755
+INSTALL_CONF := install -m 0600
+CP := cp -fpR
