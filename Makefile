@@ -3,7 +3,7 @@ SHELL := /bin/bash
 # Most tests wait for a peer or a delay rather than compute.
 TEST_JOBS ?= 8
 
-.PHONY: build run test target target-size target-static packages pictures clean
+.PHONY: build run test target target-size target-static packages package package-test pictures clean
 
 packages:
 	scripts/install-packages.sh
@@ -48,6 +48,20 @@ target-static: packages
 	readelf -A build-mips-static/vemk | grep -E 'ISA:|FP ABI:'
 	ctest --preset mips-static -j $(TEST_JOBS)
 	scripts/static-size.py
+
+# A Debian package for this machine; the date in it is that of the last change, so that it can be
+# made again byte by byte.
+package: packages
+	scripts/install-packages.sh scripts/packages-package.txt
+	cmake -S . -B build-package -G Ninja -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF
+	cmake --build build-package
+	rm -f build-package/vemk_*.deb
+	cd build-package && SOURCE_DATE_EPOCH=$${SOURCE_DATE_EPOCH:-$$(git log -1 --format=%ct)} cpack
+	ls -l build-package/vemk_*.deb
+
+package-test: package
+	scripts/install-packages.sh scripts/packages-package-test.txt
+	scripts/test-package.sh build-package/vemk_*.deb
 
 # After a change in docs/pictures.
 pictures:
