@@ -111,12 +111,12 @@ private:
       add(piece.line, is_nul ? "a NUL byte hides the rest of the line; see that this is a text file"
                              : "a control byte stands here; see that this is a text file");
     }
-    const bool crlf =
-        piece.bytes.size() > 1 && piece.bytes.substr(piece.bytes.size() - 2) == "\r\n";
+    std::string_view text = piece.bytes;
+    const bool crlf = text.size() > 1 && text.substr(text.size() - 2) == "\r\n";
     if (crlf && !std::exchange(told.crlf, true))
       add(piece.line, "the line ends in CR LF, which does no harm; save the file with LF alone");
-    const std::string_view inside = without_line_end(piece.bytes);
-    if (inside.find('\r') != std::string_view::npos && !std::exchange(told.carriage_return, true))
+    text.remove_suffix(crlf ? 2 : 0);
+    if (text.find('\r') != std::string_view::npos && !std::exchange(told.carriage_return, true))
       add(piece.line, "a carriage return does not end a line; save the file with LF line ends");
   }
 

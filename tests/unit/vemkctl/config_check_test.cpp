@@ -255,6 +255,7 @@ TEST_F(ConfigCheckTest, FilesThatAreNotPlainTextAreNamedOnce) {
   expect_warning("# a\r\n# b\r\n" + good, "1: warning: the line ends in CR LF");
   EXPECT_THAT(findings("# a\r\n# b\r\n" + good), ElementsAre(StartsWith("1: the line ends in")));
   EXPECT_THAT(findings("# a\r# b\r# c\r"), ElementsAre(HasSubstr("does not end a line")));
+  EXPECT_THAT(findings("log_level=1\r"), ElementsAre(HasSubstr("does not end a line")));
   EXPECT_THAT(findings(std::string("ap_location=a\0b\n\0\n", 18)),
               ElementsAre(StartsWith("1: a NUL byte hides the rest")));
   EXPECT_THAT(findings("\x7F\x45LF\n\x01\x02=\n"), ElementsAre(StartsWith("1: a control byte")));
