@@ -60,7 +60,8 @@ bool send_now(zmq::socket_t &socket, zmq::message_t &message) {
 
 bus_sender::bus_sender(const std::string &folder, int module_id)
     : socket(context, zmq::socket_type::dealer) {
-  socket.set(zmq::sockopt::immediate, true);
+  // Without ZMQ_IMMEDIATE, with which the answers that wait here would be dropped when the module
+  // closes the connection.
   socket.set(zmq::sockopt::reconnect_ivl, reconnect_ms);
   socket.set(zmq::sockopt::sndhwm, sender_messages);
   socket.set(zmq::sockopt::rcvhwm, max_unanswered);

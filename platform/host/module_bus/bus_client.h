@@ -30,7 +30,8 @@ class bus_sender {
 public:
   bus_sender(const std::string &folder, int module_id);
 
-  /// Sends one message. False when the module, absent or busy, left no room until the deadline.
+  /// Sends one message, or keeps it for a module that is not there yet; only wait_until_taken()
+  /// tells. False when there was no room for it until the deadline.
   /// REQUIRES: payload.size() <= max_payload_bytes
   bool send(std::string_view payload, bus_deadline deadline);
 
