@@ -19,18 +19,20 @@ check_statically() {
   step "shellcheck"
   shellcheck "$here"/test-package*.sh "$here"/../packaging/debian/{postinst,prerm,postrm}
   shellcheck --shell sh "$here"/../packaging/openwrt/vemk/files/vemk.init
-  shellcheck "$here"/../build-package/completions/vemkctl
+  shellcheck "$(dirname "$package")/completions/vemkctl"
 }
 
 make_system() {
   step "a fresh system"
   # shellcheck disable=SC1091  # the file of the machine
   suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
-  mirror=$(distribution_sources "\$(SITE) \$(CODENAME)" | awk -v s="$suite" '$2 == s { print $1; exit }')
+  mirror=$(distribution_sources "\$(SITE) \$(CODENAME)" |
+    awk -v suite="$suite" '$2 == suite && !found++ { print $1 }')
   [ -n "$mirror" ] || fail "no source for $suite; put one into /etc/apt and run apt-get update"
-  debootstrap --variant=minbase --include=systemd "$suite" "$system" "$mirror" >"$work/debootstrap.log" ||
-    fail "debootstrap failed: $(tail -n 3 "$work/debootstrap.log")"
-  distribution_sources "deb \$(SITE) \$(RELEASE) \$(COMPONENT)" | sort -u >"$system/etc/apt/sources.list"
+  debootstrap --variant=minbase --include=systemd "$suite" "$system" "$mirror" \
+    >"$work/debootstrap.log" || fail "debootstrap failed: $(tail -n 3 "$work/debootstrap.log")"
+  distribution_sources "deb \$(SITE) \$(RELEASE) \$(COMPONENT)" | sort -u \
+    >"$system/etc/apt/sources.list"
   apt-config dump Acquire | grep -i proxy >"$system/etc/apt/apt.conf.d/90proxy" || true
   cp --remove-destination /etc/resolv.conf "$system/etc/resolv.conf"
   mount -t proc proc "$system/proc"
@@ -38,8 +40,8 @@ make_system() {
 }
 
 in_system() {
-  env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
-    ${http_proxy:+http_proxy="$http_proxy"} chroot "$system" "$@"
+  env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
+    DEBIAN_FRONTEND=noninteractive ${http_proxy:+http_proxy="$http_proxy"} chroot "$system" "$@"
 }
 
 install_package() { in_system apt-get -qq -y -o Dpkg::Use-Pty=0 --no-install-recommends "$@"; }
@@ -47,7 +49,8 @@ install_package() { in_system apt-get -qq -y -o Dpkg::Use-Pty=0 --no-install-rec
 # Everything but what apt, dpkg and systemd keep for themselves.
 list_files() {
   (cd "$system" && find . -xdev \( -path ./proc -o -path ./root -o -path ./run/systemd \
-    -o -path ./var/cache -o -path ./var/log/apt -o -path ./var/lib/apt -o -path ./var/lib/dpkg \) -prune -o -print | sort)
+    -o -path ./var/cache -o -path ./var/log/apt -o -path ./var/lib/apt -o -path ./var/lib/dpkg \) \
+    -prune -o -print | sort)
 }
 
 check_installation() {
@@ -64,6 +67,7 @@ check_installation() {
     fail "the unit is not enabled"
 
   step "systemd-analyze verify"
+  # The manuals that it names were looked for above; without man it cannot.
   in_system systemd-analyze verify --man=no vemk.service
   in_system systemd-analyze security --offline=true --no-pager vemk.service | tail -n 1
 }
@@ -85,7 +89,8 @@ check_upgrade() {
   dpkg-deb --root-owner-group -b "$work/next" "$system/root/next.deb" >/dev/null
   install_package -o Dpkg::Options::=--force-confdef -o Dpkg::Options::=--force-confold \
     install /root/next.deb >/dev/null
-  grep -qx 'ap_location=edited' "$system/etc/vemk/vemk.conf" || fail "the edited configuration is lost"
+  grep -qx 'ap_location=edited' "$system/etc/vemk/vemk.conf" ||
+    fail "the edited configuration is lost"
   [ -f "$system/etc/vemk/vemk.conf.dpkg-dist" ] || fail "the new configuration is not put beside it"
   in_system dpkg -s vemk | grep '^Version'
 }

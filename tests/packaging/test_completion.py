@@ -91,6 +91,12 @@ def test_offers_folders_for_the_bus():
         assert complete("status --bus=b", folder) == ["bus one"]
 
 
+def test_offers_files_for_a_configuration():
+    with tempfile.TemporaryDirectory() as folder:
+        Path(folder, "vemk one.conf").touch()
+        assert complete("check-config v", folder) == ["vemk one.conf"]
+
+
 def test_offers_nothing_for_free_text_and_numbers():
     with tempfile.TemporaryDirectory() as folder:
         Path(folder, "file").touch()

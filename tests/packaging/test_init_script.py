@@ -10,7 +10,8 @@ import pytest
 
 FILES = Path(os.environ["SOURCE_DIR"], "packaging/openwrt/vemk/files")
 STUB = Path(__file__).with_name("procd_stub.sh")
-SHELLS = [shell for shell in ("dash", "bash --posix", "busybox sh") if shutil.which(shell.split()[0])]
+SHELLS = [shell for shell in ("dash", "bash --posix", "busybox sh")
+          if shutil.which(shell.split()[0])]
 URL = "roam_service_url=ws://127.0.0.1:8080/roam\n"
 
 

@@ -1,4 +1,4 @@
-"""What an installation puts where: a workstation's, and a device's by way of the OpenWrt package."""
+"""What an installation puts where: a workstation's, and a device's through the OpenWrt package."""
 
 import os
 import re
