@@ -1,7 +1,9 @@
 #!/usr/bin/python3
 """Measures what the daemon costs and writes the table in docs/target.md.
 
-Needs the environment that scripts/target-env.sh makes for the MIPS column.
+Needs the environment that scripts/target-env.sh makes for the MIPS column. Where the one of
+scripts/static-env.sh is there as well, the static daemon has a column too; it can be measured only
+as far as no faster clock is needed, which a static program cannot load.
 """
 
 import argparse
@@ -17,6 +19,7 @@ sys.dont_write_bytecode = True
 sys.path[:0] = [str(checkout / folder) for folder in ("tests/device_build", "tests/system")]
 
 from target_size import machines, scenarios, table  # noqa: E402  (the path is set above)
+from target_size.static_machine import static_machine  # noqa: E402
 
 measurements = ("sizes", "rest", "messages", "day")
 
@@ -57,6 +60,13 @@ def make_machines(arguments):
     return made
 
 
+def make_static_machines(arguments):
+    """The static daemon, where it is wanted and can be built; otherwise nothing."""
+    environment = checkout / "build-static-env"
+    wanted = "mipsel" in (arguments.on or ["mipsel"]) and (environment / "stamps").exists()
+    return [static_machine(environment)] if wanted else []
+
+
 def repeat(scenario, machine, amount, runs):
     """The results of the runs, each printed."""
     results = []
@@ -79,12 +89,9 @@ def on_all(made, scenario, amount, runs):
         return {name: future.result() for name, future in waiting.items()}
 
 
-def measure_sizes(made, environment):
+def measure_sizes(made, made_static):
     sizes = {machine.name: (machine.program_size(), machine.library_sizes()) for machine in made}
-    if "mipsel" in sizes:
-        static_size = machines.static_program_size(environment)
-        if static_size is not None:
-            sizes["mipsel, static"] = (static_size, {})
+    sizes.update({machine.name: (machine.program_size(), {}) for machine in made_static})
     return table.size_rows(sizes)
 
 
@@ -92,13 +99,14 @@ def measure(arguments):
     """The sections of the table, and its columns."""
     wanted = arguments.measure or measurements
     made = make_machines(arguments)
+    made_static = make_static_machines(arguments)
     command = "scripts/target-size.py"
     sections = []
     if "sizes" in wanted:
-        rows = measure_sizes(made, arguments.environment.resolve())
+        rows = measure_sizes(made, made_static)
         sections.append((f"{command} sizes", rows))
     if "rest" in wanted:
-        runs = on_all(made, scenarios.rest, arguments.minutes, arguments.runs)
+        runs = on_all(made + made_static, scenarios.rest, arguments.minutes, arguments.runs)
         sections.append((f"{command} rest", table.rest_rows(runs)))
     if "messages" in wanted:
         runs = on_all(made, scenarios.messages, arguments.speed, arguments.runs)

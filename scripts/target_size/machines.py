@@ -1,7 +1,6 @@
 """The processors on which the daemon is measured: how it is built and run for each."""
 
 import pathlib
-import shutil
 
 from device_build import device_build, needed_by, run, source_folder, stripped_size, tools_t
 
@@ -88,15 +87,3 @@ class mipsel(machine):
         settings = [word for name, value in variables.items() for word in ("-E", f"{name}={value}")]
         return [self.environment / "bin" / "qemu", "-B", hex(guest_base), *settings,
                 self.build.program]
-
-
-def static_program_size(environment):
-    """The stripped size of the static daemon of `make target-static`; None where it is not made."""
-    program = source_folder / "build-mips-static" / "vemk"
-    if not program.exists():
-        return None
-    copy = source_folder / "build-size-mipsel" / "vemk-static"
-    copy.parent.mkdir(exist_ok=True)
-    shutil.copyfile(program, copy)
-    run(environment / "bin" / "mipsel-strip", copy)
-    return copy.stat().st_size
