@@ -1,69 +1,195 @@
 #include "connection.h"
 
-#include <algorithm>
+#include <cerrno>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <utility>
 
 namespace vemk {
+namespace {
 
-std::shared_ptr<outgoing_message_t> make_outgoing_message(std::string_view bytes,
-                                                          lws_write_protocol kind) {
-  auto message = std::make_shared<outgoing_message_t>();
-  message->block.resize(LWS_PRE + bytes.size());
-  std::copy(bytes.begin(), bytes.end(), message->block.begin() + LWS_PRE);
-  message->length = bytes.size();
-  message->kind = kind;
+constexpr size_t chunk_bytes = 64 * 1024;
+constexpr size_t longest_request_bytes = 16 * 1024;
+constexpr std::chrono::seconds request_patience{10};
+constexpr std::chrono::seconds close_patience{1};
+
+bool would_block() {
+  return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+}
+
+std::shared_ptr<const outgoing_t> make_plain_bytes(std::string bytes) {
+  auto result = std::make_shared<outgoing_t>();
+  result->bytes = std::move(bytes);
+  result->frame_count = 0;
+  return result;
+}
+
+} // namespace
+
+std::shared_ptr<const outgoing_t> make_outgoing(opcode_t kind, std::string_view payload,
+                                                size_t fragments) {
+  auto result = std::make_shared<outgoing_t>();
+  result->bytes = encode_message(kind, payload, fragments);
+  result->kind = kind;
+  result->payload_bytes = payload.size();
+  result->frame_count = fragments;
+  result->beginning = payload.substr(0, recorded_bytes);
+  return result;
+}
+
+connection::connection(int socket_descriptor, unsigned int number, std::string peer_address)
+    : socket(socket_descriptor), own_number(number), address(std::move(peer_address)),
+      deadline(service_clock::now() + request_patience) {}
+
+connection::~connection() {
+  ::close(socket);
+}
+
+bool connection::wants_to_read() const {
+  return stage == stage_t::open || stage == stage_t::closing ? may_read : !gone();
+}
+
+bool connection::wants_to_write(service_clock::time_point now) const {
+  return !gone() && !output.empty() && output.front().due <= now;
+}
+
+std::optional<service_clock::time_point> connection::next_due() const {
+  std::optional<service_clock::time_point> result;
+  if (stage != stage_t::open)
+    result = deadline;
+  if (!output.empty() && (!result || output.front().due < *result))
+    result = output.front().due;
+  return result;
+}
+
+void connection::read_some() {
+  const size_t before = input.size();
+  input.resize(before + chunk_bytes);
+  const ssize_t length = recv(socket, input.data() + before, chunk_bytes, MSG_DONTWAIT);
+  const bool ended = length == 0 || (length < 0 && !would_block());
+  input.resize(before + (length > 0 ? static_cast<size_t>(length) : 0));
+  if (ended)
+    stage = stage_t::gone;
+  else if (stage == stage_t::finishing)
+    input.clear();
+}
+
+std::deque<std::shared_ptr<const outgoing_t>> connection::send_due(service_clock::time_point now) {
+  std::deque<std::shared_ptr<const outgoing_t>> sent;
+  while (wants_to_write(now)) {
+    const std::string &bytes = output.front().what->bytes;
+    const ssize_t length = ::send(socket, bytes.data() + sent_of_first,
+                                  bytes.size() - sent_of_first, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (length < 0) {
+      if (!would_block())
+        stage = stage_t::gone;
+      return sent;
+    }
+    sent_of_first += static_cast<size_t>(length);
+    if (sent_of_first < bytes.size())
+      return sent;
+    queued_bytes -= bytes.size();
+    sent_of_first = 0;
+    sent.push_back(std::move(output.front().what));
+    output.pop_front();
+  }
+  stop_sending_when_done();
+  return sent;
+}
+
+void connection::drop_if_overdue(service_clock::time_point now) {
+  if (stage != stage_t::open && now >= deadline)
+    stage = stage_t::gone;
+}
+
+std::optional<std::string> connection::take_request() {
+  if (stage != stage_t::request)
+    return std::nullopt;
+  const size_t end = input.find("\r\n\r\n");
+  if (end == std::string::npos) {
+    if (input.size() > longest_request_bytes)
+      stage = stage_t::gone;
+    return std::nullopt;
+  }
+  std::string head = input.substr(0, end);
+  input.erase(0, end + 4);
+  return head;
+}
+
+std::optional<message_t> connection::take_message() {
+  if ((stage != stage_t::open && stage != stage_t::closing) || !may_read || input.empty())
+    return std::nullopt;
+  std::string_view rest = input;
+  auto message = reader.next(rest);
+  input.erase(0, input.size() - rest.size());
+  if (reader.failure() != 0) {
+    close_with(reader.failure());
+    finish();
+    return std::nullopt;
+  }
+  if (message && message->kind == opcode_t::close) {
+    if (stage == stage_t::open)
+      queue(make_outgoing(opcode_t::close, message->payload), {});
+    finish();
+  }
   return message;
 }
 
-connection::connection(lws *library_connection, std::string peer_address)
-    : library(library_connection), address(std::move(peer_address)) {}
+void connection::answer(std::string http_answer) {
+  queue(make_plain_bytes(std::move(http_answer)), {});
+  finish();
+}
 
-bool connection::queue(std::shared_ptr<outgoing_message_t> message) {
-  if (given_up)
-    return true;
+void connection::accept_upgrade(std::string http_answer) {
+  queue(make_plain_bytes(std::move(http_answer)), {});
+  stage = stage_t::open;
+}
+
+bool connection::send(std::shared_ptr<const outgoing_t> message, std::chrono::milliseconds delay) {
+  if (!open())
+    return !gone();
   // One message always fits, so that the limit bounds the queue and not the message.
-  const size_t queued_before = queued_bytes + in_flight_bytes;
-  if (queued_before > 0 && queued_before + message->length > most_queued_bytes) {
-    given_up = true;
-    waiting = {};
+  if (queued_bytes > 0 && queued_bytes + message->bytes.size() > most_queued_bytes) {
+    stage = stage_t::gone;
     return false;
   }
-  queued_bytes += message->length;
-  waiting.push(std::move(message));
-  lws_callback_on_writable(library);
+  queue(std::move(message), delay);
   return true;
 }
 
-bool connection::send_next() {
-  in_flight_bytes = 0;
-  if (given_up)
-    return false;
-  if (waiting.empty())
-    return true;
-  const auto message = std::move(waiting.front());
-  waiting.pop();
-  queued_bytes -= message->length;
-  in_flight_bytes = message->length;
-  // The library keeps what the socket does not take, and is writeable again when that is out.
-  const int written =
-      lws_write(library, message->block.data() + LWS_PRE, message->length, message->kind);
-  if (written < 0 || static_cast<size_t>(written) < message->length)
-    return false;
-  lws_callback_on_writable(library);
-  return true;
+void connection::close_with(int code, std::chrono::milliseconds delay) {
+  if (!open())
+    return;
+  queue(make_outgoing(opcode_t::close, close_payload(code)), delay);
+  stage = stage_t::closing;
+  deadline = service_clock::now() + delay + close_patience;
 }
 
-bool connection::accept_piece(std::string_view piece) {
-  if (received.size() + piece.size() > longest_message_bytes)
-    return false;
-  received.append(piece);
-  return true;
+void connection::reset() {
+  const linger at_once{1, 0};
+  setsockopt(socket, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+  stage = stage_t::gone;
 }
 
-std::optional<std::string> connection::take_completed() {
-  if (lws_remaining_packet_payload(library) > 0 || !lws_is_final_fragment(library))
-    return std::nullopt;
-  return std::exchange(received, std::string());
+void connection::queue(std::shared_ptr<const outgoing_t> what, std::chrono::milliseconds delay) {
+  queued_bytes += what->bytes.size();
+  output.push_back({std::move(what), service_clock::now() + delay});
+}
+
+void connection::finish() {
+  if (gone())
+    return;
+  stage = stage_t::finishing;
+  deadline = service_clock::now() + close_patience;
+  input.clear();
+}
+
+// The other end may still be sending, and closing right away would take our last bytes from it.
+void connection::stop_sending_when_done() {
+  if (stage != stage_t::finishing || !output.empty() || end_announced)
+    return;
+  end_announced = true;
+  shutdown(socket, SHUT_WR);
 }
 
 } // namespace vemk

@@ -25,18 +25,15 @@ void install_signal_handlers() {
   (void)std::signal(SIGPIPE, SIG_IGN);
 }
 
-// The library would take a proxy from them; this server talks to nobody but its clients.
-void forget_proxies() {
-  for (const char *name : {"http_proxy", "socks_proxy"})
-    unsetenv(name);
-}
-
 int run(const vemk::service_options_t &options) {
   bool output_failed = false;
   vemk::roaming_service service(options, [&output_failed](std::string_view message) {
     output_failed = output_failed || !vemk::write_one_line(stdout, message);
   });
   output_failed = !vemk::write_one_line(stdout, "roam-service: listening on " + service.url());
+  if (options.console)
+    output_failed =
+        !vemk::write_one_line(stdout, "roam-service: console at " + service.console_url());
 
   vemk::line_source input(STDIN_FILENO, [&service] { service.wake(); });
   service.serve([&output_failed] { return output_failed || g_stop_requested != 0; },
@@ -57,7 +54,6 @@ int main(int argc, char **argv) {
   if (!options)
     return exit_status;
   install_signal_handlers();
-  forget_proxies();
   try {
     return run(*options);
   } catch (const std::exception &error) {

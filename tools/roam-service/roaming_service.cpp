@@ -1,270 +1,284 @@
 #include "roaming_service.h"
 
-#include <arpa/inet.h>
-#include <cerrno>
-#include <chrono>
+#include "console.h"
+
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
-#include <netinet/in.h>
 #include <stdexcept>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <utility>
 
 namespace vemk {
 namespace {
 
 constexpr const char *subprotocol = "websock-roaming";
-constexpr size_t socket_chunk_bytes = 64 * 1024;
-constexpr lws_usec_t longest_wait_us = 200 * LWS_US_PER_MS;
+constexpr std::chrono::milliseconds longest_wait{200};
 constexpr std::chrono::seconds leave_patience{1};
+constexpr std::chrono::seconds reopen_interval{1};
 
-bool is_ipv6(const std::string &address) {
-  return address.find(':') != std::string::npos;
+bool is_data(opcode_t kind) {
+  return kind == opcode_t::text || kind == opcode_t::binary;
 }
 
-std::string host_and_port(const std::string &address, int port) {
-  const std::string host = is_ipv6(address) ? "[" + address + "]" : address;
-  return host + ":" + std::to_string(port);
-}
-
-bool try_to_bind(int family, const sockaddr *address, socklen_t length) {
-  const int descriptor = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (descriptor < 0)
-    return false;
-  const int on = 1;
-  setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  const bool bound = bind(descriptor, address, length) == 0 && listen(descriptor, 1) == 0;
-  const int reason = errno;
-  close(descriptor);
-  errno = reason;
-  return bound;
-}
-
-// The library only says that it could not listen; this finds out why.
-bool can_listen(const service_options_t &options) {
-  const auto port = htons(static_cast<uint16_t>(options.port));
-  if (is_ipv6(options.bind_address)) {
-    sockaddr_in6 address{};
-    address.sin6_family = AF_INET6;
-    address.sin6_port = port;
-    inet_pton(AF_INET6, options.bind_address.c_str(), &address.sin6_addr);
-    return try_to_bind(AF_INET6, reinterpret_cast<const sockaddr *>(&address), sizeof address);
-  }
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = port;
-  inet_pton(AF_INET, options.bind_address.c_str(), &address.sin_addr);
-  return try_to_bind(AF_INET, reinterpret_cast<const sockaddr *>(&address), sizeof address);
-}
-
-std::runtime_error listen_error(const service_options_t &options, int reason) {
-  std::string advice = "give another --bind or --port";
-  if (reason == EADDRINUSE)
-    advice = "give another --port, or --port 0 for a free one";
-  else if (reason == EADDRNOTAVAIL)
-    advice = "give an address of this machine with --bind";
-  return std::runtime_error("cannot listen on " +
-                            host_and_port(options.bind_address, options.port) + ": " +
-                            std::strerror(reason) + "; " + advice);
-}
-
-void log_library_line(int, const char *line) {
-  std::fprintf(stderr, "roam-service: libwebsockets: %s", line);
-}
-
-std::string header(lws *library, lws_token_indexes token) {
-  std::string value(static_cast<size_t>(lws_hdr_total_length(library, token)) + 1, '\0');
-  const int length = lws_hdr_copy(library, value.data(), static_cast<int>(value.size()), token);
-  value.resize(length > 0 ? static_cast<size_t>(length) : 0);
-  return value;
-}
-
-bool offers_subprotocol(std::string offered) {
-  for (char *rest = offered.data(); char *name = strtok_r(rest, ", \t", &rest);)
-    if (std::strcmp(name, subprotocol) == 0)
-      return true;
-  return false;
+size_t frames_of(opcode_t kind, const switches_t &switches) {
+  return is_data(kind) ? static_cast<size_t>(switches.fragments) : 1;
 }
 
 } // namespace
 
+int64_t wall_clock_ms() {
+  const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(since_epoch).count();
+}
+
 roaming_service::roaming_service(const service_options_t &service_options,
                                  message_handler on_message)
-    : options(service_options),
-      message_received(std::move(on_message)), protocols{{subprotocol, library_callback, 0,
-                                                          socket_chunk_bytes, 0, nullptr, 0},
-                                                         {}} {
-  if (!can_listen(options))
-    throw listen_error(options, errno);
-  lws_set_log_level(LLL_ERR | LLL_WARN, log_library_line);
-  lws_context_creation_info info{};
-  info.options = LWS_SERVER_OPTION_EXPLICIT_VHOSTS;
-  if (!is_ipv6(options.bind_address))
-    info.options |= LWS_SERVER_OPTION_DISABLE_IPV6;
-  info.port = options.port;
-  info.iface = options.bind_address.c_str();
-  info.protocols = protocols;
-  info.user = this;
-  info.gid = static_cast<gid_t>(-1);
-  info.uid = static_cast<uid_t>(-1);
-  context = lws_create_context(&info);
-  vhost = context ? lws_create_vhost(context, &info) : nullptr;
-  if (!vhost) {
-    const int reason = errno ? errno : EADDRNOTAVAIL;
-    if (context)
-      lws_context_destroy(context);
-    throw listen_error(options, reason);
-  }
+    : options(service_options), message_received(std::move(on_message)),
+      sockets(
+          options.bind_address, options.port,
+          {[this](connection &one, const http_request_t &request) {
+             process_request(one, request);
+           },
+           [this](connection &one, message_t message) { process_message(one, std::move(message)); },
+           [this](connection &one, const outgoing_t &message) { process_sent(one, message); },
+           [this](connection &one) { process_gone(one); }}) {
+  if (options.console)
+    page = std::make_unique<console>(*this);
 }
 
-roaming_service::~roaming_service() {
-  lws_context_destroy(context);
-}
+roaming_service::~roaming_service() = default;
 
 std::string roaming_service::url() const {
-  return "ws://" + host_and_port(options.bind_address, lws_get_vhost_listen_port(vhost)) +
-         options.path;
+  return "ws://" + host_and_port(options.bind_address, sockets.port()) + options.path;
 }
 
-void roaming_service::serve(const std::function<bool()> &stop_wanted, wake_handler on_wake) {
-  woken = std::move(on_wake);
-  while (!stop_wanted())
-    serve_once();
+std::string roaming_service::console_url() const {
+  return "http://" + host_and_port(options.bind_address, sockets.port()) + "/";
+}
+
+void roaming_service::serve(const std::function<bool()> &stop_wanted, const wake_handler &on_wake) {
+  while (!stop_wanted()) {
+    run_due(service_clock::now());
+    if (sockets.serve_once(wait_until_due()))
+      on_wake();
+    if (page)
+      page->update();
+  }
   take_leave();
-  woken = nullptr;
-}
-
-void roaming_service::wake() {
-  lws_cancel_service(context);
 }
 
 void roaming_service::broadcast(std::string_view text) {
-  if (connections.empty()) {
+  if (send(std::nullopt, text) == 0)
     std::fprintf(stderr, "roam-service: no daemon is connected; the line went nowhere\n");
+}
+
+std::optional<std::chrono::milliseconds> roaming_service::away_for() const {
+  if (!back_at)
+    return std::nullopt;
+  return std::chrono::ceil<std::chrono::milliseconds>(*back_at - service_clock::now());
+}
+
+size_t roaming_service::send(std::optional<unsigned int> number, std::string_view text) {
+  const auto message =
+      make_outgoing(opcode_t::text, text, frames_of(opcode_t::text, options.switches));
+  size_t count = 0;
+  for_each(number, [&](daemon_t &daemon) {
+    send_to(daemon, message);
+    ++count;
+  });
+  return count;
+}
+
+size_t roaming_service::close(std::optional<unsigned int> number, int code) {
+  size_t count = 0;
+  for_each(number, [&](daemon_t &daemon) {
+    std::fprintf(stderr, "roam-service: closing the connection from %s with code %d\n",
+                 daemon.link->peer().c_str(), code);
+    daemon.link->close_with(code);
+    ++count;
+  });
+  return count;
+}
+
+size_t roaming_service::reset(std::optional<unsigned int> number) {
+  size_t count = 0;
+  for_each(number, [&](daemon_t &daemon) {
+    std::fprintf(stderr, "roam-service: resetting the connection from %s\n",
+                 daemon.link->peer().c_str());
+    daemon.link->reset();
+    ++count;
+  });
+  return count;
+}
+
+void roaming_service::set_switches(const switches_t &wanted) {
+  options.switches = wanted;
+  for (auto &[number, daemon] : daemons)
+    daemon.link->let_read(!wanted.stop_reading);
+}
+
+void roaming_service::go_away(std::chrono::seconds time) {
+  std::fprintf(stderr, "roam-service: going away for %lld s\n",
+               static_cast<long long>(time.count()));
+  back_at = service_clock::now() + time;
+  sockets.door_of().close();
+  close(std::nullopt, close_going_away);
+}
+
+void roaming_service::come_back() {
+  if (!back_at)
+    return;
+  try {
+    sockets.door_of().open();
+    back_at.reset();
+    std::fprintf(stderr, "roam-service: back on %s\n", url().c_str());
+  } catch (const std::runtime_error &error) {
+    std::fprintf(stderr, "roam-service: %s; trying again\n", error.what());
+    back_at = service_clock::now() + reopen_interval;
+  }
+}
+
+void roaming_service::process_request(connection &visitor, const http_request_t &request) {
+  if (page && page->accept(visitor, request))
+    return;
+  if (request.target != options.path)
+    refuse(visitor, "404 Not Found", "only path " + options.path + " is served");
+  else if (!is_upgrade(request))
+    refuse(visitor, "426 Upgrade Required", "only WebSocket connections are served");
+  else if (!list_contains(request.header("sec-websocket-protocol"), subprotocol))
+    refuse(visitor, "400 Bad Request",
+           std::string("only subprotocol ") + subprotocol + " is served");
+  else
+    accept_daemon(visitor, request);
+}
+
+void roaming_service::refuse(connection &visitor, const std::string &status,
+                             const std::string &reason) const {
+  std::fprintf(stderr, "roam-service: refused a connection: %s\n", reason.c_str());
+  visitor.answer(http_answer(status, "text/plain", reason + "\n"));
+}
+
+void roaming_service::accept_daemon(connection &visitor, const http_request_t &request) {
+  visitor.accept_upgrade(upgrade_answer(request, subprotocol));
+  visitor.let_read(!options.switches.stop_reading);
+  daemon_t daemon;
+  daemon.link = &visitor;
+  daemon.since_ms = wall_clock_ms();
+  if (options.incident != incident_t::none)
+    daemon.incident_due = service_clock::now() + std::chrono::seconds(options.after_s);
+  daemons.emplace(visitor.id(), daemon);
+  std::fprintf(stderr, "roam-service: daemon connected from %s\n", visitor.peer().c_str());
+}
+
+void roaming_service::process_message(connection &one, message_t message) {
+  const auto found = daemons.find(one.id());
+  if (found != daemons.end())
+    process_daemon_message(found->second, message);
+  else if (page)
+    page->process_message(one, message);
+}
+
+void roaming_service::process_daemon_message(daemon_t &from, const message_t &message) {
+  passed.add({0, wall_clock_ms(), from.link->id(), direction_t::received, message.kind,
+              message.payload.size(), message.frame_count,
+              message.payload.substr(0, recorded_bytes)});
+  if (message.kind == opcode_t::ping) {
+    from.last_ping_ms = wall_clock_ms();
+    ++from.pings;
+    ++from.pings_unanswered;
+    if (!options.switches.no_pongs)
+      send_to(from, make_outgoing(opcode_t::pong, message.payload));
+  } else if (is_data(message.kind)) {
+    message_received(message.payload);
+    if (options.echo)
+      send_to(from, make_outgoing(message.kind, message.payload,
+                                  frames_of(message.kind, options.switches)));
+  }
+}
+
+void roaming_service::process_sent(const connection &one, const outgoing_t &message) {
+  const auto found = daemons.find(one.id());
+  if (found == daemons.end())
+    return;
+  if (message.kind == opcode_t::pong)
+    found->second.pings_unanswered = 0;
+  passed.add({0, wall_clock_ms(), one.id(), direction_t::sent, message.kind, message.payload_bytes,
+              message.frame_count, message.beginning});
+}
+
+void roaming_service::process_gone(const connection &one) {
+  if (daemons.erase(one.id()) == 0) {
+    if (page)
+      page->process_gone(one);
     return;
   }
-  const auto message = make_outgoing_message(text, LWS_WRITE_TEXT);
-  for (auto &[library, unused] : connections)
-    if (!queue_or_drop(library, message))
-      lws_set_timeout(library, PENDING_TIMEOUT_CLOSE_SEND, LWS_TO_KILL_ASYNC);
-}
-
-int roaming_service::library_callback(lws *library, lws_callback_reasons reason, void *user,
-                                      void *data, size_t length) {
-  auto *service = static_cast<roaming_service *>(lws_context_user(lws_get_context(library)));
-  switch (reason) {
-  case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
-    return service->process_upgrade_request(library);
-  case LWS_CALLBACK_ESTABLISHED:
-    return service->process_established(library);
-  case LWS_CALLBACK_RECEIVE:
-    return service->process_receive(library, {static_cast<const char *>(data), length});
-  case LWS_CALLBACK_SERVER_WRITEABLE:
-    return service->process_writeable(library);
-  case LWS_CALLBACK_CLOSED:
-    return service->process_closed(library);
-  case LWS_CALLBACK_EVENT_WAIT_CANCELLED:
-    if (service->woken)
-      service->woken();
-    return 0;
-  default:
-    return lws_callback_http_dummy(library, reason, user, data, length);
-  }
-}
-
-int roaming_service::process_upgrade_request(lws *library) const {
-  if (header(library, WSI_TOKEN_GET_URI) != options.path)
-    return refuse(library, "404 Not Found", "only path " + options.path + " is served");
-  if (!offers_subprotocol(header(library, WSI_TOKEN_PROTOCOL)))
-    return refuse(library, "400 Bad Request",
-                  std::string("only subprotocol ") + subprotocol + " is served");
-  return 0;
-}
-
-int roaming_service::refuse(lws *library, const std::string &status,
-                            const std::string &reason) const {
-  std::fprintf(stderr, "roam-service: refused a connection: %s\n", reason.c_str());
-  // The library's own status page is HTTP/1.0 at this point, which WebSocket clients do not take.
-  const auto answer =
-      make_outgoing_message("HTTP/1.1 " + status +
-                                "\r\nConnection: close\r\nContent-Type: text/plain"
-                                "\r\nContent-Length: " +
-                                std::to_string(reason.size() + 1) + "\r\n\r\n" + reason + "\n",
-                            LWS_WRITE_HTTP_FINAL);
-  lws_write(library, answer->block.data() + LWS_PRE, answer->length, answer->kind);
-  return 1;
-}
-
-int roaming_service::process_established(lws *library) {
-  char peer[64] = "an unknown address";
-  lws_get_peer_simple(library, peer, sizeof peer);
-  connections.emplace(std::piecewise_construct, std::forward_as_tuple(library),
-                      std::forward_as_tuple(library, peer));
-  std::fprintf(stderr, "roam-service: daemon connected from %s\n", peer);
-  return 0;
-}
-
-int roaming_service::process_receive(lws *library, std::string_view piece) {
-  const auto found = connections.find(library);
-  if (found == connections.end())
-    return -1;
-  if (!found->second.accept_piece(piece)) {
-    std::fprintf(stderr, "roam-service: the daemon's message is too long; dropping the daemon\n");
-    return -1;
-  }
-  const auto message = found->second.take_completed();
-  if (!message)
-    return 0;
-  const auto kind = lws_frame_is_binary(library) ? LWS_WRITE_BINARY : LWS_WRITE_TEXT;
-  message_received(*message);
-  return !options.echo || queue_or_drop(library, make_outgoing_message(*message, kind)) ? 0 : -1;
-}
-
-int roaming_service::process_writeable(lws *library) {
-  if (leaving) {
-    lws_close_reason(library, LWS_CLOSE_STATUS_GOINGAWAY, nullptr, 0);
-    return -1;
-  }
-  const auto found = connections.find(library);
-  return found != connections.end() && found->second.send_next() ? 0 : -1;
-}
-
-int roaming_service::process_closed(lws *library) {
-  connections.erase(library);
+  if (one.failure() != 0)
+    std::fprintf(stderr, "roam-service: the daemon %s; it was dropped\n",
+                 one.failure() == close_too_long ? "sent a message that is too long"
+                                                 : "broke the WebSocket protocol");
   std::fprintf(stderr, "roam-service: daemon gone\n");
-  return 0;
 }
 
-bool roaming_service::queue_or_drop(lws *library,
-                                    const std::shared_ptr<outgoing_message_t> &message) {
-  const auto found = connections.find(library);
-  if (found == connections.end())
-    return false;
-  if (found->second.queue(message))
-    return true;
-  std::fprintf(stderr,
-               "roam-service: the daemon at %s does not read what it is sent; dropping it\n",
-               found->second.peer().c_str());
-  return false;
+void roaming_service::send_to(daemon_t &daemon, const std::shared_ptr<const outgoing_t> &message) {
+  if (!daemon.link->send(message, options.switches.delay()))
+    std::fprintf(stderr,
+                 "roam-service: the daemon at %s does not read what it is sent; dropping it\n",
+                 daemon.link->peer().c_str());
 }
 
-void roaming_service::serve_once() {
-  // The library would otherwise wait until one of its own timers is due.
-  lws_sorted_usec_list_t limit{};
-  lws_sul_schedule(
-      context, 0, &limit, [](lws_sorted_usec_list_t *) {}, longest_wait_us);
-  lws_service(context, 0);
-  lws_sul_schedule(context, 0, &limit, nullptr, LWS_SET_TIMER_USEC_CANCEL);
+void roaming_service::for_each(std::optional<unsigned int> number,
+                               const std::function<void(daemon_t &)> &act) {
+  for (auto &[own_number, daemon] : daemons)
+    if (daemon.link->open() && (!number || *number == own_number))
+      act(daemon);
+}
+
+void roaming_service::run_due(service_clock::time_point now) {
+  if (back_at && now >= *back_at)
+    come_back();
+  for (auto &[number, daemon] : daemons)
+    if (daemon.incident_due && now >= *daemon.incident_due) {
+      daemon.incident_due.reset();
+      meet_incident(*daemon.link);
+    }
+}
+
+void roaming_service::meet_incident(connection &link) {
+  switch (options.incident) {
+  case incident_t::none:
+    break;
+  case incident_t::close:
+    close(link.id(), options.close_code);
+    break;
+  case incident_t::reset:
+    reset(link.id());
+    break;
+  case incident_t::away:
+    if (link.open())
+      go_away(std::chrono::seconds(options.away_s));
+    break;
+  }
+}
+
+std::chrono::milliseconds roaming_service::wait_until_due() const {
+  auto due = back_at;
+  for (const auto &[number, daemon] : daemons)
+    if (daemon.incident_due && (!due || *daemon.incident_due < *due))
+      due = daemon.incident_due;
+  if (!due)
+    return longest_wait;
+  return std::clamp(std::chrono::ceil<std::chrono::milliseconds>(*due - service_clock::now()),
+                    std::chrono::milliseconds(0), longest_wait);
 }
 
 void roaming_service::take_leave() {
-  leaving = true;
-  for (auto &[library, unused] : connections)
-    lws_callback_on_writable(library);
-  const auto deadline = std::chrono::steady_clock::now() + leave_patience;
-  while (!connections.empty() && std::chrono::steady_clock::now() < deadline)
-    serve_once();
+  for (const auto &one : sockets.connections())
+    if (one->open())
+      one->close_with(close_going_away);
+    else
+      one->lose();
+  const auto deadline = service_clock::now() + leave_patience;
+  while (!sockets.connections().empty() && service_clock::now() < deadline)
+    sockets.serve_once(longest_wait);
 }
 
 } // namespace vemk

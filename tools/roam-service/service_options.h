@@ -1,6 +1,8 @@
 #ifndef VEMK_ROAM_SERVICE_SERVICE_OPTIONS_H
 #define VEMK_ROAM_SERVICE_SERVICE_OPTIONS_H
 
+#include "switches.h"
+
 #include <optional>
 #include <string>
 
@@ -12,6 +14,12 @@ struct service_options_t {
   int port = 8080; // 0: one that is free
   std::string path = "/roam";
   bool echo = false;
+  bool console = false;
+  switches_t switches;
+  incident_t incident = incident_t::none;
+  int close_code = 0;
+  int away_s = 0;
+  int after_s = 5; // from connecting until the incident
 };
 
 /// Returns the options, or nothing after a usage error or a help text was printed; `exit_status` is

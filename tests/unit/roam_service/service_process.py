@@ -1,0 +1,80 @@
+"""roam-service as a child process of a test."""
+import asyncio
+import contextlib
+import os
+import shlex
+import subprocess
+import threading
+
+import websockets
+
+# VEMK_RUNNER holds words to put in front of the program, an emulator for example.
+PROGRAM = [*shlex.split(os.environ.get("VEMK_RUNNER", "")),
+           os.environ.get("ROAM_SERVICE", "build/roam-service")]
+LIMIT = 30
+
+
+class Service:
+    """A running roam-service whose output lines are taken one by one."""
+
+    def __init__(self, *options, **popen_options):
+        self.process = subprocess.Popen(
+            [*PROGRAM, *options], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE, **popen_options)
+        first = self.process.stdout.readline().decode()
+        assert first.startswith("roam-service: listening on ws://"), first + self.error_text()
+        self.url = first.split()[-1]
+        self.port = int(self.url.split(":")[-1].split("/")[0])
+        if "--console" in options:
+            line = self.process.stdout.readline().decode()
+            assert line == f"roam-service: console at http://127.0.0.1:{self.port}/\n"
+        self.notes = []
+        self.note_came = threading.Condition()
+        self.note_reader = threading.Thread(target=self.read_notes)
+        self.note_reader.start()
+
+    def error_text(self):
+        return self.process.stderr.read().decode()
+
+    def read_notes(self):
+        for line in self.process.stderr:
+            with self.note_came:
+                self.notes.append(line.decode())
+                self.note_came.notify_all()
+
+    def wait_for_note(self, text, count=1):
+        def seen():
+            return sum(text in note for note in self.notes) >= count
+        with self.note_came:
+            assert self.note_came.wait_for(seen, LIMIT), (text, self.notes)
+
+    def type(self, data):
+        self.process.stdin.write(data)
+        self.process.stdin.flush()
+
+    async def next_line(self):
+        reading = asyncio.get_running_loop().run_in_executor(None, self.process.stdout.readline)
+        return await asyncio.wait_for(reading, LIMIT)
+
+    def connect(self, path="/roam", subprotocols=("websock-roaming",)):
+        return websockets.connect(f"ws://127.0.0.1:{self.port}{path}", subprotocols=subprotocols,
+                                  max_size=None, compression=None, ping_interval=None)
+
+    def stop(self):
+        if self.process.poll() is None:
+            self.process.terminate()
+        status = self.process.wait(LIMIT)
+        self.note_reader.join(LIMIT)
+        for stream in (self.process.stdin, self.process.stdout, self.process.stderr):
+            with contextlib.suppress(BrokenPipeError):
+                stream.close()
+        return status
+
+
+def within_limit(work):
+    asyncio.run(asyncio.wait_for(work, 2 * LIMIT))
+
+
+def run_to_its_end(*options):
+    return subprocess.run([*PROGRAM, *options], stdin=subprocess.DEVNULL, capture_output=True,
+                          text=True, timeout=LIMIT, check=False)

@@ -1,0 +1,135 @@
+#include "http.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cctype>
+#include <cstring>
+#include <libwebsockets.h>
+#include <netinet/in.h>
+
+namespace vemk {
+namespace {
+
+constexpr const char *key_suffix = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
+constexpr size_t sha1_bytes = 20;
+
+std::string lower_case(std::string_view text) {
+  std::string result(text);
+  std::transform(result.begin(), result.end(), result.begin(), [](char letter) {
+    return static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+  });
+  return result;
+}
+
+std::string_view trimmed(std::string_view text) {
+  const size_t begin = text.find_first_not_of(" \t");
+  if (begin == std::string_view::npos)
+    return {};
+  return text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
+}
+
+/// Takes the part of `text` before `separator` off its front, and the separator with it.
+std::string_view take_until(std::string_view &text, std::string_view separator) {
+  const size_t end = text.find(separator);
+  const std::string_view part = text.substr(0, end);
+  text.remove_prefix(end == std::string_view::npos ? text.size() : end + separator.size());
+  return part;
+}
+
+bool parse_header(std::string_view line, http_request_t &request) {
+  const size_t colon = line.find(':');
+  if (colon == 0 || colon == std::string_view::npos)
+    return false;
+  std::string &value = request.headers[lower_case(line.substr(0, colon))];
+  if (!value.empty())
+    value += ", ";
+  value += trimmed(line.substr(colon + 1));
+  return true;
+}
+
+std::string accept_key(const std::string &key) {
+  const std::string text = key + key_suffix;
+  unsigned char digest[sha1_bytes];
+  lws_SHA1(reinterpret_cast<const unsigned char *>(text.data()), text.size(), digest);
+  char encoded[32];
+  lws_b64_encode_string(reinterpret_cast<const char *>(digest), sizeof digest, encoded,
+                        sizeof encoded);
+  return encoded;
+}
+
+bool is_port_or_empty(std::string_view text) {
+  return text.empty() ||
+         (text.front() == ':' && text.find_first_not_of("0123456789", 1) == std::string_view::npos);
+}
+
+} // namespace
+
+const std::string &http_request_t::header(const std::string &lower_case_name) const {
+  static const std::string none;
+  const auto found = headers.find(lower_case_name);
+  return found == headers.end() ? none : found->second;
+}
+
+std::optional<http_request_t> parse_request(std::string_view head) {
+  http_request_t request;
+  std::string_view first = take_until(head, "\r\n");
+  request.method = take_until(first, " ");
+  request.target = take_until(first, " ");
+  if (request.target.empty() || request.target.front() != '/' || first.rfind("HTTP/1.", 0) != 0)
+    return std::nullopt;
+  while (!head.empty())
+    if (!parse_header(take_until(head, "\r\n"), request))
+      return std::nullopt;
+  return request;
+}
+
+bool list_contains(std::string_view list, std::string_view element) {
+  while (!list.empty())
+    if (lower_case(trimmed(take_until(list, ","))) == lower_case(element))
+      return true;
+  return false;
+}
+
+bool is_upgrade(const http_request_t &request) {
+  return request.method == "GET" && list_contains(request.header("upgrade"), "websocket") &&
+         list_contains(request.header("connection"), "upgrade") &&
+         request.header("sec-websocket-version") == "13" &&
+         !request.header("sec-websocket-key").empty();
+}
+
+std::string upgrade_answer(const http_request_t &request, const std::string &subprotocol) {
+  return "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+         "Sec-WebSocket-Accept: " +
+         accept_key(request.header("sec-websocket-key")) +
+         "\r\nSec-WebSocket-Protocol: " + subprotocol + "\r\n\r\n";
+}
+
+std::string http_answer(const std::string &status, const std::string &content_type,
+                        std::string_view body, const std::string &headers) {
+  std::string answer =
+      "HTTP/1.1 " + status + "\r\nConnection: close\r\nContent-Type: " + content_type +
+      "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + headers + "\r\n";
+  return answer.append(body);
+}
+
+bool is_loopback_address(const std::string &address) {
+  in_addr ipv4{};
+  if (inet_pton(AF_INET, address.c_str(), &ipv4) == 1)
+    return (ntohl(ipv4.s_addr) >> 24U) == 127;
+  in6_addr ipv6{};
+  return inet_pton(AF_INET6, address.c_str(), &ipv6) == 1 && IN6_IS_ADDR_LOOPBACK(&ipv6);
+}
+
+bool is_loopback_host(const std::string &host) {
+  if (!host.empty() && host.front() == '[') {
+    const size_t end = host.find(']');
+    return end != std::string::npos && is_loopback_address(host.substr(1, end - 1)) &&
+           is_port_or_empty(std::string_view(host).substr(end + 1));
+  }
+  const size_t colon = std::min(host.find(':'), host.size());
+  const std::string name = lower_case(host.substr(0, colon));
+  return (name == "localhost" || is_loopback_address(name)) &&
+         is_port_or_empty(std::string_view(host).substr(colon));
+}
+
+} // namespace vemk
