@@ -3,7 +3,7 @@ SHELL := /bin/bash
 # Most tests wait for a peer or a delay rather than compute.
 TEST_JOBS ?= 8
 
-.PHONY: build run test target target-size target-static packages package package-test pictures clean
+.PHONY: build run test browser-test target target-size target-static packages package package-test pictures clean
 
 packages:
 	scripts/install-packages.sh
@@ -17,6 +17,12 @@ run: build
 
 test: build
 	ctest --test-dir build --output-on-failure -j $(TEST_JOBS)
+
+# The console in a headless browser, which `make test` does without.
+browser-test: build
+	scripts/install-packages.sh scripts/packages-browser.txt
+	VEMK_BUILD_DIR=build PYTHONDONTWRITEBYTECODE=1 \
+	  /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/browser
 
 # As for MIPS under emulation; the native companions are the other ends of the system tests.
 target: packages

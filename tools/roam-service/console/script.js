@@ -13,17 +13,20 @@ let paused = false;
 let held = [];
 let missed = 0;
 let lastNumber = 0;
+let switchesOnTheWay = false; // what the service says of them until then is older
 
 // ---- texts ----
 
 const invisible = /[\u0000-\u001f\u007f-\u009f\u00ad\u061c\u200b-\u200f\u2028-\u202e\u2060-\u206f\ufeff]/g;
 
+const named = {'\n': '\\n', '\r': '\\r', '\t': '\\t'};
+
 /** Control characters and those that turn or hide text, as something that can be seen. */
 function visible(text) {
   return text.replace(invisible, (character) => {
     const code = character.charCodeAt(0);
-    if (code < 0x20) return String.fromCharCode(0x2400 + code);
-    if (code === 0x7f) return '\u2421';
+    if (named[character]) return named[character];
+    if (code < 0x100) return `\\x${code.toString(16).padStart(2, '0')}`;
     return `\\u${code.toString(16).padStart(4, '0')}`;
   });
 }
@@ -221,6 +224,7 @@ function showValue(input, property, value) {
 }
 
 function showSwitches(switches) {
+  if (switchesOnTheWay) return;
   showValue(byId('no-pongs'), 'checked', switches.no_pongs);
   showValue(byId('stop-reading'), 'checked', switches.stop_reading);
   showValue(byId('fragments'), 'value', String(switches.fragments));
@@ -229,6 +233,7 @@ function showSwitches(switches) {
 
 function setSwitches() {
   if (!byId('fragments').reportValidity() || !byId('delay').reportValidity()) return;
+  switchesOnTheWay = true;
   command({cmd: 'switches', no_pongs: byId('no-pongs').checked,
     stop_reading: byId('stop-reading').checked, fragments: Number(byId('fragments').value),
     delay_ms: Number(byId('delay').value)});
@@ -253,6 +258,7 @@ function showUpdate(update) {
 }
 
 function showAnswer(answer) {
+  switchesOnTheWay = false;
   setText(byId('answer'), answer.text);
   byId('answer').classList.toggle('bad', !answer.ok);
 }
