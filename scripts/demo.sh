@@ -168,12 +168,22 @@ start_service() {
   # Open for both directions, so that neither side waits for the other, nor sees an end of file.
   exec 3<>"$work/to-service"
   : >"$work/from-service"
-  "$build/roam-service" --port 0 <"$work/to-service" >"$work/from-service" \
+  local options=(--port 0)
+  if [ "$stays" = yes ]; then
+    options+=(--console)
+  fi
+  "$build/roam-service" "${options[@]}" <"$work/to-service" >"$work/from-service" \
     2>"$work/service.log" 3>&- &
   started+=($!)
   wait_for_line "$work/from-service" 0 'listening on' 'the start of roam-service was not seen'
   url=${line##* }
   service_line=$line_number
+  console=''
+  if [ "$stays" = yes ]; then
+    wait_for_line "$work/from-service" "$service_line" 'console at' 'the console was not seen'
+    console=${line##* }
+    service_line=$line_number
+  fi
 }
 
 start_listener() {
@@ -243,7 +253,9 @@ follow() {
 
 stay() {
   local command="$build/vemkctl --bus $MODULE_BUS_DIR" typed status
-  heading 'It stays up until Ctrl-C. In another terminal:'
+  heading 'It stays up until Ctrl-C. In a browser:'
+  printf '   %s\n' "$console"
+  heading 'In another terminal:'
   printf '   %s\n' "$command send 'to the service'" "$command listen" "$command status" \
     "tail -f $work/vemk.log"
   heading 'A line typed here is sent by the service. What arrives is shown here:'
@@ -289,11 +301,16 @@ else
   refuse_to_replace_a_daemon
 fi
 
+stays=no
+if [ -t 0 ] || [ "${VEMK_DEMO_STAY:-}" = 1 ]; then
+  stays=yes
+fi
 start_service
 start_listener
 start_daemon
 printf '%svemk, the bridge between the module bus and a roaming service%s\n\n' "$bold" "$plain"
 item 'roaming service:' "$url"
+[ -z "$console" ] || item 'console:' "$console"
 item 'module bus:' "$MODULE_BUS_DIR"
 item 'daemon:' "process $daemon, $where"
 show_status_messages
@@ -301,6 +318,6 @@ show_bus_to_service
 show_service_to_bus
 show_status_request
 heading 'All four steps were seen.'
-if [ -t 0 ] || [ "${VEMK_DEMO_STAY:-}" = 1 ]; then
+if [ "$stays" = yes ]; then
   stay
 fi
