@@ -1,6 +1,6 @@
 #include "console_json.h"
 
-#include "roaming_service.h"
+#include "fault_service.h"
 
 #include <json-c/json.h>
 #include <memory>
@@ -64,7 +64,7 @@ const char *name_of(opcode_t kind) {
   return "unknown";
 }
 
-json_object *describe_daemons(const roaming_service &service) {
+json_object *describe_daemons(const fault_service &service) {
   auto *list = json_object_new_array();
   for (const auto &[number, daemon] : service.connected()) {
     auto *one = json_object_new_object();
@@ -166,7 +166,7 @@ std::string done_to(const std::string &what, size_t count) {
   return what + " " + std::to_string(count) + (count == 1 ? " daemon" : " daemons");
 }
 
-std::string set_switches(roaming_service &service, json_object *command) {
+std::string set_switches(fault_service &service, json_object *command) {
   switches_t wanted;
   wanted.no_pongs = bool_member(command, "no_pongs");
   wanted.stop_reading = bool_member(command, "stop_reading");
@@ -176,18 +176,18 @@ std::string set_switches(roaming_service &service, json_object *command) {
   return "the switches are set";
 }
 
-std::string go_away(roaming_service &service, json_object *command) {
+std::string go_away(fault_service &service, json_object *command) {
   const int seconds = number_member(command, "seconds", 1, longest_away_s);
   service.go_away(std::chrono::seconds(seconds));
   return "away for " + std::to_string(seconds) + " s";
 }
 
-std::string come_back(roaming_service &service) {
+std::string come_back(fault_service &service) {
   service.come_back();
   return "back";
 }
 
-std::string carry_out(roaming_service &service, json_object *command) {
+std::string carry_out(fault_service &service, json_object *command) {
   const std::string name = text_member(command, "cmd");
   if (name == "send")
     return done_to("sent to", service.send(target_member(command), text_member(command, "text")));
@@ -217,7 +217,7 @@ std::string answer(bool ok, const std::string &text) {
 
 } // namespace
 
-std::string describe(const roaming_service &service, uint64_t last_seen) {
+std::string describe(const fault_service &service, uint64_t last_seen) {
   const auto object = own(json_object_new_object());
   const int64_t now_ms = wall_clock_ms();
   const traffic_log &traffic = service.traffic();
@@ -236,7 +236,7 @@ std::string describe(const roaming_service &service, uint64_t last_seen) {
   return text_of(object);
 }
 
-std::string carry_out_command(roaming_service &service, std::string_view command) {
+std::string carry_out_command(fault_service &service, std::string_view command) {
   const std::string text(command);
   const auto object = own(json_tokener_parse(text.c_str()));
   try {

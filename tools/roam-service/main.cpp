@@ -1,6 +1,7 @@
+#include "fault_service.h"
 #include "line_source.h"
 #include "one_line.h"
-#include "roaming_service.h"
+#include "reference_service.h"
 #include "service_options.h"
 
 #include <csignal>
@@ -25,15 +26,29 @@ void install_signal_handlers() {
   (void)std::signal(SIGPIPE, SIG_IGN);
 }
 
+// The library would take a proxy from them; this server talks to nobody but its clients.
+void forget_proxies() {
+  for (const char *name : {"http_proxy", "socks_proxy"})
+    unsetenv(name);
+}
+
+bool announce(const vemk::reference_service &service) {
+  return vemk::write_one_line(stdout, "roam-service: listening on " + service.url());
+}
+
+bool announce(const vemk::fault_service &service) {
+  return vemk::write_one_line(stdout, "roam-service: listening on " + service.url()) &&
+         (!service.has_console() ||
+          vemk::write_one_line(stdout, "roam-service: console at " + service.console_url()));
+}
+
+template<typename service_t>
 int run(const vemk::service_options_t &options) {
   bool output_failed = false;
-  vemk::roaming_service service(options, [&output_failed](std::string_view message) {
+  service_t service(options, [&output_failed](std::string_view message) {
     output_failed = output_failed || !vemk::write_one_line(stdout, message);
   });
-  output_failed = !vemk::write_one_line(stdout, "roam-service: listening on " + service.url());
-  if (options.console)
-    output_failed =
-        !vemk::write_one_line(stdout, "roam-service: console at " + service.console_url());
+  output_failed = !announce(service);
 
   vemk::line_source input(STDIN_FILENO, [&service] { service.wake(); });
   service.serve([&output_failed] { return output_failed || g_stop_requested != 0; },
@@ -54,8 +69,10 @@ int main(int argc, char **argv) {
   if (!options)
     return exit_status;
   install_signal_handlers();
+  forget_proxies();
   try {
-    return run(*options);
+    return options->is_plain() ? run<vemk::reference_service>(*options)
+                               : run<vemk::fault_service>(*options);
   } catch (const std::exception &error) {
     std::fprintf(stderr, "roam-service: %s\n", error.what());
     return EXIT_FAILURE;

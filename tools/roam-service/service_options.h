@@ -20,6 +20,11 @@ struct service_options_t {
   int close_code = 0;
   int away_s = 0;
   int after_s = 5; // from connecting until the incident
+
+  /// Whether a server that behaves as it should is all that is asked for.
+  bool is_plain() const {
+    return !console && incident == incident_t::none && switches == switches_t{};
+  }
 };
 
 /// Returns the options, or nothing after a usage error or a help text was printed; `exit_status` is

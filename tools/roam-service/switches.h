@@ -16,6 +16,11 @@ struct switches_t {
   int fragments = 1;         // frames that each message is sent in
   int delay_ms = 0;          // what each message and pong is held back
 
+  bool operator==(const switches_t &other) const {
+    return no_pongs == other.no_pongs && stop_reading == other.stop_reading &&
+           fragments == other.fragments && delay_ms == other.delay_ms;
+  }
+
   std::chrono::milliseconds delay() const { return std::chrono::milliseconds(delay_ms); }
 };
 

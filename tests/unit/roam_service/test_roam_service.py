@@ -12,16 +12,22 @@ from service_process import LIMIT, Service, run_to_its_end, within_limit
 MIB = 1024 * 1024
 
 
+# With the console another server is at work than without.
+@pytest.fixture(params=[(), ("--console",)], ids=["plain", "console"])
+def server_options(request):
+    return request.param
+
+
 @pytest.fixture
-def service():
-    running = Service("--port", "0")
+def service(server_options):
+    running = Service("--port", "0", *server_options)
     yield running
     running.stop()
 
 
 @pytest.fixture
-def echo_service():
-    running = Service("--port", "0", "--echo")
+def echo_service(server_options):
+    running = Service("--port", "0", "--echo", *server_options)
     yield running
     running.stop()
 

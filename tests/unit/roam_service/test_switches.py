@@ -135,11 +135,12 @@ def test_away_closes_refuses_and_comes_back_on_the_same_port(start):
         assert client.head.startswith(b"HTTP/1.1 101")
 
 
+# A plain service leaves the protocol to the library; these are for the one that speaks it itself.
 @pytest.mark.parametrize("frame", [
     {"opcode": OP_TEXT, "payload": b"x", "masked": False}, {"opcode": 3}, {"opcode": OP_CONTINUATION},
     {"opcode": OP_PING, "final": False}])
 def test_a_daemon_that_breaks_the_protocol_is_dropped_with_1002(start, frame):
-    service = start()
+    service = start("--console")
     with RawClient(service.port) as client:
         client.send_frame(**frame)
         assert client.frame() == (True, OP_CLOSE, struct.pack("!H", 1002))
@@ -148,7 +149,7 @@ def test_a_daemon_that_breaks_the_protocol_is_dropped_with_1002(start, frame):
 
 
 def test_a_control_frame_between_fragments_does_not_disturb_the_message(start):
-    service = start()
+    service = start("--console")
     with RawClient(service.port) as client:
         client.send_frame(OP_TEXT, b"one ", final=False)
         client.send_frame(OP_PING, b"between")

@@ -1,5 +1,5 @@
-#ifndef VEMK_ROAM_SERVICE_ROAMING_SERVICE_H
-#define VEMK_ROAM_SERVICE_ROAMING_SERVICE_H
+#ifndef VEMK_ROAM_SERVICE_FAULT_SERVICE_H
+#define VEMK_ROAM_SERVICE_FAULT_SERVICE_H
 
 #include "server.h"
 #include "service_options.h"
@@ -27,7 +27,10 @@ struct daemon_t {
   std::optional<service_clock::time_point> incident_due;
 };
 
-/// The WebSocket server that daemons connect to.
+/// The WebSocket server that daemons connect to when it is to misbehave or to show itself.
+///
+/// It speaks the protocol itself, because a library answers pings and reads on its own account, and
+/// both have to be stoppable.
 ///
 /// Serves one path and the subprotocol "websock-roaming"; every other upgrade is refused. Each
 /// received message, its fragments joined, goes to `on_message`. Notes about connections go to
@@ -38,19 +41,20 @@ struct daemon_t {
 /// Errors: the constructor throws std::runtime_error, its text saying what to do, when the address
 ///   cannot be listened on. A daemon that fails, sends more than a message may hold or does not
 ///   read what it is sent is dropped.
-class roaming_service {
+class fault_service {
 public:
   using message_handler = std::function<void(std::string_view message)>;
   using wake_handler = std::function<void()>;
   using daemon_map = std::map<unsigned int, daemon_t>;
 
-  roaming_service(const service_options_t &service_options, message_handler on_message);
-  ~roaming_service();
-  roaming_service(const roaming_service &) = delete;
-  roaming_service &operator=(const roaming_service &) = delete;
+  fault_service(const service_options_t &service_options, message_handler on_message);
+  ~fault_service();
+  fault_service(const fault_service &) = delete;
+  fault_service &operator=(const fault_service &) = delete;
 
   /// The URL that daemons connect to, with the port that is listened on.
   std::string url() const;
+  bool has_console() const { return options.console; }
   /// The address of the console's page.
   std::string console_url() const;
 

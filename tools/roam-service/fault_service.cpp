@@ -1,4 +1,4 @@
-#include "roaming_service.h"
+#include "fault_service.h"
 
 #include "console.h"
 
@@ -30,8 +30,7 @@ int64_t wall_clock_ms() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(since_epoch).count();
 }
 
-roaming_service::roaming_service(const service_options_t &service_options,
-                                 message_handler on_message)
+fault_service::fault_service(const service_options_t &service_options, message_handler on_message)
     : options(service_options), message_received(std::move(on_message)),
       sockets(
           options.bind_address, options.port,
@@ -45,17 +44,17 @@ roaming_service::roaming_service(const service_options_t &service_options,
     page = std::make_unique<console>(*this);
 }
 
-roaming_service::~roaming_service() = default;
+fault_service::~fault_service() = default;
 
-std::string roaming_service::url() const {
+std::string fault_service::url() const {
   return "ws://" + host_and_port(options.bind_address, sockets.port()) + options.path;
 }
 
-std::string roaming_service::console_url() const {
+std::string fault_service::console_url() const {
   return "http://" + host_and_port(options.bind_address, sockets.port()) + "/";
 }
 
-void roaming_service::serve(const std::function<bool()> &stop_wanted, const wake_handler &on_wake) {
+void fault_service::serve(const std::function<bool()> &stop_wanted, const wake_handler &on_wake) {
   while (!stop_wanted()) {
     run_due(service_clock::now());
     if (sockets.serve_once(wait_until_due()))
@@ -66,18 +65,18 @@ void roaming_service::serve(const std::function<bool()> &stop_wanted, const wake
   take_leave();
 }
 
-void roaming_service::broadcast(std::string_view text) {
+void fault_service::broadcast(std::string_view text) {
   if (send(std::nullopt, text) == 0)
     std::fprintf(stderr, "roam-service: no daemon is connected; the line went nowhere\n");
 }
 
-std::optional<std::chrono::milliseconds> roaming_service::away_for() const {
+std::optional<std::chrono::milliseconds> fault_service::away_for() const {
   if (!back_at)
     return std::nullopt;
   return std::chrono::ceil<std::chrono::milliseconds>(*back_at - service_clock::now());
 }
 
-size_t roaming_service::send(std::optional<unsigned int> number, std::string_view text) {
+size_t fault_service::send(std::optional<unsigned int> number, std::string_view text) {
   const auto message =
       make_outgoing(opcode_t::text, text, frames_of(opcode_t::text, options.switches));
   size_t count = 0;
@@ -88,7 +87,7 @@ size_t roaming_service::send(std::optional<unsigned int> number, std::string_vie
   return count;
 }
 
-size_t roaming_service::close(std::optional<unsigned int> number, int code) {
+size_t fault_service::close(std::optional<unsigned int> number, int code) {
   size_t count = 0;
   for_each(number, [&](daemon_t &daemon) {
     std::fprintf(stderr, "roam-service: closing the connection from %s with code %d\n",
@@ -99,7 +98,7 @@ size_t roaming_service::close(std::optional<unsigned int> number, int code) {
   return count;
 }
 
-size_t roaming_service::reset(std::optional<unsigned int> number) {
+size_t fault_service::reset(std::optional<unsigned int> number) {
   size_t count = 0;
   for_each(number, [&](daemon_t &daemon) {
     std::fprintf(stderr, "roam-service: resetting the connection from %s\n",
@@ -110,13 +109,13 @@ size_t roaming_service::reset(std::optional<unsigned int> number) {
   return count;
 }
 
-void roaming_service::set_switches(const switches_t &wanted) {
+void fault_service::set_switches(const switches_t &wanted) {
   options.switches = wanted;
   for (auto &[number, daemon] : daemons)
     daemon.link->let_read(!wanted.stop_reading);
 }
 
-void roaming_service::go_away(std::chrono::seconds time) {
+void fault_service::go_away(std::chrono::seconds time) {
   std::fprintf(stderr, "roam-service: going away for %lld s\n",
                static_cast<long long>(time.count()));
   back_at = service_clock::now() + time;
@@ -124,7 +123,7 @@ void roaming_service::go_away(std::chrono::seconds time) {
   close(std::nullopt, close_going_away);
 }
 
-void roaming_service::come_back() {
+void fault_service::come_back() {
   if (!back_at)
     return;
   try {
@@ -137,7 +136,7 @@ void roaming_service::come_back() {
   }
 }
 
-void roaming_service::process_request(connection &visitor, const http_request_t &request) {
+void fault_service::process_request(connection &visitor, const http_request_t &request) {
   if (page && page->accept(visitor, request))
     return;
   if (request.target != options.path)
@@ -151,13 +150,13 @@ void roaming_service::process_request(connection &visitor, const http_request_t 
     accept_daemon(visitor, request);
 }
 
-void roaming_service::refuse(connection &visitor, const std::string &status,
-                             const std::string &reason) const {
+void fault_service::refuse(connection &visitor, const std::string &status,
+                           const std::string &reason) const {
   std::fprintf(stderr, "roam-service: refused a connection: %s\n", reason.c_str());
   visitor.answer(http_answer(status, "text/plain", reason + "\n"));
 }
 
-void roaming_service::accept_daemon(connection &visitor, const http_request_t &request) {
+void fault_service::accept_daemon(connection &visitor, const http_request_t &request) {
   visitor.accept_upgrade(upgrade_answer(request, subprotocol));
   visitor.let_read(!options.switches.stop_reading);
   daemon_t daemon;
@@ -169,7 +168,7 @@ void roaming_service::accept_daemon(connection &visitor, const http_request_t &r
   std::fprintf(stderr, "roam-service: daemon connected from %s\n", visitor.peer().c_str());
 }
 
-void roaming_service::process_message(connection &one, message_t message) {
+void fault_service::process_message(connection &one, message_t message) {
   const auto found = daemons.find(one.id());
   if (found != daemons.end())
     process_daemon_message(found->second, message);
@@ -177,7 +176,7 @@ void roaming_service::process_message(connection &one, message_t message) {
     page->process_message(one, message);
 }
 
-void roaming_service::process_daemon_message(daemon_t &from, const message_t &message) {
+void fault_service::process_daemon_message(daemon_t &from, const message_t &message) {
   passed.add({0, wall_clock_ms(), from.link->id(), direction_t::received, message.kind,
               message.payload.size(), message.frame_count,
               message.payload.substr(0, recorded_bytes)});
@@ -195,7 +194,7 @@ void roaming_service::process_daemon_message(daemon_t &from, const message_t &me
   }
 }
 
-void roaming_service::process_sent(const connection &one, const outgoing_t &message) {
+void fault_service::process_sent(const connection &one, const outgoing_t &message) {
   const auto found = daemons.find(one.id());
   if (found == daemons.end())
     return;
@@ -205,7 +204,7 @@ void roaming_service::process_sent(const connection &one, const outgoing_t &mess
               message.frame_count, message.beginning});
 }
 
-void roaming_service::process_gone(const connection &one) {
+void fault_service::process_gone(const connection &one) {
   if (daemons.erase(one.id()) == 0) {
     if (page)
       page->process_gone(one);
@@ -218,21 +217,21 @@ void roaming_service::process_gone(const connection &one) {
   std::fprintf(stderr, "roam-service: daemon gone\n");
 }
 
-void roaming_service::send_to(daemon_t &daemon, const std::shared_ptr<const outgoing_t> &message) {
+void fault_service::send_to(daemon_t &daemon, const std::shared_ptr<const outgoing_t> &message) {
   if (!daemon.link->send(message, options.switches.delay()))
     std::fprintf(stderr,
                  "roam-service: the daemon at %s does not read what it is sent; dropping it\n",
                  daemon.link->peer().c_str());
 }
 
-void roaming_service::for_each(std::optional<unsigned int> number,
-                               const std::function<void(daemon_t &)> &act) {
+void fault_service::for_each(std::optional<unsigned int> number,
+                             const std::function<void(daemon_t &)> &act) {
   for (auto &[own_number, daemon] : daemons)
     if (daemon.link->open() && (!number || *number == own_number))
       act(daemon);
 }
 
-void roaming_service::run_due(service_clock::time_point now) {
+void fault_service::run_due(service_clock::time_point now) {
   if (back_at && now >= *back_at)
     come_back();
   for (auto &[number, daemon] : daemons)
@@ -242,7 +241,7 @@ void roaming_service::run_due(service_clock::time_point now) {
     }
 }
 
-void roaming_service::meet_incident(connection &link) {
+void fault_service::meet_incident(connection &link) {
   switch (options.incident) {
   case incident_t::none:
     break;
@@ -259,7 +258,7 @@ void roaming_service::meet_incident(connection &link) {
   }
 }
 
-std::chrono::milliseconds roaming_service::wait_until_due() const {
+std::chrono::milliseconds fault_service::wait_until_due() const {
   auto due = back_at;
   for (const auto &[number, daemon] : daemons)
     if (daemon.incident_due && (!due || *daemon.incident_due < *due))
@@ -270,7 +269,7 @@ std::chrono::milliseconds roaming_service::wait_until_due() const {
                     std::chrono::milliseconds(0), longest_wait);
 }
 
-void roaming_service::take_leave() {
+void fault_service::take_leave() {
   for (const auto &one : sockets.connections())
     if (one->open())
       one->close_with(close_going_away);
