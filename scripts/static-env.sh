@@ -8,15 +8,20 @@ set -euo pipefail
 
 root=${1:?usage: static-env.sh FOLDER}
 scripts=$(cd "$(dirname "$0")" && pwd)
-mirror=http://deb.debian.org/debian
 release=bookworm
+# From where this machine gets its own packages of the release.
+# shellcheck disable=SC2016  # the names are apt's, not the shell's
+mirror=$(apt-get indextargets --format '$(REPO_URI) $(RELEASE)' 'Created-By: Packages' |
+  awk -v release=$release '$2 == release && !seen++ { print $1 }')
+[ -n "$mirror" ] ||
+  { echo "static-env: no source of Debian $release is configured for apt: add one" >&2; exit 1; }
 jobs=$(nproc)
 
 for tool in cmake dpkg-source ninja npm openssl patch; do
   command -v "$tool" >/dev/null ||
     { echo "static-env: $tool is missing: install it and run again" >&2; exit 1; }
 done
-mkdir -p "$root"/{bin,prefix,stamps,work}
+mkdir -p "$root"/{bin,prefix,stamps,parts}
 root=$(cd "$root" && pwd)
 
 # step NAME [INPUT ...]: runs make_NAME, once for each form of that function and of the inputs.
@@ -25,13 +30,13 @@ step() {
   key=$({ declare -f "make_$name"; printf '%s\n' "${@:2}"; } | sha256sum)
   [ "$key" != "$(cat "$root/stamps/$name" 2>/dev/null)" ] || return 0
   echo "static-env: $name"
-  rm -rf "$root/work/$name"
-  mkdir "$root/work/$name"
+  rm -rf "$root/parts/$name"
+  mkdir "$root/parts/$name"
   # In the background, because the shell would go on after an error inside a condition.
-  (cd "$root/work/$name" && exec >log 2>&1 && "make_$name") &
+  (cd "$root/parts/$name" && exec >log 2>&1 && "make_$name") &
   wait $! ||
-    { tail -n 30 "$root/work/$name/log" >&2; echo "static-env: $name failed" >&2; exit 1; }
-  rm -rf "$root/work/$name"
+    { tail -n 30 "$root/parts/$name/log" >&2; echo "static-env: $name failed" >&2; exit 1; }
+  rm -rf "$root/parts/$name"
   echo "$key" >"$root/stamps/$name"
 }
 
