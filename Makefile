@@ -33,6 +33,7 @@ target: packages
 	cmake --preset mips
 	cmake --build --preset mips
 	file build-mips/vemk
+	scripts/target-size.py sizes --on mipsel
 	build-mips-env/bin/qemu --version | head -n 1
 	ctest --test-dir build-mips -V -R '^unit\.ProcessorTest\.' | grep -E 'Test command|processor:'
 	ctest --test-dir build-mips --output-on-failure -j $(TEST_JOBS)

@@ -15,6 +15,7 @@ sys.path[:0] = [str(checkout / folder) for folder in ("tests/device_build", "tes
 
 from device_build import run  # noqa: E402  (the path is set above)
 from target_size import scenarios  # noqa: E402
+from target_size.machines import can_be_measured_here  # noqa: E402
 from target_size.static_machine import static_machine  # noqa: E402
 
 
@@ -30,6 +31,9 @@ def main():
     print(run("file", "-b", machine.program), end="")
     print(f"file: {machine.program_size()} bytes, stripped")
     print(run("size", machine.program), end="")
+    if not can_be_measured_here():
+        print("memory is not measured: the daemon would get a /tmp of its own, without this checkout")
+        return
     rest = scenarios.rest(machine, minutes=0.25)
     for when, memory in (("at start", rest.at_start), ("connected", rest.when_connected)):
         print(f"{when}: {memory.rss} kB resident, {memory.clean + memory.dirty} kB private, "

@@ -98,6 +98,9 @@ def measure_sizes(made, made_static):
 def measure(arguments):
     """The sections of the table, and its columns."""
     wanted = arguments.measure or measurements
+    if set(wanted) != {"sizes"} and not machines.can_be_measured_here():
+        sys.exit("target-size: the daemon gets a /tmp of its own while it is measured; "
+                 "move the checkout out of /tmp")
     made = make_machines(arguments)
     made_static = make_static_machines(arguments)
     command = "scripts/target-size.py"
