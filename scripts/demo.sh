@@ -252,7 +252,7 @@ follow() {
 }
 
 stay() {
-  local command="$build/vemkctl --bus $MODULE_BUS_DIR" typed status
+  local command="$build/vemkctl --bus $MODULE_BUS_DIR" typed status stop=no
   heading 'It stays up until Ctrl-C. In a browser:'
   printf '   %s\n' "$console"
   heading 'In another terminal:'
@@ -261,11 +261,15 @@ stay() {
   heading 'A line typed here is sent by the service. What arrives is shown here:'
   follow "$work/from-bus" $((bus_line + 1)) 'on the bus:       '
   follow "$work/from-service" $((service_line + 1)) 'service received: '
-  trap 'printf "\n"; exit 0' INT TERM HUP
+  # Only a note of it: bash crashes when a trap exits while `read -t` waits for the terminal.
+  trap 'stop=yes' INT TERM HUP
   while is_running "$daemon"; do
     status=0
     IFS= read -r -t 0.5 typed || status=$?
-    if ((status == 0)); then
+    if [ "$stop" = yes ]; then
+      printf '\n'
+      return
+    elif ((status == 0)); then
       printf '%s\n' "$typed" >&3
     elif ((status <= 128)) && [ -t 0 ]; then
       return # Ctrl-D
