@@ -10,9 +10,7 @@
 namespace vemk {
 namespace {
 
-constexpr const char *subprotocol = "websock-roaming";
 constexpr std::chrono::milliseconds longest_wait{200};
-constexpr std::chrono::seconds leave_patience{1};
 constexpr std::chrono::seconds reopen_interval{1};
 
 bool is_data(opcode_t kind) {
@@ -143,9 +141,9 @@ void fault_service::process_request(connection &visitor, const http_request_t &r
     refuse(visitor, "404 Not Found", "only path " + options.path + " is served");
   else if (!is_upgrade(request))
     refuse(visitor, "426 Upgrade Required", "only WebSocket connections are served");
-  else if (!list_contains(request.header("sec-websocket-protocol"), subprotocol))
+  else if (!list_contains(request.header("sec-websocket-protocol"), daemon_subprotocol))
     refuse(visitor, "400 Bad Request",
-           std::string("only subprotocol ") + subprotocol + " is served");
+           std::string("only subprotocol ") + daemon_subprotocol + " is served");
   else
     accept_daemon(visitor, request);
 }
@@ -157,7 +155,7 @@ void fault_service::refuse(connection &visitor, const std::string &status,
 }
 
 void fault_service::accept_daemon(connection &visitor, const http_request_t &request) {
-  visitor.accept_upgrade(upgrade_answer(request, subprotocol));
+  visitor.accept_upgrade(upgrade_answer(request, daemon_subprotocol));
   visitor.let_read(!options.switches.stop_reading);
   daemon_t daemon;
   daemon.link = &visitor;

@@ -11,10 +11,8 @@
 namespace vemk {
 namespace {
 
-constexpr const char *subprotocol = "websock-roaming";
 constexpr size_t socket_chunk_bytes = 64 * 1024;
 constexpr lws_usec_t longest_wait_us = 200 * LWS_US_PER_MS;
-constexpr std::chrono::seconds leave_patience{1};
 
 void log_library_line(int, const char *line) {
   std::fprintf(stderr, "roam-service: libwebsockets: %s", line);
@@ -32,7 +30,7 @@ std::string header(lws *library, lws_token_indexes token) {
 reference_service::reference_service(const service_options_t &service_options,
                                      message_handler on_message)
     : options(service_options),
-      message_received(std::move(on_message)), protocols{{subprotocol, library_callback, 0,
+      message_received(std::move(on_message)), protocols{{daemon_subprotocol, library_callback, 0,
                                                           socket_chunk_bytes, 0, nullptr, 0},
                                                          {}} {
   // The library only says that it could not listen; this tries first, and says why not.
@@ -117,9 +115,9 @@ int reference_service::library_callback(lws *library, lws_callback_reasons reaso
 int reference_service::process_upgrade_request(lws *library) const {
   if (header(library, WSI_TOKEN_GET_URI) != options.path)
     return refuse(library, "404 Not Found", "only path " + options.path + " is served");
-  if (!list_contains(header(library, WSI_TOKEN_PROTOCOL), subprotocol))
+  if (!list_contains(header(library, WSI_TOKEN_PROTOCOL), daemon_subprotocol))
     return refuse(library, "400 Bad Request",
-                  std::string("only subprotocol ") + subprotocol + " is served");
+                  std::string("only subprotocol ") + daemon_subprotocol + " is served");
   return 0;
 }
 

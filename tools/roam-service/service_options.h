@@ -3,10 +3,16 @@
 
 #include "switches.h"
 
+#include <chrono>
 #include <optional>
 #include <string>
 
 namespace vemk {
+
+/// What daemons ask for.
+constexpr const char *daemon_subprotocol = "websock-roaming";
+/// How long an ending service waits for its daemons to take the close.
+constexpr std::chrono::seconds leave_patience{1};
 
 /// What the command line of roam-service says.
 struct service_options_t {
