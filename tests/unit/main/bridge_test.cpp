@@ -37,6 +37,7 @@ protected:
 
 } // namespace
 
+// websock_worker is built first and destroyed last; ipc_worker is started and joined first.
 TEST_F(BridgeTest, WorkersAreBuiltStartedJoinedAndDestroyedInOrder) {
   run_bridge(cfg, bus_run_flag, first_queue, second_queue);
   EXPECT_THAT(fake_process::events(),
@@ -45,6 +46,7 @@ TEST_F(BridgeTest, WorkersAreBuiltStartedJoinedAndDestroyedInOrder) {
                           "~ipc_worker", "~websock_worker"));
 }
 
+// It gets the first and second queue, host, path, port, &url_valid, 5, 300 and a last false.
 TEST_F(BridgeTest, WebSocketWorkerGetsQueuesUrlFlagAndDelays) {
   run_bridge(cfg, bus_run_flag, first_queue, second_queue);
   const fake_workers::websock_arguments_t arguments = fake_workers::websock_arguments();
@@ -59,6 +61,7 @@ TEST_F(BridgeTest, WebSocketWorkerGetsQueuesUrlFlagAndDelays) {
   EXPECT_FALSE(arguments.without_lws_binding);
 }
 
+// It gets the first and second queue, module identifier 2 and the address of its own run flag.
 TEST_F(BridgeTest, BusWorkerGetsTheSameQueuesItsModuleAndItsFlag) {
   run_bridge(cfg, bus_run_flag, first_queue, second_queue);
   const fake_workers::ipc_arguments_t arguments = fake_workers::ipc_arguments();
@@ -68,12 +71,14 @@ TEST_F(BridgeTest, BusWorkerGetsTheSameQueuesItsModuleAndItsFlag) {
   EXPECT_EQ(&bus_run_flag, arguments.run_flag);
 }
 
+// When websock_worker's constructor throws, ipc_worker is never built and nothing is started.
 TEST_F(BridgeTest, ExceptionOfTheFirstConstructionLeavesNothingRunning) {
   fake_workers::let_websock_construction_throw();
   EXPECT_THROW(run_bridge(cfg, bus_run_flag, first_queue, second_queue), std::runtime_error);
   EXPECT_THAT(fake_process::events(), ElementsAre("websock_worker"));
 }
 
+// When ipc_worker's constructor throws, websock_worker is destroyed and nothing was started.
 TEST_F(BridgeTest, ExceptionOfTheSecondConstructionDestroysTheFirstWorker) {
   fake_workers::let_ipc_construction_throw();
   EXPECT_THROW(run_bridge(cfg, bus_run_flag, first_queue, second_queue), std::runtime_error);

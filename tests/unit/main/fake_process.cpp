@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/types.h>
 
@@ -25,6 +25,7 @@ struct state_t {
   std::string pid_file = folder.file("pid");
   std::vector<std::string> events;
   std::vector<vemk::message_queue_t *> queues;
+  std::size_t throwing_queue = 0;
   std::map<FILE *, std::string> open_files;
   int system_result = 0;
 };
@@ -44,6 +45,15 @@ std::string event_name(const std::string &path) {
 void note(const std::string &event) {
   if (state)
     state->events.push_back(event);
+}
+
+/// Leaves a message in the queue whose release, with the queue, is recorded.
+void leave_message(vemk::message_queue_t &queue, const std::string &event) {
+  queue.push(std::shared_ptr<vemk::buffer_info_t>(new vemk::buffer_info_t,
+                                                  [event](vemk::buffer_info_t *buffer) {
+                                                    note(event);
+                                                    delete buffer;
+                                                  }));
 }
 
 } // namespace
@@ -129,10 +139,15 @@ void __wrap__ZN4vemk13log_set_levelERNS_12log_module_tEj(vemk::log_module_t &mod
 void __real__ZN4vemk15message_queue_tC1Ev(vemk::message_queue_t *queue);
 
 void __wrap__ZN4vemk15message_queue_tC1Ev(vemk::message_queue_t *queue) {
+  if (state && state->queues.size() + 1 == state->throwing_queue)
+    throw std::runtime_error("queue");
   __real__ZN4vemk15message_queue_tC1Ev(queue);
   note("queue");
-  if (state)
-    state->queues.push_back(queue);
+  if (!state)
+    return;
+  state->queues.push_back(queue);
+  leave_message(*queue,
+                state->queues.size() == 1 ? "first queue released" : "second queue released");
 }
 }
 
@@ -155,6 +170,10 @@ std::vector<message_queue_t *> queues() {
   return state->queues;
 }
 
+void let_queue_construction_throw(std::size_t nth) {
+  state->throwing_queue = nth;
+}
+
 void set_system_result(int result) {
   state->system_result = result;
 }
@@ -165,10 +184,6 @@ std::string write_file(const std::string &name, const std::string &text) {
 
 void write_pid_file(const std::string &text) {
   state->folder.write("pid", text);
-}
-
-bool has_pid_file() {
-  return std::filesystem::exists(state->pid_file);
 }
 
 std::string pid_file() {

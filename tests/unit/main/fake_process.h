@@ -6,6 +6,7 @@
 #ifndef VEMK_TESTS_UNIT_MAIN_FAKE_PROCESS_H
 #define VEMK_TESTS_UNIT_MAIN_FAKE_PROCESS_H
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -22,8 +23,12 @@ void reset();
 void record(const std::string &event);
 std::vector<std::string> events();
 
-/// The message queues that were constructed, in order.
+/// The message queues that were constructed, in order. Each got a message whose release is an
+/// event, "first queue released" or "second queue released".
 std::vector<message_queue_t *> queues();
+
+/// The construction of the `nth` queue, counted from 1, throws std::runtime_error.
+void let_queue_construction_throw(std::size_t nth);
 
 /// What system() returns from now on.
 void set_system_result(int result);
@@ -33,7 +38,6 @@ std::string write_file(const std::string &name, const std::string &text);
 
 /// The redirected PID file.
 void write_pid_file(const std::string &text);
-bool has_pid_file();
 std::string pid_file();
 
 /// From now on the PID file can neither be read nor written.

@@ -1,6 +1,5 @@
 #include "unit/main/fake_workers.h"
 
-#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -16,15 +15,6 @@ bool websock_throws = false;
 bool ipc_throws = false;
 vemk::fake_workers::websock_arguments_t last_websock{};
 vemk::fake_workers::ipc_arguments_t last_ipc{};
-
-/// Leaves a message in the queue whose release, with the queue at the latest, is recorded.
-void leave_message(vemk::message_queue_t *queue, const std::string &event) {
-  queue->push(std::shared_ptr<vemk::buffer_info_t>(new vemk::buffer_info_t,
-                                                   [event](vemk::buffer_info_t *buffer) {
-                                                     record(event);
-                                                     delete buffer;
-                                                   }));
-}
 
 std::string name_of(vemk::abstract_worker *worker) {
   return dynamic_cast<vemk::ipc_worker *>(worker) != nullptr ? "ipc_worker" : "websock_worker";
@@ -64,8 +54,6 @@ websock_worker::websock_worker(message_queue_t *from_bus, message_queue_t *to_bu
                   without_lws_binding};
   if (websock_throws)
     throw std::runtime_error("websock_worker");
-  leave_message(from_bus, "first queue released");
-  leave_message(to_bus, "second queue released");
 }
 
 bool websock_worker::init() {

@@ -50,6 +50,7 @@ protected:
 
 } // namespace
 
+// Without the file no command is run; the file is opened with "w+" and holds "4242\n" then.
 TEST_F(PidFileTest, MissingFileIsSkippedAndWritten) {
   replace_earlier_instance();
   EXPECT_THAT(fake_process::events(),
@@ -57,6 +58,7 @@ TEST_F(PidFileTest, MissingFileIsSkippedAndWritten) {
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
 
+// "r", "/bin/kill -s TERM 123 2> /dev/null" run, close, "w+", close, in this order.
 TEST_F(PidFileTest, RecordedProcessIsTerminatedBeforeTheOwnPidIsWritten) {
   fake_process::write_pid_file("123\n");
   replace_earlier_instance();
@@ -66,26 +68,31 @@ TEST_F(PidFileTest, RecordedProcessIsTerminatedBeforeTheOwnPidIsWritten) {
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
 
+// "123" with blanks before it, or a sign, zeros, letters or numbers around it, is PID 123.
 TEST_F(PidFileTest, OnlyTheFirstNumberIsRead) {
   for (const char *text : {"123", "123\n", "  \n 123\n456\n", "123abc", "+123", "0123", "123 456"})
     EXPECT_THAT(commands_for(text), ElementsAre("/bin/kill -s TERM 123 2> /dev/null")) << text;
 }
 
+// A file that holds this process's own PID, 4242, leads to the same kill command.
 TEST_F(PidFileTest, OwnPidIsNoException) {
   EXPECT_THAT(commands_for("4242\n"), ElementsAre("/bin/kill -s TERM 4242 2> /dev/null"));
 }
 
+// Of "7; reboot" and "7%n%s" the command has the 7 only.
 TEST_F(PidFileTest, NothingButTheNumberReachesTheCommand) {
   EXPECT_THAT(commands_for("7; reboot\n"), ElementsAre("/bin/kill -s TERM 7 2> /dev/null"));
   EXPECT_THAT(commands_for("7%n%s\n"), ElementsAre("/bin/kill -s TERM 7 2> /dev/null"));
 }
 
+// Empty, blank, a word or NULs: one kill command, with a PID above 2^22 that nobody can have.
 TEST_F(PidFileTest, FileWithoutANumberStillRunsAKillCommandThatReachesNoProcess) {
   for (const std::string text : {"", "\n", "abc", "$(reboot)", "-", "x123"})
     expect_harmless_command(text);
   expect_harmless_command(std::string(3, '\0'));
 }
 
+// 0, negative numbers and 2^31 or more lead to one kill command with a PID that is nobody's.
 // "-1" reads as 4294967295, which the kill command takes for -1 again: every process of the system.
 // 0 is the caller's own group. Either would end the daemon at each start, before it writes its PID.
 TEST_F(PidFileTest, NumberThatIsNoPidReachesNoProcess) {
@@ -93,6 +100,7 @@ TEST_F(PidFileTest, NumberThatIsNoPidReachesNoProcess) {
     expect_harmless_command(text);
 }
 
+// When system() returns -1, perror("system") is called and the PID file written all the same.
 TEST_F(PidFileTest, CommandThatCannotBeRunIsReportedAndSkipped) {
   fake_process::write_pid_file("123\n");
   fake_process::set_system_result(-1);
@@ -104,6 +112,7 @@ TEST_F(PidFileTest, CommandThatCannotBeRunIsReportedAndSkipped) {
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
 
+// The statuses 0, 256, 127 << 8 and 15 of system() lead to no perror().
 TEST_F(PidFileTest, CommandThatFindsNoProcessIsNotReported) {
   for (const int status : {0, 256, 127 << 8, 15}) {
     fake_process::reset();
@@ -114,6 +123,7 @@ TEST_F(PidFileTest, CommandThatFindsNoProcessIsNotReported) {
   }
 }
 
+// When neither "r" nor "w+" opens the file there is no command, no perror() and no more tries.
 TEST_F(PidFileTest, FileThatCannotBeWrittenIsSkippedSilently) {
   fake_process::make_pid_file_unreachable();
   replace_earlier_instance();
@@ -121,12 +131,14 @@ TEST_F(PidFileTest, FileThatCannotBeWrittenIsSkippedSilently) {
               ElementsAre("fopen PID file r failed", "fopen PID file w+ failed"));
 }
 
+// "1234567890\nmore\n" becomes "4242\n": the file is truncated.
 TEST_F(PidFileTest, LongerOldContentLeavesNoRest) {
   fake_process::write_pid_file("1234567890\nmore\n");
   replace_earlier_instance();
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
 
+// The PID 4242 that one start writes is the one that the next start's kill command names.
 TEST_F(PidFileTest, NextStartTerminatesTheOneThatWroteTheFile) {
   replace_earlier_instance();
   replace_earlier_instance();

@@ -64,6 +64,7 @@ const std::string complete_file = "roam_service_url=ws://192.0.2.7:8080/roam\n"
 
 } // namespace
 
+// The order is log, srand(time), thread name, file, two queues, mask, PID file, two workers.
 TEST_F(StartupTest, CompleteConfigurationRunsTheBridgeAfterEveryStepBeforeIt) {
   fake_process::write_pid_file("123\n");
   EXPECT_EQ(0, run_with_file(complete_file));
@@ -78,6 +79,7 @@ TEST_F(StartupTest, CompleteConfigurationRunsTheBridgeAfterEveryStepBeforeIt) {
                           "second queue released", "first queue released"));
 }
 
+// Without -f both queues are built and destroyed, PID 123 killed, no worker built; 0 is returned.
 TEST_F(StartupTest, WithoutAFileThePidFileIsReplacedAndNothingElseStarted) {
   fake_process::write_pid_file("123\n");
   EXPECT_EQ(0, run({}));
@@ -85,16 +87,19 @@ TEST_F(StartupTest, WithoutAFileThePidFileIsReplacedAndNothingElseStarted) {
               ElementsAre("init_zandor_logrotate vemk", "srand 1700000000", "thread name main",
                           "queue", "queue", "level of vemk-main 0", "fopen PID file r",
                           "system /bin/kill -s TERM 123 2> /dev/null", "fclose PID file",
-                          "fopen PID file w+", "fclose PID file"));
+                          "fopen PID file w+", "fclose PID file", "second queue released",
+                          "first queue released"));
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
 
+// -d, -P and -p without -f: no worker is built, the PID file holds "4242\n", 0 is returned.
 TEST_F(StartupTest, OptionsAloneStartNoWorker) {
   EXPECT_EQ(0, run({"-d", "192.0.2.7", "-P", "8080", "-p", "/roam"}));
   EXPECT_THAT(fake_process::events(), Not(Contains(HasSubstr("worker"))));
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
 
+// No URL, no port, no "/" or scheme wss: two queues, the PID file, no worker, result 0.
 TEST_F(StartupTest, ConfigurationsWithoutACompleteUrlStartNoWorker) {
   for (const char *text :
        {"", "roam_service_url=ws://192.0.2.7/roam\n", "roam_service_url=ws://192.0.2.7:8080\n",
@@ -109,6 +114,7 @@ TEST_F(StartupTest, ConfigurationsWithoutACompleteUrlStartNoWorker) {
   }
 }
 
+// A named file that does not exist: no worker, no log line, the PID file written, result 0.
 TEST_F(StartupTest, MissingConfigurationFileStartsNoWorker) {
   EXPECT_EQ(0, run({"-f", "/nonexistent/vemk.conf"}));
   EXPECT_THAT(fake_process::events(), Not(Contains(HasSubstr("worker"))));
@@ -116,12 +122,32 @@ TEST_F(StartupTest, MissingConfigurationFileStartsNoWorker) {
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
+// A refused scheme ends the reading with the file closed, before the queues are built.
+TEST_F(StartupTest, FileOfARefusedSchemeIsClosed) {
+  EXPECT_EQ(0, run_with_file("roam_service_url=wss://192.0.2.7:8080/roam\nlog_level=15\n"));
+  const std::vector<std::string> events = fake_process::events();
+  ASSERT_GE(events.size(), 6u);
+  EXPECT_THAT(std::vector<std::string>(events.begin() + 2, events.begin() + 6),
+              ElementsAre("thread name main", "fopen vemk.conf r", "fclose vemk.conf", "queue"));
+}
+
+// With log_level=65535 and every step taken, start-up and assembly write no log line of their own.
+TEST_F(StartupTest, WholeStartLogsNothing) {
+  fake_process::write_pid_file("none\n");
+  fake_process::set_system_result(-1);
+  EXPECT_EQ(0, run_with_file(complete_file + "log_level=65535\n"));
+  EXPECT_THAT(fake_process::events(), Contains("level of vemk-main 65535"));
+  EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+// A ws URL followed by a wss URL: the workers run with the first one's host.
 TEST_F(StartupTest, UrlStoredBeforeARefusedOneStillRunsTheBridge) {
   EXPECT_EQ(0, run_with_file(complete_file + "roam_service_url=wss://192.0.2.8:1/x\n"));
   EXPECT_THAT(fake_process::events(), Contains("start websock_worker"));
   EXPECT_EQ("192.0.2.7", fake_workers::websock_arguments().host);
 }
 
+// The queue built first is bus-to-WebSocket for both workers, the second one back.
 TEST_F(StartupTest, WorkersGetTheQueuesInTheOrderOfTheirConstruction) {
   run_with_file(complete_file);
   ASSERT_EQ(2u, fake_process::queues().size());
@@ -133,6 +159,7 @@ TEST_F(StartupTest, WorkersGetTheQueuesInTheOrderOfTheirConstruction) {
   EXPECT_EQ(fake_process::queues()[1], ipc.to_bus);
 }
 
+// The two workers' run flags are two bools, both true before the threads start.
 TEST_F(StartupTest, WorkersHaveRunFlagsOfTheirOwnThatAreSet) {
   run_with_file(complete_file);
   const fake_workers::websock_arguments_t websock = fake_workers::websock_arguments();
@@ -142,6 +169,7 @@ TEST_F(StartupTest, WorkersHaveRunFlagsOfTheirOwnThatAreSet) {
   EXPECT_TRUE(ipc.run_flag_value);
 }
 
+// Host, path, port and the delays 5 and 300 of the file arrive; the bus worker gets module 2.
 TEST_F(StartupTest, ConfigurationReachesTheWebSocketWorker) {
   run_with_file(complete_file);
   const fake_workers::websock_arguments_t arguments = fake_workers::websock_arguments();
@@ -153,12 +181,14 @@ TEST_F(StartupTest, ConfigurationReachesTheWebSocketWorker) {
   EXPECT_EQ(2, fake_workers::ipc_arguments().module_id);
 }
 
+// "vemk-main" gets mask 0 from a file without "log_level=", whatever g_log_level was before.
 TEST_F(StartupTest, LevelOfTheMainModuleIsZeroWithoutALogLevelLine) {
   g_log_level = 9;
   run_with_file("ap_location=x\n");
   EXPECT_THAT(fake_process::events(), Contains("level of vemk-main 0"));
 }
 
+// ~websock_worker, then the second queue, then the first, and the exception leaves the start.
 TEST_F(StartupTest, ExceptionOfAWorkersConstructionUnwindsWhatWasBuilt) {
   fake_workers::let_ipc_construction_throw();
   EXPECT_THROW(run_with_file(complete_file), std::runtime_error);
@@ -169,32 +199,62 @@ TEST_F(StartupTest, ExceptionOfAWorkersConstructionUnwindsWhatWasBuilt) {
                           "second queue released", "first queue released"));
 }
 
-TEST_F(StartupTest, PidFileStaysOnEveryPath) {
-  run({});
-  EXPECT_TRUE(fake_process::has_pid_file());
-  run_with_file(complete_file);
-  EXPECT_TRUE(fake_process::has_pid_file());
+// The exception leaves the start with the first queue destroyed and the PID file untouched.
+TEST_F(StartupTest, ExceptionOfTheSecondQueuesConstructionDestroysTheFirst) {
+  fake_process::write_pid_file("123\n");
+  fake_process::let_queue_construction_throw(2);
+  EXPECT_THROW(run_with_file(complete_file), std::runtime_error);
+  EXPECT_THAT(fake_process::events(),
+              ElementsAre("init_zandor_logrotate vemk", "srand 1700000000", "thread name main",
+                          "fopen vemk.conf r", "fclose vemk.conf", "queue",
+                          "first queue released"));
+  EXPECT_EQ("123\n", fake_process::pid_file());
 }
 
+// The exception leaves the start with no queue built, nothing killed and the PID file untouched.
+TEST_F(StartupTest, ExceptionOfTheFirstQueuesConstructionEndsTheStart) {
+  fake_process::write_pid_file("123\n");
+  fake_process::let_queue_construction_throw(1);
+  EXPECT_THROW(run_with_file(complete_file), std::runtime_error);
+  EXPECT_THAT(fake_process::events(),
+              ElementsAre("init_zandor_logrotate vemk", "srand 1700000000", "thread name main",
+                          "fopen vemk.conf r", "fclose vemk.conf"));
+  EXPECT_EQ("123\n", fake_process::pid_file());
+}
+
+// It holds "4242\n" after a start without workers, one with them and one that an exception ends.
+TEST_F(StartupTest, PidFileStaysOnEveryPath) {
+  run({});
+  EXPECT_EQ("4242\n", fake_process::pid_file());
+  run_with_file(complete_file);
+  EXPECT_EQ("4242\n", fake_process::pid_file());
+  fake_workers::let_websock_construction_throw();
+  EXPECT_THROW(run_with_file(complete_file), std::runtime_error);
+  EXPECT_EQ("4242\n", fake_process::pid_file());
+}
+
+// When the PID file can neither be read nor written, the workers are started all the same.
 TEST_F(StartupTest, UnwritablePidFileDoesNotHoldTheBridge) {
   fake_process::make_pid_file_unreachable();
   EXPECT_EQ(0, run_with_file(complete_file));
   EXPECT_THAT(fake_process::events(), Contains("start websock_worker"));
 }
 
+// "-f FILE -x" ends with status 255 after the thread's name: no file read, queue built or kill run.
 TEST_F(StartupDeathTest, BadOptionEndsTheProcessBeforeAnythingIsBuiltOrKilled) {
   EXPECT_EXIT(
       {
         fake_process::write_pid_file("123\n");
         atexit([] {
+          fputs("events:", stderr);
           for (const std::string &event : fake_process::events())
-            fprintf(stderr, "event %s\n", event.c_str());
+            fprintf(stderr, " %s;", event.c_str());
+          fputs("\n", stderr);
         });
         run({"-f", fake_process::write_file("vemk.conf", complete_file), "-x"});
       },
       testing::ExitedWithCode(255),
-      AllOf(HasSubstr("event thread name main\n"), Not(HasSubstr("event queue")),
-            Not(HasSubstr("event fopen")), Not(HasSubstr("event system"))));
+      HasSubstr("events: init_zandor_logrotate vemk; srand 1700000000; thread name main;\n"));
 }
 
 } // namespace vemk
