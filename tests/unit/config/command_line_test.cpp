@@ -12,6 +12,7 @@
 #include "fakes/fake_log.h"
 #include "fakes/temporary_folder.h"
 #include "log/log_module.h"
+#include "unit/config/recorded_levels.h"
 
 namespace vemk {
 
@@ -25,6 +26,7 @@ protected:
   command_line_fixture() {
     g_log_level = 0;
     fake_log::clear();
+    recorded_levels::clear();
   }
 
   ~command_line_fixture() override { g_log_level = 0; }
@@ -52,10 +54,15 @@ protected:
 class CommandLineDeathTest : public command_line_fixture {
 protected:
   CommandLineDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+  /// What the child writes on standard error: the C library's complaint alone.
+  const testing::Matcher<const std::string &> only_getopts_line =
+      testing::MatchesRegex("vemk: [^\n]*\n");
 };
 
 } // namespace
 
+// Every field becomes 0 or "", cfg_mode 3; log_level stays 4 and g_log_level 6.
 TEST_F(CommandLineTest, NoOptionsClearTheRecordButNotItsLogLevel) {
   for (char *field : {cfg.ap_location, cfg.host, cfg.path})
     std::string(config_text_size - 1, 'x').copy(field, config_text_size - 1);
@@ -82,6 +89,7 @@ TEST_F(CommandLineTest, NoOptionsClearTheRecordButNotItsLogLevel) {
   EXPECT_EQ(6u, g_log_level);
 }
 
+// -d, -p and -P set host, path (no "/" is added) and port 8080; url_valid stays false.
 TEST_F(CommandLineTest, OptionsFillHostPathAndPortButNeverMakeTheUrlValid) {
   parse({"-d", "example.net", "-p", "roam", "-P", "8080"});
   EXPECT_STREQ("example.net", cfg.host);
@@ -92,6 +100,7 @@ TEST_F(CommandLineTest, OptionsFillHostPathAndPortButNeverMakeTheUrlValid) {
   EXPECT_STREQ("", cfg.ap_location);
 }
 
+// "-dexample.net -p/roam -P8080" means the same as with blanks.
 TEST_F(CommandLineTest, ValuesMayBeAttachedToTheirOptions) {
   parse({"-dexample.net", "-p/roam", "-P8080"});
   EXPECT_STREQ("example.net", cfg.host);
@@ -99,6 +108,7 @@ TEST_F(CommandLineTest, ValuesMayBeAttachedToTheirOptions) {
   EXPECT_EQ(8080, cfg.port);
 }
 
+// Of -d, -p and -P given twice the last value stays, also where it is shorter than the first.
 TEST_F(CommandLineTest, LaterOptionReplacesAnEarlierOne) {
   parse({"-d", "a-long-name.example.net", "-p", "/first", "-P", "1", "-d", "b", "-p", "/2", "-P",
          "2"});
@@ -107,6 +117,7 @@ TEST_F(CommandLineTest, LaterOptionReplacesAnEarlierOne) {
   EXPECT_EQ(2, cfg.port);
 }
 
+// Of 256 and 257 bytes the first 255 stay; 255 bytes stay whole.
 TEST_F(CommandLineTest, HostAndPathAreCutAfter255Bytes) {
   const std::string longest(255, 'h');
   parse({"-d", longest + "x", "-p", longest + "yy"});
@@ -117,6 +128,7 @@ TEST_F(CommandLineTest, HostAndPathAreCutAfter255Bytes) {
   EXPECT_EQ(longest, cfg.path);
 }
 
+// "80x" is 80, "x" and "" are 0, "-5" is -5, numbers beyond 32 bits the largest or smallest.
 TEST_F(CommandLineTest, PortIsReadAsAtoiDoes) {
   const struct {
     const char *text;
@@ -137,6 +149,7 @@ TEST_F(CommandLineTest, PortIsReadAsAtoiDoes) {
   }
 }
 
+// With -f in front of -d, -p and -P the file's URL still replaces all three and is valid.
 TEST_F(CommandLineTest, FileIsReadAfterAllOptions) {
   const std::string name = file("roam_service_url=ws://192.0.2.7:8080/roam\n");
   parse({"-f", name, "-d", "other", "-p", "/other", "-P", "1"});
@@ -148,6 +161,7 @@ TEST_F(CommandLineTest, FileIsReadAfterAllOptions) {
   EXPECT_EQ(3, cfg.cfg_mode);
 }
 
+// -d, -p and -P stay; the file gives "default-domain" and log level 8; url_valid stays false.
 TEST_F(CommandLineTest, FileWithoutAUrlLeavesTheOptionsInPlace) {
   parse({"-d", "other", "-p", "/other", "-P", "1", "-f", file("log_level=8\n")});
   EXPECT_STREQ("other", cfg.host);
@@ -159,6 +173,7 @@ TEST_F(CommandLineTest, FileWithoutAUrlLeavesTheOptionsInPlace) {
   EXPECT_EQ(8u, g_log_level);
 }
 
+// From level 4 in both, an empty file leaves the record's at 4 and sets g_log_level to 0.
 TEST_F(CommandLineTest, FileWithoutALogLevelLeavesTheRecordsLevelAndClearsTheProcessWideOne) {
   cfg.log_level = 4;
   g_log_level = 4;
@@ -167,6 +182,7 @@ TEST_F(CommandLineTest, FileWithoutALogLevelLeavesTheRecordsLevelAndClearsThePro
   EXPECT_EQ(0u, g_log_level);
 }
 
+// Of two -f the second is read alone, so a missing first one is no failure.
 TEST_F(CommandLineTest, LastNamedFileIsTheOneThatIsRead) {
   const std::string first = folder.write("first", "ap_location=first\nlog_level=1\n");
   const std::string second = folder.write("second", "ap_location=second\n");
@@ -178,6 +194,7 @@ TEST_F(CommandLineTest, LastNamedFileIsTheOneThatIsRead) {
   EXPECT_FALSE(cfg.cfg_file_failed);
 }
 
+// cfg_file_failed is set, the location is "default-domain", url_valid false, the log empty.
 TEST_F(CommandLineTest, MissingFileIsRememberedWithoutAMessage) {
   parse({"-f", folder.file("absent")});
   EXPECT_TRUE(cfg.cfg_file_failed);
@@ -186,11 +203,13 @@ TEST_F(CommandLineTest, MissingFileIsRememberedWithoutAMessage) {
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
+// -f "" sets cfg_file_failed.
 TEST_F(CommandLineTest, EmptyFileNameIsAMissingFile) {
   parse({"-f", ""});
   EXPECT_TRUE(cfg.cfg_file_failed);
 }
 
+// wss logs "|PID|websock-cfg> Proto wss is invalid\n" and sets cfg_file_failed.
 TEST_F(CommandLineTest, WrongSchemeIsRemembered) {
   parse({"-f", file("roam_service_url=wss://192.0.2.7:8080/roam\n")});
   EXPECT_TRUE(cfg.cfg_file_failed);
@@ -199,14 +218,40 @@ TEST_F(CommandLineTest, WrongSchemeIsRemembered) {
               ElementsAre("|" + std::to_string(getpid()) + "|websock-cfg> Proto wss is invalid\n"));
 }
 
+// After a file with "log_level=0" the next parsing logs "Proto wss is invalid\n" again.
 // An earlier file's "log_level=" does not outlive the start of the next parsing.
 TEST_F(CommandLineTest, ParsingOpensEveryCategoryOfItsLogModule) {
   parse({"-f", file("log_level=0\nroam_service_url=wss://h:1/p\n")});
   ASSERT_THAT(fake_log::lines(), IsEmpty());
   parse({"-f", file("roam_service_url=wss://h:1/p\n")});
-  EXPECT_THAT(fake_log::messages("websock-cfg"), ElementsAre("Proto wss is invalid\n"));
+  EXPECT_THAT(fake_log::lines(),
+              ElementsAre("|" + std::to_string(getpid()) + "|websock-cfg> Proto wss is invalid\n"));
 }
 
+// Without a file "websock-cfg" gets the one mask 0xFFFF and keeps it, whatever g_log_level is.
+TEST_F(CommandLineTest, ParsingGivesItsLogModuleTheMaskOfAllBits) {
+  g_log_level = 1;
+  parse({"-d", "host"});
+  EXPECT_THAT(recorded_levels::levels(), ElementsAre("websock-cfg 65535"));
+}
+
+// 0xFFFF comes first, before any option; then each "log_level=" line's value, in their order.
+TEST_F(CommandLineTest, EveryLogLevelLineGivesItsValueToTheLogModule) {
+  parse({"-f", file("log_level=8\nap_location=x\nlog_level=0x13\nlog_level=\n")});
+  EXPECT_THAT(recorded_levels::levels(),
+              ElementsAre("websock-cfg 65535", "websock-cfg 8", "websock-cfg 19", "websock-cfg 0"));
+}
+
+// Words that are no options, and whatever follows "--", are neither errors nor read.
+TEST_F(CommandLineTest, WordsThatAreNoOptionsAreIgnored) {
+  parse({"word", "-d", "host", "other", "-P", "80", "--", "-x", "-p", "/path"});
+  EXPECT_STREQ("host", cfg.host);
+  EXPECT_EQ(80, cfg.port);
+  EXPECT_STREQ("", cfg.path);
+  EXPECT_FALSE(cfg.cfg_file_failed);
+}
+
+// URL, delay and url_valid of the first parsing are gone after a second one with -P alone.
 TEST_F(CommandLineTest, SecondParsingStartsFromTheRecordAsTheFirstDid) {
   parse({"-f", file("roam_service_url=ws://h:1/p\ninitial_connection_delay=5\n")});
   ASSERT_TRUE(cfg.url_valid);
@@ -217,18 +262,21 @@ TEST_F(CommandLineTest, SecondParsingStartsFromTheRecordAsTheFirstDid) {
   EXPECT_EQ(0u, cfg.initial_connection_delay);
 }
 
+// -x, --help, -h and -F end with exit(-1); standard error has getopt's line and no other.
 TEST_F(CommandLineDeathTest, BadOptionsEndTheProcessWithStatus255) {
-  EXPECT_EXIT(parse({"-x"}), testing::ExitedWithCode(255), "");
-  EXPECT_EXIT(parse({"--help"}), testing::ExitedWithCode(255), "");
-  EXPECT_EXIT(parse({"-h"}), testing::ExitedWithCode(255), "");
-  EXPECT_EXIT(parse({"-F", "file"}), testing::ExitedWithCode(255), "");
+  EXPECT_EXIT(parse({"-x"}), testing::ExitedWithCode(255), only_getopts_line);
+  EXPECT_EXIT(parse({"--help"}), testing::ExitedWithCode(255), only_getopts_line);
+  EXPECT_EXIT(parse({"-h"}), testing::ExitedWithCode(255), only_getopts_line);
+  EXPECT_EXIT(parse({"-F", "file"}), testing::ExitedWithCode(255), only_getopts_line);
 }
 
+// -f, -d, -p and -P without a value end with exit(-1) and getopt's line.
 TEST_F(CommandLineDeathTest, MissingArgumentsEndTheProcessWithStatus255) {
   for (const char *option : {"-f", "-d", "-p", "-P"})
-    EXPECT_EXIT(parse({option}), testing::ExitedWithCode(255), "") << option;
+    EXPECT_EXIT(parse({option}), testing::ExitedWithCode(255), only_getopts_line) << option;
 }
 
+// "-f FILE -x" ends with status 255 before FILE's refused URL is logged.
 TEST_F(CommandLineDeathTest, FileIsNotReadWhenALaterOptionIsBad) {
   // Static, so that exit() removes it in the child too.
   static const temporary_folder folder;
@@ -241,7 +289,7 @@ TEST_F(CommandLineDeathTest, FileIsNotReadWhenALaterOptionIsBad) {
         });
         parse({"-f", name, "-x"});
       },
-      testing::ExitedWithCode(255), testing::Not(testing::HasSubstr("Proto")));
+      testing::ExitedWithCode(255), only_getopts_line);
 }
 
 } // namespace vemk

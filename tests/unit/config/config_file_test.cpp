@@ -65,6 +65,7 @@ struct number_t {
 
 } // namespace
 
+// The location is "default-domain" and g_log_level 0 instead of 15; all else stays empty.
 TEST_F(ConfigFileTest, EmptyFileGivesTheDefaultLocationOnly) {
   g_log_level = 15;
   EXPECT_TRUE(read(""));
@@ -78,6 +79,7 @@ TEST_F(ConfigFileTest, EmptyFileGivesTheDefaultLocationOnly) {
   EXPECT_EQ(0u, cfg.max_connection_delay);
 }
 
+// URL, both delays, location and log level arrive in their fields, the level in g_log_level too.
 TEST_F(ConfigFileTest, EveryKeyIsStored) {
   EXPECT_TRUE(read("# a comment\n"
                    "\n"
@@ -97,6 +99,7 @@ TEST_F(ConfigFileTest, EveryKeyIsStored) {
   EXPECT_EQ(9u, g_log_level);
 }
 
+// A second file without keys changes the location to "default-domain" and g_log_level to 0 only.
 TEST_F(ConfigFileTest, FieldsOfAbsentKeysKeepTheirValues) {
   ASSERT_TRUE(read("roam_service_url=h:1/p\ninitial_connection_delay=5\nmax_connection_delay=6\n"
                    "ap_location=here\nlog_level=8\n"));
@@ -112,6 +115,7 @@ TEST_F(ConfigFileTest, FieldsOfAbsentKeysKeepTheirValues) {
   EXPECT_EQ(0u, g_log_level);
 }
 
+// It returns false with "default-domain" and g_log_level 0 set before, and logs nothing.
 TEST_F(ConfigFileTest, MissingFileFailsSilentlyWithTheDefaultsInPlace) {
   g_log_level = 15;
   EXPECT_FALSE(read_config_file(cfg, folder.file("absent").c_str()));
@@ -121,6 +125,7 @@ TEST_F(ConfigFileTest, MissingFileFailsSilentlyWithTheDefaultsInPlace) {
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
+// A folder can be opened, so it returns true with the defaults and logs nothing.
 TEST_F(ConfigFileTest, FolderReadsAsAFileWithoutLines) {
   EXPECT_TRUE(read_config_file(cfg, folder.path().c_str()));
   EXPECT_STREQ("default-domain", cfg.ap_location);
@@ -128,6 +133,7 @@ TEST_F(ConfigFileTest, FolderReadsAsAFileWithoutLines) {
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
+// ws://192.0.2.7:8080/roam, 192.0.2.7:8080/ and odd ones: host, port and "/"-path, url_valid set.
 TEST_F(ConfigFileTest, CompleteUrlsAreValid) {
   const valid_url_t cases[] = {
       {"ws://192.0.2.7:8080/roam", "192.0.2.7", 8080, "/roam"},
@@ -159,6 +165,7 @@ TEST_F(ConfigFileTest, CompleteUrlsAreValid) {
   }
 }
 
+// Without ":", or without "/" behind the port, host, port, path and url_valid stay unset.
 TEST_F(ConfigFileTest, IncompleteUrlsAreNotValid) {
   for (const char *value : {"", "host", "ws://host", "ws://host:80", "host:80", "ws://host/roam",
                             "host/roam", "ws://", "ws://:", "/", "80"}) {
@@ -170,6 +177,7 @@ TEST_F(ConfigFileTest, IncompleteUrlsAreNotValid) {
   }
 }
 
+// After ws://first:1/a two incomplete URLs change none of the four fields.
 TEST_F(ConfigFileTest, IncompleteUrlLeavesAnEarlierOneInPlace) {
   const websock_cfg_t got = read_fresh("roam_service_url=ws://first:1/a\n"
                                        "roam_service_url=ws://second:2\n"
@@ -180,6 +188,7 @@ TEST_F(ConfigFileTest, IncompleteUrlLeavesAnEarlierOneInPlace) {
   EXPECT_STREQ("/a", got.path);
 }
 
+// "ho\nst" and "/pa\rth" from before become "ho" and "/pa" at any URL line.
 TEST_F(ConfigFileTest, IncompleteUrlStillCutsHostAndPathAtTheirLineEnds) {
   strcpy(cfg.host, "ho\nst");
   strcpy(cfg.path, "/pa\rth");
@@ -188,6 +197,7 @@ TEST_F(ConfigFileTest, IncompleteUrlStillCutsHostAndPathAtTheirLineEnds) {
   EXPECT_STREQ("/pa", cfg.path);
 }
 
+// LF, CR LF, CR, CR CR LF and none at all give the same path, location and numbers.
 TEST_F(ConfigFileTest, LineEndsBelongToNoValue) {
   for (const char *line_end : {"\n", "\r\n", "\r", "", "\r\r\n"}) {
     const std::string end = line_end;
@@ -201,6 +211,7 @@ TEST_F(ConfigFileTest, LineEndsBelongToNoValue) {
   }
 }
 
+// wss, http, WS, "" and "%n%s" return false and log "|PID|websock-cfg> Proto %s is invalid\n".
 TEST_F(ConfigFileTest, SchemesOtherThanWsAreRefused) {
   for (const char *scheme :
        {"wss", "http", "WS", "Ws", " ws", "ws ", "", "wsx", "w", "h:1/ws", "%n%s"}) {
@@ -212,6 +223,7 @@ TEST_F(ConfigFileTest, SchemesOtherThanWsAreRefused) {
   }
 }
 
+// The ws URL and delay before the wss line stay; the delay and location behind it are unread.
 TEST_F(ConfigFileTest, WrongSchemeStopsTheReadingAndKeepsWhatStoodBefore) {
   EXPECT_FALSE(read("roam_service_url=ws://host:80/p\n"
                     "initial_connection_delay=5\n"
@@ -227,6 +239,7 @@ TEST_F(ConfigFileTest, WrongSchemeStopsTheReadingAndKeepsWhatStoodBefore) {
   EXPECT_STREQ("default-domain", cfg.ap_location);
 }
 
+// Levels with bit 0x08 (8, 15, 0x0F, 0xFFFF, 24) log the refusal; 0, 7, 0x, 16 and "" do not.
 TEST_F(ConfigFileTest, LogLevelBeforeTheUrlDecidesAboutTheRefusalsLine) {
   for (const char *level : {"8", "15", "0x0F", "0xFFFF", "24"}) {
     fake_log::clear();
@@ -240,17 +253,20 @@ TEST_F(ConfigFileTest, LogLevelBeforeTheUrlDecidesAboutTheRefusalsLine) {
   }
 }
 
+// With "log_level=0" after the wss line the refusal is logged under the mask 0xFFFF.
 TEST_F(ConfigFileTest, LogLevelBehindTheUrlComesTooLate) {
   EXPECT_FALSE(read("roam_service_url=wss://h:1/p\nlog_level=0\n"));
   EXPECT_THAT(fake_log::lines(), ElementsAre(refusal("wss")));
 }
 
+// "websock-cfg" logs the refusal although g_log_level is 0.
 TEST_F(ConfigFileTest, ModuleKeepsItsMaskWithoutALogLevelLine) {
   g_log_level = 0;
   EXPECT_FALSE(read("ap_location=x\nroam_service_url=wss://h:1/p\n"));
   EXPECT_THAT(fake_log::lines(), ElementsAre(refusal("wss")));
 }
 
+// All five keys in upper or mixed case are read; the values keep their case.
 TEST_F(ConfigFileTest, KeysIgnoreCase) {
   const websock_cfg_t got = read_fresh("ROAM_SERVICE_URL=H:80/P\n"
                                        "Initial_Connection_Delay=1\n"
@@ -266,6 +282,7 @@ TEST_F(ConfigFileTest, KeysIgnoreCase) {
   EXPECT_EQ(3u, got.log_level);
 }
 
+// A blank or "#" before the key, a blank before "=" or another key: nothing is set.
 TEST_F(ConfigFileTest, LinesThatMatchNoKeyAreIgnored) {
   for (const char *line :
        {" roam_service_url=h:80/p", "\troam_service_url=h:80/p", "#roam_service_url=h:80/p",
@@ -278,6 +295,7 @@ TEST_F(ConfigFileTest, LinesThatMatchNoKeyAreIgnored) {
   }
 }
 
+// Each of the five keys on two lines takes the second value, also where that is empty.
 TEST_F(ConfigFileTest, LastLineOfAKeyCounts) {
   const websock_cfg_t got = read_fresh("roam_service_url=a:1/a\nroam_service_url=b:2/b\n"
                                        "initial_connection_delay=1\ninitial_connection_delay=2\n"
@@ -294,6 +312,7 @@ TEST_F(ConfigFileTest, LastLineOfAKeyCounts) {
   EXPECT_EQ(2u, g_log_level);
 }
 
+// "010" is 10, "0x10" 0, "5s" 5, "" 0, "-1" and all beyond 32 bits 4294967295.
 TEST_F(ConfigFileTest, DelaysAreDecimal) {
   const number_t cases[] = {
       {"30", 30},
@@ -322,6 +341,7 @@ TEST_F(ConfigFileTest, DelaysAreDecimal) {
   }
 }
 
+// 15, 0x0F and 0X0f are the same; "0x" is 0, "F" is 0, "0x8Z" is 8.
 TEST_F(ConfigFileTest, LogLevelIsDecimalOrHexadecimal) {
   const number_t cases[] = {
       {"15", 15},
@@ -351,16 +371,19 @@ TEST_F(ConfigFileTest, LogLevelIsDecimalOrHexadecimal) {
   }
 }
 
+// "ap_location=" gives "", with a line end and without one.
 TEST_F(ConfigFileTest, EmptyLocationReplacesTheDefault) {
   EXPECT_STREQ("", read_fresh("ap_location=\n").ap_location);
   EXPECT_STREQ("", read_fresh("ap_location=").ap_location);
 }
 
+// Blanks at both ends, "=", quotes, "#", "%" and bytes above 0x7F stay in the location.
 TEST_F(ConfigFileTest, LocationIsCopiedAsItIs) {
   EXPECT_STREQ("  a=b # \"c\" \t", read_fresh("ap_location=  a=b # \"c\" \t\n").ap_location);
   EXPECT_STREQ("M\xC3\xBCnchen %s%n", read_fresh("ap_location=M\xC3\xBCnchen %s%n\n").ap_location);
 }
 
+// Of a longer line the location has what the first 254 characters hold.
 TEST_F(ConfigFileTest, LongLineIsReadInPiecesOf254Characters) {
   const std::string key = "ap_location=";
   const std::string filling(254 - key.size(), 'a');
@@ -368,12 +391,14 @@ TEST_F(ConfigFileTest, LongLineIsReadInPiecesOf254Characters) {
   EXPECT_EQ(filling, got.ap_location);
 }
 
+// "log_level=5" is read as a line of its own from character 255 on, and not from 254 on.
 TEST_F(ConfigFileTest, RestOfALongLineMayMatchAKey) {
   const websock_cfg_t got = read_fresh("#" + std::string(253, 'x') + "log_level=5\n");
   EXPECT_EQ(5u, got.log_level);
   EXPECT_EQ(0u, read_fresh("#" + std::string(252, 'x') + "log_level=5\n").log_level);
 }
 
+// 254 characters with or without the line end among them are one value; the next line is read.
 TEST_F(ConfigFileTest, LineThatJustFillsTheBufferIsWhole) {
   const std::string key = "ap_location=";
   const std::string with_line_end(253 - key.size(), 'a');
@@ -384,6 +409,7 @@ TEST_F(ConfigFileTest, LineThatJustFillsTheBufferIsWhole) {
   EXPECT_EQ(5u, cfg.log_level);
 }
 
+// The path ends at character 254; a "/" beyond it leaves the URL invalid.
 TEST_F(ConfigFileTest, LongUrlIsCutWithItsPiece) {
   const std::string head = "roam_service_url=ws://h:80/";
   const std::string kept(254 - head.size(), 'p');
@@ -397,11 +423,13 @@ TEST_F(ConfigFileTest, LongUrlIsCutWithItsPiece) {
   EXPECT_FALSE(read_fresh(port_ends_the_piece + "/p\n").url_valid);
 }
 
+// A line of 1,000,000 characters is passed over and the key on the next line read.
 TEST_F(ConfigFileTest, VeryLongLineIsHarmless) {
   const websock_cfg_t got = read_fresh(std::string(1000000, '=') + "\nlog_level=5\n");
   EXPECT_EQ(5u, got.log_level);
 }
 
+// A NUL cuts the value of its own line, or hides the key behind it; the next lines are read.
 TEST_F(ConfigFileTest, NulByteEndsItsLinesValueOnly) {
   using namespace std::string_literals;
   const websock_cfg_t got = read_fresh("ap_location=ab\0cd\n"
@@ -419,12 +447,14 @@ TEST_F(ConfigFileTest, NulByteEndsItsLinesValueOnly) {
   EXPECT_EQ(4u, got.max_connection_delay);
 }
 
+// A "/" behind a NUL is not found, so the URL is invalid.
 TEST_F(ConfigFileTest, NulByteInTheUrlHidesWhatFollows) {
   using namespace std::string_literals;
   EXPECT_FALSE(read_fresh("roam_service_url=h:80\0/p\n"s).url_valid);
   EXPECT_FALSE(read_fresh("roam_service_url=\0\n"s).url_valid);
 }
 
+// In 300 random files each text ends within its 256 bytes, and a valid URL's path starts with "/".
 // Whatever the bytes, every text in the record ends within its field.
 TEST_F(ConfigFileTest, RandomBytesNeverLeaveTheRecord) {
   const std::string pieces[] = {"roam_service_url=",

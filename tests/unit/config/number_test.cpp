@@ -19,6 +19,7 @@ struct signed_case_t {
 
 } // namespace
 
+// Numbers beyond 32 bits are 4294967295, "-1" as well; no digits are 0; base 10 and 16.
 TEST(NumberTest, UnsignedNumbersAreThoseOfA32BitStrtoul) {
   constexpr unsigned_case_t cases[] = {
       {"", 10, 0},
@@ -58,6 +59,7 @@ TEST(NumberTest, UnsignedNumbersAreThoseOfA32BitStrtoul) {
         << '"' << expected.text << "\" in base " << expected.base;
 }
 
+// Numbers beyond 32 bits are 2147483647 or -2147483648; no digits are 0.
 TEST(NumberTest, SignedNumbersAreThoseOfA32BitAtoi) {
   constexpr signed_case_t cases[] = {
       {"", 0},

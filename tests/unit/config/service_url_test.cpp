@@ -41,6 +41,7 @@ std::string split(std::string text) {
 
 } // namespace
 
+// The first "://", then the first ":", then the first "/" split the text; what lacks one is none.
 TEST(ServiceUrlTest, PiecesOfEveryForm) {
   const url_case_t cases[] = {
       {"ws://192.0.2.7:8080/roam", "ws", "192.0.2.7", "8080", "roam"},
