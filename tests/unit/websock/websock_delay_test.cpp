@@ -1,4 +1,5 @@
 #include <cstdlib>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -53,6 +54,7 @@ protected:
 
 // The delay.
 
+// With delay 2: windows [1;3), [2;6), [4;12); the stored delay is 4, 8, 16 after each draw.
 TEST_F(WebsockDelayTest, DelayIsDrawnFromTheValueBeforeTheDoubling) {
   make_worker(2, 60);
   expect_range(1, 3);
@@ -63,6 +65,7 @@ TEST_F(WebsockDelayTest, DelayIsDrawnFromTheValueBeforeTheDoubling) {
   EXPECT_EQ(worker->current_delay, 16u);
 }
 
+// 10 and 60: [5;15), [10;30), [20;60), then [30;90) for ever while 60 is stored.
 TEST_F(WebsockDelayTest, CapAppliesToTheStoredValueAndNotToTheDrawnDelay) {
   make_worker(10, 60);
   expect_range(5, 15);
@@ -75,6 +78,7 @@ TEST_F(WebsockDelayTest, CapAppliesToTheStoredValueAndNotToTheDrawnDelay) {
   }
 }
 
+// After five growing delays an establishment makes the next window [5;15) again.
 TEST_F(WebsockDelayTest, EstablishmentBringsTheInitialDelayBack) {
   make_worker(10, 60);
   for (int i = 0; i < 5; ++i)
@@ -85,6 +89,7 @@ TEST_F(WebsockDelayTest, EstablishmentBringsTheInitialDelayBack) {
   expect_range(5, 15);
 }
 
+// A connection attempt that has only started leaves the stored delay at 20.
 TEST_F(WebsockDelayTest, AttemptThatOnlyStartsLeavesTheDelayGrowing) {
   make_worker(10, 60);
   worker->next_delay();
@@ -92,6 +97,7 @@ TEST_F(WebsockDelayTest, AttemptThatOnlyStartsLeavesTheDelayGrowing) {
   EXPECT_EQ(worker->current_delay, 20u);
 }
 
+// Initial delay 0: the window is [1;3) and 2 is stored; from 2 the window is [1;3) again.
 TEST_F(WebsockDelayTest, InitialDelayZeroStartsWithOneOrTwoSeconds) {
   make_worker(0, 60);
   EXPECT_EQ(worker->current_delay, 0u);
@@ -101,6 +107,7 @@ TEST_F(WebsockDelayTest, InitialDelayZeroStartsWithOneOrTwoSeconds) {
   EXPECT_EQ(worker->current_delay, 4u);
 }
 
+// Initial delay 0, maximum 1: [1;3) at first, 1 stored, then always 0 seconds of [0;1).
 TEST_F(WebsockDelayTest, InitialDelayZeroIsCappedByASmallerMaximum) {
   make_worker(0, 1);
   expect_range(1, 3);
@@ -109,6 +116,7 @@ TEST_F(WebsockDelayTest, InitialDelayZeroIsCappedByASmallerMaximum) {
   EXPECT_EQ(worker->current_delay, 1u);
 }
 
+// With both delays 0 every window is [1;3) and the stored delay stays 0.
 TEST_F(WebsockDelayTest, BothDelaysZeroGiveOneOrTwoSecondsForEver) {
   make_worker(0, 0);
   for (int i = 0; i < 4; ++i) {
@@ -117,24 +125,28 @@ TEST_F(WebsockDelayTest, BothDelaysZeroGiveOneOrTwoSecondsForEver) {
   }
 }
 
+// 100 with maximum 60: the first window is [50;150), then 60 is stored.
 TEST_F(WebsockDelayTest, InitialDelayAboveTheMaximumCountsOnce) {
   make_worker(100, 60);
   expect_range(50, 150);
   EXPECT_EQ(worker->current_delay, 60u);
 }
 
+// Delay 7 gives the window [3;10) and stores 14.
 TEST_F(WebsockDelayTest, OddDelayIsHalvedTowardsZero) {
   make_worker(7, 60);
   expect_range(3, 10);
   EXPECT_EQ(worker->current_delay, 14u);
 }
 
+// RAND_MAX is taken modulo the span 10, plus 5.
 TEST_F(WebsockDelayTest, RandomValueIsReducedToTheSpan) {
   make_worker(10, 60);
   wrapped_libc::script_rand({RAND_MAX});
   EXPECT_EQ(worker->next_delay(), static_cast<std::uint32_t>(RAND_MAX % 10 + 5));
 }
 
+// Delays from 0x40000000 on wrap in 32 bits: signed remainder, unsigned doubling and log line.
 TEST_F(WebsockDelayTest, HugeDelaysWrapAsThirtyTwoBitValues) {
   struct case_t {
     std::uint32_t delay;
@@ -162,6 +174,7 @@ TEST_F(WebsockDelayTest, HugeDelaysWrapAsThirtyTwoBitValues) {
   }
 }
 
+// A drawn delay of -1073741824 seconds sleeps one 50 ms poll and answers a request in it.
 TEST_F(WebsockDelayTest, NegativeDelayStillPollsTheQueueOnce) {
   make_worker(0x80000000u, 0xFFFFFFFFu);
   push_from_bus(status_request);
@@ -173,6 +186,7 @@ TEST_F(WebsockDelayTest, NegativeDelayStillPollsTheQueueOnce) {
 
 // The wait.
 
+// 2 seconds are 40 sleeps of 50 ms; two lines name window and delay.
 TEST_F(WebsockDelayTest, WaitLogsItsDelayAndPollsEveryFiftyMilliseconds) {
   make_worker(2, 60);
   wrapped_libc::script_rand({1});
@@ -182,6 +196,7 @@ TEST_F(WebsockDelayTest, WaitLogsItsDelayAndPollsEveryFiftyMilliseconds) {
                                              line("Delay before connection: 2 sec\n")));
 }
 
+// Four queued messages go in four polls; one answer "disconnected", nothing is sent.
 TEST_F(WebsockDelayTest, WaitTakesOneMessagePerPollAndAnswersOnlyStatusRequests) {
   make_worker(2, 60);
   for (const char *text : {"lost 1", status_request, R"({"service":"internal-ipc"})", "lost 2"})
@@ -195,6 +210,7 @@ TEST_F(WebsockDelayTest, WaitTakesOneMessagePerPollAndAnswersOnlyStatusRequests)
   EXPECT_THAT(fake_lws::calls(), IsEmpty());
 }
 
+// A message taken in the wait logs "->From queue" and its dump, and is lost.
 TEST_F(WebsockDelayTest, WaitLogsAndDumpsWhatItTakes) {
   make_worker(2, 60);
   push_from_bus("lost");
@@ -205,6 +221,20 @@ TEST_F(WebsockDelayTest, WaitLogsAndDumpsWhatItTakes) {
                           line("websock-roaming->From queue\n"), dump_line("lost")));
 }
 
+// The first queue's mutex is free while the wait answers a request from it.
+TEST_F(WebsockDelayTest, QueueIsUnlockedWhileItsMessageIsHandled) {
+  make_worker(2, 60);
+  push_from_bus(status_request);
+  bool was_free = false;
+  ws_to_bus.set_notify([&] {
+    const std::unique_lock<std::mutex> free(bus_to_ws.lock, std::try_to_lock);
+    was_free = free.owns_lock();
+  });
+  worker->wait_before_connect();
+  EXPECT_TRUE(was_free);
+}
+
+// A request pushed during poll 7 is answered "disconnected" by poll 8, 50 ms later.
 TEST_F(WebsockDelayTest, RequestDuringTheWaitIsAnsweredAtTheNextPoll) {
   make_worker(20, 60);
   int polls = 0;

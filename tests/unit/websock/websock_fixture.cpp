@@ -111,6 +111,11 @@ std::string WebsockFixture::dump_line(const std::string &bytes) {
   return line_of("buffer-info", listing);
 }
 
+std::string WebsockFixture::wake_call(const std::string &context, const std::string &connection) {
+  return fake_lws::wakes_by_cancelling ? "lws_cancel_service " + context
+                                       : "lws_callback_on_writable " + connection;
+}
+
 std::vector<std::string> WebsockFixture::service_calls(const std::string &context) {
   const std::string service = "lws_service " + context + " 500";
   if (!fake_lws::wakes_by_cancelling)

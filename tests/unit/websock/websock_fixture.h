@@ -33,9 +33,12 @@ public:
   using websock_worker::alive;
   using websock_worker::bus_to_ws_queue;
   using websock_worker::closed;
+  using websock_worker::connect_info;
   using websock_worker::connected;
   using websock_worker::context;
+  using websock_worker::creation_info;
   using websock_worker::current_delay;
+  using websock_worker::host;
   using websock_worker::initial_delay;
   using websock_worker::last_ping;
   using websock_worker::log_hook;
@@ -43,6 +46,9 @@ public:
   using websock_worker::max_delay;
   using websock_worker::missed_pongs;
   using websock_worker::mode;
+  using websock_worker::path;
+  using websock_worker::ping_timeout_handler;
+  using websock_worker::port;
   using websock_worker::protocol_callback;
   using websock_worker::protocols;
   using websock_worker::running;
@@ -91,6 +97,8 @@ protected:
   static std::string trace_line(const std::string &handler, int number);
   /// The whole line of a dump of up to 31 bytes below 0x80.
   static std::string dump_line(const std::string &bytes);
+  /// The call that a push makes while the connection is established.
+  static std::string wake_call(const std::string &context, const std::string &connection);
   /// The calls by which one run_once() serves a context.
   static std::vector<std::string> service_calls(const std::string &context);
 

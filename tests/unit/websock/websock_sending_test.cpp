@@ -79,6 +79,7 @@ protected:
   }
 };
 
+// 0 bytes to 1 MiB, around 16 KiB byte by byte: one frame each, 16 zeroed bytes in front.
 TEST_F(WebsockSendingTest, FramesOfEverySizeAreWrittenWhole) {
   make_connected_worker();
   // Around 16 KiB a frame moves from the stack to the heap.
@@ -108,6 +109,7 @@ TEST_F(WebsockSendingTest, FramesOfEverySizeAreWrittenWhole) {
   EXPECT_EQ(fake_lws::frames().size(), lengths.size());
 }
 
+// A ping with null data and length 0 is written and logged as "[5] len [6/0]  to".
 TEST_F(WebsockSendingTest, EmptyFrameNeedsNoData) {
   make_connected_worker();
   EXPECT_EQ(worker->lws_send(fake_lws::connection(), nullptr, 0, LWS_WRITE_PING), 6);
@@ -116,12 +118,14 @@ TEST_F(WebsockSendingTest, EmptyFrameNeedsNoData) {
   EXPECT_THAT(fake_log::lines(), ElementsAre(sent_line(5, 6, 0)));
 }
 
+// Null data with length 3 sends three zero bytes.
 TEST_F(WebsockSendingTest, NullDataWithALengthSendsZeros) {
   make_connected_worker();
   EXPECT_EQ(worker->lws_send(fake_lws::connection(), nullptr, 3, LWS_WRITE_TEXT), 3);
   EXPECT_EQ(fake_lws::frames().back().payload, std::string(3, '\0'));
 }
 
+// A message of 0 bytes is dumped as the heading alone and sent as a text frame of length 0.
 TEST_F(WebsockSendingTest, EmptyBusMessageIsSentAsAnEmptyTextFrame) {
   make_connected_worker();
   worker->from_queue_send(fake_lws::connection(), std::make_shared<buffer_info_t>());
@@ -130,6 +134,7 @@ TEST_F(WebsockSendingTest, EmptyBusMessageIsSentAsAnEmptyTextFrame) {
                                              sent_line(0, 0, 0)));
 }
 
+// NUL, "%n", 0xFF and UTF-8 leave in the frame unchanged.
 TEST_F(WebsockSendingTest, BytesLeaveAsTheyAre) {
   make_connected_worker();
   const std::string bytes("\0%n\xFF\xC3\xA4\0", 7);
@@ -139,6 +144,7 @@ TEST_F(WebsockSendingTest, BytesLeaveAsTheyAre) {
   EXPECT_EQ(fake_lws::frames()[0].payload, bytes);
 }
 
+// A result of 2 for 4 bytes gives "len [2/4]  to", is returned, and the rest is not sent.
 TEST_F(WebsockSendingTest, ShortWriteIsOnlyLogged) {
   make_connected_worker();
   fake_lws::script_write_results({2});
@@ -147,6 +153,7 @@ TEST_F(WebsockSendingTest, ShortWriteIsOnlyLogged) {
   EXPECT_THAT(fake_log::lines(), ElementsAre(sent_line(0, 2, 4)));
 }
 
+// A result of 0 is logged as sent, "len [0/4]  to", with its two blanks.
 TEST_F(WebsockSendingTest, ResultZeroIsNoFailure) {
   make_connected_worker();
   fake_lws::script_write_results({0});
@@ -154,6 +161,7 @@ TEST_F(WebsockSendingTest, ResultZeroIsNoFailure) {
   EXPECT_THAT(fake_log::lines(), ElementsAre(sent_line(0, 0, 4)));
 }
 
+// Results -1 and -7 log "Can't send msg type" with [0] and [5], and are returned.
 TEST_F(WebsockSendingTest, FailedWriteIsLoggedWithItsType) {
   make_connected_worker();
   fake_lws::script_write_results({-1, -7});
@@ -162,6 +170,7 @@ TEST_F(WebsockSendingTest, FailedWriteIsLoggedWithItsType) {
   EXPECT_THAT(fake_log::lines(), ElementsAre(failed_line(0), failed_line(5)));
 }
 
+// The failure line needs the error bit alone, the success line the info bit alone.
 TEST_F(WebsockSendingTest, FailureIsAnErrorLineAndSuccessAnInfoLine) {
   g_log_level = log_category_error;
   make_connected_worker();
@@ -179,6 +188,7 @@ TEST_F(WebsockSendingTest, FailureIsAnErrorLineAndSuccessAnInfoLine) {
   EXPECT_THAT(fake_log::lines(), ElementsAre(sent_line(0, 4, 4)));
 }
 
+// A thread with 128 KiB of stack sends 16 MiB in one frame, byte for byte.
 // A frame area as long as the message once stood on the thread's stack. The device's threads have
 // so little of it that a single long message from the bus ended the process.
 TEST_F(WebsockSendingTest, SixteenMebibytesAreSentFromASmallStack) {
@@ -191,11 +201,13 @@ TEST_F(WebsockSendingTest, SixteenMebibytesAreSentFromASmallStack) {
   EXPECT_THAT(fake_log::lines(), ElementsAre(sent_line(0, 16 * 1024 * 1024, payload.size())));
 }
 
+// The largest frame assembled on the stack, 16368 bytes, fits 128 KiB of it.
 TEST_F(WebsockSendingTest, LargestStackFrameFitsASmallStack) {
   make_connected_worker();
   EXPECT_EQ(send_from_a_small_stack(payload_of(16 * 1024 - 16)), 16 * 1024 - 16);
 }
 
+// 1 MiB without memory is a failed send of type 0; the next message goes out.
 TEST_F(WebsockSendingTest, NoMemoryForALargeFrameLosesOnlyThatMessage) {
   make_connected_worker();
   push_from_bus(payload_of(mebibyte));
@@ -213,6 +225,7 @@ TEST_F(WebsockSendingTest, NoMemoryForALargeFrameLosesOnlyThatMessage) {
   EXPECT_EQ(fake_lws::frames()[0].payload, "small");
 }
 
+// Lengths of 2 GiB and of the largest size_t down to 16 less give -1 and reach no library.
 // The frame's size once wrapped round to a few bytes of the stack, and the payload went over it.
 TEST_F(WebsockSendingTest, ALengthThatLeavesNoRoomForTheHeadroomIsNotSent) {
   make_connected_worker();
@@ -226,6 +239,7 @@ TEST_F(WebsockSendingTest, ALengthThatLeavesNoRoomForTheHeadroomIsNotSent) {
   }
 }
 
+// A frame of 5 bytes is sent while no byte can be allocated.
 TEST_F(WebsockSendingTest, SmallFramesNeedNoHeap) {
   make_connected_worker();
   const wrapped_libc::memory_shortage shortage(1);

@@ -30,6 +30,7 @@ protected:
   }
 };
 
+// Three members each: "version" "2.0", "service" "internal-ipc", "cmd".
 TEST_F(WebsockStatusTest, StatusMessagesSayWhatTheConnectionIs) {
   make_worker();
   worker->queue_connected_status();
@@ -37,6 +38,7 @@ TEST_F(WebsockStatusTest, StatusMessagesSayWhatTheConnectionIs) {
   EXPECT_THAT(take_to_bus(), ElementsAre(connected_status, disconnected_status));
 }
 
+// The same request is answered "disconnected" before the establishment and "connected" after.
 TEST_F(WebsockStatusTest, RequestIsAnsweredWithThePresentState) {
   make_connecting_worker();
   EXPECT_TRUE(is_kept(status_request));
@@ -47,6 +49,7 @@ TEST_F(WebsockStatusTest, RequestIsAnsweredWithThePresentState) {
   EXPECT_THAT(take_to_bus(), ElementsAre(connected_status));
 }
 
+// After a close the answer is still "connected"; only deinit makes it "disconnected".
 TEST_F(WebsockStatusTest, LostConnectionStillCountsAsConnectedUntilDeinit) {
   make_connected_worker();
   fake_lws::deliver(fake_lws::closed_reason);
@@ -58,6 +61,7 @@ TEST_F(WebsockStatusTest, LostConnectionStillCountsAsConnectedUntilDeinit) {
   EXPECT_THAT(take_to_bus(), ElementsAre(disconnected_status));
 }
 
+// "INTERNAL-ipc" with "StAtUs" is answered and not sent.
 TEST_F(WebsockStatusTest, LetterCaseDoesNotMatter) {
   make_connected_worker();
   send_from_bus(R"({"service":"INTERNAL-ipc","cmd":"StAtUs"})");
@@ -65,6 +69,7 @@ TEST_F(WebsockStatusTest, LetterCaseDoesNotMatter) {
   EXPECT_THAT(fake_lws::frames(), IsEmpty());
 }
 
+// Cmd unknown, missing, null, a number or "connected": the message goes nowhere.
 TEST_F(WebsockStatusTest, OtherMessagesOfTheServiceAreNeitherAnsweredNorSent) {
   make_connected_worker();
   for (const char *text :
@@ -76,6 +81,7 @@ TEST_F(WebsockStatusTest, OtherMessagesOfTheServiceAreNeitherAnsweredNorSent) {
   EXPECT_THAT(take_to_bus(), IsEmpty());
 }
 
+// No JSON, other or null service, no service, array, cut short, 0xFF: sent unchanged as text.
 TEST_F(WebsockStatusTest, EverythingElseIsSent) {
   make_connected_worker();
   const std::vector<std::string> texts = {"not JSON",
@@ -96,6 +102,7 @@ TEST_F(WebsockStatusTest, EverythingElseIsSent) {
   EXPECT_THAT(take_to_bus(), IsEmpty());
 }
 
+// A restart queues "disconnected" from deinit and again from init; no message has "ap-mac".
 TEST_F(WebsockStatusTest, RestartAnnouncesDisconnectedTwice) {
   make_worker();
   worker->init();

@@ -66,6 +66,7 @@ protected:
   }
 };
 
+// The thread's name is "websock-roaming".
 TEST_F(WebsockThreadTest, ThreadIsNamedAfterTheWorker) {
   make_worker();
   char name[32] = "";
@@ -77,6 +78,7 @@ TEST_F(WebsockThreadTest, ThreadIsNamedAfterTheWorker) {
   EXPECT_STREQ(name, "websock-roaming");
 }
 
+// Steps are 100 ms apart, deinit and init 300 ms; "disconnected" stands twice in between.
 TEST_F(WebsockThreadTest, ClosedConnectionIsFollowedByAnotherAttempt) {
   make_worker();
   script_short_connection();
@@ -91,6 +93,7 @@ TEST_F(WebsockThreadTest, ClosedConnectionIsFollowedByAnotherAttempt) {
   EXPECT_EQ(worker->context, nullptr);
 }
 
+// Five failed attempts: waits 1, 2, 4, 4, 4 and two "disconnected" for each.
 TEST_F(WebsockThreadTest, UnreachableServerIsTriedForEverWithGrowingWaits) {
   make_worker(2, 8);
   fake_lws::fail_next_connection();
@@ -103,6 +106,38 @@ TEST_F(WebsockThreadTest, UnreachableServerIsTriedForEverWithGrowingWaits) {
   EXPECT_EQ(take_to_bus(), std::vector<std::string>(10, disconnected_status));
 }
 
+// A failed init makes no step: deinit, 300 ms, and the next wait is 4 after 2 seconds.
+TEST_F(WebsockThreadTest, ContextThatCannotBeMadeIsTriedAgainWithALongerWait) {
+  make_worker(4, 60);
+  fake_lws::fail_next_context();
+  fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_CONNECTION_ERROR); });
+  run_until_restart(2);
+  EXPECT_THAT(announced_waits(), ElementsAre(2, 4));
+  EXPECT_THAT(long_sleeps(), ElementsAre(restart_pause_us, step_pause_us, restart_pause_us));
+  EXPECT_EQ(take_to_bus(), std::vector<std::string>(4, disconnected_status));
+}
+
+// After pings at 30, 60 and 90 s the next callback ends the connection, and deinit announces it.
+TEST_F(WebsockThreadTest, ThirdUnansweredPingRestartsTheWorker) {
+  make_worker();
+  fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED); });
+  for (int seconds = 10; seconds <= 90; seconds += 10)
+    fake_lws::script_service([] {
+      fake_libc::advance_seconds(10);
+      fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE);
+    });
+  fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE); });
+  run_until_restart(1);
+  EXPECT_EQ(fake_lws::frames().size(), 3u);
+  EXPECT_THAT(fake_log::lines(),
+              testing::Contains(
+                  line("websock-roaming->There are no 3 pong answer in a row from server\n")));
+  EXPECT_THAT(take_to_bus(),
+              ElementsAre(disconnected_status, connected_status, disconnected_status));
+  EXPECT_FALSE(worker->closed);
+}
+
+// 60 seconds without a writeable callback lead to deinit and "disconnected"; nothing was closed.
 TEST_F(WebsockThreadTest, WatchdogRestartsTheWorker) {
   make_worker();
   fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED); });
@@ -114,6 +149,7 @@ TEST_F(WebsockThreadTest, WatchdogRestartsTheWorker) {
   EXPECT_FALSE(worker->closed);
 }
 
+// A false run flag gives init, deinit and 300 ms again and again, and no lws_service.
 TEST_F(WebsockThreadTest, FalseRunFlagCyclesWithoutSteps) {
   make_worker();
   run_flag = false;
@@ -123,6 +159,7 @@ TEST_F(WebsockThreadTest, FalseRunFlagCyclesWithoutSteps) {
   EXPECT_THAT(fake_lws::calls(), Not(testing::Contains(testing::HasSubstr("lws_service"))));
 }
 
+// 50 reconnects under constant pushes: no call names a connection or context that is gone.
 // Messages come from the bus thread all the time, also while a connection is going away.
 TEST_F(WebsockThreadTest, PushesDuringReconnectsTouchOnlyWhatExists) {
   constexpr int rounds = 50;
