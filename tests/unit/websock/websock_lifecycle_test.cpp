@@ -1,4 +1,9 @@
+#include <algorithm>
 #include <cstdlib>
+#include <functional>
+#include <memory>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -22,12 +27,16 @@ class WebsockLifecycleTest : public WebsockFixture {};
 
 // Construction.
 
+// Mode 3, no context, empty receive buffer, flags and count clear, both delays the initial one.
 TEST_F(WebsockLifecycleTest, ConstructorLeavesTheWorkerReadyAndUnconnected) {
   make_worker(7, 90);
   EXPECT_EQ(worker->bus_to_ws_queue, &bus_to_ws);
   EXPECT_EQ(worker->ws_to_bus_queue, &ws_to_bus);
   EXPECT_EQ(worker->mode, 3);
   EXPECT_EQ(worker->context, nullptr);
+  EXPECT_EQ(worker->host, "roam.example");
+  EXPECT_EQ(worker->path, "/roam");
+  EXPECT_EQ(worker->port, 8080);
   EXPECT_FALSE(worker->skip_lws_binding);
   EXPECT_STREQ(worker->log_name, "websock-roaming");
   EXPECT_NE(worker->protocol_callback, nullptr);
@@ -46,14 +55,61 @@ TEST_F(WebsockLifecycleTest, ConstructorLeavesTheWorkerReadyAndUnconnected) {
   EXPECT_THAT(take_to_bus(), IsEmpty());
 }
 
+// From the base's timers on, the 25 members lie one behind the other in the designed order.
+TEST_F(WebsockLifecycleTest, MembersLieInTheOrderOfTheirDeclaration) {
+  make_worker();
+  const open_websock_worker &w = *worker;
+  const std::vector<const void *> members = {&w.timers,
+                                             &w.skip_lws_binding,
+                                             &w.log_name,
+                                             &w.bus_to_ws_queue,
+                                             &w.ws_to_bus_queue,
+                                             &w.mode,
+                                             &w.context,
+                                             &w.protocol_callback,
+                                             &w.log_hook,
+                                             &w.host,
+                                             &w.path,
+                                             &w.port,
+                                             &w.wake_pipe,
+                                             &w.rx_buffer,
+                                             &w.protocols,
+                                             &w.creation_info,
+                                             &w.connect_info,
+                                             &w.missed_pongs,
+                                             &w.alive,
+                                             &w.connected,
+                                             &w.closed,
+                                             &w.last_ping,
+                                             &w.ping_timeout_handler,
+                                             &w.current_delay,
+                                             &w.initial_delay,
+                                             &w.max_delay};
+  EXPECT_TRUE(std::is_sorted(members.begin(), members.end(), std::less<const void *>()));
+}
+
+// The handler made by the constructor logs "ping_timeout:197" and clears `running`.
+TEST_F(WebsockLifecycleTest, ConstructorBindsTheWatchdogsHandler) {
+  make_worker();
+  worker->running = true;
+  worker->ping_timeout_handler();
+  EXPECT_FALSE(worker->running);
+  EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("ping_timeout", 197)));
+}
+
+// The mask is that of the moment of construction: error lines only, though 15 is set later.
 TEST_F(WebsockLifecycleTest, ConstructorCopiesTheConfiguredLogLevel) {
   g_log_level = log_category_error;
   make_worker();
   g_log_level = 0x0F;
+  fake_lws::fail_next_context();
   worker->_connect();
-  EXPECT_THAT(fake_log::messages("websock-worker"), IsEmpty());
+  worker->_connect();
+  EXPECT_THAT(fake_log::lines(),
+              ElementsAre(line("websock-roaming->Creating libwebsocket context failed\n")));
 }
 
+// With the last argument true, name, protocol callback and log hook stay null.
 TEST_F(WebsockLifecycleTest, WithoutBindingTheLibraryCallbacksAreLeftUnset) {
   make_worker(2, 60, true);
   EXPECT_TRUE(worker->skip_lws_binding);
@@ -62,6 +118,7 @@ TEST_F(WebsockLifecycleTest, WithoutBindingTheLibraryCallbacksAreLeftUnset) {
   EXPECT_EQ(worker->log_hook, nullptr);
 }
 
+// A worker built without binding gets no callback; the earlier one still does.
 TEST_F(WebsockLifecycleTest, WithoutBindingAnEarlierWorkerKeepsTheCallbacks) {
   make_worker();
   worker->_connect();
@@ -71,6 +128,7 @@ TEST_F(WebsockLifecycleTest, WithoutBindingAnEarlierWorkerKeepsTheCallbacks) {
   EXPECT_FALSE(second.closed);
 }
 
+// After a second construction the library's callbacks reach the second worker only.
 TEST_F(WebsockLifecycleTest, SecondWorkerTakesTheCallbacksAway) {
   make_worker();
   worker->_connect();
@@ -80,6 +138,7 @@ TEST_F(WebsockLifecycleTest, SecondWorkerTakesTheCallbacksAway) {
   EXPECT_TRUE(second.closed);
 }
 
+// One pipe() at construction; destruction closes its two ends in order.
 TEST_F(WebsockLifecycleTest, PipeIsMadeByTheConstructorAndClosedByTheDestructor) {
   make_worker();
   const std::vector<int> ends = wrapped_libc::made_pipes();
@@ -91,6 +150,7 @@ TEST_F(WebsockLifecycleTest, PipeIsMadeByTheConstructorAndClosedByTheDestructor)
   EXPECT_THAT(wrapped_libc::perror_texts(), IsEmpty());
 }
 
+// A failed pipe() is reported by perror("pipe"); connecting works, nothing is closed later.
 TEST_F(WebsockLifecycleTest, FailedPipeIsReportedAndTheWorkerStaysUsable) {
   wrapped_libc::fail_pipe();
   make_worker();
@@ -102,6 +162,7 @@ TEST_F(WebsockLifecycleTest, FailedPipeIsReportedAndTheWorkerStaysUsable) {
   EXPECT_THAT(wrapped_libc::closed_descriptors(), IsEmpty());
 }
 
+// Construction removes "http_proxy" and "socks_proxy" from the environment.
 TEST_F(WebsockLifecycleTest, ProxyVariablesDoNotReachTheLibrary) {
   setenv("http_proxy", "127.0.0.1:9", 1);
   setenv("socks_proxy", "127.0.0.1:9", 1);
@@ -113,6 +174,7 @@ TEST_F(WebsockLifecycleTest, ProxyVariablesDoNotReachTheLibrary) {
 
 // Connecting.
 
+// Log levels 0x3FB, context, client connection; `alive` is set and two debug lines are written.
 TEST_F(WebsockLifecycleTest, ConnectMakesContextAndConnectionInOrder) {
   make_worker();
   EXPECT_TRUE(worker->_connect());
@@ -127,6 +189,7 @@ TEST_F(WebsockLifecycleTest, ConnectMakesContextAndConnectionInOrder) {
                           line("websock-roaming->Connected\n")));
 }
 
+// Port, gid and uid are -1, protocol "websock-roaming" with this worker as user, all else zero.
 TEST_F(WebsockLifecycleTest, ContextIsForOneClientProtocolAndNothingElse) {
   make_worker();
   worker->_connect();
@@ -144,6 +207,7 @@ TEST_F(WebsockLifecycleTest, ContextIsForOneClientProtocolAndNothingElse) {
   EXPECT_TRUE(info.is_terminated);
 }
 
+// Address, host and origin are the bare host, no TLS, version -1, all other fields zero.
 TEST_F(WebsockLifecycleTest, ConnectionIsPlainAndNamesTheConfiguredServer) {
   make_worker();
   worker->_connect();
@@ -160,18 +224,25 @@ TEST_F(WebsockLifecycleTest, ConnectionIsPlainAndNamesTheConfiguredServer) {
   EXPECT_TRUE(info.rest_is_zero);
 }
 
+// What an earlier attempt left in the four records is zeroed before the next.
 TEST_F(WebsockLifecycleTest, EveryConnectFillsTheRecordsAnew) {
   make_worker();
   worker->_connect();
   worker->deinit();
+  worker->protocols[0].id = 7;
+  worker->protocols[1].name = "left over";
+  worker->creation_info.ka_time = 7;
+  worker->connect_info.userdata = this;
   worker->_connect();
   EXPECT_TRUE(fake_lws::creation_infos().at(1).rest_is_zero);
+  EXPECT_EQ(fake_lws::creation_infos().at(1).protocol.id, 0u);
   EXPECT_TRUE(fake_lws::creation_infos().at(1).is_terminated);
   EXPECT_TRUE(fake_lws::connect_infos().at(1).rest_is_zero);
   EXPECT_EQ(fake_lws::connect_infos().at(1).context, worker->context);
   EXPECT_NE(fake_lws::connect_infos().at(0).context, worker->context);
 }
 
+// A library line of level 16 comes out as "portal->libwebsocket-debug> 16: ...", "%" unharmed.
 TEST_F(WebsockLifecycleTest, LibraryLinesGoToTheDebugLog) {
   make_worker();
   worker->_connect();
@@ -182,16 +253,41 @@ TEST_F(WebsockLifecycleTest, LibraryLinesGoToTheDebugLog) {
               ElementsAre(line("portal->libwebsocket-debug> 16: 100%s of it\n")));
 }
 
+// Without the debug bit a whole connection shows two lines, those of its frames sent.
+TEST_F(WebsockLifecycleTest, OnlyTheDebugCategoryShowsTheCourseOfAConnection) {
+  g_log_level = log_category_error | log_category_warning | log_category_info;
+  make_worker();
+  worker->init();
+  fake_lws::current_log_hook()(16, "a line of the library\n");
+  fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
+  fake_lws::deliver_piece("received");
+  let_pass(30);
+  push_from_bus("sent");
+  fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE);
+  fake_lws::deliver(LWS_CALLBACK_CLIENT_RECEIVE_PONG);
+  worker->missed_pongs = 3;
+  fake_lws::deliver(fake_lws::closed_reason);
+  worker->ping_timeout();
+  worker->deinit();
+  EXPECT_THAT(
+      fake_log::lines(),
+      ElementsAre(line("websock-roaming->lws_send:Send msg type [5] len [6/0]  to websocket\n"),
+                  line("websock-roaming->lws_send:Send msg type [0] len [4/4]  to websocket\n")));
+}
+
+// No context: one error line, no connection attempt, false; `alive` is set all the same.
 TEST_F(WebsockLifecycleTest, FailedContextIsLoggedAndNothingIsConnected) {
   make_worker();
   fake_lws::fail_next_context();
   EXPECT_FALSE(worker->_connect());
   EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_set_log_level 3fb", "lws_create_context"));
   EXPECT_EQ(worker->context, nullptr);
+  EXPECT_TRUE(worker->alive);
   EXPECT_THAT(fake_log::lines(),
               ElementsAre(line("websock-roaming->Creating libwebsocket context failed\n")));
 }
 
+// "Creating libwebsocket context failed" is written with the error category alone.
 TEST_F(WebsockLifecycleTest, FailedContextIsAnErrorLine) {
   g_log_level = log_category_error;
   make_worker();
@@ -201,6 +297,7 @@ TEST_F(WebsockLifecycleTest, FailedContextIsAnErrorLine) {
               ElementsAre(line("websock-roaming->Creating libwebsocket context failed\n")));
 }
 
+// No connection: the context is destroyed at once, no line after "Try to establish ...".
 TEST_F(WebsockLifecycleTest, FailedConnectionDestroysTheContextWithoutALineOfItsOwn) {
   make_worker();
   fake_lws::fail_next_connection();
@@ -209,13 +306,36 @@ TEST_F(WebsockLifecycleTest, FailedConnectionDestroysTheContextWithoutALineOfIts
               ElementsAre("lws_set_log_level 3fb", "lws_create_context",
                           "lws_client_connect_via_info context1", "lws_context_destroy context1"));
   EXPECT_EQ(worker->context, nullptr);
+  EXPECT_TRUE(worker->alive);
   EXPECT_THAT(fake_log::lines(),
               ElementsAre(line("websock-roaming-> _connect: Try to establish connect with server "
                                "roam.example:8080/roam\n")));
 }
 
+// Context, `alive` and `connected` in each of the five states, from waiting to stopped.
+TEST_F(WebsockLifecycleTest, StatesShowInContextAliveAndConnected) {
+  using state_t = std::tuple<bool, bool, bool>;
+  const auto state = [this] {
+    return state_t(worker->context != nullptr, worker->alive, worker->connected);
+  };
+  make_worker();
+  EXPECT_EQ(state(), state_t(false, false, false)) << "waiting";
+  worker->_connect();
+  EXPECT_EQ(state(), state_t(true, true, false)) << "connecting";
+  fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
+  EXPECT_EQ(state(), state_t(true, true, true)) << "connected";
+  fake_lws::deliver(fake_lws::closed_reason);
+  EXPECT_EQ(state(), state_t(true, false, true)) << "dropping an established connection";
+  worker->deinit();
+  EXPECT_EQ(state(), state_t(false, false, false)) << "stopped";
+  worker->_connect();
+  fake_lws::deliver(LWS_CALLBACK_CLIENT_CONNECTION_ERROR);
+  EXPECT_EQ(state(), state_t(true, false, false)) << "dropping an attempt";
+}
+
 // The four operations of the base.
 
+// "disconnected" is queued, then 20 sleeps of 50 ms pass, then the attempt starts.
 TEST_F(WebsockLifecycleTest, InitAnnouncesWaitsAndConnects) {
   make_worker();
   fake_libc::on_sleep([&](std::int64_t) {
@@ -228,6 +348,7 @@ TEST_F(WebsockLifecycleTest, InitAnnouncesWaitsAndConnects) {
   EXPECT_THAT(fake_lws::calls(), Contains("lws_client_connect_via_info context1"));
 }
 
+// False for a failed context and for a failed connection; each doubles the delay, 2 to 8.
 TEST_F(WebsockLifecycleTest, InitReturnsFalseWhenConnectingFails) {
   make_worker();
   fake_lws::fail_next_context();
@@ -237,12 +358,14 @@ TEST_F(WebsockLifecycleTest, InitReturnsFalseWhenConnectingFails) {
   EXPECT_EQ(worker->current_delay, 8u);
 }
 
+// One step is lws_service with a limit of 500 ms and returns true.
 TEST_F(WebsockLifecycleTest, StepServesTheLibraryAndAsksForAPause) {
   make_connecting_worker();
   EXPECT_TRUE(worker->run_once());
   EXPECT_EQ(fake_lws::calls(), service_calls("context1"));
 }
 
+// A timer that is due fires in the step, after lws_service has returned.
 TEST_F(WebsockLifecycleTest, StepFiresDueTimersAfterTheService) {
   make_connecting_worker();
   bool served = false;
@@ -253,6 +376,7 @@ TEST_F(WebsockLifecycleTest, StepFiresDueTimersAfterTheService) {
   EXPECT_TRUE(fired_after_service);
 }
 
+// False for a false run flag whatever `alive` is, else what `alive` is.
 TEST_F(WebsockLifecycleTest, WorkerKeepsRunningWhileFlagAndConnectionHold) {
   make_worker();
   EXPECT_FALSE(worker->keep_running(&run_flag));
@@ -265,6 +389,7 @@ TEST_F(WebsockLifecycleTest, WorkerKeepsRunningWhileFlagAndConnectionHold) {
   EXPECT_FALSE(worker->keep_running(&run_flag));
 }
 
+// "Stopping", hook removed, "disconnected", `connected` cleared, context destroyed.
 TEST_F(WebsockLifecycleTest, DeinitRemovesTheHookAnnouncesAndDestroysInOrder) {
   make_connected_worker();
   bool was_connected_at_push = false;
@@ -285,6 +410,30 @@ TEST_F(WebsockLifecycleTest, DeinitRemovesTheHookAnnouncesAndDestroysInOrder) {
   EXPECT_EQ(worker->context, nullptr);
 }
 
+// The first queue's notify is destroyed by deinit, with what it holds.
+TEST_F(WebsockLifecycleTest, DeinitReleasesTheHookThatHeldTheConnection) {
+  make_connected_worker();
+  const auto held = std::make_shared<int>(0);
+  bus_to_ws.set_notify([held] {});
+  worker->deinit();
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+// 60 seconds that pass inside lws_context_destroy fire no watchdog.
+TEST_F(WebsockLifecycleTest, WatchdogIsCancelledBeforeTheContextIsDestroyed) {
+  make_connected_worker();
+  worker->running = true;
+  fake_lws::on_destroy([&] {
+    for (int i = 0; i < 6; ++i) {
+      fake_libc::advance_seconds(10);
+      worker->timers.run_expired();
+    }
+  });
+  worker->deinit();
+  EXPECT_TRUE(worker->running);
+}
+
+// After deinit no timer with id 0 fires in 70 s; one with id 1 does.
 TEST_F(WebsockLifecycleTest, DeinitCancelsTheWatchdogAndLeavesOtherTimers) {
   make_connected_worker();
   int others = 0;
@@ -297,6 +446,7 @@ TEST_F(WebsockLifecycleTest, DeinitCancelsTheWatchdogAndLeavesOtherTimers) {
   EXPECT_EQ(others, 1);
 }
 
+// Without a context deinit logs "Stopping", queues "disconnected" and calls no library.
 TEST_F(WebsockLifecycleTest, DeinitWithoutAContextDestroysNone) {
   make_worker();
   worker->deinit();
@@ -305,6 +455,7 @@ TEST_F(WebsockLifecycleTest, DeinitWithoutAContextDestroysNone) {
   EXPECT_THAT(fake_log::lines(), ElementsAre(line("websock-roaming->Stopping\n")));
 }
 
+// Two missed pongs, the last ping's time and five received bytes survive deinit.
 TEST_F(WebsockLifecycleTest, DeinitLeavesPingStateAndReceiveBufferAlone) {
   make_connected_worker();
   worker->missed_pongs = 2;
@@ -318,6 +469,7 @@ TEST_F(WebsockLifecycleTest, DeinitLeavesPingStateAndReceiveBufferAlone) {
   EXPECT_EQ(worker->rx_buffer->length, 5u);
 }
 
+// Close, destroyed connection and protocol destroy inside the context's end only set `closed`.
 TEST_F(WebsockLifecycleTest, CallbacksDuringTheContextsEndAreHandled) {
   make_connected_worker();
   fake_lws::on_destroy([&] {
@@ -332,17 +484,42 @@ TEST_F(WebsockLifecycleTest, CallbacksDuringTheContextsEndAreHandled) {
   EXPECT_TRUE(worker->keep_running(&run_flag));
 }
 
-TEST_F(WebsockLifecycleTest, DestructorStopsAsDeinitDoes) {
+// The six steps of deinit in order, and after the context's end both pipe ends closed.
+TEST_F(WebsockLifecycleTest, DestructorStopsAsDeinitDoesAndThenClosesThePipe) {
   make_connected_worker();
+  open_websock_worker &dying = *worker;
+  ws_to_bus.set_notify([&] {
+    EXPECT_TRUE(dying.connected);
+    EXPECT_THAT(fake_log::lines(), ElementsAre(line("websock-roaming->Stopping\n")));
+    push_from_bus("after the hook");
+    EXPECT_THAT(fake_lws::calls(), IsEmpty());
+  });
+  fake_lws::on_destroy([&] {
+    EXPECT_FALSE(dying.connected);
+    EXPECT_THAT(wrapped_libc::closed_descriptors(), IsEmpty());
+  });
   worker.reset();
   EXPECT_THAT(fake_log::lines(), ElementsAre(line("websock-roaming->Stopping\n")));
   EXPECT_THAT(take_to_bus(), ElementsAre(disconnected_status));
   EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_context_destroy context1"));
+  EXPECT_EQ(wrapped_libc::closed_descriptors(), wrapped_libc::made_pipes());
   fake_lws::clear_calls();
   push_from_bus("nobody listens");
   EXPECT_THAT(fake_lws::calls(), IsEmpty());
 }
 
+// delete on an abstract_worker pointer ends context, pipe and receive buffer.
+TEST_F(WebsockLifecycleTest, DeletionThroughTheBaseDestroysTheWholeWorker) {
+  make_connected_worker();
+  const std::weak_ptr<buffer_info_t> receive_buffer = worker->rx_buffer;
+  std::unique_ptr<abstract_worker> base = std::move(worker);
+  base.reset();
+  EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_context_destroy context1"));
+  EXPECT_EQ(wrapped_libc::closed_descriptors(), wrapped_libc::made_pipes());
+  EXPECT_TRUE(receive_buffer.expired());
+}
+
+// "disconnected" is queued a second time, the context is not destroyed again.
 TEST_F(WebsockLifecycleTest, DestructorAnnouncesAgainAfterDeinit) {
   make_connected_worker();
   worker->deinit();
@@ -351,6 +528,7 @@ TEST_F(WebsockLifecycleTest, DestructorAnnouncesAgainAfterDeinit) {
   EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_context_destroy context1"));
 }
 
+// Close and protocol destroy inside the destructor's context end write their traces 76 and 31.
 TEST_F(WebsockLifecycleTest, CallbacksDuringTheDestructorReachTheWorker) {
   make_connected_worker();
   fake_lws::on_destroy([] {
@@ -363,6 +541,7 @@ TEST_F(WebsockLifecycleTest, CallbacksDuringTheDestructorReachTheWorker) {
                           trace_line("process_protocol_destroy", 31)));
 }
 
+// With level 0 a connection from init to deinit writes no line.
 TEST_F(WebsockLifecycleTest, SilentModuleWritesNothing) {
   g_log_level = 0;
   make_worker();
