@@ -455,7 +455,6 @@ TEST_F(ConfigFileTest, NulByteInTheUrlHidesWhatFollows) {
 }
 
 // In 300 random files each text ends within its 256 bytes, and a valid URL's path starts with "/".
-// Whatever the bytes, every text in the record ends within its field.
 TEST_F(ConfigFileTest, RandomBytesNeverLeaveTheRecord) {
   const std::string pieces[] = {"roam_service_url=",
                                 "ap_location=",

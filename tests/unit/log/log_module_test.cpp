@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <stdio_ext.h>
 #include <string>
@@ -122,10 +123,20 @@ protected:
 
 } // namespace
 
+// The name's pointer comes first, the mask of 32 bits after it.
+TEST_F(LogModuleTest, ModuleIsTwoWordsNameThenLevel) {
+  EXPECT_EQ(offsetof(log_module_t, name), 0u);
+  EXPECT_EQ(offsetof(log_module_t, level), sizeof(char *));
+  EXPECT_EQ(sizeof(log_module_t::level), 4u);
+  EXPECT_EQ(sizeof(log_module_t), 2 * sizeof(char *));
+}
+
+// g_log_level is 0 while the static initialisers run.
 TEST_F(LogModuleTest, ProcessWideLevelIsZeroUntilConfigured) {
   EXPECT_EQ(0u, log_level_before_main);
 }
 
+// log_module_init stores "timers" and all 32 bits of 0x8000000F.
 TEST_F(LogModuleTest, InitStoresNameAndLevel) {
   log_module_t other;
   log_module_init(other, "timers", 0x8000000F);
@@ -133,6 +144,7 @@ TEST_F(LogModuleTest, InitStoresNameAndLevel) {
   EXPECT_EQ(0x8000000Fu, other.level);
 }
 
+// A standard output with a buffer of 4096 bytes has one of at most 1 byte after log_module_init.
 TEST_F(LogModuleTest, InitMakesStandardOutputUnbuffered) {
   static char block[4096];
   ASSERT_EQ(0, setvbuf(stdout, block, _IOFBF, sizeof block));
@@ -142,6 +154,7 @@ TEST_F(LogModuleTest, InitMakesStandardOutputUnbuffered) {
   EXPECT_LE(__fbufsize(stdout), 1u);
 }
 
+// A module that its static initialiser set up has its name and the mask 0, so nothing is logged.
 TEST_F(LogModuleTest, StaticSetupNamesTheModuleAndLeavesItSilent) {
   log_module_t other;
   log_set_level(other, 0xFFFF);
@@ -151,6 +164,7 @@ TEST_F(LogModuleTest, StaticSetupNamesTheModuleAndLeavesItSilent) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
+// 0xFFFFFFFF and 2 are stored as they are, the second in place of the first.
 TEST_F(LogModuleTest, SetLevelStoresTheWholeMask) {
   log_set_level(module, 0xFFFFFFFF);
   EXPECT_EQ(0xFFFFFFFFu, module.level);
@@ -158,6 +172,7 @@ TEST_F(LogModuleTest, SetLevelStoresTheWholeMask) {
   EXPECT_EQ(2u, module.level);
 }
 
+// 0x01 is log_error's, 0x02 log_warning's, 0x04 log_info's and 0x08 log_debug's line, no other.
 TEST_F(LogModuleTest, EveryBitOpensItsCategoryOnly) {
   EXPECT_THAT(lines_with_mask(0x01), ElementsAre(error_line));
   EXPECT_THAT(lines_with_mask(0x02), ElementsAre(warning_line));
@@ -165,16 +180,19 @@ TEST_F(LogModuleTest, EveryBitOpensItsCategoryOnly) {
   EXPECT_THAT(lines_with_mask(0x08), ElementsAre(debug_line));
 }
 
+// 15 and 0x0F are one mask, with which error, warning, info and debug lines all come.
 TEST_F(LogModuleTest, FifteenOpensAllFourCategories) {
   EXPECT_THAT(lines_with_mask(15), ElementsAre(error_line, warning_line, info_line, debug_line));
   EXPECT_THAT(lines_with_mask(0x0F), ElementsAre(error_line, warning_line, info_line, debug_line));
 }
 
+// With the masks 0 and 0xFFFFFFF0 none of the four emitters writes.
 TEST_F(LogModuleTest, MasksWithoutACategoryBitAreSilent) {
   EXPECT_THAT(lines_with_mask(0), IsEmpty());
   EXPECT_THAT(lines_with_mask(0xFFFFFFF0), IsEmpty());
 }
 
+// zandor_log_msg_timed gets "|%d|%s> " with PID and name, then vzandor_log_msg the message.
 TEST_F(LogModuleTest, OneLineIsAPrefixCallThenAMessageCall) {
   log_set_level(module, 0x08);
   log_debug(module, "%s->%s:%d\n", "websock-roaming", "init", 7);
@@ -187,17 +205,20 @@ TEST_F(LogModuleTest, OneLineIsAPrefixCallThenAMessageCall) {
   EXPECT_EQ("websock-roaming->init:7\n", calls[1].text);
 }
 
+// "100%n %s %d" as an argument of "%s\n" comes out as it is.
 TEST_F(LogModuleTest, ArgumentsAreNeverTakenAsAFormat) {
   log_set_level(module, 0x01);
   log_error(module, "%s\n", "100%n %s %d");
   EXPECT_THAT(lines(), ElementsAre(prefix("buffer-info") + "100%n %s %d\n"));
 }
 
+// log_vprint writes prefix and message although the module's mask is 0.
 TEST_F(LogModuleTest, VprintWritesWhateverTheMask) {
   vprint(module, "%s %u\n", "text", 5u);
   EXPECT_THAT(lines(), ElementsAre(prefix("buffer-info") + "text 5\n"));
 }
 
+// All five emitters lock once a message, over both platform calls, and unlock.
 TEST_F(LogModuleTest, MutexIsHeldOverBothCallsAndFreeAfterwards) {
   probe_mutex = true;
   log_set_level(module, 0x0F);
@@ -208,6 +229,7 @@ TEST_F(LogModuleTest, MutexIsHeldOverBothCallsAndFreeAfterwards) {
   EXPECT_FALSE(fake_mutex::is_held(g_log_mutex));
 }
 
+// log_debug under mask 0x07 locks nothing and makes no platform call.
 TEST_F(LogModuleTest, SilentMessageTakesNoMutex) {
   log_set_level(module, 0x07);
   log_debug(module, "%s\n", "any");
@@ -215,6 +237,7 @@ TEST_F(LogModuleTest, SilentMessageTakesNoMutex) {
   EXPECT_THAT(calls, IsEmpty());
 }
 
+// EDEADLK of the lock comes out of all five emitters as std::system_error with that code.
 TEST_F(LogModuleTest, MutexThatCannotBeLockedThrowsItsErrorAndWritesNothing) {
   log_set_level(module, 0x0F);
   fake_mutex::refuse(g_log_mutex, EDEADLK);
@@ -232,6 +255,7 @@ TEST_F(LogModuleTest, MutexThatCannotBeLockedThrowsItsErrorAndWritesNothing) {
   fake_mutex::watch(g_log_mutex);
 }
 
+// With mask 0x08 in one module and 0 in another only the first one's debug line comes.
 TEST_F(LogModuleTest, LevelOfOneModuleLeavesOthersAlone) {
   log_module_t other;
   log_module_init(other, "timers", 0);
@@ -241,6 +265,7 @@ TEST_F(LogModuleTest, LevelOfOneModuleLeavesOthersAlone) {
   EXPECT_THAT(lines(), ElementsAre(prefix("buffer-info") + "this\n"));
 }
 
+// g_log_level of 0x0F opens nothing in a module whose own mask is 0.
 TEST_F(LogModuleTest, ProcessWideLevelReachesNoModuleByItself) {
   g_log_level = 0x0F;
   log_in_every_category(module);
@@ -248,6 +273,7 @@ TEST_F(LogModuleTest, ProcessWideLevelReachesNoModuleByItself) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
+// 4 threads write 200 lines each: every prefix is followed by its own thread's message.
 TEST_F(LogModuleTest, LinesOfSeveralThreadsStayWhole) {
   constexpr int thread_count = 4;
   constexpr int lines_each = 200;
@@ -269,6 +295,7 @@ TEST_F(LogModuleTest, LinesOfSeveralThreadsStayWhole) {
   }
 }
 
+// Whatever the mask at the moment, each line that comes is one of the four, whole.
 // The mask is set on one thread while another one logs: only later messages are affected, and
 // ThreadSanitizer finds no race.
 TEST_F(LogModuleTest, LevelMayChangeWhileAnotherThreadLogs) {
@@ -288,8 +315,7 @@ TEST_F(LogModuleTest, LevelMayChangeWhileAnotherThreadLogs) {
         << line;
 }
 
-// A message that has passed the test of its mask is written although the mask is cleared while it
-// waits for the mutex.
+// A message that waits for the mutex is written although its mask is cleared; the next one is not.
 TEST_F(LogModuleTest, MaskChangeAffectsOnlyLaterMessages) {
   log_set_level(module, 0x08);
   g_log_mutex.lock();

@@ -27,6 +27,7 @@ protected:
   int ends[2];
 };
 
+// 4 processes write 200 lines of 20,000 bytes each into one pipe, and none is torn or lost.
 TEST_F(LineWriterTest, LongLinesOfSeveralProcessesStayWholeInAPipe) {
   std::vector<pid_t> children;
   for (int process = 0; process < writing_processes; process++)
@@ -47,6 +48,7 @@ TEST_F(LineWriterTest, LongLinesOfSeveralProcessesStayWholeInAPipe) {
   EXPECT_EQ(count, writing_processes * lines_each);
 }
 
+// After a full pipe cut a line, the next one comes with a line end in front, later ones without.
 TEST_F(LineWriterTest, TheLineAfterACutOneStartsOnANewLine) {
   ASSERT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
   const auto capacity = static_cast<size_t>(fcntl(ends[1], F_GETPIPE_SZ));
@@ -62,6 +64,7 @@ TEST_F(LineWriterTest, TheLineAfterACutOneStartsOnANewLine) {
   EXPECT_EQ(read_to_end(ends[0]), "\nnext\nafter\n");
 }
 
+// Of a line for a full pipe no byte is written, and the next one starts without a line end.
 TEST_F(LineWriterTest, ALineThatFoundNoRoomAtAllLeavesNoTrace) {
   ASSERT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
   const auto capacity = static_cast<size_t>(fcntl(ends[1], F_GETPIPE_SZ));

@@ -31,6 +31,7 @@ protected:
   const std::string path = folder.file("log");
 };
 
+// Two lines make a new file whose mode gives group and others nothing.
 TEST_F(LogFileTest, CreatesAFileThatOnlyItsOwnerReads) {
   log_file file(path);
   ASSERT_TRUE(file.write_line("one\n"));
@@ -41,12 +42,14 @@ TEST_F(LogFileTest, CreatesAFileThatOnlyItsOwnerReads) {
   EXPECT_EQ(status.st_mode & 077, 0U);
 }
 
+// A second writer's line stands behind the first one's.
 TEST_F(LogFileTest, AppendsToWhatIsThere) {
   ASSERT_TRUE(log_file(path).write_line("before\n"));
   ASSERT_TRUE(log_file(path).write_line("after\n"));
   EXPECT_EQ(file_content(path), "before\nafter\n");
 }
 
+// At exactly 1 MiB the file is kept; the line after that moves it to ".1".
 TEST_F(LogFileTest, AFileThatIsJustFullIsRotatedByTheNextLine) {
   log_file file(path);
   ASSERT_TRUE(file.write_line(half_file_line('a')));
@@ -57,6 +60,7 @@ TEST_F(LogFileTest, AFileThatIsJustFullIsRotatedByTheNextLine) {
   EXPECT_EQ(file_content(path), "c\n");
 }
 
+// After 7 MiB of lines ".1" to ".4" have the youngest 4 MiB before the file, and no ".5" exists.
 TEST_F(LogFileTest, KeepsFourOlderFiles) {
   log_file file(path);
   for (char mark = 'a'; mark <= 'n'; mark++)
@@ -67,6 +71,7 @@ TEST_F(LogFileTest, KeepsFourOlderFiles) {
   EXPECT_FALSE(file_exists(older(5)));
 }
 
+// A line of 2 MiB is written whole; the lines before and after stand in other files.
 TEST_F(LogFileTest, ALineLongerThanAFileGetsAFileOfItsOwn) {
   const std::string long_line = std::string(2 * log_file::rotation_bytes, 'x') + "\n";
   log_file file(path);
@@ -78,6 +83,7 @@ TEST_F(LogFileTest, ALineLongerThanAFileGetsAFileOfItsOwn) {
   EXPECT_EQ(file_content(path), "after\n");
 }
 
+// After an unlink() of the open file the next line makes it anew.
 TEST_F(LogFileTest, AVanishedFileIsMadeAnew) {
   log_file file(path);
   ASSERT_TRUE(file.write_line("lost\n"));
@@ -86,6 +92,7 @@ TEST_F(LogFileTest, AVanishedFileIsMadeAnew) {
   EXPECT_EQ(file_content(path), "found\n");
 }
 
+// After a rename() of the open file the next line goes to a new one at the path.
 TEST_F(LogFileTest, FollowsARotationByAnotherProcess) {
   log_file file(path);
   ASSERT_TRUE(file.write_line("old\n"));
@@ -95,6 +102,7 @@ TEST_F(LogFileTest, FollowsARotationByAnotherProcess) {
   EXPECT_EQ(file_content(path), "new\n");
 }
 
+// It is false with ENOENT while the folder is missing, and the line is kept once it exists.
 TEST_F(LogFileTest, APathThatCannotBeOpenedIsReportedAndTriedAgain) {
   log_file file(folder.file("missing/log"));
   EXPECT_FALSE(file.write_line("lost\n"));
@@ -104,6 +112,7 @@ TEST_F(LogFileTest, APathThatCannotBeOpenedIsReportedAndTriedAgain) {
   EXPECT_EQ(file_content(folder.file("missing/log")), "kept\n");
 }
 
+// It is false with ENXIO and does not wait for a reader.
 TEST_F(LogFileTest, AFifoThatNobodyReadsIsReportedAtOnce) {
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   log_file file(path);
@@ -111,12 +120,14 @@ TEST_F(LogFileTest, AFifoThatNobodyReadsIsReportedAtOnce) {
   EXPECT_EQ(errno, ENXIO);
 }
 
+// Lines for /dev/full are lost and the calls return true.
 TEST_F(LogFileTest, AFullDeviceLosesTheLineOnly) {
   log_file file("/dev/full");
   EXPECT_TRUE(file.write_line("lost\n"));
   EXPECT_TRUE(file.write_line("lost too\n"));
 }
 
+// While another process keeps the lock, 30 lines are written in less than 2 s.
 TEST_F(LogFileTest, ALockThatIsNeverReleasedCostsItsWaitOnlyOnce) {
   log_file file(path);
   ASSERT_TRUE(file.write_line("first\n"));
@@ -189,6 +200,7 @@ protected:
   std::map<int, std::set<int>> seen;
 };
 
+// 4 processes write 2000 lines of 3 kB each: from the first line kept on none is missing.
 TEST_F(SharedLogFileTest, NoLineIsTornOrLostWhileTheFileRotates) {
   write_from_all_processes();
   ASSERT_TRUE(file_exists(older(4)));

@@ -55,6 +55,7 @@ protected:
   const std::string path = folder.file("log");
 };
 
+// Behind the timestamp stands "|1234|vemk-main> text 5 of seven\n".
 TEST_F(ZandorLogTest, PrefixAndTextAreOneLine) {
   const auto result = run_in_child([] {
     start_log_to_standard_error();
@@ -65,6 +66,7 @@ TEST_F(ZandorLogTest, PrefixAndTextAreOneLine) {
   EXPECT_EQ(without_timestamp(result.error_output), "|1234|vemk-main> text 5 of seven\n");
 }
 
+// A line begins as "2026-11-20 22:14:11.042|" does, with the present local time.
 TEST_F(ZandorLogTest, TheTimestampIsTheLocalTimeWithMilliseconds) {
   const time_t before = time(nullptr);
   const auto result = run_in_child([] {
@@ -83,6 +85,7 @@ TEST_F(ZandorLogTest, TheTimestampIsTheLocalTimeWithMilliseconds) {
   EXPECT_LE(logged, after);
 }
 
+// "{}", "{0}", "%n" and "%s" from arguments stay as they are; "%%" of a format becomes "%".
 TEST_F(ZandorLogTest, BracesAndPercentSignsComeOutAsTheyAre) {
   const auto result = run_in_child([] {
     start_log_to_standard_error();
@@ -92,6 +95,7 @@ TEST_F(ZandorLogTest, BracesAndPercentSignsComeOutAsTheyAre) {
   EXPECT_EQ(without_timestamp(result.error_output), "{} %n {0} {:x} %d %s%n{} {\n");
 }
 
+// A message of 1,048,576 characters is one line behind its prefix.
 TEST_F(ZandorLogTest, ALineOfAMebibyteComesOutWhole) {
   const std::string text(1024 * 1024, 'x');
   const auto result = run_in_child([&text] {
@@ -101,6 +105,7 @@ TEST_F(ZandorLogTest, ALineOfAMebibyteComesOutWhole) {
   EXPECT_TRUE(without_timestamp(result.error_output) == "|7|case> " + text + "\n");
 }
 
+// A message without "\n", an empty one too, still ends its line, and one with it has no second.
 TEST_F(ZandorLogTest, AMissingLineEndIsAdded) {
   const auto result = run_in_child([] {
     start_log_to_standard_error();
@@ -113,6 +118,7 @@ TEST_F(ZandorLogTest, AMissingLineEndIsAdded) {
               MatchesRegex(stamp + "without\n" + stamp + "with\n" + stamp + "\n"));
 }
 
+// Of "kept\0gone\n" the line has "kept" and a line end.
 TEST_F(ZandorLogTest, AMessageCutByANulByteStillEndsItsLine) {
   const auto result = run_in_child([] {
     start_log_to_standard_error();
@@ -124,6 +130,7 @@ TEST_F(ZandorLogTest, AMessageCutByANulByteStillEndsItsLine) {
             "prefix kept\n");
 }
 
+// Two threads that begin lines before either ends its own get "other thread" and "main thread".
 TEST_F(ZandorLogTest, EachThreadFinishesTheLineItBegan) {
   const auto result = run_in_child([] {
     start_log_to_standard_error();
@@ -144,6 +151,7 @@ TEST_F(ZandorLogTest, EachThreadFinishesTheLineItBegan) {
   EXPECT_THAT(result.error_output, MatchesRegex(".{23}other thread\n.{23}main thread\n"));
 }
 
+// A second beginning writes the first as a line; an end without a beginning is a line too.
 TEST_F(ZandorLogTest, ABeginningThatIsNeverFinishedBecomesALine) {
   const auto result = run_in_child([] {
     start_log_to_standard_error();
@@ -156,6 +164,7 @@ TEST_F(ZandorLogTest, ABeginningThatIsNeverFinishedBecomesALine) {
               MatchesRegex(".{23}first \n.{23}second end\n.{23}no beginning\n"));
 }
 
+// Without init_zandor_logrotate the line goes to standard error.
 TEST_F(ZandorLogTest, WorksWithoutInitialisation) {
   const auto result = run_in_child([] {
     unsetenv("ZANDOR_LOG_FILE");
@@ -165,6 +174,7 @@ TEST_F(ZandorLogTest, WorksWithoutInitialisation) {
   EXPECT_EQ(without_timestamp(result.error_output), "|7|case> early\n");
 }
 
+// With ZANDOR_LOG_FILE set the line is in that file and standard error stays empty.
 TEST_F(ZandorLogTest, TheFileReceivesTheLinesInsteadOfStandardError) {
   const auto result = run_in_child([this] {
     start_log_to(path);
@@ -174,6 +184,7 @@ TEST_F(ZandorLogTest, TheFileReceivesTheLinesInsteadOfStandardError) {
   EXPECT_EQ(without_timestamp(file_content(path)), "|7|case> filed\n");
 }
 
+// One note with the reason, then the lines; once the folder exists they go to the file.
 TEST_F(ZandorLogTest, LinesGoToStandardErrorWhileTheFileCannotBeOpened) {
   const std::string late = folder.file("late");
   const auto result = run_in_child([&late] {
@@ -190,6 +201,7 @@ TEST_F(ZandorLogTest, LinesGoToStandardErrorWhileTheFileCannotBeOpened) {
   EXPECT_EQ(without_timestamp(file_content(late + "/log")), "|7|case> three\n");
 }
 
+// With /dev/full as the file the lines are lost, nothing is said and the status is 0.
 TEST_F(ZandorLogTest, AFullDiskDoesNotStopTheProgram) {
   const auto result = run_in_child([] {
     start_log_to("/dev/full");
@@ -200,6 +212,7 @@ TEST_F(ZandorLogTest, AFullDiskDoesNotStopTheProgram) {
   EXPECT_EQ(result.error_output, "");
 }
 
+// With /dev/full as standard error the line is lost and the status is 0.
 TEST_F(ZandorLogTest, AFullDeviceAsStandardErrorDoesNotStopTheProgram) {
   const auto result = run_in_child([] {
     dup2(open("/dev/full", O_WRONLY), STDERR_FILENO);
@@ -209,6 +222,7 @@ TEST_F(ZandorLogTest, AFullDeviceAsStandardErrorDoesNotStopTheProgram) {
   EXPECT_EQ(result.status, 0);
 }
 
+// Two lines into a pipe without a reader raise no SIGPIPE: the status is 0.
 TEST_F(ZandorLogTest, AStandardErrorThatNobodyReadsDoesNotEndTheProgram) {
   const auto result = run_in_child([] {
     int ends[2];
@@ -223,6 +237,7 @@ TEST_F(ZandorLogTest, AStandardErrorThatNobodyReadsDoesNotEndTheProgram) {
   EXPECT_EQ(result.status, 0);
 }
 
+// A file opened after the start gets a descriptor above 2 and no log line.
 TEST_F(ZandorLogTest, AClosedStandardErrorNeverBecomesSomebodyElsesDescriptor) {
   const auto result = run_in_child([this] {
     close(STDERR_FILENO);
@@ -235,6 +250,7 @@ TEST_F(ZandorLogTest, AClosedStandardErrorNeverBecomesSomebodyElsesDescriptor) {
   EXPECT_EQ(file_content(path), "");
 }
 
+// A handler for SIGPIPE from before the start is not replaced by SIG_IGN.
 TEST_F(ZandorLogTest, AHandlerOfBrokenPipesThatTheProgramSetStays) {
   const auto result = run_in_child([] {
     (void)std::signal(SIGPIPE, [](int) {});
@@ -246,6 +262,7 @@ TEST_F(ZandorLogTest, AHandlerOfBrokenPipesThatTheProgramSetStays) {
   EXPECT_EQ(result.status, 0);
 }
 
+// In 20 rounds exit(0) beside a thread that logs ends with status 0 and no complaint.
 TEST_F(ZandorLogTest, ExitOnOneThreadLeavesALoggingThreadUnharmed) {
   for (int round = 0; round < 20; round++) {
     const auto result = run_in_child([this] {
