@@ -9,6 +9,8 @@
 #include <new>
 #include <pthread.h>
 #include <string>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -26,9 +28,21 @@ constexpr std::size_t no_limit = static_cast<std::size_t>(-1);
 /// realloc has no memory for this many bytes or more.
 std::atomic<std::size_t> refused_from{no_limit};
 
+/// The masks that log modules were given, as "module mask".
+std::vector<std::string> given_levels;
+
 } // namespace
 
 extern "C" {
+
+void __real__ZN4vemk13log_set_levelERNS_12log_module_tEj(vemk::log_module_t &module,
+                                                         std::uint32_t level);
+
+void __wrap__ZN4vemk13log_set_levelERNS_12log_module_tEj(vemk::log_module_t &module,
+                                                         std::uint32_t level) {
+  given_levels.push_back(std::string(module.name) + " " + std::to_string(level));
+  __real__ZN4vemk13log_set_levelERNS_12log_module_tEj(module, level);
+}
 
 void *__real_realloc(void *block, std::size_t size);
 
@@ -84,6 +98,10 @@ protected:
     return texts;
   }
 
+  static std::string no_memory_line() {
+    return "|" + std::to_string(getpid()) + "|buffer-info> append:95 Can't alloc memory\n";
+  }
+
   /// Runs the worker's thread, which the base never ends, up to restart pause number `restarts`.
   void run_until_restart(
       int restarts, const std::function<void()> &at_step_pause = [] {}) {
@@ -104,12 +122,22 @@ protected:
   std::unique_ptr<open_ipc_worker> worker;
 };
 
+// The constructor calls none of the ten bus functions.
 TEST_F(IpcWorkerTest, ConstructorCallsNothingOfTheBus) {
   EXPECT_THAT(fake_bus::calls(), IsEmpty());
 }
 
+// With level 13 the modules "timers" and then "ipc-worker" are given the mask 13.
+TEST_F(IpcWorkerTest, ConstructorGivesItsLogModuleTheConfiguredLevel) {
+  g_log_level = 13;
+  given_levels.clear();
+  const open_ipc_worker other(&bus_to_ws, &ws_to_bus, 2, &run_flag);
+  EXPECT_THAT(given_levels, ElementsAre("timers 13", "ipc-worker 13"));
+}
+
 // Joining and leaving.
 
+// InitTrace "VEMk", SetTraceOpt 0 4 0, InitLibParams 2 {-2, 0} 2, loop to 0 and read, PeerStart.
 TEST_F(IpcWorkerTest, InitJoinsTheBusInOrder) {
   EXPECT_TRUE(worker->init());
   EXPECT_THAT(fake_bus::calls(),
@@ -117,12 +145,14 @@ TEST_F(IpcWorkerTest, InitJoinsTheBusInOrder) {
                           "SetModuleLoop 0", "GetModuleLoop", "ModulePeerStart"));
 }
 
+// The identifier is signed and passed as it is: -70000.
 TEST_F(IpcWorkerTest, InitPassesTheModuleIdentifierOn) {
   open_ipc_worker other(&bus_to_ws, &ws_to_bus, -70000, &run_flag);
   other.init();
   EXPECT_THAT(fake_bus::calls(), testing::Contains("InitLibParams -70000 {-2, 0} 2"));
 }
 
+// A loop flag that reads 1 after it was set to 0 gives false, without ModulePeerStart.
 TEST_F(IpcWorkerTest, FlagThatStaysSetKeepsInitFromStartingThePeer) {
   fake_bus::set_flag(1);
   fake_bus::ignore_flag_changes();
@@ -132,6 +162,7 @@ TEST_F(IpcWorkerTest, FlagThatStaysSetKeepsInitFromStartingThePeer) {
                           "SetModuleLoop 0", "GetModuleLoop"));
 }
 
+// A loop flag of -1 keeps init from starting the peer and the steps running, as 1 does.
 TEST_F(IpcWorkerTest, AnyNonZeroFlagCounts) {
   fake_bus::set_flag(-1);
   fake_bus::ignore_flag_changes();
@@ -139,11 +170,13 @@ TEST_F(IpcWorkerTest, AnyNonZeroFlagCounts) {
   EXPECT_TRUE(worker->keep_running(&run_flag));
 }
 
+// A flag of 1 from before is set to 0 before it is read, so init starts the peer.
 TEST_F(IpcWorkerTest, FlagLeftFromBeforeIsClearedFirst) {
   fake_bus::set_flag(1);
   EXPECT_TRUE(worker->init());
 }
 
+// All results -1: init is true, steps go on, a message counts as sent, nothing is logged.
 TEST_F(IpcWorkerTest, ResultsOfTheLibraryAreNotChecked) {
   fake_bus::set_results(-1);
   EXPECT_TRUE(worker->init());
@@ -153,6 +186,7 @@ TEST_F(IpcWorkerTest, ResultsOfTheLibraryAreNotChecked) {
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
+// ModulePeerStop, SetModuleLoop 0, FreeLibParams.
 TEST_F(IpcWorkerTest, DeinitLeavesTheBusInOrder) {
   worker->init();
   fake_bus::clear_calls();
@@ -160,6 +194,7 @@ TEST_F(IpcWorkerTest, DeinitLeavesTheBusInOrder) {
   EXPECT_THAT(fake_bus::calls(), ElementsAre("ModulePeerStop", "SetModuleLoop 0", "FreeLibParams"));
 }
 
+// After deinit the destructor makes the same three calls once more.
 TEST_F(IpcWorkerTest, DestructorLeavesTheBusAgain) {
   worker->init();
   worker->deinit();
@@ -168,11 +203,20 @@ TEST_F(IpcWorkerTest, DestructorLeavesTheBusAgain) {
   EXPECT_THAT(fake_bus::calls(), ElementsAre("ModulePeerStop", "SetModuleLoop 0", "FreeLibParams"));
 }
 
+// A worker that never joined makes the three calls, too.
 TEST_F(IpcWorkerTest, DestructorLeavesTheBusWithoutAnInit) {
   worker.reset();
   EXPECT_THAT(fake_bus::calls(), ElementsAre("ModulePeerStop", "SetModuleLoop 0", "FreeLibParams"));
 }
 
+// delete on an abstract_worker pointer makes the three calls.
+TEST_F(IpcWorkerTest, DeletionThroughTheBaseLeavesTheBus) {
+  std::unique_ptr<abstract_worker> base = std::move(worker);
+  base.reset();
+  EXPECT_THAT(fake_bus::calls(), ElementsAre("ModulePeerStop", "SetModuleLoop 0", "FreeLibParams"));
+}
+
+// True only while the bool behind the argument is true and GetModuleLoop is not 0.
 TEST_F(IpcWorkerTest, WorkerKeepsRunningWhileBothFlagsHold) {
   worker->init();
   EXPECT_TRUE(worker->keep_running(&run_flag));
@@ -187,11 +231,13 @@ TEST_F(IpcWorkerTest, WorkerKeepsRunningWhileBothFlagsHold) {
 
 // One step.
 
+// With nothing in either direction a step asks the bus once and returns true.
 TEST_F(IpcWorkerTest, IdleStepAsksForAPause) {
   EXPECT_TRUE(worker->run_once());
   EXPECT_THAT(fake_bus::calls(), ElementsAre("GetMsgFromQueueNoWait"));
 }
 
+// One step forwards the bus message only; the queued one goes out in the next with MsgSend ... 3.
 TEST_F(IpcWorkerTest, BusMessageGoesBeforeAQueuedOne) {
   fake_bus::add_message("from bus");
   ws_to_bus.push(message("to bus"));
@@ -204,6 +250,7 @@ TEST_F(IpcWorkerTest, BusMessageGoesBeforeAQueuedOne) {
   EXPECT_TRUE(worker->run_once());
 }
 
+// Three messages each way take six steps that return false: the bus's three come first.
 TEST_F(IpcWorkerTest, EveryStepMovesOneMessage) {
   for (const char *text : {"1", "2", "3"}) {
     fake_bus::add_message(text);
@@ -224,6 +271,7 @@ TEST_F(IpcWorkerTest, EveryStepMovesOneMessage) {
 
 // From the bus.
 
+// 12 bytes from byte 13 on, whatever bytes 0 to 3 and 8 to 12 hold: 0x00, 0x7F or 0xFF.
 TEST_F(IpcWorkerTest, PayloadIsCopiedExactlyWhateverSurroundsIt) {
   const std::string payload("\0%n\xFF{\"a\":1}\0", 12);
   for (const char filling : {'\x00', '\x7F', '\xFF'}) {
@@ -233,6 +281,7 @@ TEST_F(IpcWorkerTest, PayloadIsCopiedExactlyWhateverSurroundsIt) {
   EXPECT_THAT(take_all(bus_to_ws), ElementsAre(payload, payload, payload));
 }
 
+// The copy of 4 bytes has length 4 and a NUL behind it that does not count.
 TEST_F(IpcWorkerTest, CopyIsFollowedByAnUncountedZero) {
   fake_bus::add_message("text", '\xFF');
   worker->run_once();
@@ -242,6 +291,7 @@ TEST_F(IpcWorkerTest, CopyIsFollowedByAnUncountedZero) {
   EXPECT_EQ(buffer->data[4], 0);
 }
 
+// Payloads from 1 byte to 4 MiB reach the first queue with exactly their length.
 TEST_F(IpcWorkerTest, PayloadsOfEverySizeArrive) {
   for (const std::size_t length : {1u, 12u, 13u, 255u, 256u, 65535u, 65536u, 4194304u}) {
     SCOPED_TRACE(length);
@@ -254,6 +304,7 @@ TEST_F(IpcWorkerTest, PayloadsOfEverySizeArrive) {
   }
 }
 
+// A record of length 0 puts one buffer of length 0 into the first queue.
 TEST_F(IpcWorkerTest, MessageOfLengthZeroBecomesAnEmptyBuffer) {
   fake_bus::add_message("");
   EXPECT_FALSE(worker->run_once());
@@ -263,6 +314,7 @@ TEST_F(IpcWorkerTest, MessageOfLengthZeroBecomesAnEmptyBuffer) {
   EXPECT_EQ(bus_to_ws.try_pop(), nullptr);
 }
 
+// The record still exists at the push and is released with free before the step returns.
 TEST_F(IpcWorkerTest, RecordIsReleasedAfterItsPayloadWasCopied) {
   fake_bus::add_message("text");
   std::size_t in_use_at_push = 0;
@@ -272,6 +324,7 @@ TEST_F(IpcWorkerTest, RecordIsReleasedAfterItsPayloadWasCopied) {
   EXPECT_EQ(fake_bus::records_in_use(), 0u);
 }
 
+// The push of a bus message runs the first queue's notify once; an idle step does not.
 TEST_F(IpcWorkerTest, EveryForwardedMessageRunsTheHookOnce) {
   int wakeups = 0;
   bus_to_ws.set_notify([&] { ++wakeups; });
@@ -281,12 +334,14 @@ TEST_F(IpcWorkerTest, EveryForwardedMessageRunsTheHookOnce) {
   EXPECT_EQ(wakeups, 1);
 }
 
+// forward_bus_message copies 2 bytes out of a record that is not on the heap.
 TEST_F(IpcWorkerTest, ForwardingLeavesTheRecordToItsCaller) {
   const unsigned char record[] = {9, 9, 9, 9, 2, 0, 0, 0, 9, 9, 9, 9, 9, 'h', 'i', 'x'};
   worker->forward_bus_message(record);
   EXPECT_THAT(take_all(bus_to_ws), ElementsAre("hi"));
 }
 
+// The length is read at each of eight addresses in a row.
 // The device's processor ends a program that loads a word from an odd address.
 TEST_F(IpcWorkerTest, ARecordIsReadAtEveryAlignment) {
   alignas(8) unsigned char memory[64];
@@ -299,6 +354,7 @@ TEST_F(IpcWorkerTest, ARecordIsReadAtEveryAlignment) {
   }
 }
 
+// Lengths 0x80FFFFFF and 0xFFFFFFFF ask for memory and log "append:95 Can't alloc memory".
 TEST_F(IpcWorkerTest, ALengthBeyond31BitsIsUnsigned) {
   for (const std::uint8_t highest : {std::uint8_t{0x80}, std::uint8_t{0xFF}}) {
     const unsigned char record[] = {9, 9, 9, 9, 0xFF, 0xFF, 0xFF, highest, 9, 9, 9, 9, 9, 'x'};
@@ -307,10 +363,10 @@ TEST_F(IpcWorkerTest, ALengthBeyond31BitsIsUnsigned) {
     refused_from = no_limit;
   }
   EXPECT_THAT(take_all(bus_to_ws), IsEmpty());
-  EXPECT_THAT(fake_log::messages("buffer-info"),
-              ElementsAre("append:95 Can't alloc memory\n", "append:95 Can't alloc memory\n"));
+  EXPECT_THAT(fake_log::lines(), ElementsAre(no_memory_line(), no_memory_line()));
 }
 
+// A payload without memory is logged and lost, its record freed, the next one arrives.
 TEST_F(IpcWorkerTest, NoMemoryLosesTheMessageAndReleasesTheRecord) {
   fake_bus::add_message(std::string(1000, 'x'));
   fake_bus::add_message("next");
@@ -320,9 +376,10 @@ TEST_F(IpcWorkerTest, NoMemoryLosesTheMessageAndReleasesTheRecord) {
   EXPECT_EQ(fake_bus::records_in_use(), 0u);
   EXPECT_FALSE(worker->run_once());
   EXPECT_THAT(take_all(bus_to_ws), ElementsAre("next"));
-  EXPECT_THAT(fake_log::messages("buffer-info"), ElementsAre("append:95 Can't alloc memory\n"));
+  EXPECT_THAT(fake_log::lines(), ElementsAre(no_memory_line()));
 }
 
+// std::bad_alloc out of the push leaves run_once, and the record is freed.
 TEST_F(IpcWorkerTest, FailedPushReleasesTheRecordAndReachesTheBase) {
   fake_bus::add_message("text");
   bus_to_ws.set_notify([] { throw std::bad_alloc(); });
@@ -332,6 +389,7 @@ TEST_F(IpcWorkerTest, FailedPushReleasesTheRecordAndReachesTheBase) {
 
 // To the bus.
 
+// MsgSend gets the bytes, NUL and "%n" among them, the constant 3 and the length 6.
 TEST_F(IpcWorkerTest, QueuedMessageIsSentWithConstantAndLength) {
   const std::string payload("a\0b%n\xFF", 6);
   ws_to_bus.push(message(payload));
@@ -340,6 +398,7 @@ TEST_F(IpcWorkerTest, QueuedMessageIsSentWithConstantAndLength) {
               ElementsAre("GetMsgFromQueueNoWait", "MsgSend " + payload + " 3 6"));
 }
 
+// Null data or length 0: the step returns false and MsgSend is not called; no line.
 TEST_F(IpcWorkerTest, EmptyQueuedMessagesAreDropped) {
   ws_to_bus.push(std::make_shared<buffer_info_t>());
   ws_to_bus.push(message(""));
@@ -350,6 +409,7 @@ TEST_F(IpcWorkerTest, EmptyQueuedMessagesAreDropped) {
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
+// By reference and by shared pointer: a text is sent with 3 and its length, empty ones are dropped.
 TEST_F(IpcWorkerTest, BothFormsOfSendingSendOrDropAlike) {
   const auto text = message("text");
   worker->send_to_bus(text);
@@ -359,6 +419,7 @@ TEST_F(IpcWorkerTest, BothFormsOfSendingSendOrDropAlike) {
   EXPECT_THAT(fake_bus::calls(), ElementsAre("MsgSend text 3 4", "MsgSend text 3 4"));
 }
 
+// Both queues' mutexes are free during MsgSend.
 TEST_F(IpcWorkerTest, NothingIsSentWithAQueueLocked) {
   ws_to_bus.push(message("text"));
   bool both_free = false;
@@ -373,6 +434,7 @@ TEST_F(IpcWorkerTest, NothingIsSentWithAQueueLocked) {
 
 // On its thread.
 
+// A cleared loop flag ends the steps, 100 ms apart: leave, 300 ms, and the whole joining again.
 TEST_F(IpcWorkerTest, DroppedModuleLeavesAndJoinsAgain) {
   int idle_steps = 0;
   run_until_restart(2, [&] {
@@ -392,6 +454,7 @@ TEST_F(IpcWorkerTest, DroppedModuleLeavesAndJoinsAgain) {
                                                   step_pause_us, step_pause_us, restart_pause_us));
 }
 
+// A loop flag that stays 0 after ModulePeerStart means no step, and another try every 300 ms.
 TEST_F(IpcWorkerTest, PeerThatDoesNotComeUpIsTriedAgain) {
   fake_bus::fail_peer_start();
   run_until_restart(3);
@@ -400,6 +463,21 @@ TEST_F(IpcWorkerTest, PeerThatDoesNotComeUpIsTriedAgain) {
   EXPECT_THAT(fake_bus::calls(), testing::Not(testing::Contains("GetMsgFromQueueNoWait")));
 }
 
+// A failed init is followed by the three leaving calls, 300 ms and another init.
+TEST_F(IpcWorkerTest, FlagThatStaysSetIsTriedAgainWithoutAStep) {
+  fake_bus::set_flag(1);
+  fake_bus::ignore_flag_changes();
+  run_until_restart(2);
+  const std::vector<std::string> round = {
+      "InitTrace VEMk", "SetTraceOpt 0 4 0", "InitLibParams 2 {-2, 0} 2", "SetModuleLoop 0",
+      "GetModuleLoop",  "ModulePeerStop",    "SetModuleLoop 0",           "FreeLibParams"};
+  std::vector<std::string> expected = round;
+  expected.insert(expected.end(), round.begin(), round.end());
+  EXPECT_EQ(fake_bus::calls(), expected);
+  EXPECT_THAT(fake_libc::sleeps_us(), ElementsAre(restart_pause_us, restart_pause_us));
+}
+
+// A false run flag leads from the step's pause to the three leaving calls, then 300 ms.
 TEST_F(IpcWorkerTest, ClearedRunFlagLeavesTheBusBeforeTheNextPause) {
   run_until_restart(1, [&] {
     run_flag = false;
@@ -409,6 +487,7 @@ TEST_F(IpcWorkerTest, ClearedRunFlagLeavesTheBusBeforeTheNextPause) {
   EXPECT_THAT(fake_libc::sleeps_us(), ElementsAre(step_pause_us, restart_pause_us));
 }
 
+// 100 messages each way are moved on the thread "ipc" before its first pause of 100 ms.
 TEST_F(IpcWorkerTest, MessagesInBothDirectionsMoveWithoutAPause) {
   for (int i = 0; i < 100; ++i) {
     fake_bus::add_message(std::to_string(i));
