@@ -10,6 +10,7 @@
 namespace vemk {
 namespace {
 
+// The callback lies at 0, then the id and the expiry with 4 bytes each.
 TEST(TimerLayoutTest, IsCallbackThenIdThenExpiry) {
   const timer_entry entry{nullptr, 0, 0};
   const auto offset_of = [&](const void *member) {
@@ -22,6 +23,7 @@ TEST(TimerLayoutTest, IsCallbackThenIdThenExpiry) {
   EXPECT_EQ(sizeof entry, sizeof entry.callback + 8);
 }
 
+// A list of three words, a timespec and the position of a walk are all that a service has.
 TEST(TimerLayoutTest, ServiceIsTheListThenTheLastTime) {
   // Two words for the ends, one for the count; then the time, and the position of a walk.
   EXPECT_EQ(sizeof(timer_service::timer_list), 3 * sizeof(void *));

@@ -51,6 +51,7 @@ protected:
 
 } // namespace
 
+// run_expired reads the clock once and neither sleeps nor selects.
 TEST_F(TimerServiceTest, EmptyListOnlyChecksTheClock) {
   const int before = fake_libc::clock_reads();
   service->run_expired();
@@ -59,6 +60,7 @@ TEST_F(TimerServiceTest, EmptyListOnlyChecksTheClock) {
   EXPECT_THAT(fake_libc::select_timeouts_us(), IsEmpty());
 }
 
+// With delay 3 nothing fires at 1000 and 1002, the callback runs at 1003 and never again.
 TEST_F(TimerServiceTest, TimerFiresInItsSecondAndOnlyOnce) {
   service->add_timer(record("a"), 0, 3);
   EXPECT_THAT(run(), IsEmpty());
@@ -68,11 +70,13 @@ TEST_F(TimerServiceTest, TimerFiresInItsSecondAndOnlyOnce) {
   EXPECT_THAT(run_after(3), IsEmpty());
 }
 
+// With delay 3 and no run before 1009 it fires at 1009.
 TEST_F(TimerServiceTest, LateTimerFiresAtTheNextRun) {
   service->add_timer(record("a"), 0, 3);
   EXPECT_THAT(run_after(9), ElementsAre("a"));
 }
 
+// Added at 1005 with delay 2 it fires at 1007, although the service was built at 1000.
 TEST_F(TimerServiceTest, DelayCountsFromTheSecondOfTheCall) {
   fake_libc::advance_seconds(5);
   service->add_timer(record("a"), 0, 2);
@@ -80,17 +84,20 @@ TEST_F(TimerServiceTest, DelayCountsFromTheSecondOfTheCall) {
   EXPECT_THAT(run_after(1), ElementsAre("a"));
 }
 
+// Added at 1000 with delay 0 it fires in the run at 1000.
 TEST_F(TimerServiceTest, DelayZeroIsDueInTheSameSecond) {
   service->add_timer(record("a"), 0, 0);
   EXPECT_THAT(run(), ElementsAre("a"));
 }
 
+// Delay -5 fires in the same second, in front of delay 0.
 TEST_F(TimerServiceTest, NegativeDelayIsOverdueAtOnce) {
   service->add_timer(record("now"), 0, 0);
   service->add_timer(record("overdue"), 0, -5);
   EXPECT_THAT(run(), ElementsAre("overdue", "now"));
 }
 
+// add_timer leaves a due timer unfired.
 TEST_F(TimerServiceTest, AddingFiresNothing) {
   service->add_timer(record("a"), 0, 0);
   fake_libc::advance_seconds(1);
@@ -98,6 +105,7 @@ TEST_F(TimerServiceTest, AddingFiresNothing) {
   EXPECT_THAT(fired, IsEmpty());
 }
 
+// Added as 4, 2, 3, 1 seconds they fire as 1, 2, 3 at 1003 and 4 at 1004.
 TEST_F(TimerServiceTest, TimersFireInTheOrderOfTheirExpiries) {
   service->add_timer(record("4"), 0, 4);
   service->add_timer(record("2"), 0, 2);
@@ -107,6 +115,7 @@ TEST_F(TimerServiceTest, TimersFireInTheOrderOfTheirExpiries) {
   EXPECT_THAT(run_after(1), ElementsAre("4"));
 }
 
+// Three timers of one second fire as added, whatever their ids, delays and those between them.
 TEST_F(TimerServiceTest, EqualExpiriesFireInInsertionOrder) {
   service->add_timer(record("a"), 0, 2);
   service->add_timer(record("later"), 0, 3);
@@ -117,6 +126,7 @@ TEST_F(TimerServiceTest, EqualExpiriesFireInInsertionOrder) {
   EXPECT_THAT(run_after(2), ElementsAre("earlier", "a", "b", "c", "later"));
 }
 
+// It points at the entry with its id, callback and expiry, behind those of the same second.
 TEST_F(TimerServiceTest, PositionOfTheNewEntryIsReturned) {
   const auto late = service->add_timer(record("late"), 7, 60);
   const auto early = service->add_timer(record("early"), 4294967295u, 2);
@@ -131,12 +141,14 @@ TEST_F(TimerServiceTest, PositionOfTheNewEntryIsReturned) {
   EXPECT_THAT(fired, ElementsAre("early"));
 }
 
+// 1000 + 2147482647 is 2147483647, and one more is -2147483648, which is due at once.
 TEST_F(TimerServiceTest, ExpiryIsASigned32BitSecond) {
   EXPECT_EQ(2147483647, service->add_timer(record("last"), 0, 2147483647 - 1000)->expiry);
   EXPECT_EQ(-2147483647 - 1, service->add_timer(record("wraps"), 0, 2147483647 - 999)->expiry);
   EXPECT_THAT(run(), ElementsAre("wraps"));
 }
 
+// Of six timers cancel_timers(0) removes the four with id 0; those with 1 and 2 fire.
 TEST_F(TimerServiceTest, CancellingRemovesEveryTimerOfItsIdAndNoOther) {
   service->add_timer(record("zero 1"), 0, 1);
   service->add_timer(record("one"), 1, 1);
@@ -148,6 +160,7 @@ TEST_F(TimerServiceTest, CancellingRemovesEveryTimerOfItsIdAndNoOther) {
   EXPECT_THAT(run_after(3), ElementsAre("one", "two"));
 }
 
+// Cancelling 0 and 4294967295, also in an empty list, leaves the timer with id 1.
 TEST_F(TimerServiceTest, CancellingAnUnknownIdChangesNothing) {
   service->cancel_timers(0);
   service->add_timer(record("a"), 1, 1);
@@ -156,6 +169,7 @@ TEST_F(TimerServiceTest, CancellingAnUnknownIdChangesNothing) {
   EXPECT_THAT(run_after(1), ElementsAre("a"));
 }
 
+// cancel_timers drops a due timer unfired and without a clock reading.
 TEST_F(TimerServiceTest, CancellingNeitherReadsTheClockNorFires) {
   service->add_timer(record("due"), 0, 0);
   const int before = fake_libc::clock_reads();
@@ -164,6 +178,7 @@ TEST_F(TimerServiceTest, CancellingNeitherReadsTheClockNorFires) {
   EXPECT_THAT(fired, IsEmpty());
 }
 
+// Two timers hold two copies of one callback; cancel_timers destroys both.
 TEST_F(TimerServiceTest, CallbackIsCopiedAndReleasedWhenCancelled) {
   const auto token = std::make_shared<int>();
   {
@@ -176,6 +191,7 @@ TEST_F(TimerServiceTest, CallbackIsCopiedAndReleasedWhenCancelled) {
   EXPECT_EQ(1, token.use_count());
 }
 
+// After its run the service holds no copy of the callback.
 TEST_F(TimerServiceTest, CallbackIsReleasedAfterFiring) {
   const auto token = std::make_shared<int>();
   service->add_timer([token] {}, 0, 0);
@@ -184,6 +200,7 @@ TEST_F(TimerServiceTest, CallbackIsReleasedAfterFiring) {
   EXPECT_EQ(1, token.use_count());
 }
 
+// A due and a pending timer's callbacks are destroyed with the service and never run.
 TEST_F(TimerServiceTest, DestructionReleasesPendingTimersUnfired) {
   const auto token = std::make_shared<int>();
   service->add_timer([this, token] { fired.push_back("fired"); }, 0, 0);
@@ -193,6 +210,7 @@ TEST_F(TimerServiceTest, DestructionReleasesPendingTimersUnfired) {
   EXPECT_THAT(fired, IsEmpty());
 }
 
+// One that cancels its id and adds itself with delay 2 fires at 1002 and at 1004.
 TEST_F(TimerServiceTest, CallbackMayRearmItself) {
   std::function<void()> again = [&] {
     fired.push_back("again");
@@ -205,6 +223,7 @@ TEST_F(TimerServiceTest, CallbackMayRearmItself) {
   EXPECT_THAT(run_after(1), ElementsAre("again"));
 }
 
+// cancel_timers(0) in a callback takes the timer of the same second and the later one of id 0.
 // Its own entry is gone before a callback runs, so cancelling finds only the others.
 TEST_F(TimerServiceTest, CallbackMayCancelEverything) {
   service->add_timer(
@@ -220,6 +239,7 @@ TEST_F(TimerServiceTest, CallbackMayCancelEverything) {
   EXPECT_THAT(run_after(1), IsEmpty());
 }
 
+// Five due timers behind it are cancelled in its callback; the sixth still fires.
 TEST_F(TimerServiceTest, CallbackMayCancelSeveralTimersThatFollowIt) {
   service->add_timer([this] { service->cancel_timers(7); }, 0, 0);
   for (int i = 0; i < 5; ++i)
@@ -228,12 +248,14 @@ TEST_F(TimerServiceTest, CallbackMayCancelSeveralTimersThatFollowIt) {
   EXPECT_THAT(run(), ElementsAre("last"));
 }
 
+// One added with delay 0 while another due one waits lands behind that, and both fire.
 TEST_F(TimerServiceTest, TimerAddedBehindTheWalksNextEntryFiresInTheSameRun) {
   service->add_timer([this] { service->add_timer(record("added"), 0, 0); }, 0, 0);
   service->add_timer(record("next"), 0, 0);
   EXPECT_THAT(run(), ElementsAre("next", "added"));
 }
 
+// One added with delay 0 before a timer in 60 s is passed over by this run.
 TEST_F(TimerServiceTest, TimerAddedInFrontOfTheWalksNextEntryWaitsForTheNextRun) {
   service->add_timer([this] { service->add_timer(record("added"), 0, 0); }, 0, 0);
   service->add_timer(record("not due"), 0, 60);
@@ -241,6 +263,7 @@ TEST_F(TimerServiceTest, TimerAddedInFrontOfTheWalksNextEntryWaitsForTheNextRun)
   EXPECT_THAT(run(), ElementsAre("added"));
 }
 
+// With delay 0 and nothing behind it, it fires once a run.
 TEST_F(TimerServiceTest, TimerThatRearmsItselfWithoutDelayDoesNotHoldTheRun) {
   std::function<void()> again = [&] {
     fired.push_back("again");
@@ -251,6 +274,7 @@ TEST_F(TimerServiceTest, TimerThatRearmsItselfWithoutDelayDoesNotHoldTheRun) {
   EXPECT_THAT(run(), ElementsAre("again"));
 }
 
+// A timer that becomes due while a callback takes 5 seconds fires in the next run.
 TEST_F(TimerServiceTest, RunGoesByTheSecondAtWhichItBegan) {
   service->add_timer([] { fake_libc::advance_seconds(5); }, 0, 0);
   service->add_timer(record("due meanwhile"), 0, 3);
@@ -258,6 +282,7 @@ TEST_F(TimerServiceTest, RunGoesByTheSecondAtWhichItBegan) {
   EXPECT_THAT(run(), ElementsAre("due meanwhile"));
 }
 
+// Adding it is silent; due, it throws std::bad_function_call once, and the next run goes on.
 TEST_F(TimerServiceTest, EmptyCallbackThrowsWhenDueAndAfterItsRemoval) {
   service->add_timer(record("before"), 0, 1);
   service->add_timer(nullptr, 0, 1);
@@ -269,6 +294,7 @@ TEST_F(TimerServiceTest, EmptyCallbackThrowsWhenDueAndAfterItsRemoval) {
   EXPECT_THAT(run(), ElementsAre("after"));
 }
 
+// It leaves run_expired with its own timer gone and the next one still pending.
 TEST_F(TimerServiceTest, ExceptionOfACallbackLeavesTheOthersForTheNextRun) {
   service->add_timer([] { throw std::runtime_error("callback"); }, 0, 0);
   service->add_timer(record("other"), 0, 0);
@@ -276,6 +302,7 @@ TEST_F(TimerServiceTest, ExceptionOfACallbackLeavesTheOthersForTheNextRun) {
   EXPECT_THAT(run(), ElementsAre("other"));
 }
 
+// After the exception cancel_timers(1) and add_timer work, and the next run fires "b" and "c".
 // The walk that an exception ended must leave nothing behind that a later cancelling could trip on.
 TEST_F(TimerServiceTest, CancellingAfterACallbacksExceptionIsSafe) {
   service->add_timer([] { throw std::runtime_error("callback"); }, 0, 0);
@@ -287,6 +314,7 @@ TEST_F(TimerServiceTest, CancellingAfterACallbacksExceptionIsSafe) {
   EXPECT_THAT(run(), ElementsAre("b", "c"));
 }
 
+// add_timer throws std::bad_alloc, and the timer from before fires alone.
 TEST_F(TimerServiceTest, NoMemoryForAnEntryThrowsAndLeavesTheListAsItWas) {
   service->add_timer(record("a"), 0, 1);
   const std::function<void()> callback = record("b");
@@ -297,6 +325,7 @@ TEST_F(TimerServiceTest, NoMemoryForAnEntryThrowsAndLeavesTheListAsItWas) {
   EXPECT_THAT(run_after(1), ElementsAre("a"));
 }
 
+// Cancelling and running in one leaves the other one's timer of the same id.
 TEST_F(TimerServiceTest, TwoServicesShareNothing) {
   timer_service other;
   other.add_timer(record("other"), 0, 0);
