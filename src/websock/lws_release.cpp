@@ -22,6 +22,10 @@ void lift_send_limit(lws_protocols &protocol) {
   protocol.tx_packet_size = max_send_size;
 }
 
+void refuse_redirects(lws_client_connect_info &info) {
+  info.ssl_connection |= LCCSCF_HTTP_NO_FOLLOW_REDIRECT;
+}
+
 void service_for_at_most(lws_context *context, int limit_ms) {
   // The library's own argument is ignored; a timer of its own ends the wait.
   lws_sorted_usec_list_t limit{};
@@ -63,6 +67,8 @@ int writeable_wakeup::observe(lws *wsi, lws_callback_reasons reason) {
 #elif LWS_LIBRARY_VERSION_NUMBER < 2001000
 
 void lift_send_limit(lws_protocols &) {}
+
+void refuse_redirects(lws_client_connect_info &) {}
 
 void service_for_at_most(lws_context *context, int limit_ms) {
   lws_service(context, limit_ms);

@@ -26,6 +26,10 @@ void ignore_proxy_environment();
 /// than the watchdog allows, and never arrive.
 void lift_send_limit(lws_protocols &protocol);
 
+/// Takes a redirect for the refusal that it is: the server is the one that the configuration names.
+/// Releases that have no such setting are left as they are.
+void refuse_redirects(lws_client_connect_info &info);
+
 /// lws_service that returns after at most `limit_ms` milliseconds. Service thread only.
 void service_for_at_most(lws_context *context, int limit_ms);
 

@@ -137,6 +137,7 @@ bool websock_worker::_connect() {
   connect_info.origin = host.c_str();
   connect_info.protocol = worker_name;
   connect_info.ietf_version_or_minus_one = -1;
+  refuse_redirects(connect_info);
   log_debug(websock_log_module, "%s-> %s: Try to establish connect with server %s:%d%s\n", log_name,
             "_connect", host.c_str(), port, path.c_str());
   if (lws_client_connect_via_info(&connect_info) == nullptr) {

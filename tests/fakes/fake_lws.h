@@ -16,14 +16,16 @@
 
 namespace vemk::fake_lws {
 
-/// What a client connection's close is reported with, and whether other threads may only wake the
-/// service thread.
+/// What a client connection's close is reported with, whether other threads may only wake the
+/// service thread, and what a connection without TLS that follows no redirect is asked for with.
 #if LWS_LIBRARY_VERSION_NUMBER >= 4000000
 constexpr auto closed_reason = LWS_CALLBACK_CLIENT_CLOSED;
 constexpr bool wakes_by_cancelling = true;
+constexpr int plain_connection = LCCSCF_HTTP_NO_FOLLOW_REDIRECT;
 #else
 constexpr auto closed_reason = LWS_CALLBACK_CLOSED;
 constexpr bool wakes_by_cancelling = false;
+constexpr int plain_connection = 0;
 #endif
 
 /// The reasons that this release has beyond API 2.0 and that concern the daemon.

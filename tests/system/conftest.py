@@ -14,6 +14,7 @@ import signal
 import pytest
 
 from harness.bus_peer import bus_peer
+from harness.handshake_faults import failing_server, handshake_trial
 from harness.raw_server import raw_server
 from harness.roaming_server import roaming_server
 from harness.sandbox import sandbox
@@ -94,6 +95,20 @@ def make_raw_server():
     yield make
     for one in made:
         one.shut_down()
+
+
+@pytest.fixture
+def make_trial(make_daemon, bus):
+    """Starts a daemon with a server that accepts it once and then shows it the faults."""
+    made = []
+
+    def make(faults, server_type=failing_server):
+        made.append(server_type(faults))
+        return handshake_trial(make_daemon, bus, made[-1])
+
+    yield make
+    for server in made:
+        server.shut_down()
 
 
 @pytest.fixture

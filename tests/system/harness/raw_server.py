@@ -24,13 +24,21 @@ def refuse(server, connection, request):
     connection.close()
 
 
-def upgrade(server, connection, request):
-    """Accepts the WebSocket without choosing a subprotocol, and never answers a frame."""
+def upgrade_lines(request):
+    """The lines of an answer that accepts the WebSocket and chooses no subprotocol."""
     key = request.split(b"Sec-WebSocket-Key: ")[1].split(b"\r\n")[0]
     digest = hashlib.sha1(key + b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11").digest()
-    connection.sendall(b"HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n"
-                       b"Connection: Upgrade\r\nSec-WebSocket-Accept: "
-                       + base64.b64encode(digest) + b"\r\n\r\n")
+    return [b"HTTP/1.1 101 Switching Protocols", b"Upgrade: websocket", b"Connection: Upgrade",
+            b"Sec-WebSocket-Accept: " + base64.b64encode(digest)]
+
+
+def http_head(lines):
+    return b"\r\n".join([*lines, b"", b""])
+
+
+def upgrade(server, connection, request):
+    """Accepts the WebSocket without choosing a subprotocol, and never answers a frame."""
+    connection.sendall(http_head(upgrade_lines(request)))
     server.read_frames(connection)
 
 

@@ -98,9 +98,8 @@ TEST_F(LwsReleaseTest, LibraryDoesNotCutFramesIntoSmallWrites) {
   EXPECT_GE(fake_lws::creation_infos().at(0).protocol.tx_packet_size, 1024u * 1024u);
 }
 
-// A push from another thread calls lws_cancel_service and nothing else of the library.
-// A server that answers with a redirect once led the daemon to any other, and crashed it with a
-// host that begins with "+".
+// The attempt carries the library's flag against following a redirect, and none for TLS.
+// A server's redirect once led the daemon to any other, and a host that begins with "+" crashed it.
 TEST_F(LwsReleaseTest, RedirectsAreNotFollowed) {
   make_worker();
   worker->_connect();
@@ -108,6 +107,7 @@ TEST_F(LwsReleaseTest, RedirectsAreNotFollowed) {
   EXPECT_EQ(fake_lws::connect_infos().at(0).ssl_connection & LCCSCF_USE_SSL, 0);
 }
 
+// A push from another thread calls lws_cancel_service and nothing else of the library.
 TEST_F(LwsReleaseTest, PushFromAnotherThreadOnlyWakesTheServiceThread) {
   make_connected_worker();
   push_from_another_thread();

@@ -215,7 +215,7 @@ TEST_F(WebsockLifecycleTest, ConnectionIsPlainAndNamesTheConfiguredServer) {
   EXPECT_EQ(info.context, worker->context);
   EXPECT_EQ(info.address, "roam.example");
   EXPECT_EQ(info.port, 8080);
-  EXPECT_EQ(info.ssl_connection, 0);
+  EXPECT_EQ(info.ssl_connection, fake_lws::plain_connection);
   EXPECT_EQ(info.path, "/roam");
   EXPECT_EQ(info.host, "roam.example");
   EXPECT_EQ(info.origin, "roam.example");

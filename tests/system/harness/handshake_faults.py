@@ -1,0 +1,139 @@
+"""A server that fails the handshake in one way after another, and then behaves."""
+
+import collections
+import socket
+import struct
+
+from harness.raw_server import http_head, opcode_text, raw_server, upgrade, upgrade_lines
+from harness.vemk_daemon import config_text
+from harness.waiting import wait_until
+
+reset_on_close = struct.pack("ii", 1, 0)
+library_prefix = "portal->libwebsocket-debug> "
+
+endured_t = collections.namedtuple("endured_t", "daemon server courses library_lines")
+
+
+def finish(connection):
+    """FIN; what the daemon has sent was read."""
+    connection.shutdown(socket.SHUT_WR)
+
+
+def reset(connection):
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, reset_on_close)
+    connection.close()
+
+
+def answers(data, end=None):
+    """A behaviour that sends `data`, or what it returns for the request, and may then end."""
+
+    def behaviour(server, connection, request):
+        connection.sendall(data(request) if callable(data) else data)
+        if end:
+            end(connection)
+
+    return behaviour
+
+
+def changed_upgrade(change):
+    """A behaviour that accepts the WebSocket with the lines that `change` returns."""
+    return answers(lambda request: http_head(change(upgrade_lines(request))))
+
+
+class failing_server(raw_server):
+    """Accepts the first WebSocket; then each connection meets the next fault, and the last fault
+    goes on until `behave`."""
+
+    def __init__(self, faults):
+        self.faults = faults
+        self.behaves = False
+        super().__init__(failing_server.fail_in_turn)
+
+    def behave(self):
+        self.behaves = True
+
+    def fault_of(self, connection):
+        number = self.connections.index(connection)
+        if number == 0 or self.behaves:
+            return upgrade
+        return self.faults[min(number, len(self.faults)) - 1]
+
+    def fail_in_turn(self, connection, request):
+        self.fault_of(connection)(self, connection, request)
+
+
+class hanging_up_server(failing_server):
+    """As a failing_server, but its faults are ends of the connection right after the accept."""
+
+    def serve(self, connection):
+        fault = self.fault_of(connection)
+        if fault is upgrade:
+            super().serve(connection)
+        else:
+            fault(connection)
+
+
+def refused_course(port, handler="process_client_connection_error:41"):
+    """What the worker logs of an attempt that ends in `handler`, library lines left out."""
+    return ["Generate delay into [0;1) range",
+            "Delay before connection: 0 sec",
+            "websock-roaming-> _connect: Try to establish connect with server "
+            f"127.0.0.1:{port}/roam",
+            "websock-roaming->Connected",
+            f"websock-roaming->{handler}",
+            "websock-roaming->Stopping",
+            "websock-roaming->process_protocol_destroy:31"]
+
+
+def courses_of(daemon):
+    """The worker's own lines and the library's, each as one list per attempt."""
+    own, library = [], []
+    for line in daemon.log_lines():
+        if line.module != "websock-worker":
+            continue
+        if line.text.startswith("Generate delay"):
+            own.append([])
+            library.append([])
+        if line.text.startswith(library_prefix):
+            library[-1].append(line.text[len(library_prefix):])
+        else:
+            own[-1].append(line.text)
+    return own, library
+
+
+class handshake_trial:
+    """A daemon that was connected, meets a failing_server's faults and is connected again."""
+
+    def __init__(self, make_daemon, bus, server):
+        self.bus = bus
+        self.server = server
+        bus.listen()
+        self.daemon = make_daemon().start(config_text(server.url, log_level=15))
+        bus.wait_until_connected()
+        self.descriptors = self.daemon.descriptor_count()
+        self.announced = len(bus.statuses())
+
+    def endure(self):
+        """Returns the logged courses of the failed attempts, each of which met another fault."""
+        faults = len(self.server.faults)
+        finish(self.server.connections[0])
+        # The first connection, the faults, and the attempt after the last of them.
+        self.server.wait_for_connections(faults + 2)
+        courses, library_lines = courses_of(self.daemon)
+        # Two at the end of the first connection, two for every failed attempt.
+        announced = self.bus.wait_for_statuses(self.announced + 2 * (faults + 1))
+        assert set(announced[self.announced:]) == {"disconnected"}
+        assert self.bus.run("status", "--timeout", "20").stdout == b"disconnected\n"
+        return endured_t(self.daemon, self.server, courses[1:faults + 1],
+                         library_lines[1:faults + 1])
+
+    def heal(self):
+        self.server.behave()
+        self.bus.wait_for_last_status("connected", after=self.announced)
+        assert self.bus.run("status", "--timeout", "20").stdout == b"connected\n"
+        self.bus.send(b"up again")
+        assert self.server.wait_for_frames(opcode_text, 1)[0].payload == b"up again"
+        self.server.send_text_frame(b"down again")
+        assert self.bus.wait_for_payloads(1) == [b"down again"]
+        wait_until(lambda: self.daemon.descriptor_count() == self.descriptors,
+                   f"{self.descriptors} descriptors", details=self.daemon.descriptor_count)
