@@ -31,6 +31,7 @@ def bridge(browser, console, daemon, bus):
     assert complaints == []
 
 
+# Ctrl-Enter sends the text, and "sent to 1 daemon" is shown.
 def test_a_message_from_the_bus_is_shown_and_one_that_is_typed_arrives_there(browser, bridge, bus):
     bus.send(b"hello from the bus")
     wait_for_text(browser, "frames", "hello from the bus")
@@ -39,6 +40,7 @@ def test_a_message_from_the_bus_is_shown_and_one_that_is_typed_arrives_there(bro
     wait_for_text(browser, "answer", "sent to 1 daemon")
 
 
+# A script in an image's tag is shown as text with \x01 and U+FFFD, and does not run.
 def test_markup_in_a_message_stays_text(browser, bridge, bus):
     bus.send(MARKUP.encode() + b"\x01\xff")
     wait_for_text(browser, "frames", MARKUP + "\\x01\ufffd")
@@ -48,6 +50,7 @@ def test_markup_in_a_message_stays_text(browser, bridge, bus):
     assert browser.title == "roam-service"
 
 
+# The reset button brings two "disconnected", "connected" and a new row in the table.
 def test_a_reset_makes_the_daemon_connect_again(browser, bridge, bus):
     before = len(bus.statuses())
     number = [browser.find_element(By.CSS_SELECTOR, "#daemons td").text]
@@ -59,6 +62,7 @@ def test_a_reset_makes_the_daemon_connect_again(browser, bridge, bus):
                "another connection in the table")
 
 
+# A frame that came while paused is counted as waiting and shown afterwards.
 def test_pause_holds_frames_back(browser, bridge, bus):
     find(browser, "pause").click()
     bus.send(b"while paused")
@@ -68,6 +72,7 @@ def test_pause_holds_frames_back(browser, bridge, bus):
     wait_for_text(browser, "frames", "while paused")
 
 
+# 40 tabs reach all 13 controls; a number and a switch are set on the way.
 def test_the_keyboard_alone_reaches_and_works_every_control(browser, bridge, bus):
     browser.execute_script("document.activeElement.blur()")
     wanted = {"send-to", "send-text", "no-pongs", "stop-reading", "fragments", "delay", "fault-to",
@@ -90,6 +95,7 @@ def test_the_keyboard_alone_reaches_and_works_every_control(browser, bridge, bus
     assert find(browser, "fragments").get_attribute("value") == "3"
 
 
+# At 1280 and 360 pixels nothing is wider than the page; light and dark have their colours.
 @pytest.mark.parametrize("name, width, scheme", [
     ("console", 1280, "light"), ("console-dark", 1280, "dark"), ("console-phone", 360, "light")])
 def test_nothing_sticks_out(browser, bridge, bus, picture, name, width, scheme):

@@ -26,6 +26,7 @@ def build():
     return device_build(tools, work_folder / "device")
 
 
+# libwebsockets, libjson-c, bus, log and the language's own libraries.
 def test_needs_the_two_protocol_libraries_and_the_platform_only(build):
     needed = {"ld" if name.startswith("ld-linux") else name for name in build.needed()}
     assert needed - language_libraries == {
@@ -33,42 +34,50 @@ def test_needs_the_two_protocol_libraries_and_the_platform_only(build):
     assert {"libc", "libstdc++"} <= needed
 
 
+# CMake's cache names no zmq, spdlog, CLI11 or fmt.
 def test_no_library_of_the_stand_ins_is_looked_for(build):
     assert stand_in_pattern.findall(build.cache()) == []
 
 
+# Of all headers read, module_bus.h among them, none is of those libraries.
 def test_no_header_of_the_stand_ins_is_read(build):
     files = build.compiled_files()
     assert "platform/include/module_bus.h" in files
     assert stand_in_pattern.findall(files) == []
 
 
+# libvemk.a is made; vemkctl, roam-service and the two stand-in libraries are not.
 def test_neither_stand_ins_nor_companions_are_built(build):
     made = {path.name for path in build.build_folder.rglob("*") if path.suffix in (".a", "")}
     assert "libvemk.a" in made
     assert not {"vemkctl", "roam-service", "libmodule_bus_host.a", "libzandor_log_host.a"} & made
 
 
+# The program's type is DYN with the flag PIE.
 def test_is_position_independent(build):
     assert re.search(r"Type:\s+DYN", build.readelf("-h"))
     assert re.search(r"FLAGS_1\).*\bPIE\b", build.readelf("-d"))
 
 
+# GNU_RELRO with the flag NOW: full RELRO.
 def test_relocations_are_read_only_after_start(build):
     assert "GNU_RELRO" in build.readelf("-l")
     assert re.search(r"FLAGS_1\).*\bNOW\b", build.readelf("-d"))
 
 
+# The program calls __stack_chk_fail and __snprintf_chk.
 def test_stack_and_buffers_are_guarded(build):
     symbols = build.undefined_symbols()
     assert "__stack_chk_fail" in symbols
     assert "__snprintf_chk" in symbols
 
 
+# At most 120 KiB stripped.
 def test_stripped_program_is_within_its_budget(build):
     assert build.stripped_size() <= max_size
 
 
+# The device's platform without VEMK_PLATFORM_LIBRARIES fails and names that variable.
 def test_platform_without_libraries_is_refused():
     folder = work_folder / "without-libraries"
     status, output = configure(tools, folder, "-DVEMK_PLATFORM=device")
@@ -76,6 +85,7 @@ def test_platform_without_libraries_is_refused():
     assert "needs VEMK_PLATFORM_LIBRARIES: the device's bus and log" in " ".join(output.split())
 
 
+# VEMK_PLATFORM=router fails with "it takes host or device".
 def test_unknown_platform_is_refused():
     folder = work_folder / "unknown-platform"
     status, output = configure(tools, folder, "-DVEMK_PLATFORM=router")

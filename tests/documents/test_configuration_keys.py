@@ -7,20 +7,24 @@ from manual import checkout, manual_page, plain
 keys = re.findall(r'\{"(\w+=)", read_\w+\}', (checkout / "src/config/websock_cfg.cpp").read_text())
 
 
+# The parser's source names five keys, which the other tests of this file compare with.
 def test_the_sources_were_read():
     assert len(keys) == 5
 
 
+# vemk.conf(5) lists the five keys in the parser's order, each with its "=".
 def test_the_manual_describes_every_key():
     described = [key for key, _ in manual_page("vemk.conf.5").items("Keys", "Ic")]
     assert described == keys
 
 
+# No other word of the form "some_key=" stands anywhere in vemk.conf(5).
 def test_the_manual_names_no_unknown_key():
     text = plain((checkout / "man/vemk.conf.5").read_text())
     assert set(re.findall(r"\b[a-z]+_[a-z_]+=", text)) == set(keys)
 
 
+# examples/vemk.conf sets the five keys once each, in the parser's order.
 def test_the_example_shows_every_key():
     text = (checkout / "examples/vemk.conf").read_text()
     assert re.findall(r"^(\w+=)", text, re.MULTILINE) == keys

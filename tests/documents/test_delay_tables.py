@@ -21,6 +21,7 @@ def rows(page, section):
             for line in manual_page(page).section(section) if re.match(r"\.It \d", line)]
 
 
+# Each row of at least eight in vemk.conf(5) has the windows that its two delays give.
 def test_the_table_of_windows():
     table = rows("vemk.conf.5", "The delays")
     assert len(table) >= 8
@@ -29,6 +30,7 @@ def test_the_table_of_windows():
         assert cells == [f"{low}–{end}" for low, end in expected], f"{initial} {largest}"
 
 
+# The six rows of vemk(8) for delays 2 and 60 have the rule's waits and their sums.
 def test_the_worked_example():
     table = rows("vemk.8", "The connection")
     latest = 0

@@ -44,19 +44,23 @@ def documented(page, section):
     return found
 
 
+# vemkctl(1) has the options that "COMMAND --help" shows, no more and no fewer.
 @pytest.mark.parametrize("command", subcommands())
 def test_vemkctl_describes_the_options_of(command):
     assert documented("vemkctl.1", command) == options_of(help_text("vemkctl", command)) - everywhere
 
 
+# vemkctl(1) has the options before the command that --help shows, no more and no fewer.
 def test_vemkctl_describes_the_options_of_all_commands():
     assert documented("vemkctl.1", "DESCRIPTION") == options_of(help_text("vemkctl"))
 
 
+# roam-service(1) has the options of --help, no more and no fewer.
 def test_roam_service_describes_its_options():
     assert documented("roam-service.1", "DESCRIPTION") == options_of(help_text("roam-service"))
 
 
+# vemk(8) has the letters of the daemon's getopt call, no more and no fewer.
 def test_vemk_describes_its_options():
     source = (checkout / "src/config/websock_cfg.cpp").read_text()
     letters = re.search(r'getopt\(argc, argv, "([\w:]+)"\)', source)[1]

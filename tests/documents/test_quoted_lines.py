@@ -14,10 +14,12 @@ quoted = [(document.name, *stamp.fullmatch(line).groups())
           for line in document.read_text().splitlines() if stamp.fullmatch(line)]
 
 
+# At least one log line stands in README.md and docs/*.md for the next test.
 def test_lines_are_quoted():
     assert quoted
 
 
+# A quoted line's module and message are a format, a trace line or a listing of the sources.
 @pytest.mark.parametrize("document, module, message", sorted(set(quoted)))
 def test_the_daemon_writes(document, module, message):
     formats = [line.format for line in log_lines() if line.format and line.module == module]

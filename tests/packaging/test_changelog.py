@@ -18,6 +18,7 @@ def changelog(tmp_path, text):
         capture_output=True, text=True, check=True).stdout
 
 
+# Items and paragraphs become items, wrapped anew; a version without a date has the build's.
 def test_one_entry_for_each_version(tmp_path):
     text = """# Changelog
 
@@ -52,18 +53,21 @@ vemk (1.1.0-3) unstable; urgency=medium
 """
 
 
+# "Unreleased" items come first in the entry of the version being packed.
 def test_what_is_not_released_belongs_to_the_version_at_hand(tmp_path):
     out = changelog(tmp_path, "## Unreleased\n\n- new\n\n## 1.2.0 (2026-01-31)\n\n- old\n")
     assert out.startswith("vemk (1.2.0-3) unstable; urgency=medium\n\n  * new\n  * old\n\n")
     assert out.count("urgency") == 1
 
 
+# Without its heading the version gets the entry "Release 1.2.0." before the older ones.
 def test_a_version_that_has_no_heading_yet_comes_first(tmp_path):
     out = changelog(tmp_path, "## 1.1.0\n\n- old\n")
     assert out.startswith("vemk (1.2.0-3) unstable; urgency=medium\n\n  * Release 1.2.0.\n\n -- ")
     assert "\nvemk (1.1.0-3) " in out
 
 
+# Without CHANGELOG.md the one entry is "Release 1.2.0.", dated by the build.
 def test_there_is_an_entry_without_a_file(tmp_path):
     assert changelog(tmp_path, None) == """\
 vemk (1.2.0-3) unstable; urgency=medium

@@ -48,31 +48,38 @@ INSTANCE = [
 ]
 
 
+# /usr/sbin/vemk -f CONFIG, respawn 3600 5 0, the file watched, both outputs logged.
 def test_starts_one_instance_that_is_restarted_without_a_limit(act):
     assert act("start") == (INSTANCE, "")
 
 
+# reload makes the same calls as start, and no kill.
 def test_reload_describes_the_instance_anew_for_procd_to_compare(act):
     assert act("reload") == (INSTANCE, "")
 
 
+# stop is procd's kill alone.
 def test_stop_leaves_it_to_procd(act):
     assert act("stop") == (["kill"], "")
 
 
+# restart is a kill, then the calls of start.
 def test_restart_stops_and_starts(act):
     assert act("restart") == (["kill", *INSTANCE], "")
 
 
+# enable links S95vemk and K10vemk.
 def test_starts_late_and_stops_early(act):
     assert act("enable")[0] == ["S95vemk K10vemk"]
 
 
+# ROAM_SERVICE_URL= and Roam_Service_Url= in a later line start the instance.
 @pytest.mark.parametrize("line", ["ROAM_SERVICE_URL=host:1/\n", "log_level=1\nRoam_Service_Url=x"])
 def test_knows_the_url_in_any_letter_case(act, line):
     assert act("start", line)[0] == INSTANCE
 
 
+# No file, an empty one, an empty, commented or indented URL: "vemk: not started: put ...".
 @pytest.mark.parametrize("configuration", [
     None,
     "",
@@ -86,10 +93,12 @@ def test_does_not_start_without_a_url_and_says_what_to_do(act, configuration):
         "vemk: not started: put roam_service_url=ws://HOST:PORT/PATH into CONFIG\n")
 
 
+# The device's vemk.conf has its URL commented out.
 def test_does_not_start_with_the_configuration_as_it_is_shipped(act):
     assert act("start", (FILES / "vemk.conf").read_text())[0] == ["begin", "end"]
 
 
+# The device's vemk.conf and examples/vemk.conf have the same keys.
 def test_the_shipped_configuration_names_every_key():
     def keys(path):
         lines = (line.lstrip("#") for line in path.read_text().splitlines())
@@ -99,6 +108,7 @@ def test_the_shipped_configuration_names_every_key():
     assert keys(FILES / "vemk.conf") == keys(example)
 
 
+# The first line is "#!/bin/sh /etc/rc.common", and the owner may execute it.
 def test_runs_under_the_shell_library_and_can_be_executed():
     script = FILES / "vemk.init"
     assert script.read_text().startswith("#!/bin/sh /etc/rc.common\n")

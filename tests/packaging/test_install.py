@@ -31,6 +31,7 @@ def workstation(tmp_path_factory):
     return folder
 
 
+# Three programs, configuration, four manuals, unit and completion: ten files and no other.
 def test_a_workstation_gets_everything(workstation):
     assert files_below(workstation) == {
         f"{PREFIX}/sbin/vemk",
@@ -46,6 +47,7 @@ def test_a_workstation_gets_everything(workstation):
     }
 
 
+# ExecStart is an executable of the installation, -f and an installed file.
 def test_the_unit_starts_what_is_installed(workstation):
     unit = (workstation / PREFIX.lstrip("/") / "lib/systemd/system/vemk.service").read_text()
     program, option, configuration = re.search(r"^ExecStart=(.*)$", unit, re.M)[1].split()
@@ -54,6 +56,7 @@ def test_the_unit_starts_what_is_installed(workstation):
     assert (workstation / configuration.lstrip("/")).is_file()
 
 
+# Restart=on-failure, so that status 0 is final and 255 is not.
 def test_the_unit_restarts_failures_only(workstation):
     unit = (workstation / PREFIX.lstrip("/") / "lib/systemd/system/vemk.service").read_text()
     assert re.findall(r"^Restart=.*$", unit, re.M) == ["Restart=on-failure"]
@@ -77,6 +80,7 @@ def device(tmp_path_factory):
     return work
 
 
+# Daemon, configuration and its two manuals: four files and no other.
 def test_a_device_gets_the_daemon_with_its_configuration_and_manuals(device):
     assert files_below(device / "staged") == {
         "/usr/sbin/vemk",
@@ -86,6 +90,7 @@ def test_a_device_gets_the_daemon_with_its_configuration_and_manuals(device):
     }
 
 
+# Three files; the configuration is the package's own, the script executable.
 def test_the_openwrt_package_has_the_daemon_its_init_script_and_its_own_configuration(device):
     assert files_below(device / "root") == {
         "/usr/sbin/vemk", "/etc/init.d/vemk", "/etc/vemk/vemk.conf"}
@@ -94,6 +99,7 @@ def test_the_openwrt_package_has_the_daemon_its_init_script_and_its_own_configur
     assert os.access(device / "root/etc/init.d/vemk", os.X_OK)
 
 
+# CMake gets MinSizeRel, the platform "device" and the two named libraries.
 def test_the_openwrt_package_is_built_small_over_the_named_libraries(device):
     cache = (device / "build/CMakeCache.txt").read_text()
     for entry in ["CMAKE_BUILD_TYPE:STRING=MinSizeRel", "VEMK_PLATFORM:STRING=device",
@@ -101,6 +107,7 @@ def test_the_openwrt_package_is_built_small_over_the_named_libraries(device):
         assert f"\n{entry}\n" in cache
 
 
+# The project's version, three dependencies and /etc/vemk/vemk.conf as configuration.
 def test_the_openwrt_package_says_what_it_is(tmp_path):
     version = re.search(r"project\(vemk VERSION (\S+)", (SOURCE / "CMakeLists.txt").read_text())[1]
     assert make(tmp_path, "print").splitlines() == [

@@ -65,6 +65,7 @@ def start_clock(tmp_path):
         process.stdout.close()
 
 
+# At speed 50, ten pauses of 0.9 s show 9 s on the clock within 5 real ones.
 def test_pauses_are_as_much_shorter_as_the_clock_is_faster(start_clock):
     pause = start_clock(50)
     began = pause(0)
@@ -75,6 +76,7 @@ def test_pauses_are_as_much_shorter_as_the_clock_is_faster(start_clock):
     assert time.monotonic() - real_began < 5
 
 
+# At speed 1000 a stall of 0.1 s shows as 2 s, not as 100.
 def test_a_stall_makes_the_clock_slower_and_not_jump(start_clock):
     pause = start_clock(1000)
     before = pause(0)
@@ -82,6 +84,7 @@ def test_a_stall_makes_the_clock_slower_and_not_jump(start_clock):
     assert 1.9 <= pause(0) - before <= 2.1
 
 
+# 8 MiB written are dirty, no addresses count as nothing, the stack without them.
 def test_written_memory_counts_where_its_addresses_are_the_programs_own():
     whole_before = memory_of(os.getpid(), everything).dirty
     block = mmap.mmap(-1, block_kb * 1024, flags=mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS)
@@ -96,6 +99,7 @@ def test_written_memory_counts_where_its_addresses_are_the_programs_own():
     block.close()
 
 
+# Twenty sleeps are at least 20 wake-ups, 50 ms of work at least 40 ms.
 def test_wake_ups_and_processor_time_are_counted():
     before = work_of(os.getpid())
     for _ in range(20):
@@ -108,6 +112,7 @@ def test_wake_ups_and_processor_time_are_counted():
     assert 0.04 <= after.cpu_seconds - before.cpu_seconds <= 1
 
 
+# Lines above and below the marks stay, what stands between them is replaced.
 def test_the_table_replaces_what_is_between_the_marks(tmp_path):
     file = tmp_path / "page.md"
     file.write_text(f"above\n{table.begin_mark}\nold\n{table.end_mark}\nbelow\n")
@@ -115,6 +120,7 @@ def test_the_table_replaces_what_is_between_the_marks(tmp_path):
     assert file.read_text() == f"above\n{table.begin_mark}\nnew\n{table.end_mark}\nbelow\n"
 
 
+# A page without the marks is an error and stays as it is.
 def test_a_page_without_marks_is_refused(tmp_path):
     file = tmp_path / "page.md"
     file.write_text("above\nbelow\n")
