@@ -63,6 +63,7 @@ async def page_and_daemon(service):
         yield page, daemon, update["daemons"][0]["id"]
 
 
+# Each of the four files: status 200, its type and length, "default-src 'none'", "nosniff".
 @pytest.mark.parametrize("path, content_type", PAGE_FILES)
 def test_serves_the_page_with_a_strict_policy(service, path, content_type):
     status, headers, body = get(service, path)
@@ -74,6 +75,7 @@ def test_serves_the_page_with_a_strict_policy(service, path, content_type):
     assert headers["x-content-type-options"] == "nosniff"
 
 
+# The four files come byte for byte as they lie in tools/roam-service/console.
 def test_the_page_is_what_lies_in_the_sources(service, pytestconfig):
     folder = pytestconfig.rootpath
     while not (folder / "tools").is_dir():
@@ -84,6 +86,7 @@ def test_the_page_is_what_lies_in_the_sources(service, pytestconfig):
         assert get(service, path)[2] == source.read_bytes()
 
 
+# Page, style and script hold no http:// or https:// address and no innerHTML.
 def test_the_page_loads_nothing_from_elsewhere(service):
     for path, _ in PAGE_FILES[:3]:
         text = get(service, path)[2].decode()
@@ -91,17 +94,20 @@ def test_the_page_loads_nothing_from_elsewhere(service):
         assert "https://" not in text and "innerHTML" not in text
 
 
+# HEAD gives 200 with the length and no body, POST gives 405.
 def test_head_and_other_methods(service):
     status, headers, body = get(service, "/", method="HEAD")
     assert status == 200 and int(headers["content-length"]) > 100 and body == b""
     assert get(service, "/", method="POST")[0] == 405
 
 
+# "/nothing", "/index.html", "/../style.css" and "/console.js" are 404.
 @pytest.mark.parametrize("path", ["/nothing", "/index.html", "/../style.css", "/console.js"])
 def test_an_unknown_path_is_404(service, path):
     assert get(service, path)[0] == 404
 
 
+# Without --console both "/" and the upgrade of "/console" are 404.
 def test_without_the_option_there_is_no_page_and_no_console():
     plain = Service("--port", "0")
     try:
@@ -112,6 +118,7 @@ def test_without_the_option_there_is_no_page_and_no_console():
         plain.stop()
 
 
+# Names, look-alikes, other addresses, empty and doubled Host headers are 403 for page and console.
 @pytest.mark.parametrize("host", ["example.com", "127.0.0.1.example.com", "localhost.example.com:80",
                                   "192.0.2.1", "", "127.0.0.1, example.com", "[::2]", "127.0.0.1:x"])
 def test_a_host_that_is_not_loopback_is_refused(service, host):
@@ -120,11 +127,13 @@ def test_a_host_that_is_not_loopback_is_refused(service, host):
     assert exchange(service.port, request_bytes("/console", headers))[0] == 403
 
 
+# localhost in any case, 127.0.0.2 and [::1], with any port, are 200.
 @pytest.mark.parametrize("host", ["localhost", "LOCALHOST:8080", "127.0.0.2:80", "[::1]:8080"])
 def test_a_loopback_host_is_served(service, host):
     assert get(service, "/", Host=host)[0] == 200
 
 
+# No Origin, "null" and every one but the console's own address is 403.
 @pytest.mark.parametrize("origin", [None, "null", "http://example.com", "http://127.0.0.1",
                                     "https://127.0.0.1:{port}", "http://localhost:{port}",
                                     "http://127.0.0.1:{port}.example.com"])
@@ -134,6 +143,7 @@ def test_a_page_of_another_origin_is_refused(service, origin):
     assert exchange(service.port, request_bytes("/console", headers))[0] == 403
 
 
+# The page is told addresses, pings with their age, bytes, frames and totals per second.
 def test_shows_daemons_pings_frames_and_totals(service):
     async def work():
         async with page_and_daemon(service) as (page, daemon, _):
@@ -154,6 +164,7 @@ def test_shows_daemons_pings_frames_and_totals(service):
     within_limit(work())
 
 
+# Of 100,000 bytes the page gets the size and the first 1024.
 def test_a_long_payload_is_shown_by_its_beginning(service):
     async def work():
         async with page_and_daemon(service) as (page, daemon, _):
@@ -165,6 +176,7 @@ def test_a_long_payload_is_shown_by_its_beginning(service):
     within_limit(work())
 
 
+# A text for one daemon reaches it alone, one for all reaches both, NUL and UTF-8 unchanged.
 def test_sends_to_one_or_all(service):
     async def work():
         async with page_and_daemon(service) as (page, first, number), service.connect() as second:
@@ -177,6 +189,7 @@ def test_sends_to_one_or_all(service):
     within_limit(work())
 
 
+# "no pongs" silences the daemon at hand and one that comes later.
 def test_switches_act_on_connected_daemons_and_on_new_ones(service):
     async def work():
         async with page_and_daemon(service) as (page, daemon, _):
@@ -195,6 +208,7 @@ def test_switches_act_on_connected_daemons_and_on_new_ones(service):
     within_limit(work())
 
 
+# A message sent while "stop reading" is on arrives once it is off.
 def test_reading_goes_on_where_it_stopped(service):
     async def work():
         async with page_and_daemon(service) as (page, daemon, _):
@@ -207,6 +221,7 @@ def test_reading_goes_on_where_it_stopped(service):
     within_limit(work())
 
 
+# Close gives the daemon its code 4321, reset an end without one (1006).
 def test_closes_with_a_code_and_resets(service):
     async def work():
         async with page_and_daemon(service) as (page, daemon, number):
@@ -222,6 +237,7 @@ def test_closes_with_a_code_and_resets(service):
     within_limit(work())
 
 
+# Away: close 1001 and refused connections, the rest of the 60 s told, until "return".
 def test_goes_away_and_comes_back_while_the_page_stays(service):
     async def work():
         async with page_and_daemon(service) as (page, daemon, _):
@@ -238,6 +254,7 @@ def test_goes_away_and_comes_back_while_the_page_stays(service):
     within_limit(work())
 
 
+# No JSON, wrong types and values out of range: "ok" false with a text, switches as before.
 @pytest.mark.parametrize("text", [
     "", "no json", "[]", "{}", '{"cmd": 3}', '{"cmd": "nonsense"}', '{"cmd": "send", "to": null}',
     '{"cmd": "send", "to": "1", "text": "x"}', '{"cmd": "send", "to": 99, "text": "x"}',

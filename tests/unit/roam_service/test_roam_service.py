@@ -32,6 +32,7 @@ def echo_service(server_options):
     running.stop()
 
 
+# Control bytes come out as \n, \r, \t or \xNN; an empty message is an empty line.
 def test_prints_a_message_as_one_line_and_leaves_high_bytes_and_backslashes(service):
     async def work():
         async with service.connect() as client:
@@ -43,6 +44,7 @@ def test_prints_a_message_as_one_line_and_leaves_high_bytes_and_backslashes(serv
     within_limit(work())
 
 
+# Three fragments and an empty last one are one line, and the next message another.
 def test_joins_fragments_with_an_empty_last_one(service):
     async def work():
         async with service.connect() as client:
@@ -53,6 +55,7 @@ def test_joins_fragments_with_an_empty_last_one(service):
     within_limit(work())
 
 
+# Two clients get "one", "" and "two\r" in this order.
 def test_sends_each_input_line_to_every_client_in_order(service):
     async def work():
         async with service.connect() as first, service.connect() as second:
@@ -63,6 +66,7 @@ def test_sends_each_input_line_to_every_client_in_order(service):
     within_limit(work())
 
 
+# The end of standard input sends "last" and leaves the service running.
 def test_the_last_input_line_needs_no_line_end_and_serving_goes_on(service):
     async def work():
         async with service.connect() as client:
@@ -75,11 +79,13 @@ def test_the_last_input_line_needs_no_line_end_and_serving_goes_on(service):
     within_limit(work())
 
 
+# A line typed while no daemon is connected brings a note with "went nowhere".
 def test_notes_a_line_that_went_nowhere(service):
     service.type(b"anybody?\n")
     service.wait_for_note("went nowhere")
 
 
+# Notes say "daemon connected" and "daemon gone".
 def test_notes_that_a_daemon_is_gone(service):
     async def work():
         async with service.connect():
@@ -88,6 +94,7 @@ def test_notes_that_a_daemon_is_gone(service):
     within_limit(work())
 
 
+# NUL, high bytes, nothing at all and 70,000 bytes come back as text or binary as they came.
 def test_echo_sends_text_and_binary_back_as_they_came(echo_service):
     async def work():
         async with echo_service.connect() as client:
@@ -98,6 +105,7 @@ def test_echo_sends_text_and_binary_back_as_they_came(echo_service):
     within_limit(work())
 
 
+# The first thing that a client gets is the line typed after its message.
 def test_without_echo_nothing_comes_back(service):
     async def work():
         async with service.connect() as client:
@@ -108,6 +116,7 @@ def test_without_echo_nothing_comes_back(service):
     within_limit(work())
 
 
+# 64 MiB are printed as one line and echoed unchanged.
 def test_passes_64_mib_both_ways(echo_service):
     async def work():
         message = "0123456789abcdef" * (4 * MIB)
@@ -118,6 +127,7 @@ def test_passes_64_mib_both_ways(echo_service):
     within_limit(work())
 
 
+# A ping with a payload gets its pong.
 def test_answers_pings(service):
     async def work():
         async with service.connect() as client:
@@ -125,6 +135,7 @@ def test_answers_pings(service):
     within_limit(work())
 
 
+# "/", "/roam/", "/roaming" and "/Roam" are refused with 404.
 @pytest.mark.parametrize("path", ["/", "/roam/", "/roaming", "/Roam"])
 def test_refuses_another_path(service, path):
     async def work():
@@ -135,6 +146,7 @@ def test_refuses_another_path(service, path):
     within_limit(work())
 
 
+# None, another one and a longer one are refused with 400.
 @pytest.mark.parametrize("offered", [None, ["other"], ["websock-roaming2"]])
 def test_refuses_another_subprotocol(service, offered):
     async def work():
@@ -145,6 +157,7 @@ def test_refuses_another_subprotocol(service, offered):
     within_limit(work())
 
 
+# Of "other" and "websock-roaming" the second is chosen.
 def test_picks_its_subprotocol_from_a_list(service):
     async def work():
         async with service.connect(subprotocols=["other", "websock-roaming"]) as client:
@@ -152,6 +165,7 @@ def test_picks_its_subprotocol_from_a_list(service):
     within_limit(work())
 
 
+# With --path /elsewhere that path is served and printed, and /roam refused.
 def test_serves_the_path_that_is_asked_for():
     running = Service("--port", "0", "--path", "/elsewhere")
     try:
@@ -168,6 +182,7 @@ def test_serves_the_path_that_is_asked_for():
         running.stop()
 
 
+# http_proxy and socks_proxy in the environment change nothing.
 def test_proxy_variables_do_not_matter():
     running = Service("--port", "0", env={**os.environ, "http_proxy": "http://192.0.2.1:9",
                                           "socks_proxy": "192.0.2.1:9"})
@@ -182,6 +197,7 @@ def test_proxy_variables_do_not_matter():
         assert running.stop() == 0
 
 
+# SIGTERM and SIGINT close with code 1001.
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
 def test_a_signal_closes_the_connections_and_ends_with_status_0(number):
     running = Service("--port", "0")
@@ -199,6 +215,7 @@ def test_a_signal_closes_the_connections_and_ends_with_status_0(number):
         running.stop()
 
 
+# By 352 MiB it is noted "does not read" and dropped; another client gets every line.
 def test_a_daemon_that_stops_reading_is_dropped_and_the_others_are_served(service):
     async def work():
         idle = socket.create_connection(("127.0.0.1", service.port))
@@ -222,6 +239,7 @@ def test_a_daemon_that_stops_reading_is_dropped_and_the_others_are_served(servic
     within_limit(work())
 
 
+# "cannot listen on 127.0.0.1:PORT", the advice "--port 0" and status 1.
 def test_a_port_in_use_is_a_clear_error(service):
     result = run_to_its_end("--port", str(service.port))
     assert result.returncode == 1
@@ -230,6 +248,7 @@ def test_a_port_in_use_is_a_clear_error(service):
     assert "--port 0" in result.stderr
 
 
+# "cannot listen on 192.0.2.7:0", the option --bind and status 1.
 def test_a_foreign_address_is_a_clear_error():
     result = run_to_its_end("--port", "0", "--bind", "192.0.2.7")
     assert result.returncode == 1
@@ -237,6 +256,7 @@ def test_a_foreign_address_is_a_clear_error():
     assert "--bind" in result.stderr
 
 
+# A name for --bind, a path without "/", port 65536 and an unknown option are named.
 @pytest.mark.parametrize("options, advice", [
     (["--bind", "localhost"], "127.0.0.1"), (["--path", "roam"], "/roam"),
     (["--port", "65536"], "65535"), (["--nonsense"], "--nonsense")])
@@ -246,6 +266,7 @@ def test_wrong_usage_says_what_to_do(options, advice):
     assert advice in result.stderr
 
 
+# --port, --bind, --path and --echo; status 0.
 def test_help_names_every_option():
     result = run_to_its_end("--help")
     assert result.returncode == 0
@@ -253,6 +274,7 @@ def test_help_names_every_option():
         assert option in result.stdout
 
 
+# "cannot write to standard output" and status 1.
 def test_output_that_nobody_reads_ends_the_service():
     running = Service("--port", "0")
 

@@ -31,6 +31,7 @@ def assert_silent(client):
         client.link.recv(1)
 
 
+# A message behind an unanswered ping is echoed.
 def test_no_pongs_reads_pings_and_messages_but_answers_no_ping(start):
     service = start("--no-pongs", "--echo")
 
@@ -43,6 +44,7 @@ def test_no_pongs_reads_pings_and_messages_but_answers_no_ping(start):
     within_limit(work())
 
 
+# No echo and no pong for 0.4 s, but a line typed arrives.
 def test_stop_reading_takes_nothing_but_still_sends(start):
     service = start("--stop-reading", "--echo")
     with RawClient(service.port) as client:
@@ -55,6 +57,7 @@ def test_stop_reading_takes_nothing_but_still_sends(start):
         assert client.frame() == (True, OP_TEXT, b"sent all the same")
 
 
+# 9 bytes in 3, 4 and 12 frames of nearly equal size, the last ones empty, the last one final.
 @pytest.mark.parametrize("count, pieces", [
     (3, [b"hel", b"lo ", b"you"]), (4, [b"hel", b"lo", b" y", b"ou"]),
     (12, [b"h", b"e", b"l", b"l", b"o", b" ", b"y", b"o", b"u", b"", b"", b""])])
@@ -68,6 +71,7 @@ def test_fragments_sends_a_message_in_so_many_frames(start, count, pieces):
             assert client.frame() == (index == count - 1, kind, piece)
 
 
+# With --fragments 3 a pong is one frame.
 def test_fragments_leave_control_frames_whole(start):
     service = start("--fragments", "3")
     with RawClient(service.port) as client:
@@ -75,6 +79,7 @@ def test_fragments_leave_control_frames_whole(start):
         assert client.frame() == (True, OP_PONG, b"mark")
 
 
+# With --delay 300 an echo comes after 0.3 s and the pong behind it.
 def test_delay_holds_messages_and_pongs_back_in_order(start):
     service = start("--delay", "300", "--echo")
     with RawClient(service.port) as client:
@@ -87,6 +92,7 @@ def test_delay_holds_messages_and_pongs_back_in_order(start):
         assert time.monotonic() - begin < 5
 
 
+# Codes 1000, 1011 and 4999, on two connections one after the other.
 @pytest.mark.parametrize("code", [1000, 1011, 4999])
 def test_close_with_closes_every_connection_with_the_code(start, code):
     service = start("--close-with", str(code), "--after", "0")
@@ -100,6 +106,7 @@ def test_close_with_closes_every_connection_with_the_code(start, code):
     within_limit(work())
 
 
+# With --after 1 the close comes 1 s after the connection.
 def test_an_incident_waits_for_the_time_after_connecting(start):
     service = start("--close-with", "1000", "--after", "1")
     with RawClient(service.port) as client:
@@ -108,6 +115,7 @@ def test_an_incident_waits_for_the_time_after_connecting(start):
         assert 0.9 < time.monotonic() - begin < 5
 
 
+# The connection ends behind the unanswered close frame.
 def test_close_with_ends_the_connection_of_a_daemon_that_does_not_answer_the_close(start):
     service = start("--close-with", "1000", "--after", "0")
     with RawClient(service.port) as client:
@@ -115,6 +123,7 @@ def test_close_with_ends_the_connection_of_a_daemon_that_does_not_answer_the_clo
         assert client.frame() is None
 
 
+# The client sees a reset and no frame.
 def test_reset_ends_the_connection_without_a_close_frame(start):
     service = start("--reset", "--after", "0")
     with RawClient(service.port) as client:
@@ -122,6 +131,7 @@ def test_reset_ends_the_connection_without_a_close_frame(start):
             client.frame()
 
 
+# Close 1001, about 1 s of refused connections, "back on", then the same port.
 def test_away_closes_refuses_and_comes_back_on_the_same_port(start):
     service = start("--away", "1", "--after", "0")
     with RawClient(service.port) as client:
@@ -135,6 +145,7 @@ def test_away_closes_refuses_and_comes_back_on_the_same_port(start):
         assert client.head.startswith(b"HTTP/1.1 101")
 
 
+# Unmasked, unknown opcode, lone continuation and fragmented ping get close 1002 and the end.
 # A plain service leaves the protocol to the library; these are for the one that speaks it itself.
 @pytest.mark.parametrize("frame", [
     {"opcode": OP_TEXT, "payload": b"x", "masked": False}, {"opcode": 3}, {"opcode": OP_CONTINUATION},
@@ -148,6 +159,7 @@ def test_a_daemon_that_breaks_the_protocol_is_dropped_with_1002(start, frame):
     service.wait_for_note("broke the WebSocket protocol")
 
 
+# A ping between two fragments gets its pong, and the message is whole.
 def test_a_control_frame_between_fragments_does_not_disturb_the_message(start):
     service = start("--console")
     with RawClient(service.port) as client:
@@ -158,6 +170,7 @@ def test_a_control_frame_between_fragments_does_not_disturb_the_message(start):
         assert asyncio.run(service.next_line()) == b"one two\n"
 
 
+# Each value out of range is answered with the limit or option that matters.
 @pytest.mark.parametrize("options, advice", [
     (["--fragments", "0"], "1"), (["--delay", "-1"], "600000"), (["--close-with", "999"], "4999"),
     (["--away", "0"], "86400"), (["--reset", "--away", "3"], "--away"),
@@ -169,6 +182,7 @@ def test_wrong_switches_say_what_to_do(options, advice):
     assert advice in result.stderr
 
 
+# All nine switches from --console to --after.
 def test_help_names_every_switch():
     text = run_to_its_end("--help").stdout
     for option in ("--console", "--no-pongs", "--stop-reading", "--fragments", "--delay",
