@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <functional>
 #include <memory>
 #include <pthread.h>
@@ -142,6 +143,7 @@ protected:
 
 } // namespace
 
+// started and running are false, the thread is empty and no operation has been called.
 TEST_F(AbstractWorkerTest, NewWorkerHasNoThreadAndHasDoneNothing) {
   EXPECT_FALSE(worker->was_started());
   EXPECT_FALSE(worker->is_running());
@@ -149,11 +151,13 @@ TEST_F(AbstractWorkerTest, NewWorkerHasNoThreadAndHasDoneNothing) {
   EXPECT_THAT(worker->events, IsEmpty());
 }
 
+// The step pause is 100000 us and the restart pause 300000 us.
 TEST_F(AbstractWorkerTest, UsualPausesAreATenthAndThreeTenthsOfASecond) {
   EXPECT_EQ(100000, abstract_worker::usual_step_pause_us);
   EXPECT_EQ(300000, abstract_worker::usual_restart_pause_us);
 }
 
+// The constructor reads the clock once and gives "timers" the mask of g_log_level.
 TEST_F(AbstractWorkerTest, ConstructionMakesATimerServiceOfTheConfiguredLevel) {
   fake_libc::reset();
   g_log_level = 0x08;
@@ -162,11 +166,13 @@ TEST_F(AbstractWorkerTest, ConstructionMakesATimerServiceOfTheConfiguredLevel) {
   fake_libc::script_readings({999, 1000});
   worker->service().run_expired();
   g_log_level = 0;
-  EXPECT_THAT(
-      fake_log::messages("timers"),
-      ElementsAre("time_monotonic: Time error, need restart, expired [999] [1000] cnt 0\n"));
+  EXPECT_THAT(fake_log::lines(),
+              ElementsAre("|" + std::to_string(getpid()) +
+                          "|timers> time_monotonic: Time error, need restart, expired [999] "
+                          "[1000] cnt 0\n"));
 }
 
+// A pending timer's callback is destroyed with the worker.
 TEST_F(AbstractWorkerTest, DestructionReleasesPendingTimers) {
   const auto token = std::make_shared<int>();
   worker->service().add_timer([token] {}, 0, 60);
@@ -174,6 +180,7 @@ TEST_F(AbstractWorkerTest, DestructionReleasesPendingTimers) {
   EXPECT_EQ(1, token.use_count());
 }
 
+// init false: deinit, 300000 us, init again, three rounds long; keep_running is never asked.
 TEST_F(AbstractWorkerTest, FailingInitTearsDownAndPausesBeforeTheNextTry) {
   worker->on_init = [] { return false; };
   EXPECT_THAT(events_of(3), ElementsAre("init", "deinit", "sleep 300000", "init", "deinit",
@@ -181,6 +188,7 @@ TEST_F(AbstractWorkerTest, FailingInitTearsDownAndPausesBeforeTheNextTry) {
   EXPECT_THAT(worker->flags, IsEmpty());
 }
 
+// init, one keep_running, deinit, 300000 us, and all again; run_once is never called.
 TEST_F(AbstractWorkerTest, FalseRunFlagGivesACycleWithoutSteps) {
   run_flag = false;
   EXPECT_THAT(events_of(2), ElementsAre("init", "deinit while running", "sleep 300000", "init",
@@ -188,18 +196,21 @@ TEST_F(AbstractWorkerTest, FalseRunFlagGivesACycleWithoutSteps) {
   EXPECT_THAT(worker->flags, ElementsAre(&run_flag, &run_flag));
 }
 
+// Three steps that return false have no sleep between or after them.
 TEST_F(AbstractWorkerTest, StepsThatReturnFalseRunBackToBack) {
   worker->on_run_once = steps(3, false);
   EXPECT_THAT(events_of(1),
               ElementsAre("init", "run_once", "run_once", "run_once", "deinit", "sleep 300000"));
 }
 
+// After each step that returns true comes a sleep of 100000 us, after the last one too.
 TEST_F(AbstractWorkerTest, StepsThatReturnTrueAreFollowedByTheStepPause) {
   worker->on_run_once = steps(2, true);
   EXPECT_THAT(events_of(1), ElementsAre("init", "run_once", "sleep 100000", "run_once",
                                         "sleep 100000", "deinit", "sleep 300000"));
 }
 
+// Of the results false, true, false only the second step is followed by the pause.
 TEST_F(AbstractWorkerTest, EveryStepDecidesAboutItsOwnPause) {
   worker->on_run_once = [this, count = 0]() mutable {
     ++count;
@@ -211,12 +222,14 @@ TEST_F(AbstractWorkerTest, EveryStepDecidesAboutItsOwnPause) {
                                         "deinit", "sleep 300000"));
 }
 
+// With a step pause of 1 a step that returns true is followed by a sleep of 1 us.
 TEST_F(AbstractWorkerTest, StepPauseOfOneMicrosecondIsAPause) {
   make_worker(1);
   worker->on_run_once = steps(1, true);
   EXPECT_THAT(events_of(1), ElementsAre("init", "run_once", "sleep 1", "deinit", "sleep 300000"));
 }
 
+// With 0, -1 and -2147483648 steps that return true run back-to-back.
 TEST_F(AbstractWorkerTest, StepPauseOfZeroOrLessIsNone) {
   for (const std::int32_t pause : {0, -1, -2147483647 - 1}) {
     make_worker(pause);
@@ -226,6 +239,7 @@ TEST_F(AbstractWorkerTest, StepPauseOfZeroOrLessIsNone) {
   }
 }
 
+// Two steps take three questions with &run_flag; at the false one deinit follows.
 TEST_F(AbstractWorkerTest, KeepRunningIsAskedWithTheRunFlagBeforeEveryStep) {
   int asked = 0;
   worker->on_keep_running = [&](const bool *) {
@@ -238,6 +252,7 @@ TEST_F(AbstractWorkerTest, KeepRunningIsAskedWithTheRunFlagBeforeEveryStep) {
   EXPECT_THAT(worker->flags, ElementsAre(&run_flag, &run_flag, &run_flag));
 }
 
+// A null run flag is handed on to keep_running and not read by the base.
 TEST_F(AbstractWorkerTest, RunFlagMayBeNullWhereKeepRunningIgnoresIt) {
   worker = std::make_unique<recording_worker>(nullptr, "recording", 0, restart_pause);
   worker->on_keep_running = [](const bool *) { return false; };
@@ -245,6 +260,7 @@ TEST_F(AbstractWorkerTest, RunFlagMayBeNullWhereKeepRunningIgnoresIt) {
   EXPECT_THAT(worker->flags, ElementsAre(nullptr));
 }
 
+// The step that clears it still gets its pause, then deinit follows with running set.
 TEST_F(AbstractWorkerTest, ClearedRunFlagEndsTheStepsAfterTheCurrentOne) {
   worker->on_run_once = [this] {
     run_flag = false;
@@ -254,6 +270,7 @@ TEST_F(AbstractWorkerTest, ClearedRunFlagEndsTheStepsAfterTheCurrentOne) {
                                         "sleep 300000"));
 }
 
+// After it come deinit, 300000 us and init, and keep_running is asked once a round.
 TEST_F(AbstractWorkerTest, StepThatClearsRunningForcesARestartWithoutAnotherQuestion) {
   worker->on_run_once = steps(1, false);
   EXPECT_THAT(events_of(2), ElementsAre("init", "run_once", "deinit", "sleep 300000", "init",
@@ -261,6 +278,7 @@ TEST_F(AbstractWorkerTest, StepThatClearsRunningForcesARestartWithoutAnotherQues
   EXPECT_EQ(2u, worker->flags.size());
 }
 
+// It is true in the step, in deinit and in the pause, and false in the next init.
 TEST_F(AbstractWorkerTest, RunningIsTheResultOfInitAndIsClearedAfterTheRestartPause) {
   bool running_in_step = false;
   worker->on_run_once = [&] {
@@ -274,6 +292,7 @@ TEST_F(AbstractWorkerTest, RunningIsTheResultOfInitAndIsClearedAfterTheRestartPa
   EXPECT_TRUE(worker->is_running());
 }
 
+// init false, deinit, 300000 us, then init true and the first step.
 TEST_F(AbstractWorkerTest, InitIsTriedAnewUntilItSucceeds) {
   worker->on_init = [count = 0]() mutable { return ++count == 2; };
   worker->on_run_once = steps(1, false);
@@ -281,6 +300,7 @@ TEST_F(AbstractWorkerTest, InitIsTriedAnewUntilItSucceeds) {
                                         "deinit", "sleep 300000"));
 }
 
+// init, keep_running, run_once and deinit all run on one thread that is not the starter's.
 TEST_F(AbstractWorkerTest, OperationsRunOnTheWorkersOwnThread) {
   std::vector<pthread_t> threads;
   const auto note = [&] { threads.push_back(pthread_self()); };
@@ -306,6 +326,7 @@ TEST_F(AbstractWorkerTest, OperationsRunOnTheWorkersOwnThread) {
   }
 }
 
+// "ipc" and "websock-roaming" are kept, "websock-roaming-2" becomes "websock-roaming".
 TEST_F(AbstractWorkerTest, ThreadCarriesTheWorkersNameCutTo15Characters) {
   const std::pair<std::string, std::string> names[] = {
       {"ipc", "ipc"},
@@ -325,6 +346,7 @@ TEST_F(AbstractWorkerTest, ThreadCarriesTheWorkersNameCutTo15Characters) {
   }
 }
 
+// After join deinit has run, started is true and the thread is no longer joinable.
 TEST_F(AbstractWorkerTest, StartSetsStartedAndJoinWaitsForTheThread) {
   bool ended = false;
   worker->on_init = [] { return false; };
@@ -335,12 +357,14 @@ TEST_F(AbstractWorkerTest, StartSetsStartedAndJoinWaitsForTheThread) {
   EXPECT_FALSE(worker->has_thread());
 }
 
+// Two joins without a start return and call no operation.
 TEST_F(AbstractWorkerTest, JoinOfAWorkerThatWasNeverStartedReturnsAtOnce) {
   worker->join();
   worker->join();
   EXPECT_THAT(worker->events, IsEmpty());
 }
 
+// "Unhandled exception at worker 'recording'\n", status 255, and deinit is not called.
 TEST_F(AbstractWorkerDeathTest, ExceptionOfAStepEndsTheProcessWithAMessageAndNoTearDown) {
   worker->on_run_once = []() -> bool { throw std::runtime_error("step"); };
   tell_deinit();
@@ -349,6 +373,7 @@ TEST_F(AbstractWorkerDeathTest, ExceptionOfAStepEndsTheProcessWithAMessageAndNoT
                     Not(HasSubstr("deinit called"))));
 }
 
+// A thrown 42 ends the process like an exception object: message, status 255, no deinit.
 TEST_F(AbstractWorkerDeathTest, AnyThrownTypeIsCaughtInAStep) {
   worker->on_run_once = []() -> bool { throw 42; };
   tell_deinit();
@@ -357,6 +382,7 @@ TEST_F(AbstractWorkerDeathTest, AnyThrownTypeIsCaughtInAStep) {
                     Not(HasSubstr("deinit called"))));
 }
 
+// One thrown by the pause after a step gives the message, status 255 and no deinit.
 TEST_F(AbstractWorkerDeathTest, ExceptionOfTheStepPauseCountsAsTheSteps) {
   worker->on_run_once = [] { return true; };
   tell_deinit();
@@ -366,6 +392,22 @@ TEST_F(AbstractWorkerDeathTest, ExceptionOfTheStepPauseCountsAsTheSteps) {
                     Not(HasSubstr("deinit called"))));
 }
 
+// Standard output has "Unhandled exception at worker 'recording'\n" and nothing else.
+TEST_F(AbstractWorkerDeathTest, MessageIsAllThatStandardOutputGets) {
+  worker->on_run_once = []() -> bool { throw std::runtime_error("step"); };
+  EXPECT_EXIT(
+      {
+        const int matched = dup(STDERR_FILENO);
+        dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
+        dup2(matched, STDOUT_FILENO);
+        fake_libc::let_exit_end_the_process();
+        worker->start();
+        worker->join();
+      },
+      testing::ExitedWithCode(255), testing::StrEq("Unhandled exception at worker 'recording'\n"));
+}
+
+// With g_log_level 0xFFFF the step's exception leaves no line in the log.
 TEST_F(AbstractWorkerDeathTest, MessageDoesNotGoThroughTheLog) {
   worker->on_run_once = []() -> bool { throw std::runtime_error("step"); };
   g_log_level = 0xFFFF;
@@ -381,28 +423,33 @@ TEST_F(AbstractWorkerDeathTest, MessageDoesNotGoThroughTheLog) {
   g_log_level = 0;
 }
 
+// It ends the process by SIGABRT, with nothing said about an unhandled exception.
 TEST_F(AbstractWorkerDeathTest, ExceptionOfInitTerminatesWithoutTheMessage) {
   worker->on_init = []() -> bool { throw std::runtime_error("init"); };
   EXPECT_EXIT(run_in_child(), testing::KilledBySignal(SIGABRT), Not(HasSubstr("Unhandled")));
 }
 
+// It ends the process by SIGABRT although it is asked between steps that are guarded.
 TEST_F(AbstractWorkerDeathTest, ExceptionOfKeepRunningTerminatesWithoutTheMessage) {
   worker->on_keep_running = [](const bool *) -> bool { throw std::runtime_error("keep_running"); };
   EXPECT_EXIT(run_in_child(), testing::KilledBySignal(SIGABRT), Not(HasSubstr("Unhandled")));
 }
 
+// It ends the process by SIGABRT, after an init that returned false.
 TEST_F(AbstractWorkerDeathTest, ExceptionOfDeinitTerminatesWithoutTheMessage) {
   worker->on_init = [] { return false; };
   worker->on_deinit = [] { throw std::runtime_error("deinit"); };
   EXPECT_EXIT(run_in_child(), testing::KilledBySignal(SIGABRT), Not(HasSubstr("Unhandled")));
 }
 
+// One thrown by the sleep of 300000 us ends the process by SIGABRT.
 TEST_F(AbstractWorkerDeathTest, ExceptionOfTheRestartPauseTerminatesWithoutTheMessage) {
   worker->on_init = [] { return false; };
   fake_libc::on_sleep([](std::int64_t) { throw std::runtime_error("pause"); });
   EXPECT_EXIT(run_in_child(), testing::KilledBySignal(SIGABRT), Not(HasSubstr("Unhandled")));
 }
 
+// Destroying it while its thread waits ends the process by SIGABRT.
 TEST_F(AbstractWorkerDeathTest, DestructionOfAStartedUnjoinedWorkerTerminates) {
   worker->on_init = [] {
     pause();
@@ -416,6 +463,7 @@ TEST_F(AbstractWorkerDeathTest, DestructionOfAStartedUnjoinedWorkerTerminates) {
       testing::KilledBySignal(SIGABRT), "");
 }
 
+// A start over a thread that is still joinable ends the process by SIGABRT.
 TEST_F(AbstractWorkerDeathTest, SecondStartTerminates) {
   worker->on_init = [] {
     pause();

@@ -19,6 +19,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
+using testing::StartsWith;
 
 const std::string heading = "Buffer info dump:\n";
 const std::string skip_notice = "\t....part of message are skipped...\n";
@@ -82,15 +83,17 @@ protected:
     g_log_level = 0;
   }
 
+  static std::string prefix() { return "|" + std::to_string(getpid()) + "|buffer-info> "; }
+
   /// What the log shows of these bytes: one debug line's message.
   static std::string dumped(const std::string &bytes) {
     fake_log::clear();
     buffer_info_t buffer;
     buffer.append(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
     buffer.dump();
-    const std::vector<std::string> messages = fake_log::messages("buffer-info");
-    EXPECT_THAT(messages, SizeIs(1));
-    return messages.empty() ? "" : messages.front();
+    const std::vector<std::string> lines = fake_log::lines();
+    EXPECT_THAT(lines, ElementsAre(StartsWith(prefix())));
+    return lines.empty() ? "" : lines.front().substr(prefix().size());
   }
 
   /// The character column of a message shorter than a line.
@@ -105,18 +108,20 @@ protected:
 
 } // namespace
 
+// Never filled and filled with 0 bytes: "|PID|buffer-info> Buffer info dump:\n" and no more.
 TEST_F(BufferDumpTest, EmptyBufferIsTheHeadingAlone) {
   const buffer_info_t never_filled;
   never_filled.dump();
-  EXPECT_THAT(fake_log::lines(),
-              ElementsAre("|" + std::to_string(getpid()) + "|buffer-info> Buffer info dump:\n"));
+  EXPECT_THAT(fake_log::lines(), ElementsAre(prefix() + "Buffer info dump:\n"));
   EXPECT_EQ("Buffer info dump:\n", dumped(""));
 }
 
+// "\t41 ", 93 blanks, four blanks, "A\n" below the heading.
 TEST_F(BufferDumpTest, OneByteIsPaddedToTheCharacterColumn) {
   EXPECT_EQ("Buffer info dump:\n\t41 " + std::string(93, ' ') + "    A\n", dumped("A"));
 }
 
+// 31 columns, three blanks for the missing one, four blanks, the 31 characters.
 TEST_F(BufferDumpTest, ThirtyOneBytesArePaddedByOneColumn) {
   const std::string bytes(31, 'z');
   std::string columns;
@@ -125,6 +130,7 @@ TEST_F(BufferDumpTest, ThirtyOneBytesArePaddedByOneColumn) {
   EXPECT_EQ("Buffer info dump:\n\t" + columns + "   " + "    " + bytes + "\n", dumped(bytes));
 }
 
+// 32 columns "%02X ", four blanks, the 32 characters, and no line for a remainder.
 TEST_F(BufferDumpTest, ThirtyTwoBytesAreOneFullLine) {
   EXPECT_EQ("Buffer info dump:\n"
             "\t30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66 30 31 32 33 34 35 36 37 38 39 61 62 "
@@ -132,6 +138,7 @@ TEST_F(BufferDumpTest, ThirtyTwoBytesAreOneFullLine) {
             dumped("0123456789abcdef0123456789abcdef"));
 }
 
+// The second line is "\t21 ", 93 blanks, four blanks and "!\n".
 TEST_F(BufferDumpTest, ThirtyThreeBytesAddAPaddedLine) {
   EXPECT_EQ("Buffer info dump:\n"
             "\t30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66 30 31 32 33 34 35 36 37 38 39 61 62 "
@@ -141,34 +148,40 @@ TEST_F(BufferDumpTest, ThirtyThreeBytesAddAPaddedLine) {
             dumped("0123456789abcdef0123456789abcdef!"));
 }
 
+// 12,800 bytes, and four more, show lines 0 to 399, the four as a remainder line.
 TEST_F(BufferDumpTest, FourHundredLinesAreListedInFull) {
   EXPECT_EQ(heading + numbered_listing(0, 399), dumped(numbered_lines(400)));
   EXPECT_EQ(heading + numbered_listing(0, 399) + last_line("rest"),
             dumped(numbered_lines(400) + "rest"));
 }
 
+// Lines 0 to 49, "\t....part of message are skipped...\n", lines 352 to 400.
 TEST_F(BufferDumpTest, FourHundredAndOneLinesSkipTheMiddle) {
   EXPECT_EQ(heading + numbered_listing(0, 49) + skip_notice + numbered_listing(352, 400),
             dumped(numbered_lines(401)));
 }
 
+// With 8 bytes beyond 401 lines the remainder line stands behind line 400.
 TEST_F(BufferDumpTest, RemainderFollowsTheLastLinesOfALongMessage) {
   EXPECT_EQ(heading + numbered_listing(0, 49) + skip_notice + numbered_listing(352, 400) +
                 last_line("the rest"),
             dumped(numbered_lines(401) + "the rest"));
 }
 
+// Of 32,768 lines it shows 0 to 49, the notice and 32719 to 32767.
 TEST_F(BufferDumpTest, VeryLongMessageStillShowsItsEnds) {
   EXPECT_EQ(heading + numbered_listing(0, 49) + skip_notice + numbered_listing(32719, 32767),
             dumped(numbered_lines(32768)));
 }
 
+// C3 80 FF 7F print as "FFFFFFC3 FFFFFF80 FFFFFFFF 7F ", each with its own blank.
 TEST_F(BufferDumpTest, HighBytesTakeNineColumnsAndShiftTheCharacters) {
   EXPECT_EQ("Buffer info dump:\n\tFFFFFFC3 FFFFFF80 FFFFFFFF 7F " + std::string(28 * 3, ' ') +
                 "    \xC3\x80\xFF\x7F\n",
             dumped("\xC3\x80\xFF\x7F"));
 }
 
+// 1 to 12,831 bytes 0xFF are listed whole, in eight digits each.
 // Nine columns a byte exceed what three columns a byte would leave room for.
 TEST_F(BufferDumpTest, MessageOfHighBytesStaysInItsBlock) {
   for (const std::size_t size : {1u, 31u, 32u, 33u, 400u * 32u, 400u * 32u + 31u}) {
@@ -177,6 +190,7 @@ TEST_F(BufferDumpTest, MessageOfHighBytesStaysInItsBlock) {
   }
 }
 
+// Every byte from 1 to 255 but "%" comes out as it is in the character column.
 TEST_F(BufferDumpTest, ControlAndHighBytesAreShownUnfiltered) {
   std::string bytes;
   for (int byte = 1; byte < 256; ++byte) {
@@ -186,11 +200,13 @@ TEST_F(BufferDumpTest, ControlAndHighBytesAreShownUnfiltered) {
   EXPECT_EQ(plain_listing(bytes), dumped(bytes));
 }
 
+// Of "ab\0cd" the hex part has all five bytes, and the text ends behind "ab".
 TEST_F(BufferDumpTest, NulByteEndsTheEmittedText) {
   const std::string bytes("ab\0cd", 5);
   EXPECT_EQ(heading + "\t61 62 00 63 64 " + std::string(27 * 3, ' ') + "    ab", dumped(bytes));
 }
 
+// A NUL in the second of four lines ends the text there, without a line end.
 TEST_F(BufferDumpTest, NulByteInAnEarlierLineHidesTheLaterLines) {
   std::string bytes(100, 'x');
   bytes[40] = '\0';
@@ -199,6 +215,7 @@ TEST_F(BufferDumpTest, NulByteInAnEarlierLineHidesTheLaterLines) {
             dumped(bytes));
 }
 
+// "%n", "%s", "%1$n", "%*d" and a lone "%" come out as they are.
 TEST_F(BufferDumpTest, PercentSignsNeverActAsConversions) {
   for (const std::string text :
        {"%n", "%s", "%d", "%s%s%s%s%s%s%n", "a%nb", "%1$n", "%hhn", "%*d", "%.999999999d", "%c%",
@@ -206,6 +223,7 @@ TEST_F(BufferDumpTest, PercentSignsNeverActAsConversions) {
     EXPECT_EQ(text + "\n", characters(text)) << text;
 }
 
+// "%%" shows as "%", "%%%" as "%%", "%%n" as "%n", as a printf format has it.
 TEST_F(BufferDumpTest, PairOfPercentSignsComesOutAsOne) {
   const struct {
     const char *bytes;
@@ -217,18 +235,21 @@ TEST_F(BufferDumpTest, PairOfPercentSignsComesOutAsOne) {
     EXPECT_EQ(pair.shown, characters(pair.bytes)) << pair.bytes;
 }
 
+// A "%" as the 32nd byte comes out, also with an "n" as the first byte of the next line.
 TEST_F(BufferDumpTest, PercentSignAtTheEndOfALineStandsForItself) {
   const std::string line = std::string(31, 'x') + "%";
   EXPECT_EQ(heading + full_line(line), dumped(line));
   EXPECT_EQ(heading + full_line(line) + last_line("n"), dumped(line + "n"));
 }
 
+// A "%" as the 32nd byte and one as the 33rd both come out.
 // The line end stands between them in the listing, so they are no pair there.
 TEST_F(BufferDumpTest, PercentSignsOnBothSidesOfALineEndAreNoPair) {
   const std::string line = std::string(31, 'x') + "%";
   EXPECT_EQ(heading + full_line(line) + last_line("%n"), dumped(line + "%n"));
 }
 
+// "a%\0n" shows "a%", and "%%\0" shows "%".
 TEST_F(BufferDumpTest, PercentSignBeforeANulStandsForItself) {
   const std::string start = heading + "\t61 25 00 6E " + std::string(28 * 3, ' ') + "    ";
   EXPECT_EQ(start + "a%", dumped(std::string("a%\0n", 4)));
@@ -236,6 +257,7 @@ TEST_F(BufferDumpTest, PercentSignBeforeANulStandsForItself) {
             dumped(std::string("%%\0", 3)));
 }
 
+// 6400 times "%\xFF" are listed whole.
 TEST_F(BufferDumpTest, MessageOfSinglePercentSignsStaysInItsBlock) {
   std::string bytes;
   for (int i = 0; i < 400 * 16; ++i)
@@ -243,12 +265,14 @@ TEST_F(BufferDumpTest, MessageOfSinglePercentSignsStaysInItsBlock) {
   EXPECT_EQ(plain_listing(bytes), dumped(bytes));
 }
 
+// 64 of them are two lines of 32 hex columns and 16 signs.
 TEST_F(BufferDumpTest, MessageOfPercentSignsShowsHalfOfThem) {
   const std::string bytes(64, '%');
   const std::string line = "\t" + hex(std::string(32, '%')) + "    " + std::string(16, '%') + "\n";
   EXPECT_EQ(heading + line + line, dumped(bytes));
 }
 
+// With every bit but 0x08 set nothing is logged.
 TEST_F(BufferDumpTest, DumpIsOfTheDebugCategory) {
   g_log_level = 0xFFFFFFF7;
   buffer_info_t buffer;
@@ -257,6 +281,7 @@ TEST_F(BufferDumpTest, DumpIsOfTheDebugCategory) {
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
+// With mask 0 its one block is still allocated.
 TEST_F(BufferDumpTest, ListingIsBuiltWhateverTheMask) {
   g_log_level = 0;
   buffer_info_t buffer;
@@ -265,6 +290,7 @@ TEST_F(BufferDumpTest, ListingIsBuiltWhateverTheMask) {
   EXPECT_THAT(fake_memory::calloc_sizes(), SizeIs(1));
 }
 
+// When calloc fails there is neither a listing nor a message about it.
 TEST_F(BufferDumpTest, NoMemoryForTheListingMeansNoLine) {
   buffer_info_t buffer;
   buffer.append("abc", 3);
@@ -273,6 +299,7 @@ TEST_F(BufferDumpTest, NoMemoryForTheListingMeansNoLine) {
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
+// Data pointer, length and the bytes "a%n" are the same after it.
 TEST_F(BufferDumpTest, DumpLeavesTheBufferAlone) {
   buffer_info_t buffer;
   buffer.append("a%n", 3);
@@ -283,6 +310,7 @@ TEST_F(BufferDumpTest, DumpLeavesTheBufferAlone) {
   EXPECT_STREQ("a%n", reinterpret_cast<const char *>(buffer.data));
 }
 
+// Lengths of 2^31 to 2^32 - 256 log nothing, the last 32 below 2^32 the heading alone.
 // The length counts as signed: from 2^31 on no line is listed, whatever the buffer holds.
 TEST_F(BufferDumpTest, LengthBeyond31BitsListsNoByte) {
   buffer_info_t buffer;
@@ -296,7 +324,7 @@ TEST_F(BufferDumpTest, LengthBeyond31BitsListsNoByte) {
     fake_log::clear();
     buffer.length = length;
     buffer.dump();
-    EXPECT_THAT(fake_log::messages("buffer-info"), ElementsAre(heading)) << length;
+    EXPECT_THAT(fake_log::lines(), ElementsAre(prefix() + heading)) << length;
   }
   buffer.length = 3;
 }

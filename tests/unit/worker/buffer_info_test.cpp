@@ -47,6 +47,7 @@ protected:
 
 } // namespace
 
+// data is null, length 0, and nothing was allocated.
 TEST_F(BufferInfoTest, NewBufferIsEmpty) {
   const buffer_info_t buffer;
   EXPECT_EQ(nullptr, buffer.data);
@@ -55,6 +56,7 @@ TEST_F(BufferInfoTest, NewBufferIsEmpty) {
   EXPECT_THAT(fake_memory::calloc_sizes(), IsEmpty());
 }
 
+// It returns data, which holds "abc" and a NUL after the source has changed.
 TEST_F(BufferInfoTest, AppendCopiesTheBytesAndEndsThemWithANul) {
   buffer_info_t buffer;
   std::string source = "abc";
@@ -66,6 +68,7 @@ TEST_F(BufferInfoTest, AppendCopiesTheBytesAndEndsThemWithANul) {
   EXPECT_EQ(0, buffer.data[3]);
 }
 
+// "abc", "de" and "f" make "abcdef" with a NUL behind it.
 TEST_F(BufferInfoTest, AppendGoesOnAtTheEnd) {
   buffer_info_t buffer;
   append(buffer, "abc");
@@ -75,6 +78,7 @@ TEST_F(BufferInfoTest, AppendGoesOnAtTheEnd) {
   EXPECT_EQ(0, buffer.data[6]);
 }
 
+// 3, 2 and 4096 bytes ask realloc for 4, 6 and 4102: no reserve.
 TEST_F(BufferInfoTest, EveryAppendAllocatesExactlyTheBytesAndTheirNul) {
   buffer_info_t buffer;
   append(buffer, "abc");
@@ -84,6 +88,7 @@ TEST_F(BufferInfoTest, EveryAppendAllocatesExactlyTheBytesAndTheirNul) {
   EXPECT_THAT(fake_memory::calloc_sizes(), IsEmpty());
 }
 
+// It asks realloc for 1 byte, returns it, and length stays 0.
 TEST_F(BufferInfoTest, AppendOfNothingToAnEmptyBufferMakesOneZeroByte) {
   buffer_info_t buffer;
   EXPECT_EQ(buffer.append("", 0), buffer.data);
@@ -93,6 +98,7 @@ TEST_F(BufferInfoTest, AppendOfNothingToAnEmptyBufferMakesOneZeroByte) {
   EXPECT_THAT(fake_memory::realloc_sizes(), ElementsAre(1));
 }
 
+// append(nullptr, 0) succeeds on an empty buffer and leaves "abc" as it is.
 TEST_F(BufferInfoTest, AppendOfNothingTakesANullSource) {
   buffer_info_t buffer;
   EXPECT_NE(nullptr, buffer.append(nullptr, 0));
@@ -102,6 +108,7 @@ TEST_F(BufferInfoTest, AppendOfNothingTakesANullSource) {
   EXPECT_EQ(0, buffer.data[3]);
 }
 
+// Bytes 0x00, 0x80 and 0xFF are kept and counted, behind one another too.
 TEST_F(BufferInfoTest, NulAndHighBytesAreOrdinaryBytes) {
   const std::string bytes("\0a\xFF\0\x80\0", 6);
   buffer_info_t buffer;
@@ -111,6 +118,7 @@ TEST_F(BufferInfoTest, NulAndHighBytesAreOrdinaryBytes) {
   EXPECT_EQ(0, buffer.data[12]);
 }
 
+// It returns null and logs "|PID|buffer-info> append:95 Can't alloc memory\n".
 TEST_F(BufferInfoTest, AppendWithoutMemoryLeavesTheBufferAsItWas) {
   buffer_info_t buffer;
   append(buffer, "abc");
@@ -127,6 +135,7 @@ TEST_F(BufferInfoTest, AppendWithoutMemoryLeavesTheBufferAsItWas) {
   EXPECT_EQ("abcghi", bytes_of(buffer));
 }
 
+// data stays null and length 0; each of two tries, one of them of 0 bytes, logs its line.
 TEST_F(BufferInfoTest, AppendWithoutMemoryToAnEmptyBufferLeavesItEmpty) {
   buffer_info_t buffer;
   fake_memory::refuse_realloc();
@@ -137,6 +146,7 @@ TEST_F(BufferInfoTest, AppendWithoutMemoryToAnEmptyBufferLeavesItEmpty) {
   EXPECT_THAT(fake_log::lines(), ElementsAre(allocation_failure(), allocation_failure()));
 }
 
+// From length + count = 2^32 - 1 on: null, the buffer unchanged, the line.
 // A length that 32 bits cannot hold would wrap round to a small allocation.
 TEST_F(BufferInfoTest, AppendNearTheLimitOf32BitsFailsAsAFailedAllocationDoes) {
   const struct {
@@ -159,6 +169,7 @@ TEST_F(BufferInfoTest, AppendNearTheLimitOf32BitsFailsAsAFailedAllocationDoes) {
   }
 }
 
+// 4294967294 bytes ask realloc for 4294967295.
 TEST_F(BufferInfoTest, LargestLengthThatFitsIsAskedFor) {
   fake_memory::refuse_realloc();
   buffer_info_t buffer;
@@ -166,6 +177,7 @@ TEST_F(BufferInfoTest, LargestLengthThatFitsIsAskedFor) {
   EXPECT_THAT(fake_memory::realloc_sizes(), ElementsAre(4294967295u));
 }
 
+// With mask 0x01 the line comes, with every other bit it does not.
 TEST_F(BufferInfoTest, FailureIsOfTheErrorCategory) {
   for (const std::uint32_t mask : {0x01u, 0xFFFFFFFEu}) {
     fake_log::clear();
@@ -178,6 +190,7 @@ TEST_F(BufferInfoTest, FailureIsOfTheErrorCategory) {
   }
 }
 
+// "a\0\xFF" is copied into one calloc of 4 bytes, and later appends stay apart.
 TEST_F(BufferInfoTest, CopyHasItsOwnBytes) {
   const std::string bytes("a\0\xFF", 3);
   buffer_info_t source;
@@ -193,6 +206,7 @@ TEST_F(BufferInfoTest, CopyHasItsOwnBytes) {
   EXPECT_EQ(bytes + "more", bytes_of(copy));
 }
 
+// The copy still holds "abc" after the source is destroyed.
 TEST_F(BufferInfoTest, CopyOutlivesItsSource) {
   auto source = std::make_unique<buffer_info_t>();
   append(*source, "abc");
@@ -201,6 +215,7 @@ TEST_F(BufferInfoTest, CopyOutlivesItsSource) {
   EXPECT_EQ("abc", bytes_of(copy));
 }
 
+// It allocates 1 zero byte, and length is 0.
 TEST_F(BufferInfoTest, CopyOfAnEmptyBufferIsAnEmptyText) {
   const buffer_info_t source;
   const buffer_info_t copy(source);
@@ -210,6 +225,7 @@ TEST_F(BufferInfoTest, CopyOfAnEmptyBufferIsAnEmptyText) {
   EXPECT_THAT(fake_memory::calloc_sizes(), ElementsAre(1));
 }
 
+// data is null, length 0, and no line is logged.
 TEST_F(BufferInfoTest, CopyWithoutMemoryIsEmptyAndSilent) {
   buffer_info_t source;
   append(source, "abc");
@@ -221,6 +237,7 @@ TEST_F(BufferInfoTest, CopyWithoutMemoryIsEmptyAndSilent) {
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
+// Lengths of 2^31 and more, 2^32 - 1 among them, give data null and length 0.
 // Where sizes have 32 bits, 2^32 - 1 bytes and their NUL once wrapped round to a block of 0 bytes.
 TEST_F(BufferInfoTest, CopyOfALengthThatHasNoRoomForItsNulIsEmpty) {
   buffer_info_t source;
@@ -236,6 +253,7 @@ TEST_F(BufferInfoTest, CopyOfALengthThatHasNoRoomForItsNulIsEmpty) {
   EXPECT_THAT(fake_memory::calloc_sizes(), testing::Each(testing::Gt(0x80000000u)));
 }
 
+// "buffer-info" takes g_log_level with a new buffer and with a copy, and at no append.
 TEST_F(BufferInfoTest, LevelIsCopiedAtEveryConstruction) {
   g_log_level = 0;
   buffer_info_t buffer;
@@ -254,6 +272,7 @@ TEST_F(BufferInfoTest, LevelIsCopiedAtEveryConstruction) {
   EXPECT_EQ(1u, fake_log::lines().size());
 }
 
+// Two threads dump 400 buffers each, and the log has 800 lines.
 // Each worker builds buffers of its own while the other one logs about its.
 TEST_F(BufferInfoTest, TwoThreadsBuildAndDumpBuffersOfTheirOwn) {
   const auto work = [] {

@@ -1,11 +1,17 @@
-// How the records that cross between the threads lie in memory. Offsets in words hold on every
-// processor.
+// How the workers, and the records that cross between their threads, lie in memory. Offsets in
+// words hold on every processor.
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <type_traits>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "worker/abstract_worker.h"
 #include "worker/buffer_info.h"
 #include "worker/message_queue.h"
 
@@ -14,6 +20,54 @@ namespace {
 
 constexpr std::size_t word = sizeof(void *);
 
+class bare_worker : public abstract_worker {
+public:
+  bare_worker() : abstract_worker(nullptr, "bare") {}
+
+  bool init() override { return false; }
+  bool run_once() override { return false; }
+  void deinit() override {}
+  bool keep_running(const bool *) override { return false; }
+
+  virtual void first_of_its_own() {}
+
+  std::vector<const void *> members() const {
+    return {&started, &running, &thread,        &run_flag,
+            &name,    &timers,  &step_pause_us, &restart_pause_us};
+  }
+};
+
+/// A pointer to a virtual member begins with the offset of its slot; a mark may be added to that.
+template<typename member_t>
+std::size_t slot_of(member_t member) {
+  std::size_t offset = 0;
+  std::memcpy(&offset, &member, sizeof offset);
+  return offset / word;
+}
+
+// After the table's pointer: started, running, thread, run_flag, name, timers and the two pauses.
+TEST(WorkerLayoutTest, MembersFollowOneAnotherInTheirOrder) {
+  const bare_worker worker;
+  const void *last = &worker;
+  for (const void *member : worker.members()) {
+    EXPECT_LT(last, member);
+    last = member;
+  }
+  EXPECT_EQ(static_cast<const char *>(worker.members().front()) -
+                reinterpret_cast<const char *>(&worker),
+            static_cast<std::ptrdiff_t>(word));
+}
+
+// init, run_once, deinit and keep_running have the slots 0 to 3, the two destructors 4 and 5.
+TEST(WorkerLayoutTest, VirtualOperationsHaveTheSlotsOfTheirOrder) {
+  EXPECT_EQ(slot_of(&abstract_worker::init), 0u);
+  EXPECT_EQ(slot_of(&abstract_worker::run_once), 1u);
+  EXPECT_EQ(slot_of(&abstract_worker::deinit), 2u);
+  EXPECT_EQ(slot_of(&abstract_worker::keep_running), 3u);
+  EXPECT_EQ(slot_of(&bare_worker::first_of_its_own), 6u);
+}
+
+// data lies at 0, length with 32 bits at one word, and nothing else follows.
 TEST(BufferLayoutTest, IsTwoWordsDataThenLength) {
   EXPECT_EQ(sizeof(buffer_info_t), 2 * word);
   EXPECT_EQ(offsetof(buffer_info_t, data), 0u);
@@ -21,6 +75,7 @@ TEST(BufferLayoutTest, IsTwoWordsDataThenLength) {
   EXPECT_EQ(sizeof(buffer_info_t::length), 4u);
 }
 
+// The three lie behind one another in this order, with nothing else.
 TEST(QueueLayoutTest, IsNotifyThenItemsThenLock) {
   const message_queue_t queue;
   const auto offset_of = [&](const void *member) {
@@ -31,6 +86,12 @@ TEST(QueueLayoutTest, IsNotifyThenItemsThenLock) {
   EXPECT_EQ(offset_of(&queue.items), sizeof queue.notify);
   EXPECT_EQ(offset_of(&queue.lock), sizeof queue.notify + sizeof queue.items);
   EXPECT_EQ(sizeof queue, sizeof queue.notify + sizeof queue.items + sizeof queue.lock);
+}
+
+// It is a std::deque of shared pointers, which gives its blocks back as they empty.
+TEST(QueueLayoutTest, ItemsAreADoubleEndedQueue) {
+  EXPECT_TRUE((std::is_same<decltype(message_queue_t::items),
+                            std::deque<std::shared_ptr<buffer_info_t>>>::value));
 }
 
 } // namespace

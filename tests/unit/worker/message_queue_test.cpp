@@ -14,8 +14,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "fakes/fake_log.h"
 #include "fakes/fake_memory.h"
 #include "fakes/fake_mutex.h"
+#include "log/log_module.h"
 
 namespace vemk {
 
@@ -47,11 +49,19 @@ int error_of(const std::function<void()> &operation) {
 
 class MessageQueueTest : public testing::Test {
 protected:
+  MessageQueueTest() {
+    fake_log::clear();
+    g_log_level = 0xFFFF;
+  }
+
+  ~MessageQueueTest() override { g_log_level = 0; }
+
   message_queue_t queue;
 };
 
 } // namespace
 
+// notify holds a target, and calling it changes nothing.
 TEST_F(MessageQueueTest, NewQueueIsEmptyAndHoldsADoNothingNotify) {
   EXPECT_TRUE(queue.items.empty());
   ASSERT_TRUE(queue.notify);
@@ -59,6 +69,7 @@ TEST_F(MessageQueueTest, NewQueueIsEmptyAndHoldsADoNothingNotify) {
   EXPECT_TRUE(queue.items.empty());
 }
 
+// try_pop returns null and take false, and a push after them works as before.
 TEST_F(MessageQueueTest, EmptyQueueReportsNothingAndStaysAsItIs) {
   EXPECT_EQ(nullptr, queue.try_pop());
   EXPECT_FALSE(queue.take([](const item_t &) { ADD_FAILURE() << "called"; }));
@@ -67,6 +78,7 @@ TEST_F(MessageQueueTest, EmptyQueueReportsNothingAndStaysAsItIs) {
   EXPECT_EQ(nullptr, queue.try_pop());
 }
 
+// The reference count rises from 1 to 2, and the item is the caller's buffer itself.
 TEST_F(MessageQueueTest, PushSharesTheBuffer) {
   const item_t item = message("a");
   queue.push(item);
@@ -75,6 +87,7 @@ TEST_F(MessageQueueTest, PushSharesTheBuffer) {
   EXPECT_EQ(item, queue.items.front());
 }
 
+// The popped pointer holds the queue's share: 2 holders, then 1 when it is dropped.
 TEST_F(MessageQueueTest, PopHandsTheShareOver) {
   const item_t item = message("a");
   queue.push(item);
@@ -85,6 +98,7 @@ TEST_F(MessageQueueTest, PopHandsTheShareOver) {
   EXPECT_EQ(1, item.use_count());
 }
 
+// 1000 items, more than 15 blocks of 64, leave as 0 to 999.
 TEST_F(MessageQueueTest, ItemsLeaveInTheirOrderAcrossTheBlocksOfTheContainer) {
   for (int i = 0; i < 1000; ++i)
     queue.push(message(std::to_string(i)));
@@ -93,6 +107,7 @@ TEST_F(MessageQueueTest, ItemsLeaveInTheirOrderAcrossTheBlocksOfTheContainer) {
   EXPECT_EQ(nullptr, queue.try_pop());
 }
 
+// 200 rounds of three pushes and two pops take 0 to 399 in order and leave 200.
 TEST_F(MessageQueueTest, OrderHoldsWhilePushesAndPopsAlternate) {
   int pushed = 0;
   int popped = 0;
@@ -105,6 +120,7 @@ TEST_F(MessageQueueTest, OrderHoldsWhilePushesAndPopsAlternate) {
   EXPECT_EQ(200u, queue.items.size());
 }
 
+// The producer's pointer is gone, the item is whole when popped, and freed when dropped.
 TEST_F(MessageQueueTest, BufferOutlivesItsProducersShare) {
   item_t item = message("a");
   const std::weak_ptr<buffer_info_t> watch = item;
@@ -117,6 +133,7 @@ TEST_F(MessageQueueTest, BufferOutlivesItsProducersShare) {
   EXPECT_TRUE(watch.expired());
 }
 
+// It sees the sizes 1, 2 and 1 of three pushes and is not called by pops.
 TEST_F(MessageQueueTest, NotifyRunsOnceForEveryPushAfterTheItemIsStored) {
   std::vector<std::size_t> sizes;
   queue.set_notify([&] { sizes.push_back(queue.items.size()); });
@@ -128,6 +145,7 @@ TEST_F(MessageQueueTest, NotifyRunsOnceForEveryPushAfterTheItemIsStored) {
   EXPECT_THAT(sizes, ElementsAre(1, 2, 1));
 }
 
+// Another thread would have to wait for the lock meanwhile, and need not afterwards.
 TEST_F(MessageQueueTest, NotifyRunsUnderTheLockOnThePushingThread) {
   bool held = false;
   std::thread::id caller;
@@ -146,12 +164,14 @@ TEST_F(MessageQueueTest, NotifyRunsUnderTheLockOnThePushingThread) {
   EXPECT_FALSE(fake_mutex::is_held(queue.lock));
 }
 
+// A push over set_notify(nullptr) stores its item and throws nothing.
 TEST_F(MessageQueueTest, NotifyWithoutATargetIsSkipped) {
   queue.set_notify(nullptr);
   queue.push(message("a"));
   EXPECT_EQ("a", text_of(queue.try_pop()));
 }
 
+// set_notify destroys the old target, and the next push calls the new one alone.
 TEST_F(MessageQueueTest, ReplacedNotifyIsReleasedAndNoLongerCalled) {
   const auto old_target = std::make_shared<int>(0);
   int calls = 0;
@@ -164,6 +184,7 @@ TEST_F(MessageQueueTest, ReplacedNotifyIsReleasedAndNoLongerCalled) {
   EXPECT_EQ(1, calls);
 }
 
+// After it notify holds a target again, and a push only stores its item.
 TEST_F(MessageQueueTest, ResetNotifyReleasesTheTargetAndHoldsTheDoNothingFunction) {
   const auto target = std::make_shared<int>(0);
   queue.set_notify([target] { ++*target; });
@@ -175,6 +196,7 @@ TEST_F(MessageQueueTest, ResetNotifyReleasesTheTargetAndHoldsTheDoNothingFunctio
   EXPECT_EQ("a", text_of(queue.try_pop()));
 }
 
+// set_notify and reset_notify lock the queue's mutex once each.
 TEST_F(MessageQueueTest, SetNotifyTakesTheLock) {
   fake_mutex::watch(queue.lock);
   queue.set_notify([] {});
@@ -183,6 +205,7 @@ TEST_F(MessageQueueTest, SetNotifyTakesTheLock) {
   EXPECT_EQ(2, fake_mutex::locks());
 }
 
+// It leaves push, and the item can be popped.
 TEST_F(MessageQueueTest, ExceptionOfNotifyLeavesTheItemStoredAndTheLockFree) {
   queue.set_notify([] { throw std::runtime_error("notify"); });
   EXPECT_THROW(queue.push(message("a")), std::runtime_error);
@@ -190,6 +213,7 @@ TEST_F(MessageQueueTest, ExceptionOfNotifyLeavesTheItemStoredAndTheLockFree) {
   EXPECT_EQ("a", text_of(queue.try_pop()));
 }
 
+// Two items go to the handler in order with the result true, the third call is false.
 TEST_F(MessageQueueTest, TakeGivesTheFrontItemToTheHandler) {
   queue.push(message("a"));
   queue.push(message("b"));
@@ -202,6 +226,7 @@ TEST_F(MessageQueueTest, TakeGivesTheFrontItemToTheHandler) {
   EXPECT_THAT(taken, ElementsAre("a", "b"));
 }
 
+// Inside it the item is already removed, the mutex free, and a push works.
 TEST_F(MessageQueueTest, HandlerRunsWithoutTheLockAndMayUseTheQueue) {
   queue.push(message("a"));
   bool held = true;
@@ -214,6 +239,7 @@ TEST_F(MessageQueueTest, HandlerRunsWithoutTheLockAndMayUseTheQueue) {
   EXPECT_EQ("a", text_of(queue.try_pop()));
 }
 
+// 1 holder is left after a handler that keeps nothing, 2 after one that does.
 TEST_F(MessageQueueTest, ItemIsReleasedAfterTheHandlerUnlessItKeepsIt) {
   const item_t item = message("a");
   item_t kept;
@@ -225,6 +251,7 @@ TEST_F(MessageQueueTest, ItemIsReleasedAfterTheHandlerUnlessItKeepsIt) {
   EXPECT_EQ(2, item.use_count());
 }
 
+// std::bad_function_call, the item is out of the queue, and the next one is in front.
 TEST_F(MessageQueueTest, TakeWithAnEmptyHandlerThrowsAndReleasesTheItem) {
   const item_t item = message("a");
   queue.push(item);
@@ -234,10 +261,12 @@ TEST_F(MessageQueueTest, TakeWithAnEmptyHandlerThrowsAndReleasesTheItem) {
   EXPECT_EQ("b", text_of(queue.try_pop()));
 }
 
+// take(nullptr) on an empty queue returns false.
 TEST_F(MessageQueueTest, EmptyHandlerDoesNotMatterWhenNothingIsTaken) {
   EXPECT_FALSE(queue.take(nullptr));
 }
 
+// It leaves take, and the item is neither held nor in the queue.
 TEST_F(MessageQueueTest, ExceptionOfTheHandlerReleasesTheItem) {
   const item_t item = message("a");
   queue.push(item);
@@ -247,6 +276,7 @@ TEST_F(MessageQueueTest, ExceptionOfTheHandlerReleasesTheItem) {
   EXPECT_EQ(nullptr, queue.try_pop());
 }
 
+// EDEADLK comes out of push, try_pop, take and set_notify; nothing is logged.
 TEST_F(MessageQueueTest, LockFailureIsThrownWithItsCodeAndChangesNothing) {
   int notified = 0;
   queue.set_notify([&] { ++notified; });
@@ -258,10 +288,12 @@ TEST_F(MessageQueueTest, LockFailureIsThrownWithItsCodeAndChangesNothing) {
   EXPECT_EQ(EDEADLK, error_of([this] { queue.set_notify(nullptr); }));
   fake_mutex::watch(queue.lock);
   EXPECT_EQ(1, notified);
+  EXPECT_THAT(fake_log::lines(), IsEmpty());
   EXPECT_EQ(1u, queue.items.size());
   EXPECT_TRUE(queue.notify);
 }
 
+// std::bad_alloc: no item more, no notify, no holder more, the lock free, nothing logged.
 TEST_F(MessageQueueTest, NoMemoryToGrowThrowsAndLeavesTheQueueAsItWas) {
   int notified = 0;
   queue.set_notify([&] { ++notified; });
@@ -278,12 +310,14 @@ TEST_F(MessageQueueTest, NoMemoryToGrowThrowsAndLeavesTheQueueAsItWas) {
     }
   }
   EXPECT_TRUE(threw);
+  EXPECT_THAT(fake_log::lines(), IsEmpty());
   EXPECT_EQ(pushed, notified);
   EXPECT_EQ(static_cast<std::size_t>(pushed), queue.items.size());
   EXPECT_EQ(1 + pushed, item.use_count());
   EXPECT_FALSE(fake_mutex::is_held(queue.lock));
 }
 
+// Three items are freed from the front, then what notify's target holds.
 TEST(MessageQueueEndTest, DestructionFreesEveryItemThenNotify) {
   std::vector<std::string> released;
   const auto note = [&](const std::string &text) {
@@ -302,6 +336,7 @@ TEST(MessageQueueEndTest, DestructionFreesEveryItemThenNotify) {
   EXPECT_THAT(released, ElementsAre("a", "b", "c", "notify"));
 }
 
+// An item with another holder is whole after the queue is destroyed.
 TEST(MessageQueueEndTest, ItemsHeldElsewhereOutliveTheQueue) {
   const item_t item = message("a");
   {
@@ -312,6 +347,7 @@ TEST(MessageQueueEndTest, ItemsHeldElsewhereOutliveTheQueue) {
   EXPECT_EQ("a", text_of(item));
 }
 
+// 5000 messages of one thread arrive at the other in order while notify is set and reset.
 // One thread produces, the other one consumes and points notify at itself and away from it, as the
 // WebSocket worker does at each connection.
 TEST_F(MessageQueueTest, ProducerAndConsumerMeetWithoutLossOrRace) {
@@ -341,7 +377,7 @@ TEST_F(MessageQueueTest, ProducerAndConsumerMeetWithoutLossOrRace) {
   EXPECT_LE(wakes, count);
 }
 
-// After reset_notify returns, what the old target used may be destroyed.
+// What 500 targets used is destroyed right after reset_notify, with another thread pushing.
 TEST_F(MessageQueueTest, OldTargetIsNeitherRunningNorCalledAfterItsReplacement) {
   std::atomic<bool> done{false};
   std::thread producer([&] {
