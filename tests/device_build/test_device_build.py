@@ -16,6 +16,23 @@ language_libraries = {"libc", "libm", "libstdc++", "libgcc_s", "libatomic", "ld"
 stand_in_pattern = re.compile(r"zmq|spdlog|cli11|CLI/|\bfmt\b|libfmt", re.IGNORECASE)
 max_size = 120 * 1024
 
+platform_functions = {
+    "InitTrace", "SetTraceOpt", "InitLibParams", "FreeLibParams", "ModulePeerStart",
+    "ModulePeerStop", "GetModuleLoop", "SetModuleLoop", "GetMsgFromQueueNoWait", "MsgSend",
+    "init_zandor_logrotate", "zandor_log_msg_timed", "vzandor_log_msg"}
+library_functions = {
+    "lws_set_log_level", "lws_create_context", "lws_context_destroy",
+    "lws_client_connect_via_info", "lws_service", "lws_write", "lws_callback_on_writable",
+    "lws_remaining_packet_payload", "lws_is_final_fragment",
+    "json_tokener_parse", "json_object_new_object", "json_object_new_array",
+    "json_object_new_string", "json_object_new_int", "json_object_object_add",
+    "json_object_array_add", "json_object_array_put_idx", "json_object_object_get_ex",
+    "json_object_get_string", "json_object_get_string_len", "json_object_get_int",
+    "json_object_array_length", "json_object_array_get_idx", "json_object_is_type",
+    "json_object_to_json_string", "json_object_put"}
+# What only later releases have, and need.
+release_functions = {"lws_cancel_service", "lws_sul_schedule"}
+
 work_folder = pathlib.Path(os.environ["WORK_DIR"])
 tools = tools_t(os.environ["CMAKE_COMMAND"], os.environ["C_COMPILER"], os.environ["READELF"],
                 os.environ["STRIP"], os.environ["DEFINITIONS"].split())
@@ -32,6 +49,24 @@ def test_needs_the_two_protocol_libraries_and_the_platform_only(build):
     assert needed - language_libraries == {
         "libwebsockets", "libjson-c", "libdevice_bus", "libdevice_log"}
     assert {"libc", "libstdc++"} <= needed
+
+
+# The ten functions of the bus and the three of the log are left to the device's libraries.
+def test_calls_every_platform_function(build):
+    assert platform_functions - build.undefined_symbols() == set()
+
+
+# Nine of libwebsockets, two more of its later releases, and 17 of json-c are all that may be called.
+def test_calls_no_other_function_of_the_two_protocol_libraries(build):
+    called = {name for name in build.undefined_symbols() if name.startswith(("lws_", "json_"))}
+    assert called - release_functions - library_functions == set()
+    assert {"lws_write", "json_tokener_parse"} <= called
+
+
+# The program calls neither getenv nor anything that installs a signal handler.
+def test_reads_no_environment_and_handles_no_signal(build):
+    refused = {"getenv", "secure_getenv", "signal", "sigaction", "sigprocmask", "pthread_sigmask"}
+    assert refused & build.undefined_symbols() == set()
 
 
 # CMake's cache names no zmq, spdlog, CLI11 or fmt.
