@@ -47,12 +47,14 @@ protected:
   std::string base;
 };
 
+// A folder that is not there is made with mode 0700.
 TEST_F(BusFolderTest, IsMadeForItsUserAlone) {
   const std::string folder = base + "/bus";
   EXPECT_EQ(open_bus_folder(folder, bus_role::module), folder);
   EXPECT_EQ(mode_of(folder), 0700U);
 }
 
+// Module and client open the same folder again without a complaint.
 TEST_F(BusFolderTest, IsUsedAgainWhenItIsThere) {
   const std::string folder = base + "/bus";
   open_bus_folder(folder, bus_role::module);
@@ -60,12 +62,14 @@ TEST_F(BusFolderTest, IsUsedAgainWhenItIsThere) {
   EXPECT_EQ(open_bus_folder(folder, bus_role::client), folder);
 }
 
+// An empty name means MODULE_BUS_DIR; the caller's own name goes before it.
 TEST_F(BusFolderTest, IsNamedByTheEnvironmentUnlessTheCallerNamesOne) {
   setenv("MODULE_BUS_DIR", (base + "/environment").c_str(), 1);
   EXPECT_EQ(open_bus_folder("", bus_role::module), base + "/environment");
   EXPECT_EQ(open_bus_folder(base + "/caller", bus_role::module), base + "/caller");
 }
 
+// Modes 0755, 0750, 0701 and 0770 are refused with "chmod 700" and kept.
 TEST_F(BusFolderTest, IsRefusedWhenOthersMayEnterAndIsNotChanged) {
   for (const mode_t mode : {0755U, 0750U, 0701U, 0770U}) {
     const std::string folder = base + "/open" + std::to_string(mode);
@@ -77,6 +81,7 @@ TEST_F(BusFolderTest, IsRefusedWhenOthersMayEnterAndIsNotChanged) {
   }
 }
 
+// "is a symbolic link; name the folder", also for a link with "//" behind it.
 TEST_F(BusFolderTest, IsRefusedWhenItIsASymbolicLinkWithOrWithoutASlashBehindIt) {
   const std::string folder = base + "/bus";
   open_bus_folder(folder, bus_role::module);
@@ -85,6 +90,7 @@ TEST_F(BusFolderTest, IsRefusedWhenItIsASymbolicLinkWithOrWithoutASlashBehindIt)
   EXPECT_THAT(refusal(base + "/link//"), HasSubstr("is a symbolic link; name the folder"));
 }
 
+// A folder of user 65534 is refused to a module of root and open to a client of root.
 TEST_F(BusFolderTest, OfAnotherUserIsForClientsOfRootOnly) {
   if (geteuid() != 0)
     GTEST_SKIP() << "only root can give a folder away";
@@ -95,12 +101,14 @@ TEST_F(BusFolderTest, OfAnotherUserIsForClientsOfRootOnly) {
   EXPECT_EQ(open_bus_folder(folder, bus_role::client), folder);
 }
 
+// "No such file or directory; make it with" and "is not a folder; name another".
 TEST_F(BusFolderTest, ThatCannotBeMadeIsRefusedWithTheReason) {
   EXPECT_THAT(refusal(base + "/missing/bus"), HasSubstr("No such file or directory; make it with"));
   std::ofstream(base + "/file") << "x";
   EXPECT_THAT(refusal(base + "/file"), HasSubstr("is not a folder; name another"));
 }
 
+// The first of a list that exists or can be made for its user alone; none of them is a bus_error.
 TEST_F(BusFolderTest, FallsBackToTheNextOneThatMayBeTrusted) {
   const std::string open_to_all = base + "/open";
   std::filesystem::create_directory(open_to_all);
@@ -112,6 +120,7 @@ TEST_F(BusFolderTest, FallsBackToTheNextOneThatMayBeTrusted) {
                bus_error);
 }
 
+// "@bus" in the folder at hand becomes its absolute path.
 TEST_F(BusFolderTest, PathIsAbsoluteSoThatItNeverNamesASocketOutsideTheFileSystem) {
   const auto here = std::filesystem::current_path();
   std::filesystem::current_path(base);
@@ -120,12 +129,14 @@ TEST_F(BusFolderTest, PathIsAbsoluteSoThatItNeverNamesASocketOutsideTheFileSyste
   EXPECT_EQ(folder, base + "/@bus");
 }
 
+// Module 2 in /run/bus has 2.in, 2.out and 2.lock.
 TEST_F(BusFolderTest, HoldsTheSocketsAndTheLockOfAModule) {
   EXPECT_EQ(inbox_path("/run/bus", 2), "/run/bus/2.in");
   EXPECT_EQ(outlet_path("/run/bus", 2), "/run/bus/2.out");
   EXPECT_EQ(lock_path("/run/bus", 2), "/run/bus/2.lock");
 }
 
+// A socket path of 107 bytes fits; 2 more are refused with "is 2 bytes too long".
 TEST_F(BusFolderTest, TooLongForASocketAddressIsRefused) {
   const std::string longest(107 - std::string("/2.out").size(), 'x');
   EXPECT_EQ(outlet_path(longest, 2).size(), 107U);

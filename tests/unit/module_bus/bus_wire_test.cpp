@@ -23,6 +23,7 @@ std::string hello(std::uint64_t next_number, std::uint32_t session = a_session) 
   return frame({frame_kind::hello, session, next_number, 0, 0});
 }
 
+// 21 bytes: kind, then 4, 8, 4 and 4 bytes with the lowest first, then the piece.
 TEST(FrameHeaderTest, IsWrittenLittleEndianWithoutPadding) {
   const std::string bytes =
       frame({frame_kind::piece, 0x01020304, 0x1112131415161718, 0x00000005, 0x00000002}, "abc");
@@ -33,6 +34,7 @@ TEST(FrameHeaderTest, IsWrittenLittleEndianWithoutPadding) {
   EXPECT_EQ(bytes, expected);
 }
 
+// Each of the five fields comes back with its high bit set.
 TEST(FrameHeaderTest, IsReadAsItWasWritten) {
   const auto header = read_frame_header(piece(0xfedcba9876543210, 0xffff, 0x8001, "x", 0xdeadbeef));
   ASSERT_TRUE(header);
@@ -43,6 +45,7 @@ TEST(FrameHeaderTest, IsReadAsItWasWritten) {
   EXPECT_EQ(header->offset_bytes, 0x8001U);
 }
 
+// Cut short, unknown kind, beyond the message's end, a wrapping sum, too long, hello with payload.
 TEST(FrameHeaderTest, RefusesMalformedFrames) {
   const std::string good = piece(1, 3, 0, "abc");
   ASSERT_TRUE(read_frame_header(good));
@@ -61,6 +64,7 @@ TEST(FrameHeaderTest, RefusesMalformedFrames) {
   EXPECT_FALSE(read_frame_header(hello(1) + "a")) << "a hello with a payload";
 }
 
+// Three pieces in order give the message with the third; nothing is counted as lost.
 TEST(MessageReassemblerTest, ReturnsAMessageWithItsLastPiece) {
   message_reassembler reassembler;
   EXPECT_EQ(reassembler.add(piece(0, 3, 0, "abc")), "abc");
@@ -70,6 +74,7 @@ TEST(MessageReassemblerTest, ReturnsAMessageWithItsLastPiece) {
   EXPECT_EQ(reassembler.lost(), 0U);
 }
 
+// Garbage subscribes to nothing, a hello does.
 TEST(MessageReassemblerTest, IsSubscribedFromTheFirstValidFrameOn) {
   message_reassembler reassembler;
   EXPECT_FALSE(reassembler.subscribed());
@@ -79,6 +84,7 @@ TEST(MessageReassemblerTest, IsSubscribedFromTheFirstValidFrameOn) {
   EXPECT_TRUE(reassembler.subscribed());
 }
 
+// Joining between messages or in the middle of one loses none of those before.
 TEST(MessageReassemblerTest, DoesNotCountWhatWasSentBeforeItCame) {
   message_reassembler in_between;
   EXPECT_EQ(in_between.add(hello(1000)), std::nullopt);
@@ -91,6 +97,7 @@ TEST(MessageReassemblerTest, DoesNotCountWhatWasSentBeforeItCame) {
   EXPECT_EQ(in_the_middle.lost(), 0U);
 }
 
+// Number 4 after number 0 counts 3 lost messages.
 TEST(MessageReassemblerTest, CountsWholeMessagesThatAreMissing) {
   message_reassembler reassembler;
   reassembler.add(piece(0, 1, 0, "a"));
@@ -98,6 +105,7 @@ TEST(MessageReassemblerTest, CountsWholeMessagesThatAreMissing) {
   EXPECT_EQ(reassembler.lost(), 3U);
 }
 
+// A gap of one piece loses one message; the next is returned.
 TEST(MessageReassemblerTest, DropsAMessageWithAMissingPieceAndGoesOnWithTheNext) {
   message_reassembler reassembler;
   reassembler.add(piece(0, 6, 0, "ab"));
@@ -107,6 +115,7 @@ TEST(MessageReassemblerTest, DropsAMessageWithAMissingPieceAndGoesOnWithTheNext)
   EXPECT_EQ(reassembler.lost(), 1U);
 }
 
+// A message without its end counts once when the next begins.
 TEST(MessageReassemblerTest, CountsAMessageThatBrokeOffOnce) {
   message_reassembler reassembler;
   reassembler.add(piece(0, 6, 0, "ab"));
@@ -114,6 +123,7 @@ TEST(MessageReassemblerTest, CountsAMessageThatBrokeOffOnce) {
   EXPECT_EQ(reassembler.lost(), 1U);
 }
 
+// Number 0 broken off, 1 missing, 2 without its start: 3 lost, number 3 is returned.
 TEST(MessageReassemblerTest, ComesBackInTheMiddleOfALaterMessage) {
   message_reassembler reassembler;
   reassembler.add(piece(0, 6, 0, "ab"));
@@ -123,6 +133,7 @@ TEST(MessageReassemblerTest, ComesBackInTheMiddleOfALaterMessage) {
   EXPECT_EQ(reassembler.lost(), 3U);
 }
 
+// A hello with the number that is due changes nothing and counts nothing.
 TEST(MessageReassemblerTest, AHelloForAnotherListenerChangesNothing) {
   message_reassembler reassembler;
   reassembler.add(piece(0, 1, 0, "a"));
@@ -131,6 +142,7 @@ TEST(MessageReassemblerTest, AHelloForAnotherListenerChangesNothing) {
   EXPECT_EQ(reassembler.lost(), 0U);
 }
 
+// A hello with number 3 after message 0 counts the messages 1 and 2.
 TEST(MessageReassemblerTest, AHelloTellsOfLossesBeforeIt) {
   message_reassembler reassembler;
   reassembler.add(piece(0, 1, 0, "a"));
@@ -138,6 +150,7 @@ TEST(MessageReassemblerTest, AHelloTellsOfLossesBeforeIt) {
   EXPECT_EQ(reassembler.lost(), 2U);
 }
 
+// Another session begins with number 0 and nothing lost, after number 500 in the old one.
 TEST(MessageReassemblerTest, StartsAnewWhenTheModuleHasJoinedAgain) {
   message_reassembler reassembler;
   reassembler.add(piece(500, 1, 0, "a"));
@@ -146,6 +159,7 @@ TEST(MessageReassemblerTest, StartsAnewWhenTheModuleHasJoinedAgain) {
   EXPECT_EQ(reassembler.lost(), 0U);
 }
 
+// A new session's pieces never complete a message of the old one, which counts as lost.
 TEST(MessageReassemblerTest, LosesTheMessageThatTheEndOfASessionCutShort) {
   message_reassembler reassembler;
   reassembler.add(piece(0, 4, 0, "ab"));
@@ -154,6 +168,7 @@ TEST(MessageReassemblerTest, LosesTheMessageThatTheEndOfASessionCutShort) {
   EXPECT_EQ(reassembler.lost(), 1U);
 }
 
+// Empty, garbage and too long frames between two pieces do not disturb the message.
 TEST(MessageReassemblerTest, IgnoresMalformedFramesInTheMiddleOfAMessage) {
   message_reassembler reassembler;
   reassembler.add(piece(0, 4, 0, "ab"));

@@ -67,6 +67,7 @@ protected:
   pid_t child = -1;
 };
 
+// After SIGKILL the inbox's socket is left; the next process joins and receives all the same.
 TEST_F(ModuleBusProcessTest, SocketsOfAKilledProcessDoNotStopTheNextOne) {
   start_module_in_child();
   const int status = end_child();
@@ -79,6 +80,7 @@ TEST_F(ModuleBusProcessTest, SocketsOfAKilledProcessDoNotStopTheNextOne) {
   EXPECT_EQ(next_payload(), "text");
 }
 
+// A second process is told "already, in another process" until the first has ended.
 TEST_F(ModuleBusProcessTest, AModuleIsOneLiveProcessOnly) {
   start_module_in_child();
   testing::internal::CaptureStderr();
@@ -92,6 +94,7 @@ TEST_F(ModuleBusProcessTest, AModuleIsOneLiveProcessOnly) {
   EXPECT_EQ(join(), 0);
 }
 
+// exit(7) beside a thread that polls and sends ends the process with status 7.
 TEST_F(ModuleBusProcessTest, ExitOnAnotherThreadDoesNotWaitForTheBusThreadOrCrashIt) {
   start_child([](const std::function<void()> &ready) {
     std::atomic<bool> joined{false};

@@ -30,6 +30,7 @@ protected:
   }
 };
 
+// ModulePeerStart sets the flag, ModulePeerStop keeps it, SetModuleLoop(0) clears it.
 TEST_F(ModuleBusTest, JoiningSetsTheModuleLoopFlagAndLeavingDoesNotTouchIt) {
   EXPECT_EQ(GetModuleLoop(), 0);
   EXPECT_EQ(join(), 0);
@@ -40,6 +41,7 @@ TEST_F(ModuleBusTest, JoiningSetsTheModuleLoopFlagAndLeavingDoesNotTouchIt) {
   EXPECT_EQ(GetModuleLoop(), 0);
 }
 
+// Leaving twice, before a start and after one, does no harm to the next join.
 TEST_F(ModuleBusTest, ClosingCallsMayComeTwiceOrWithoutAStart) {
   leave();
   leave();
@@ -50,6 +52,7 @@ TEST_F(ModuleBusTest, ClosingCallsMayComeTwiceOrWithoutAStart) {
   EXPECT_EQ(join(), 0);
 }
 
+// InitLibParams gives -1 for identifier -1, a null list or count -1, and 0 for {-2, 0}.
 TEST_F(ModuleBusTest, RefusesBadParameters) {
   const signed char list[] = {-2, 0};
   EXPECT_EQ(InitLibParams(daemon_module, list, 2), 0);
@@ -58,6 +61,7 @@ TEST_F(ModuleBusTest, RefusesBadParameters) {
   EXPECT_EQ(InitLibParams(daemon_module, list, -1), -1);
 }
 
+// -1, flag 0, and one line "VEMk: cannot join the bus: ..." for two attempts.
 TEST_F(ModuleBusTest, AFailedStartLeavesTheFlagAndSaysWhyOnce) {
   setenv("MODULE_BUS_DIR", (folder + "/missing/bus").c_str(), 1);
   testing::internal::CaptureStderr();
@@ -69,6 +73,7 @@ TEST_F(ModuleBusTest, AFailedStartLeavesTheFlagAndSaysWhyOnce) {
   EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1);
 }
 
+// ModulePeerStart without InitLibParams gives -1 and "call InitLibParams first".
 TEST_F(ModuleBusTest, StartWithoutParametersFails) {
   FreeLibParams();
   testing::internal::CaptureStderr();
@@ -76,12 +81,14 @@ TEST_F(ModuleBusTest, StartWithoutParametersFails) {
   EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("call InitLibParams first"));
 }
 
+// GetMsgFromQueueNoWait returns null, before a join and after it.
 TEST_F(ModuleBusTest, ThereIsNoMessageWhenNoneWasSentOrNobodyJoined) {
   EXPECT_EQ(GetMsgFromQueueNoWait(), nullptr);
   ASSERT_EQ(join(), 0);
   EXPECT_EQ(GetMsgFromQueueNoWait(), nullptr);
 }
 
+// A record is 13 bytes, the length in bytes 4 to 7, and the payload, NUL included.
 TEST_F(ModuleBusTest, ARecordHoldsTheLengthAtFourAndThePayloadAtThirteen) {
   ASSERT_EQ(join(), 0);
   bus_sender sender(folder, daemon_module);
@@ -92,6 +99,7 @@ TEST_F(ModuleBusTest, ARecordHoldsTheLengthAtFourAndThePayloadAtThirteen) {
   EXPECT_EQ(next_record(), expected + std::string("a\0%n\xff", 5));
 }
 
+// A message of 0 bytes comes as a record of 13 zero bytes.
 TEST_F(ModuleBusTest, AnEmptyMessageIsARecordOfLengthZero) {
   ASSERT_EQ(join(), 0);
   bus_sender sender(folder, daemon_module);
@@ -99,6 +107,7 @@ TEST_F(ModuleBusTest, AnEmptyMessageIsARecordOfLengthZero) {
   EXPECT_EQ(next_record(), std::string(13, '\0'));
 }
 
+// Three messages come in order; the sender knows them taken once the third is fetched.
 TEST_F(ModuleBusTest, MessagesOfOneSenderComeInOrderAndAreAnswered) {
   ASSERT_EQ(join(), 0);
   bus_sender sender(folder, daemon_module);
@@ -112,12 +121,14 @@ TEST_F(ModuleBusTest, MessagesOfOneSenderComeInOrderAndAreAnswered) {
   EXPECT_TRUE(sender.wait_until_taken(in(soon)));
 }
 
+// Sending succeeds, but nobody confirms the message within 10 ms.
 TEST_F(ModuleBusTest, AMessageForAModuleThatIsNotThereIsNotTaken) {
   bus_sender sender(folder, daemon_module);
   EXPECT_TRUE(sender.send("text", in(soon)));
   EXPECT_FALSE(sender.wait_until_taken(in(one_poll)));
 }
 
+// A message sent before the join arrives after it and is confirmed.
 TEST_F(ModuleBusTest, AMessageForAModuleThatIsNotThereYetReachesItWhenItJoins) {
   bus_sender sender(folder, daemon_module);
   EXPECT_TRUE(sender.send("text", in(soon)));
@@ -126,6 +137,7 @@ TEST_F(ModuleBusTest, AMessageForAModuleThatIsNotThereYetReachesItWhenItJoins) {
   EXPECT_TRUE(sender.wait_until_taken(in(soon)));
 }
 
+// A leave is confirmed to its sender 300 ms after the module has gone.
 // The answer was dropped when the connection ended before the sender had looked for it.
 TEST_F(ModuleBusTest, TheAnswerOfAModuleThatHasLeftSinceIsStillHeard) {
   ASSERT_EQ(join(), 0);
@@ -139,6 +151,7 @@ TEST_F(ModuleBusTest, TheAnswerOfAModuleThatHasLeftSinceIsStillHeard) {
   EXPECT_TRUE(sender.wait_until_taken(in(soon)));
 }
 
+// What a module had not fetched when it left is gone and never confirmed.
 TEST_F(ModuleBusTest, AMessageThatWasLostWithItsModuleIsNotTakenForDelivered) {
   ASSERT_EQ(join(), 0);
   bus_sender sender(folder, daemon_module);
@@ -150,6 +163,7 @@ TEST_F(ModuleBusTest, AMessageThatWasLostWithItsModuleIsNotTakenForDelivered) {
   EXPECT_FALSE(sender.wait_until_taken(in(one_poll)));
 }
 
+// Two listeners get both messages in order, once each.
 TEST_F(ModuleBusTest, EveryListenerGetsEveryMessage) {
   ASSERT_EQ(join(), 0);
   bus_listener first(folder, daemon_module);
@@ -165,6 +179,7 @@ TEST_F(ModuleBusTest, EveryListenerGetsEveryMessage) {
   }
 }
 
+// 1, 1023, 1024, 1025, 2048 and 2049 bytes pass unchanged to a listener.
 TEST_F(ModuleBusTest, PayloadsAroundTheSizeOfAPiecePassUnchanged) {
   ASSERT_EQ(join(), 0);
   bus_listener listener(folder, daemon_module);
@@ -178,6 +193,7 @@ TEST_F(ModuleBusTest, PayloadsAroundTheSizeOfAPiecePassUnchanged) {
   }
 }
 
+// -1 before the join, for destination 2, null data, length 0 and beyond 64 MiB.
 TEST_F(ModuleBusTest, SendingRefusesWhatItCannotSendAndSendsNothing) {
   EXPECT_EQ(send("not joined"), -1);
   ASSERT_EQ(join(), 0);
@@ -192,6 +208,7 @@ TEST_F(ModuleBusTest, SendingRefusesWhatItCannotSendAndSendsNothing) {
   EXPECT_EQ(listener.receive(in(soon)), "last");
 }
 
+// A listener hears the first message of each of three stays and misses none.
 TEST_F(ModuleBusTest, TheFirstMessageAfterAJoinReachesAListenerThatWasWaiting) {
   bus_listener listener(folder, daemon_module);
   for (const char *text : {"first stay", "second stay", "third stay"}) {
@@ -204,6 +221,7 @@ TEST_F(ModuleBusTest, TheFirstMessageAfterAJoinReachesAListenerThatWasWaiting) {
   EXPECT_EQ(listener.lost(), 0U);
 }
 
+// The message before a leave is fetched first; then the flag goes to 0.
 TEST_F(ModuleBusTest, LeaveClearsTheFlagAfterTheMessagesBeforeIt) {
   ASSERT_EQ(join(), 0);
   bus_sender sender(folder, daemon_module);
@@ -218,6 +236,7 @@ TEST_F(ModuleBusTest, LeaveClearsTheFlagAfterTheMessagesBeforeIt) {
   EXPECT_TRUE(sender.wait_until_taken(in(soon)));
 }
 
+// Ten stays: messages arrive in each, and no descriptor stays open after it.
 TEST_F(ModuleBusTest, JoinsAgainTenTimesWithTheSameDescriptors) {
   const std::size_t descriptors = open_descriptors();
   for (int round = 0; round < 10; ++round) {
@@ -233,6 +252,7 @@ TEST_F(ModuleBusTest, JoinsAgainTenTimesWithTheSameDescriptors) {
   }
 }
 
+// 2.in and 2.out exist while joined and are gone after the leave.
 TEST_F(ModuleBusTest, LeavingRemovesTheSockets) {
   ASSERT_EQ(join(), 0);
   EXPECT_TRUE(std::filesystem::exists(inbox_path(folder, daemon_module)));
@@ -242,6 +262,7 @@ TEST_F(ModuleBusTest, LeavingRemovesTheSockets) {
   EXPECT_FALSE(std::filesystem::exists(outlet_path(folder, daemon_module)));
 }
 
+// Empty, unknown kind and two-part messages are dropped; the good one behind them arrives.
 TEST_F(ModuleBusTest, MalformedInboxMessagesAreDropped) {
   ASSERT_EQ(join(), 0);
   zmq::context_t context;

@@ -36,6 +36,7 @@ protected:
   }
 };
 
+// 10,000 messages of 1 KiB sent in one go all arrive in order.
 TEST_F(ModuleBusVolumeTest, AListenerThatReadsLosesNothingOf10000KibibytesInOneGo) {
   ASSERT_EQ(join(), 0);
   bus_listener listener(folder, daemon_module);
@@ -47,6 +48,7 @@ TEST_F(ModuleBusVolumeTest, AListenerThatReadsLosesNothingOf10000KibibytesInOneG
   EXPECT_EQ(listener.lost(), 0U);
 }
 
+// 100,000 messages of 16 bytes sent in one go all arrive in order.
 TEST_F(ModuleBusVolumeTest, AListenerThatReadsLosesNothingOf100000SmallMessagesInOneGo) {
   ASSERT_EQ(join(), 0);
   bus_listener listener(folder, daemon_module);
@@ -58,6 +60,7 @@ TEST_F(ModuleBusVolumeTest, AListenerThatReadsLosesNothingOf100000SmallMessagesI
   EXPECT_EQ(listener.lost(), 0U);
 }
 
+// 64 MiB pass to a listener and to the module byte for byte.
 TEST_F(ModuleBusVolumeTest, MessagesOf64MebibytesPassBothWays) {
   ASSERT_EQ(join(), 0);
   const std::string payload = numbered(1, max_payload_bytes);
@@ -72,6 +75,7 @@ TEST_F(ModuleBusVolumeTest, MessagesOf64MebibytesPassBothWays) {
   EXPECT_TRUE(sender.wait_until_taken(in(soon)));
 }
 
+// 3000 messages of a sender that closes right after them all arrive and are confirmed.
 TEST_F(ModuleBusVolumeTest, ABurstFromASenderThatEndsAtOnceArrivesWhole) {
   // What a closing sender had written was lost when the inbox was full at that moment; hence the
   // answers.
@@ -90,6 +94,7 @@ TEST_F(ModuleBusVolumeTest, ABurstFromASenderThatEndsAtOnceArrivesWhole) {
   EXPECT_TRUE(taken);
 }
 
+// It costs at most 320 MiB, each send takes under 1 s, and its losses are counted.
 TEST_F(ModuleBusVolumeTest, AListenerThatStoppedReadingBlocksNobodyAndCostsBoundedMemory) {
   constexpr int messages = 320;
   constexpr int full_after = 250; // MiB; a stopped listener is owed 200,000 pieces of 1 KiB

@@ -32,6 +32,7 @@ std::string refusal(const std::vector<const char *> &arguments) {
   return line.error;
 }
 
+// Module 2, a timeout of 10 seconds, the text as one message, no bus folder named.
 TEST(CommandLineTest, SendHasDefaults) {
   const options_t options = options_of({"send", "hello"});
   EXPECT_EQ(options.what, command::send);
@@ -42,6 +43,7 @@ TEST(CommandLineTest, SendHasDefaults) {
   EXPECT_EQ(options.bus_folder, "");
 }
 
+// --to 5, --lines, --timeout 0.5 and "-" for standard input.
 TEST(CommandLineTest, SendTakesItsOptions) {
   const options_t options = options_of({"send", "--to", "5", "--lines", "--timeout", "0.5", "-"});
   EXPECT_EQ(options.text, "-");
@@ -50,6 +52,7 @@ TEST(CommandLineTest, SendTakesItsOptions) {
   EXPECT_EQ(options.timeout_seconds, 0.5);
 }
 
+// A command's name, the empty text, JSON, and "--lines" behind "--" are texts.
 TEST(CommandLineTest, SendTakesAnyText) {
   EXPECT_EQ(options_of({"send", "status"}).text, "status");
   EXPECT_EQ(options_of({"send", "status"}).what, command::send);
@@ -58,6 +61,7 @@ TEST(CommandLineTest, SendTakesAnyText) {
   EXPECT_EQ(options_of({"send", R"({"a":[1,2]})"}).text, R"({"a":[1,2]})");
 }
 
+// Count 0 and timeout 0 mean no end; the format is text.
 TEST(CommandLineTest, ListenHasNoLimitUnlessAskedFor) {
   const options_t options = options_of({"listen"});
   EXPECT_EQ(options.what, command::listen);
@@ -67,6 +71,7 @@ TEST(CommandLineTest, ListenHasNoLimitUnlessAskedFor) {
   EXPECT_FALSE(options.quiet);
 }
 
+// --from, --count, --timeout, --format json or hex, and --quiet.
 TEST(CommandLineTest, ListenTakesItsOptions) {
   const options_t options = options_of(
       {"listen", "--from", "7", "--count", "3", "--timeout", "2", "--format", "json", "--quiet"});
@@ -78,6 +83,7 @@ TEST(CommandLineTest, ListenTakesItsOptions) {
   EXPECT_EQ(options_of({"listen", "--format", "hex"}).format, message_format::hex);
 }
 
+// status waits 10 seconds; rejoin --module 4 means module 4.
 TEST(CommandLineTest, StatusAndRejoinHaveDefaults) {
   EXPECT_EQ(options_of({"status"}).what, command::status);
   EXPECT_EQ(options_of({"status"}).timeout_seconds, 10);
@@ -85,6 +91,7 @@ TEST(CommandLineTest, StatusAndRejoinHaveDefaults) {
   EXPECT_EQ(options_of({"rejoin", "--module", "4"}).module_id, 4);
 }
 
+// No file is "FILE is required", a second one "not expected: b".
 TEST(CommandLineTest, CheckConfigTakesOneFile) {
   EXPECT_EQ(options_of({"check-config", "vemk.conf"}).what, command::check_config);
   EXPECT_EQ(options_of({"check-config", "vemk.conf"}).config_file, "vemk.conf");
@@ -92,6 +99,7 @@ TEST(CommandLineTest, CheckConfigTakesOneFile) {
   EXPECT_THAT(refusal({"check-config", "a", "b"}), HasSubstr("not expected: b"));
 }
 
+// --bus /a counts before the command, behind it, behind the text, and as --bus=/a.
 TEST(CommandLineTest, TheBusFolderMayStandBeforeOrAfterTheCommand) {
   EXPECT_EQ(options_of({"--bus", "/a", "send", "x"}).bus_folder, "/a");
   EXPECT_EQ(options_of({"send", "--bus", "/a", "x"}).bus_folder, "/a");
@@ -99,6 +107,7 @@ TEST(CommandLineTest, TheBusFolderMayStandBeforeOrAfterTheCommand) {
   EXPECT_EQ(options_of({"status", "--bus=/a"}).bus_folder, "/a");
 }
 
+// Each wrong use names the word it is about and has the status for usage errors, 64.
 TEST(CommandLineTest, RefusesWrongUsage) {
   EXPECT_THAT(refusal({}), HasSubstr("subcommand is required"));
   EXPECT_THAT(refusal({"send"}), HasSubstr("TEXT is required"));
@@ -114,6 +123,7 @@ TEST(CommandLineTest, RefusesWrongUsage) {
   refusal({"fly"});
 }
 
+// COMMAND --help has status 0 and "Usage: vemkctl COMMAND"; --help names every command.
 TEST(CommandLineTest, HelpGoesToStandardOutput) {
   for (const char *command : {"send", "listen", "status", "rejoin", "check-config"}) {
     const command_line_t line = parse({command, "--help"});
@@ -125,6 +135,7 @@ TEST(CommandLineTest, HelpGoesToStandardOutput) {
   }
 }
 
+// --version begins with "vemkctl " and has status 0.
 TEST(CommandLineTest, VersionGoesToStandardOutput) {
   EXPECT_THAT(parse({"--version"}).output, ::testing::StartsWith("vemkctl "));
   EXPECT_EQ(parse({"--version"}).status, exit_done);

@@ -57,6 +57,7 @@ protected:
   temporary_folder folder;
 };
 
+// The whole report: host, port, path, both delays, the first five windows, log mask, location.
 TEST_F(ConfigCheckTest, TellsWhatTheDaemonUses) {
   const config_check_t result = check(good + "ap_location=lobby west\nlog_level=0x0D\n");
   EXPECT_EQ(result.verdict, config_verdict::usable);
@@ -72,16 +73,19 @@ TEST_F(ConfigCheckTest, TellsWhatTheDaemonUses) {
                                "  location        lobby west\n");
 }
 
+// Without their keys the log shows nothing (0x00) and the location is default-domain.
 TEST_F(ConfigCheckTest, DefaultsAreWhatTheDaemonHas) {
   EXPECT_THAT(check(good).report, AllOf(HasSubstr("  log             nothing (0x00)\n"),
                                         HasSubstr("  location        default-domain\n")));
 }
 
+// "#", ";" and indented comments, blank lines and "LOG_LEVEL=0X0f" bring no finding.
 TEST_F(ConfigCheckTest, CommentsBlankLinesAndLetterCaseAreFine) {
   EXPECT_THAT(findings("# comment = 1\n; comment\n\n   \n  # indented\nLOG_LEVEL=0X0f\n" + good),
               IsEmpty());
 }
 
+// Blanks before the key or sign, unknown keys with a hint at the nearest, and plain words.
 TEST_F(ConfigCheckTest, LinesThatMatchNoKeyAreNamed) {
   EXPECT_THAT(
       findings(" log_level=1\nlog_level =1\nmax_conection_delay=60\nMAX-CONNECTION-DELAY=60\n"
@@ -98,6 +102,7 @@ TEST_F(ConfigCheckTest, LinesThatMatchNoKeyAreNamed) {
           StartsWith("7: 'log_level 5' is neither KEY=VALUE nor a comment")));
 }
 
+// Of 25 such lines 20 are named and "5 more lines match no key" counts the rest.
 TEST_F(ConfigCheckTest, ManyIgnoredLinesAreCounted) {
   std::string file;
   for (int i = 0; i < 25; ++i)
@@ -107,6 +112,7 @@ TEST_F(ConfigCheckTest, ManyIgnoredLinesAreCounted) {
   EXPECT_THAT(texts.back(), StartsWith("0: 5 more lines match no key"));
 }
 
+// A service line that matches no key is an error, and so is a file without one.
 TEST_F(ConfigCheckTest, MisplacedServiceKeyIsWhyThereIsNoService) {
   expect_unusable(" " + good, ":1: error: blanks before the key");
   expect_unusable("roam_service_url = ws://192.0.2.7:8080/roam\n", ":1: error: blanks before");
@@ -114,6 +120,7 @@ TEST_F(ConfigCheckTest, MisplacedServiceKeyIsWhyThereIsNoService) {
   expect_unusable("# nothing\n", "because no line gives it a service; add roam_service_url=");
 }
 
+// "the URL has no port", "no '/' behind its port" and "no port before its path".
 TEST_F(ConfigCheckTest, UrlWithoutPortOrPathIsUnusable) {
   expect_unusable("roam_service_url=ws://host/roam\n", ":1: error: the URL has no port; ");
   expect_unusable("roam_service_url=ws://host:80\n",
@@ -123,6 +130,7 @@ TEST_F(ConfigCheckTest, UrlWithoutPortOrPathIsUnusable) {
   expect_unusable("roam_service_url=\n", ":1: error: the URL has no port; ");
 }
 
+// wss, WS, " ws", http and a late "://" are refused, each with what is wrong.
 TEST_F(ConfigCheckTest, OtherSchemesAreRefusedWithAHint) {
   expect_unusable("roam_service_url=wss://h:80/\n", "'wss' is refused, there is no TLS");
   expect_unusable("roam_service_url=WS://h:80/\n", "'WS' is refused, it must be in lower case");
@@ -131,11 +139,13 @@ TEST_F(ConfigCheckTest, OtherSchemesAreRefusedWithAHint) {
   expect_unusable("roam_service_url=h:80/?to=x://\n", "'h:80/?to=x' is refused");
 }
 
+// Lines behind a refused scheme are named as not read.
 TEST_F(ConfigCheckTest, RefusedSchemeStopsTheReading) {
   expect_unusable("roam_service_url=wss://h:80/\n\n" + good,
                   ":3: warning: from here on nothing is read, because of the scheme on line 1");
 }
 
+// The service of line 1 stays in use, with a warning for line 4.
 TEST_F(ConfigCheckTest, ServiceReadBeforeARefusedSchemeOrAnIncompleteUrlStays) {
   expect_warning(good + "roam_service_url=wss://other:1/\n",
                  "4: warning: scheme 'wss' is refused, there is no TLS; write ws://; the one of "
@@ -145,6 +155,7 @@ TEST_F(ConfigCheckTest, ServiceReadBeforeARefusedSchemeOrAnIncompleteUrlStays) {
               HasSubstr("  host            192.0.2.7\n"));
 }
 
+// Ports 0, 65536, empty, "http" and one with a password before it are errors.
 TEST_F(ConfigCheckTest, PortsThatCannotBeConnectedToAreUnusable) {
   expect_unusable("roam_service_url=ws://h:0/\n", ":1: error: port 0 is no port to connect to");
   expect_unusable("roam_service_url=ws://h:65536/\n", "port 65536 counts as 0, which is no port");
@@ -153,6 +164,7 @@ TEST_F(ConfigCheckTest, PortsThatCannotBeConnectedToAreUnusable) {
   expect_unusable("roam_service_url=ws://u:pw@h:80/\n", "port: 'pw@h:80' is no number");
 }
 
+// 83616 is a warning and shown as 18080.
 // The WebSocket library takes the port's lowest 16 bits, and a server there is connected to.
 TEST_F(ConfigCheckTest, PortsOutOfRangeAreTakenModulo65536) {
   expect_warning("roam_service_url=ws://h:83616/\n" + good_delays,
@@ -163,6 +175,7 @@ TEST_F(ConfigCheckTest, PortsOutOfRangeAreTakenModulo65536) {
   expect_warning("roam_service_url=ws://h:-1/\n" + good_delays, "1: warning: port '-1' is not");
 }
 
+// No host, a blank, a "/" or the bracket of an IPv6 address in it are errors.
 TEST_F(ConfigCheckTest, HostsThatNoNameServerKnowsAreUnusable) {
   expect_unusable("roam_service_url=ws://:80/\n", ":1: error: the URL has no host");
   expect_unusable("roam_service_url=ws://h :80/\n", ":1: error: host 'h ' holds blanks");
@@ -170,6 +183,7 @@ TEST_F(ConfigCheckTest, HostsThatNoNameServerKnowsAreUnusable) {
   expect_unusable("roam_service_url=ws://[::1]:80/x\n", ":1: error: host '[' begins an IPv6");
 }
 
+// Not all ASCII, "*", blanks and text behind the port are warnings.
 TEST_F(ConfigCheckTest, OddHostsAndPathsAreWarnedOf) {
   const std::string url = "roam_service_url=ws://";
   expect_warning(url + "h\xC3\xB6st:80/\n" + good_delays,
@@ -181,6 +195,7 @@ TEST_F(ConfigCheckTest, OddHostsAndPathsAreWarnedOf) {
   expect_warning(url + "h:80x/\n" + good_delays, "1: warning: port: '80x' has 'x' behind");
 }
 
+// Each odd delay is named with its value: "5s" is 5, "-5" is 4294967291.
 TEST_F(ConfigCheckTest, NumbersThatAreNotPlainAreNamedWithWhatTheyCountAs) {
   EXPECT_THAT(findings("max_connection_delay=\nmax_connection_delay=ten\n"),
               testing::Contains("1: max_connection_delay: it has no value and counts as 0; give a "
@@ -203,6 +218,7 @@ TEST_F(ConfigCheckTest, NumbersThatAreNotPlainAreNamedWithWhatTheyCountAs) {
   EXPECT_THAT(findings("max_connection_delay=2147483647\n"), IsEmpty());
 }
 
+// "0F" counts as 0, "0xFg" as 15, 16 names no category, "0X0f" is fine.
 TEST_F(ConfigCheckTest, LogLevelsAreReadAsTheDaemonReadsThem) {
   const std::pair<const char *, const char *> cases[] = {
       {"0x", "0x has no digits behind it and counts as 0"},
@@ -216,6 +232,7 @@ TEST_F(ConfigCheckTest, LogLevelsAreReadAsTheDaemonReadsThem) {
   EXPECT_THAT(findings("log_level=0X0f\n"), IsEmpty());
 }
 
+// Initial above maximum, 0, largest 0 or 1, and either key missing are warnings.
 TEST_F(ConfigCheckTest, DelaysThatDoNotWorkTogetherAreWarnedOf) {
   const auto delays = [](const std::string &initial, const std::string &largest) {
     return good_url + "initial_connection_delay=" + initial + "\nmax_connection_delay=" + largest +
@@ -229,12 +246,14 @@ TEST_F(ConfigCheckTest, DelaysThatDoNotWorkTogetherAreWarnedOf) {
   expect_warning(good_url, " warning: without initial_connection_delay=");
 }
 
+// A second maximum on line 5 is in use, with a warning that names line 3.
 TEST_F(ConfigCheckTest, LaterOfTwoLinesCounts) {
   expect_warning(good + "\nmax_connection_delay=30\n",
                  "5: warning: max_connection_delay= is on line 3 too, and this later one counts");
   EXPECT_THAT(check(good + "max_connection_delay=30\n").report, HasSubstr("maximum delay   30 s"));
 }
 
+// Beyond 254 bytes a line goes on as another; one of 254 bytes brings no finding.
 TEST_F(ConfigCheckTest, RestOfALongLineIsReadAsANewOne) {
   expect_warning("#" + std::string(253, '-') + good,
                  "1: warning: the line is longer than 254 bytes");
@@ -244,6 +263,7 @@ TEST_F(ConfigCheckTest, RestOfALongLineIsReadAsANewOne) {
               ElementsAre(StartsWith("1: the line is longer"), StartsWith("2: ap_location: ")));
 }
 
+// A comment, quotation marks and blanks become part of the value and are named.
 TEST_F(ConfigCheckTest, LocationsAreTakenAsTheyStand) {
   EXPECT_THAT(findings("ap_location=a b\n"), IsEmpty());
   EXPECT_THAT(findings("ap_location=a # b\n"), ElementsAre(HasSubstr("the comment behind")));
@@ -251,6 +271,7 @@ TEST_F(ConfigCheckTest, LocationsAreTakenAsTheyStand) {
   EXPECT_THAT(findings("ap_location=a \n"), ElementsAre(HasSubstr("blanks around the value")));
 }
 
+// CR LF, lone CR, NUL, control bytes, byte order marks and the empty file, once each.
 TEST_F(ConfigCheckTest, FilesThatAreNotPlainTextAreNamedOnce) {
   expect_warning("# a\r\n# b\r\n" + good, "1: warning: the line ends in CR LF");
   EXPECT_THAT(findings("# a\r\n# b\r\n" + good), ElementsAre(StartsWith("1: the line ends in")));
@@ -265,6 +286,7 @@ TEST_F(ConfigCheckTest, FilesThatAreNotPlainTextAreNamedOnce) {
   expect_unusable("", " warning: the file is empty");
 }
 
+// A folder and a missing file: "the daemon would end at once".
 TEST_F(ConfigCheckTest, WhatIsNoFileIsUnusable) {
   const auto verdict_of = [](const std::string &path, const std::string &text) {
     const config_check_t result = check_config(path);
@@ -276,12 +298,14 @@ TEST_F(ConfigCheckTest, WhatIsNoFileIsUnusable) {
   verdict_of(folder.file("missing.conf"), "cannot be opened: No such file or directory");
 }
 
+// A FIFO is an io_error and is not opened.
 TEST_F(ConfigCheckTest, PipeIsLeftAlone) {
   const std::string path = folder.file("pipe");
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   EXPECT_THROW(check_config(path), io_error);
 }
 
+// Escape comes out as "\x1b" in findings and values.
 TEST_F(ConfigCheckTest, ControlBytesReachNoTerminal) {
   const std::string report = check("\x1b[31m=1\n" + good + "ap_location=\x1b[2J\n").report;
   EXPECT_THAT(report, AllOf(Not(HasSubstr("\x1b")), HasSubstr("location        \\x1b[2J\n")));

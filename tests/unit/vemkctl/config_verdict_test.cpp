@@ -171,6 +171,7 @@ protected:
   temporary_folder folder;
 };
 
+// For 800 generated files the verdict is what the daemon's parser then makes of them.
 TEST_F(ConfigVerdictTest, AgreesWithTheDaemonOnGeneratedFiles) {
   constexpr unsigned files = 800;
   std::map<config_verdict, int> verdicts;

@@ -51,6 +51,7 @@ std::vector<std::string> logged_by_the_daemon(std::uint32_t initial, std::uint32
   return windows;
 }
 
+// 2 and 60: [1;3) to [16;48), then [30;90) twice; 0 starts with [1;3) twice.
 TEST(DelayWindowsTest, WindowsDoubleUpToTheMaximum) {
   EXPECT_THAT(texts(2, 60, 7),
               ElementsAre("[1;3)", "[2;6)", "[4;12)", "[8;24)", "[16;48)", "[30;90)", "[30;90)"));
@@ -59,6 +60,7 @@ TEST(DelayWindowsTest, WindowsDoubleUpToTheMaximum) {
   EXPECT_THAT(texts(100, 60, 2), ElementsAre("[50;150)", "[30;90)"));
 }
 
+// For 361 pairs of delays, up to 0xFFFFFFFF, 40 windows are those of the daemon's log.
 TEST(DelayWindowsTest, AreThoseThatTheDaemonLogs) {
   const std::uint32_t delays[] = {0,           1,           2,           3,           7,
                                   10,          59,          60,          61,          3600,

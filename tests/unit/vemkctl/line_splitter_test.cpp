@@ -19,6 +19,7 @@ protected:
   line_splitter splitter{8, [this](std::string_view line) { lines.emplace_back(line); }};
 };
 
+// Four lines, an empty one among them; the end adds none.
 TEST_F(LineSplitterTest, HandsOnEachLineWithoutItsLineFeed) {
   splitter.add("one\ntwo\n\nfour\n");
   EXPECT_THAT(lines, ElementsAre("one", "two", "", "four"));
@@ -26,6 +27,7 @@ TEST_F(LineSplitterTest, HandsOnEachLineWithoutItsLineFeed) {
   EXPECT_THAT(lines, ElementsAre("one", "two", "", "four"));
 }
 
+// A line in two pieces is handed on with its line feed, the beginning of the next is not.
 TEST_F(LineSplitterTest, HandsOnALineAsSoonAsItsLineFeedComes) {
   splitter.add("o");
   splitter.add("ne");
@@ -34,23 +36,27 @@ TEST_F(LineSplitterTest, HandsOnALineAsSoonAsItsLineFeedComes) {
   EXPECT_THAT(lines, ElementsAre("one"));
 }
 
+// What stands behind the last line feed is a line at the end.
 TEST_F(LineSplitterTest, CountsALastLineWithoutALineFeed) {
   splitter.add("one\ntwo");
   splitter.finish();
   EXPECT_THAT(lines, ElementsAre("one", "two"));
 }
 
+// No byte is no line, not an empty one.
 TEST_F(LineSplitterTest, HasNoLinesInAnEmptyInput) {
   splitter.add("");
   splitter.finish();
   EXPECT_THAT(lines, IsEmpty());
 }
 
+// NUL, carriage return and 0xFF stay in the line.
 TEST_F(LineSplitterTest, LeavesOtherBytesAsTheyAre) {
   splitter.add(std::string("a\0b\r\n\xff\n", 7));
   EXPECT_THAT(lines, ElementsAre(std::string("a\0b\r", 4), "\xff"));
 }
 
+// 8 of 8 bytes pass; the ninth is "line 2 is longer than 8 bytes".
 TEST_F(LineSplitterTest, TakesALineOfTheGreatestLengthAndRefusesALongerOne) {
   splitter.add("12345678\n1234");
   EXPECT_THAT(lines, ElementsAre("12345678"));

@@ -15,6 +15,7 @@ std::string json(std::string_view message) {
   return format_message(message, message_format::json, 2);
 }
 
+// \n, \r, \t and \xNN for control bytes; backslash and high bytes stay.
 TEST(TextFormatTest, EscapesOnlyWhatWouldBreakTheLineOrTheTerminal) {
   EXPECT_EQ(text("plain text"), "plain text");
   EXPECT_EQ(text("a\nb\rc\td"), "a\\nb\\rc\\td");
@@ -23,11 +24,13 @@ TEST(TextFormatTest, EscapesOnlyWhatWouldBreakTheLineOrTheTerminal) {
   EXPECT_EQ(text(""), "");
 }
 
+// "000fa5ff" for four bytes, nothing for none.
 TEST(HexFormatTest, WritesTwoLowerCaseDigitsAByte) {
   EXPECT_EQ(format_message(std::string("\0\x0f\xa5\xff", 4), message_format::hex, 2), "000fa5ff");
   EXPECT_EQ(format_message("", message_format::hex, 2), "");
 }
 
+// "from", "length" in bytes and "text" with JSON's escapes, NUL as \u0000.
 TEST(JsonFormatTest, HoldsValidUtf8AsText) {
   EXPECT_EQ(json("a \"b\" \\ /\n"), R"({"from":2,"length":10,"text":"a \"b\" \\ /\n"})");
   EXPECT_EQ(json(std::string("a\0b", 3)), R"({"from":2,"length":3,"text":"a\u0000b"})");
@@ -35,14 +38,17 @@ TEST(JsonFormatTest, HoldsValidUtf8AsText) {
   EXPECT_EQ(json(""), R"({"from":2,"length":0,"text":""})");
 }
 
+// Bytes that are no UTF-8 are "hex" instead of "text".
 TEST(JsonFormatTest, HoldsOtherBytesAsHex) {
   EXPECT_EQ(json("a\xff"), R"({"from":2,"length":2,"hex":"61ff"})");
 }
 
+// Module 7 is "from":7.
 TEST(JsonFormatTest, NamesTheSendersModule) {
   EXPECT_EQ(format_message("x", message_format::json, 7), R"({"from":7,"length":1,"text":"x"})");
 }
 
+// First and last code point of one to four bytes, around the surrogates, and NUL.
 TEST(Utf8Test, AcceptsTheBoundsOfEachLength) {
   for (const char *valid : {"", "\x7f", "\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf",
                             "\xee\x80\x80", "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"})
@@ -50,6 +56,7 @@ TEST(Utf8Test, AcceptsTheBoundsOfEachLength) {
   EXPECT_TRUE(is_utf8(std::string_view("\0", 1)));
 }
 
+// Lone continuation, overlong, surrogate and beyond U+10FFFF are no UTF-8.
 TEST(Utf8Test, RefusesOverlongFormsSurrogatesAndWhatLiesBeyond) {
   for (const char *invalid :
        {"\x80", "\xbf", "\xc0\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xed\xbf\xbf",
@@ -57,12 +64,14 @@ TEST(Utf8Test, RefusesOverlongFormsSurrogatesAndWhatLiesBeyond) {
     EXPECT_FALSE(is_utf8(invalid)) << format_message(invalid, message_format::hex, 2);
 }
 
+// Two, three and four-byte sequences without their end, or with another byte in it.
 TEST(Utf8Test, RefusesSequencesCutShort) {
   for (const char *invalid : {"\xc2", "\xc2g", "\xe2\x82", "\xe2\x82g", "\xf0\x9f\x98",
                               "\xf0\x9f\x98g", "a\xe2", "\xc2\xc2\x80"})
     EXPECT_FALSE(is_utf8(invalid)) << format_message(invalid, message_format::hex, 2);
 }
 
+// "connected" is true and "disconnected" false, whatever the order of the members.
 TEST(ConnectedStatusTest, ReadsTheDaemonsStatusMessages) {
   EXPECT_EQ(
       connected_status(R"({ "version": "2.0", "service": "internal-ipc", "cmd": "connected" })"),
@@ -70,6 +79,7 @@ TEST(ConnectedStatusTest, ReadsTheDaemonsStatusMessages) {
   EXPECT_EQ(connected_status(R"({"cmd":"disconnected","service":"internal-ipc"})"), false);
 }
 
+// Other service, other cmd, other types, no JSON and half of it are no status.
 TEST(ConnectedStatusTest, IgnoresEverythingElse) {
   for (const char *other :
        {"", "connected", "[1]", "null", R"({"cmd":"connected"})",

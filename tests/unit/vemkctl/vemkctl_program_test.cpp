@@ -69,11 +69,13 @@ protected:
   std::string bus;
 };
 
+// A text with a line feed is one message; the empty text is one of 0 bytes.
 TEST_F(VemkctlProgramTest, SendSendsATextAsOneMessage) {
   EXPECT_THAT(sent({"send", "two\nlines"}), ElementsAre("two\nlines"));
   EXPECT_THAT(sent({"send", ""}), ElementsAre(""));
 }
 
+// "-" sends NUL, line feeds and 300,000 bytes as one message.
 TEST_F(VemkctlProgramTest, SendTakesTheWholeOfStandardInputAsOneMessage) {
   const std::string bytes("a\0b\nc\xff\n", 7);
   EXPECT_THAT(sent({"send", "-"}, bytes), ElementsAre(bytes));
@@ -81,6 +83,7 @@ TEST_F(VemkctlProgramTest, SendTakesTheWholeOfStandardInputAsOneMessage) {
   EXPECT_THAT(sent({"send", "-"}, longer), ElementsAre(longer));
 }
 
+// --lines sends each line, the empty and the last unfinished one among them.
 TEST_F(VemkctlProgramTest, SendTakesALineAsAMessage) {
   EXPECT_THAT(sent({"send", "--lines", "-"}, "one\n\nthree\r\nlast"),
               ElementsAre("one", "", "three\r", "last"));
@@ -88,6 +91,7 @@ TEST_F(VemkctlProgramTest, SendTakesALineAsAMessage) {
   EXPECT_THAT(sent({"send", "--lines", "one\ntwo"}), ElementsAre("one", "two"));
 }
 
+// 20,000 lines have all been taken when the program ends.
 TEST_F(VemkctlProgramTest, SendEndsAfterAllOfManyLinesWereTaken) {
   std::string input;
   for (int i = 0; i < 20000; ++i)
@@ -97,12 +101,14 @@ TEST_F(VemkctlProgramTest, SendEndsAfterAllOfManyLinesWereTaken) {
   EXPECT_EQ(messages.back(), "line 19999");
 }
 
+// One byte more than 64 MiB: "send it in parts" and status 4.
 TEST_F(VemkctlProgramTest, SendRefusesWhatIsLongerThan64Mebibytes) {
   program_run run(folder, {"send", "-"}, std::string(64 * 1024 * 1024 + 1, 'x'));
   EXPECT_EQ(run.next_note(), "vemkctl: the message is longer than 64 MiB; send it in parts");
   EXPECT_EQ(run.exit_status(), 4);
 }
 
+// "did not take it in time" with module and folder, and status 3.
 TEST_F(VemkctlProgramTest, SendSaysSoWhenNobodyTakesTheMessage) {
   program_run run(folder, {"send", "--timeout", "0.2", "text"});
   EXPECT_EQ(run.next_note(), "vemkctl: module 2 in " + bus +
@@ -111,6 +117,7 @@ TEST_F(VemkctlProgramTest, SendSaysSoWhenNobodyTakesTheMessage) {
   EXPECT_EQ(run.exit_status(), 3);
 }
 
+// With mode 0755 listen, status and rejoin end with "chmod 700" and status 3.
 TEST_F(VemkctlProgramTest, AFolderThatIsOpenToOthersIsRefused) {
   std::filesystem::create_directory(bus);
   std::filesystem::permissions(bus, std::filesystem::perms(0755));
@@ -121,12 +128,14 @@ TEST_F(VemkctlProgramTest, AFolderThatIsOpenToOthersIsRefused) {
   }
 }
 
+// --bus is used and named, not MODULE_BUS_DIR.
 TEST_F(VemkctlProgramTest, TheFolderOnTheCommandLineGoesBeforeTheEnvironment) {
   const std::string other = folder + "/other";
   program_run run(folder, {"send", "text", "--timeout", "0.1", "--bus", other});
   EXPECT_THAT(run.next_note(), HasSubstr(other));
 }
 
+// The same six bytes as text, hex and JSON; bytes that are no UTF-8 as JSON's "hex".
 TEST_F(VemkctlProgramTest, ListenPrintsEachFormat) {
   const std::string bytes("a\0\n\\\xc3\xa4", 6);
   EXPECT_EQ(printed("text", bytes), "a\\x00\\n\\\xc3\xa4\n");
@@ -136,6 +145,7 @@ TEST_F(VemkctlProgramTest, ListenPrintsEachFormat) {
   EXPECT_EQ(printed("json", "\xff"), "{\"from\":2,\"length\":1,\"hex\":\"ff\"}\n");
 }
 
+// After 0.3 s without a message: status 2, no output, and no note with --quiet.
 TEST_F(VemkctlProgramTest, ListenEndsWithTwoWhenTheTimeIsUp) {
   fake_module module(silence);
   program_run run(folder, {"listen", "--timeout", "0.3", "--quiet"});
@@ -144,12 +154,14 @@ TEST_F(VemkctlProgramTest, ListenEndsWithTwoWhenTheTimeIsUp) {
   EXPECT_EQ(run.output(), "");
 }
 
+// "module 2 in FOLDER was not on the bus" and status 2.
 TEST_F(VemkctlProgramTest, ListenSaysThatTheModuleWasNotThere) {
   program_run run(folder, {"listen", "--timeout", "0.2"});
   EXPECT_THAT(run.next_note(), StartsWith("vemkctl: module 2 in " + bus + " was not on the bus"));
   EXPECT_EQ(run.exit_status(), 2);
 }
 
+// On /dev/full: "cannot write to standard output: No space ..." and status 4.
 TEST_F(VemkctlProgramTest, ListenReportsOutputThatCannotBeWritten) {
   fake_module module(echo);
   program_run listener(folder, {"listen"}, "", "/dev/full");
@@ -159,6 +171,7 @@ TEST_F(VemkctlProgramTest, ListenReportsOutputThatCannotBeWritten) {
   EXPECT_EQ(listener.exit_status(), 4);
 }
 
+// SIGINT ends it as a signal does: 130 in a shell.
 TEST_F(VemkctlProgramTest, ListenEndsWithASignalInTheDefaultWay) {
   fake_module module(silence);
   program_run listener(folder, {"listen"});
@@ -167,6 +180,7 @@ TEST_F(VemkctlProgramTest, ListenEndsWithASignalInTheDefaultWay) {
   EXPECT_EQ(listener.exit_status(), 130);
 }
 
+// It sends the status request; "connected" is status 0, "disconnected" 1.
 TEST_F(VemkctlProgramTest, StatusTellsConnectedFromDisconnected) {
   for (const bool is_connected : {true, false}) {
     fake_module module([&](const std::string &) {
@@ -180,6 +194,7 @@ TEST_F(VemkctlProgramTest, StatusTellsConnectedFromDisconnected) {
   }
 }
 
+// Traffic, another service and bytes before the answer are passed over.
 TEST_F(VemkctlProgramTest, StatusIgnoresEverythingButTheAnswer) {
   fake_module module([](const std::string &) {
     return std::vector<std::string>{"traffic", R"({"service":"other","cmd":"disconnected"})",
@@ -190,6 +205,7 @@ TEST_F(VemkctlProgramTest, StatusIgnoresEverythingButTheAnswer) {
   EXPECT_EQ(run.output(), "connected\n");
 }
 
+// A module that does not answer, and none at all: "no answer from module 2" and status 2.
 TEST_F(VemkctlProgramTest, StatusEndsWithTwoWithoutAnAnswer) {
   fake_module module(echo);
   program_run with_module(folder, {"status", "--timeout", "0.3"});
@@ -202,6 +218,7 @@ TEST_F(VemkctlProgramTest, StatusEndsWithTwoWithoutAnAnswer) {
   EXPECT_EQ(without_module.output(), "");
 }
 
+// The module's loop flag goes to 0 without a message for it; status 0.
 TEST_F(VemkctlProgramTest, RejoinDropsTheModule) {
   fake_module module(silence);
   program_run run(folder, {"rejoin"});
@@ -211,6 +228,7 @@ TEST_F(VemkctlProgramTest, RejoinDropsTheModule) {
   EXPECT_THAT(module.messages, IsEmpty());
 }
 
+// Status 0, 1 and 2 for the verdicts, 4 for /dev/full and /dev/null; the bus is not touched.
 TEST_F(VemkctlProgramTest, CheckConfigReportsWithoutABus) {
   const auto file = [this](const char *name, const std::string &text) {
     const std::string path = folder + "/" + name;
@@ -239,6 +257,7 @@ TEST_F(VemkctlProgramTest, CheckConfigReportsWithoutABus) {
   EXPECT_EQ(device.exit_status(), 4);
 }
 
+// Help on standard output, status 0 or 4 on /dev/full; usage errors on the other, status 64.
 TEST_F(VemkctlProgramTest, HelpAndWrongUsageGoWhereTheyBelong) {
   program_run help(folder, {"send", "--help"});
   EXPECT_EQ(help.exit_status(), 0);
