@@ -63,14 +63,14 @@ class failing_server(raw_server):
 
 
 class hanging_up_server(failing_server):
-    """As a failing_server, but its faults are ends of the connection right after the accept."""
+    """As a failing_server, but its faults come right after the accept, without a request."""
 
     def serve(self, connection):
         fault = self.fault_of(connection)
         if fault is upgrade:
             super().serve(connection)
         else:
-            fault(connection)
+            fault(self, connection, None)
 
 
 def refused_course(port, handler="process_client_connection_error:41"):
