@@ -43,6 +43,7 @@ protected:
 
 // Making a reader.
 
+// "", " ", "not JSON", cut and wrong texts: is_null, and get_string("service") is null.
 TEST_F(JsonReaderTest, TextThatIsNotJsonMakesANullReader) {
   for (const char *text :
        {"", " ", "not JSON", "{", "[1,", "{\"a\"}", "{\"a\":}", "\x80\xFF", "}"}) {
@@ -53,14 +54,17 @@ TEST_F(JsonReaderTest, TextThatIsNotJsonMakesANullReader) {
   }
 }
 
+// Parsing a null pointer gives is_null.
 TEST_F(JsonReaderTest, NullTextMakesANullReader) {
   EXPECT_TRUE(json_reader(static_cast<const char *>(nullptr)).is_null());
 }
 
+// The text "null" gives is_null.
 TEST_F(JsonReaderTest, JsonNullIsANullReader) {
   EXPECT_TRUE(json_reader("null").is_null());
 }
 
+// Objects, arrays, strings, numbers and booleans, empty or in blanks, are not null.
 TEST_F(JsonReaderTest, AnyOtherJsonValueIsParsed) {
   for (const char *text : {"{}", "[]", "\"\"", "0", "true", "false", "1.5", " {} "}) {
     SCOPED_TRACE(text);
@@ -68,11 +72,13 @@ TEST_F(JsonReaderTest, AnyOtherJsonValueIsParsed) {
   }
 }
 
+// The destructor of a reader that parsed calls json_object_put once.
 TEST_F(JsonReaderTest, ParsedValueIsReleasedOnce) {
   { const json_reader reader("{}"); }
   EXPECT_THAT(wrapped_json::record(), ElementsAre("put"));
 }
 
+// A reader of a given object answers and never calls json_object_put.
 TEST_F(JsonReaderTest, BorrowedValueIsNotReleased) {
   json_object *const object = json_tokener_parse(R"({"a":"b"})");
   {
@@ -84,11 +90,13 @@ TEST_F(JsonReaderTest, BorrowedValueIsNotReleased) {
   json_object_put(object);
 }
 
+// A reader of a null object is_null.
 TEST_F(JsonReaderTest, ReaderMayBorrowNothing) {
   const json_reader reader(static_cast<json_object *>(nullptr));
   EXPECT_TRUE(reader.is_null());
 }
 
+// 20 nested arrays are parsed; 1,000,000 give a null reader.
 TEST_F(JsonReaderTest, DeepNestingIsRefusedAndNeverCrashes) {
   EXPECT_FALSE(json_reader(nested_arrays(20).c_str()).is_null());
   EXPECT_TRUE(json_reader(nested_arrays(1000000).c_str()).is_null());
@@ -96,6 +104,7 @@ TEST_F(JsonReaderTest, DeepNestingIsRefusedAndNeverCrashes) {
 
 // Null and wrongly typed values.
 
+// All seven questions give 0, null or a null reader.
 TEST_F(JsonReaderTest, NullReaderAnswersEverythingWithNothing) {
   const json_reader reader("not JSON");
   EXPECT_EQ(reader.array_length(), 0u);
@@ -107,6 +116,7 @@ TEST_F(JsonReaderTest, NullReaderAnswersEverythingWithNothing) {
   EXPECT_EQ(reader.get_string("key"), nullptr);
 }
 
+// A string, numbers and true give 0, null or a null reader to each question.
 TEST_F(JsonReaderTest, ScalarsHaveNeitherElementsNorMembers) {
   for (const char *text : {"\"text\"", "5", "1.5", "true"}) {
     SCOPED_TRACE(text);
@@ -121,6 +131,7 @@ TEST_F(JsonReaderTest, ScalarsHaveNeitherElementsNorMembers) {
   }
 }
 
+// Indexes into {"0":1} and keys into ["a"] give 0, null or a null reader.
 TEST_F(JsonReaderTest, ObjectIsNoArrayAndArrayNoObject) {
   const json_reader object(R"({"0":1})");
   EXPECT_EQ(object.array_length(), 0u);
@@ -136,11 +147,13 @@ TEST_F(JsonReaderTest, ObjectIsNoArrayAndArrayNoObject) {
 
 // Arrays.
 
+// [] has 0 and [null, 1, [2, 3]] has 3.
 TEST_F(JsonReaderTest, ArrayLengthCountsEveryElement) {
   EXPECT_EQ(json_reader("[]").array_length(), 0u);
   EXPECT_EQ(json_reader("[null, 1, [2, 3]]").array_length(), 3u);
 }
 
+// Of two elements index 1 is the last; 2, 3 and SIZE_MAX give null, 0 or a null reader.
 TEST_F(JsonReaderTest, IndexAtOrAboveTheLengthGivesNothing) {
   const json_reader reader(R"(["a","b"])");
   EXPECT_FALSE(reader.at(1).is_null());
@@ -151,6 +164,7 @@ TEST_F(JsonReaderTest, IndexAtOrAboveTheLengthGivesNothing) {
   }
 }
 
+// Readers of elements answer, and only the parsing one calls json_object_put.
 TEST_F(JsonReaderTest, ElementsAreBorrowed) {
   {
     const json_reader reader(R"([{"a":"inner"},[7]])");
@@ -160,6 +174,7 @@ TEST_F(JsonReaderTest, ElementsAreBorrowed) {
   EXPECT_THAT(wrapped_json::record(), ElementsAre("put"));
 }
 
+// string_at makes one copy with strdup, which outlives the reader until the caller frees it.
 TEST_F(JsonReaderTest, StringElementIsCopiedForTheCaller) {
   owned_text text(nullptr, &free);
   {
@@ -167,8 +182,11 @@ TEST_F(JsonReaderTest, StringElementIsCopiedForTheCaller) {
     text.reset(reader.string_at(0));
   }
   EXPECT_STREQ(text.get(), "text");
+  EXPECT_EQ(wrapped_json::texts_made(), 1u);
+  EXPECT_EQ(wrapped_json::texts_alive(), 1u);
 }
 
+// The empty string, null, 5, true, an object and an array give null from string_at.
 TEST_F(JsonReaderTest, OnlyNonEmptyStringElementsHaveAString) {
   const json_reader reader(R"(["", null, 5, true, {"a":1}, ["b"], "text"])");
   for (std::size_t index = 0; index < 6; ++index)
@@ -176,12 +194,14 @@ TEST_F(JsonReaderTest, OnlyNonEmptyStringElementsHaveAString) {
   EXPECT_EQ(string_at(reader, 6), "text");
 }
 
+// When strdup fails string_at is null.
 TEST_F(JsonReaderTest, StringElementWithoutMemoryIsNull) {
   const json_reader reader(R"(["text"])");
   wrapped_json::fail(wrapped_json::call::copy_text);
   EXPECT_EQ(string_at(reader, 0), "<null>");
 }
 
+// "7" is 7, 2.9 is 2, true is 1, 3000000000 is 2147483647; null, {} and [] are 0.
 TEST_F(JsonReaderTest, NumbersOfElementsAreConverted) {
   const json_reader reader(R"([5, -6, "7", "x", 2.9, true, false, null, {}, [], 3000000000])");
   const int expected[] = {5, -6, 7, 0, 2, 1, 0, 0, 0, 0, INT32_MAX};
@@ -191,6 +211,7 @@ TEST_F(JsonReaderTest, NumbersOfElementsAreConverted) {
 
 // Members.
 
+// Members of members answer, missing ones are null readers, and json_object_put is called once.
 TEST_F(JsonReaderTest, MemberIsBorrowed) {
   {
     const json_reader reader(R"({"a":{"b":{"c":"deep"}}})");
@@ -201,10 +222,12 @@ TEST_F(JsonReaderTest, MemberIsBorrowed) {
   EXPECT_THAT(wrapped_json::record(), ElementsAre("put"));
 }
 
+// member("a") of {"a":null} is_null.
 TEST_F(JsonReaderTest, MemberThatIsJsonNullIsANullReader) {
   EXPECT_TRUE(json_reader(R"({"a":null})").member("a").is_null());
 }
 
+// "42" is 42, true is 1, -3000000000 is -2147483648; a missing key and null are 0.
 TEST_F(JsonReaderTest, NumbersOfMembersAreConverted) {
   const json_reader reader(
       R"({"int":5,"min":-3000000000,"text":"42","bad":"x","null":null,"object":{},"true":true})");
@@ -218,6 +241,7 @@ TEST_F(JsonReaderTest, NumbersOfMembersAreConverted) {
   EXPECT_EQ(reader.get_int("missing"), 0);
 }
 
+// 12 is "12", [1,2] is "[ 1, 2 ]", "" is ""; a missing key and null are null.
 TEST_F(JsonReaderTest, StringsOfMembersAreTheirTextOrTheirJson) {
   const json_reader reader(
       R"({"text":"x","empty":"","number":12,"real":1.5,"true":true,"null":null,"list":[1,2]})");
@@ -231,11 +255,13 @@ TEST_F(JsonReaderTest, StringsOfMembersAreTheirTextOrTheirJson) {
   EXPECT_EQ(get_string(reader, "missing"), "<null>");
 }
 
+// get_string returns the same pointer twice: no copy is made.
 TEST_F(JsonReaderTest, MembersStringIsPartOfTheObject) {
   const json_reader reader(R"({"a":"text"})");
   EXPECT_EQ(reader.get_string("a"), reader.get_string("a"));
 }
 
+// "service" does not find "Service"; the empty key finds its own member.
 TEST_F(JsonReaderTest, KeysAreCompared) {
   const json_reader reader(R"({"Service":"upper","":"no name"})");
   EXPECT_EQ(get_string(reader, "service"), "<null>");
@@ -243,10 +269,12 @@ TEST_F(JsonReaderTest, KeysAreCompared) {
   EXPECT_EQ(get_string(reader, ""), "no name");
 }
 
+// {"a":"first","a":"last"} answers "last".
 TEST_F(JsonReaderTest, LastOfTwoEqualKeysCounts) {
   EXPECT_EQ(get_string(json_reader(R"({"a":"first","a":"last"})"), "a"), "last");
 }
 
+// UTF-8 in the text and the escape \u00e4 both give the bytes C3 A4.
 TEST_F(JsonReaderTest, BytesAboveAsciiAreKept) {
   EXPECT_EQ(get_string(json_reader("{\"a\":\"\xC3\xA4\"}"), "a"), "\xC3\xA4");
   EXPECT_EQ(get_string(json_reader(R"({"a":"\u00e4"})"), "a"), "\xC3\xA4");

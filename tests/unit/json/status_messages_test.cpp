@@ -1,26 +1,41 @@
 #include "json/status_messages.h"
 
+#include <cerrno>
 #include <memory>
 #include <new>
 #include <string>
+#include <system_error>
+#include <unistd.h>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "fakes/fake_log.h"
+#include "fakes/fake_mutex.h"
+#include "log/log_module.h"
 #include "unit/json/wrapped_json.h"
 
 namespace vemk {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using wrapped_json::call;
 
 class StatusMessagesTest : public testing::Test {
 protected:
-  StatusMessagesTest() { wrapped_json::reset(); }
-  ~StatusMessagesTest() override { wrapped_json::reset(); }
+  StatusMessagesTest() {
+    wrapped_json::reset();
+    fake_log::clear();
+    g_log_level = 0x01;
+  }
+
+  ~StatusMessagesTest() override {
+    wrapped_json::reset();
+    g_log_level = 0;
+  }
 
   static bus_message_kind kind_of(const std::string &bytes) {
     buffer_info_t message;
@@ -45,6 +60,7 @@ protected:
 
 // Building.
 
+// { "version": "2.0", "service": "internal-ipc", "cmd": "connected" }, no byte more.
 TEST_F(StatusMessagesTest, ConnectedMessageIsExactlyItsThreeMembers) {
   queue_status_message(queue, true);
   EXPECT_THAT(
@@ -52,6 +68,7 @@ TEST_F(StatusMessagesTest, ConnectedMessageIsExactlyItsThreeMembers) {
       ElementsAre(R"({ "version": "2.0", "service": "internal-ipc", "cmd": "connected" })"));
 }
 
+// { "version": "2.0", "service": "internal-ipc", "cmd": "disconnected" }, no byte more.
 TEST_F(StatusMessagesTest, DisconnectedMessageIsExactlyItsThreeMembers) {
   queue_status_message(queue, false);
   EXPECT_THAT(
@@ -59,46 +76,82 @@ TEST_F(StatusMessagesTest, DisconnectedMessageIsExactlyItsThreeMembers) {
       ElementsAre(R"({ "version": "2.0", "service": "internal-ipc", "cmd": "disconnected" })"));
 }
 
+// "disconnected" and "connected" leave in this order, each with one call of notify.
 TEST_F(StatusMessagesTest, MessagesGoToTheBackOfTheQueueAndRunItsHook) {
   int wakeups = 0;
   queue.set_notify([&] { ++wakeups; });
   queue_status_message(queue, false);
   queue_status_message(queue, true);
   EXPECT_EQ(wakeups, 2);
-  const auto texts = take_all();
-  ASSERT_EQ(texts.size(), 2u);
-  EXPECT_THAT(texts[0], testing::HasSubstr("\"disconnected\""));
-  EXPECT_THAT(texts[1], testing::HasSubstr("\"connected\""));
+  EXPECT_THAT(
+      take_all(),
+      ElementsAre(R"({ "version": "2.0", "service": "internal-ipc", "cmd": "disconnected" })",
+                  R"({ "version": "2.0", "service": "internal-ipc", "cmd": "connected" })"));
 }
 
+// Members "version", "service" and "cmd" are added in this order; tree and text are released.
+TEST_F(StatusMessagesTest, MessageIsBuiltInOrderAndItsTreeReleased) {
+  queue_status_message(queue, true);
+  EXPECT_THAT(wrapped_json::record(),
+              ElementsAre("object_add version", "object_add service", "object_add cmd", "put"));
+  EXPECT_EQ(wrapped_json::texts_made(), 1u);
+  EXPECT_EQ(wrapped_json::texts_alive(), 0u);
+}
+
+// The push runs the queue's notify under the queue's own mutex.
+TEST_F(StatusMessagesTest, HookRunsUnderTheQueuesLock) {
+  bool held = false;
+  queue.set_notify([&] { held = fake_mutex::is_held(queue.lock); });
+  queue_status_message(queue, true);
+  EXPECT_TRUE(held);
+}
+
+// One that comes back from the bus would be kept and not answered.
 TEST_F(StatusMessagesTest, StatusMessageIsOfTheDaemonsOwnServiceButNoRequest) {
   queue_status_message(queue, true);
   EXPECT_EQ(kind_of(take_all().at(0)), bus_message_kind::internal);
 }
 
+// Without memory for "2.0" the message has service and cmd only.
 TEST_F(StatusMessagesTest, MemberThatCannotBeMadeIsMissing) {
   wrapped_json::fail(call::new_string, 1);
   queue_status_message(queue, true);
   EXPECT_THAT(take_all(), ElementsAre(R"({ "service": "internal-ipc", "cmd": "connected" })"));
 }
 
+// A failed strdup, silently, or realloc, with its log line, queues nothing; the next is whole.
 TEST_F(StatusMessagesTest, NoMemoryForTheTextLosesTheMessageOnly) {
   wrapped_json::fail(call::copy_text);
   queue_status_message(queue, true);
+  EXPECT_THAT(fake_log::lines(), IsEmpty());
   wrapped_json::fail(call::grow_buffer);
   queue_status_message(queue, true);
+  EXPECT_THAT(fake_log::lines(), ElementsAre("|" + std::to_string(getpid()) +
+                                             "|buffer-info> append:95 Can't alloc memory\n"));
   EXPECT_THAT(take_all(), IsEmpty());
   queue_status_message(queue, true);
   EXPECT_EQ(take_all().size(), 1u);
 }
 
+// A std::bad_alloc out of the push leaves queue_status_message.
 TEST_F(StatusMessagesTest, FailureOfTheQueueReachesTheCaller) {
   queue.set_notify([] { throw std::bad_alloc(); });
   EXPECT_THROW(queue_status_message(queue, true), std::bad_alloc);
 }
 
+// EDEADLK of the queue's mutex leaves as std::system_error, and tree and text are released.
+TEST_F(StatusMessagesTest, FailureOfTheQueuesLockReachesTheCaller) {
+  fake_mutex::refuse(queue.lock, EDEADLK);
+  EXPECT_THROW(queue_status_message(queue, true), std::system_error);
+  fake_mutex::watch(queue.lock);
+  EXPECT_THAT(take_all(), IsEmpty());
+  EXPECT_THAT(wrapped_json::record(), Contains("put").Times(1));
+  EXPECT_EQ(wrapped_json::texts_alive(), 0u);
+}
+
 // Recognising.
 
+// service "internal-ipc" and cmd "status", in any letter case, order and company.
 TEST_F(StatusMessagesTest, StatusRequestIsRecognised) {
   for (const char *text : {
            R"({"service":"internal-ipc","cmd":"status"})",
@@ -114,6 +167,7 @@ TEST_F(StatusMessagesTest, StatusRequestIsRecognised) {
   }
 }
 
+// A missing or null cmd, any other cmd, and a key "Cmd": kept without an answer.
 TEST_F(StatusMessagesTest, OtherMessagesOfTheServiceAreInternal) {
   for (const char *text : {
            R"({"service":"internal-ipc"})",
@@ -133,6 +187,7 @@ TEST_F(StatusMessagesTest, OtherMessagesOfTheServiceAreInternal) {
   }
 }
 
+// No JSON, no object, no or another service, a key "Service": for the roaming service.
 TEST_F(StatusMessagesTest, EverythingElseIsForeign) {
   for (const char *text : {
            "",
@@ -159,10 +214,12 @@ TEST_F(StatusMessagesTest, EverythingElseIsForeign) {
   }
 }
 
+// A buffer whose data is null is forwarded.
 TEST_F(StatusMessagesTest, BufferWithoutDataIsForeign) {
   EXPECT_EQ(classify_bus_message(buffer_info_t()), bus_message_kind::foreign);
 }
 
+// A request with a NUL behind it is recognised; with one in front or inside it is not.
 TEST_F(StatusMessagesTest, NulByteEndsTheText) {
   const std::string request = R"({"service":"internal-ipc","cmd":"status"})";
   EXPECT_EQ(kind_of(request + std::string(1, '\0') + "binary"), bus_message_kind::status_request);
@@ -171,12 +228,14 @@ TEST_F(StatusMessagesTest, NulByteEndsTheText) {
             bus_message_kind::foreign);
 }
 
+// They are no JSON, or another service, or another cmd.
 TEST_F(StatusMessagesTest, BytesThatAreNoUtf8AreHarmless) {
   EXPECT_EQ(kind_of("\xFF\xFE\x80"), bus_message_kind::foreign);
   EXPECT_EQ(kind_of("{\"service\":\"\xFF\xFE\",\"cmd\":\"status\"}"), bus_message_kind::foreign);
   EXPECT_EQ(kind_of("{\"service\":\"internal-ipc\",\"cmd\":\"\xC3\"}"), bus_message_kind::internal);
 }
 
+// A request inside 10 or 1,000,000 arrays, or with 1,000,000 beside it, is forwarded.
 TEST_F(StatusMessagesTest, DeepNestingIsForeignAndNeverCrashes) {
   const std::string request = R"({"service":"internal-ipc","cmd":"status"})";
   EXPECT_EQ(kind_of(nested_in(request, 10)), bus_message_kind::foreign);
@@ -186,6 +245,7 @@ TEST_F(StatusMessagesTest, DeepNestingIsForeignAndNeverCrashes) {
       bus_message_kind::foreign);
 }
 
+// A request with a member of 1 MiB in front is answered; a service of 1 MiB is another one.
 TEST_F(StatusMessagesTest, LongMessagesAreRecognisedToo) {
   const std::string padding(1024 * 1024, 'x');
   EXPECT_EQ(kind_of(R"({"padding":")" + padding + R"(","service":"internal-ipc","cmd":"status"})"),
@@ -194,6 +254,7 @@ TEST_F(StatusMessagesTest, LongMessagesAreRecognisedToo) {
             bus_message_kind::foreign);
 }
 
+// Each of the five ways through the check calls json_object_put once.
 TEST_F(StatusMessagesTest, ParsedTextIsReleasedOnEveryPath) {
   for (const char *text :
        {R"({"service":"internal-ipc","cmd":"status"})", R"({"service":"internal-ipc"})",

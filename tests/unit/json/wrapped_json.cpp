@@ -1,5 +1,6 @@
 #include "unit/json/wrapped_json.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 
@@ -11,6 +12,8 @@ using vemk::wrapped_json::call;
 
 std::array<int, static_cast<std::size_t>(call::count)> calls_to_failure;
 std::vector<std::string> calls;
+std::size_t made = 0;
+std::vector<const void *> alive;
 
 bool fails(call kind) {
   int &left = calls_to_failure[static_cast<std::size_t>(kind)];
@@ -30,6 +33,7 @@ int __real_json_object_array_add(json_object *array, json_object *value);
 int __real_json_object_array_put_idx(json_object *array, size_t index, json_object *value);
 int __real_json_object_put(json_object *object);
 char *__real_strdup(const char *text);
+void __real_free(void *block);
 void *__real_realloc(void *block, size_t size);
 
 json_object *__wrap_json_object_new_object() {
@@ -69,7 +73,17 @@ int __wrap_json_object_put(json_object *object) {
 }
 
 char *__wrap_strdup(const char *text) {
-  return fails(call::copy_text) ? nullptr : __real_strdup(text);
+  if (fails(call::copy_text))
+    return nullptr;
+  char *const copy = __real_strdup(text);
+  ++made;
+  alive.push_back(copy);
+  return copy;
+}
+
+void __wrap_free(void *block) {
+  alive.erase(std::remove(alive.begin(), alive.end(), block), alive.end());
+  __real_free(block);
 }
 
 void *__wrap_realloc(void *block, size_t size) {
@@ -82,6 +96,8 @@ namespace vemk::wrapped_json {
 void reset() {
   calls_to_failure.fill(0);
   calls.clear();
+  made = 0;
+  alive.clear();
 }
 
 void fail(call kind, int nth) {
@@ -90,6 +106,14 @@ void fail(call kind, int nth) {
 
 std::vector<std::string> record() {
   return calls;
+}
+
+std::size_t texts_made() {
+  return made;
+}
+
+std::size_t texts_alive() {
+  return alive.size();
 }
 
 } // namespace vemk::wrapped_json

@@ -2,6 +2,7 @@
 #ifndef VEMK_TESTS_UNIT_JSON_WRAPPED_JSON_H
 #define VEMK_TESTS_UNIT_JSON_WRAPPED_JSON_H
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,10 @@ void fail(call kind, int nth = 1);
 /// The ways in which values were put into arrays and objects and the roots released, in order:
 /// "object_add key", "array_add", "array_put 3", "put" or "put null".
 std::vector<std::string> record();
+
+/// How many copies strdup has made since reset(), and how many of them have not been freed.
+std::size_t texts_made();
+std::size_t texts_alive();
 
 } // namespace vemk::wrapped_json
 

@@ -19,6 +19,7 @@ constexpr char built_for[] = "x86_64";
 constexpr char built_for[] = "aarch64";
 #endif
 
+// The system names the processor that the compiler built for, and numbers are little-endian.
 TEST(ProcessorTest, IsTheOneTheTestsWereBuiltFor) {
   utsname system{};
   ASSERT_EQ(uname(&system), 0);
