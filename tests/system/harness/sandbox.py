@@ -26,6 +26,7 @@ class sandbox:
     """Owns its folder and removes it with `remove`."""
 
     def __init__(self, build_folder, companion_folder, runner_folder=None):
+        self.build_folder = build_folder
         self.companion_folder = companion_folder
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="vemk-", dir=parent_folder))
         self.bus_folder = self.folder / "bus"

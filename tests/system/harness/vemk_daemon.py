@@ -9,6 +9,8 @@ import shlex
 import signal
 import subprocess
 
+import pytest
+
 from harness.waiting import wait_until
 
 log_line_t = collections.namedtuple("log_line_t", "time pid module text")
@@ -41,23 +43,35 @@ class vemk_daemon:
         self.output_file = place.folder / f"{name}.out"
         self.log_file = place.folder / f"{name}.log"
 
-    def start(self, config=None, arguments=None, environment=None, stack_bytes=None):
+    def start(self, config=None, arguments=None, environment=None, stack_bytes=None,
+              preload=None, network=None):
         """Starts with `-f` and a file of the text `config`, or with `arguments` alone.
 
-        `stack_bytes` is what each thread gets, the first one too; 8 MiB otherwise.
+        `stack_bytes` is what each thread gets, the first one too; 8 MiB otherwise. `preload` is a
+        library, by its path in the build folder or a whole one; `network` a network_namespace.
         """
         if config is not None:
             self.config_file.write_bytes(config if isinstance(config, bytes) else config.encode())
             arguments = ["-f", self.config_file]
         program = self.place.bound_build_folder / "vemk"
         runner = ["prlimit", f"--stack={stack_bytes}"] if stack_bytes else []
+        runner += self.preload_words(preload) if preload else []
         runner += shlex.split(os.environ.get("VEMK_RUNNER", ""))
+        entry = network.entry if network else []
         with open(self.output_file, "wb") as output, open(self.log_file, "wb") as log:
             self.process = subprocess.Popen(
-                self.place.command(*runner, program, *arguments), cwd="/",
+                [*entry, *self.place.command(*runner, program, *arguments)], cwd="/",
                 env=self.clean_environment(environment), stdin=subprocess.DEVNULL,
                 stdout=output, stderr=log)
         return self
+
+    def preload_words(self, library):
+        if not (self.place.build_folder / library).exists():
+            pytest.fail(f"{self.place.build_folder} holds no {library}: build it")
+        # The address sanitizer wants to be the first library, or to be told that it is not.
+        sanitizer = f"{os.environ.get('ASAN_OPTIONS', '')}:verify_asan_link_order=0".lstrip(":")
+        return ["env", f"LD_PRELOAD={self.place.bound_build_folder / library}",
+                f"ASAN_OPTIONS={sanitizer}"]
 
     def clean_environment(self, more):
         kept = {k: v for k, v in os.environ.items()

@@ -1,0 +1,148 @@
+"""A monotonic clock that steps while the daemon waits to connect, and a wall clock set back."""
+
+import mmap
+import re
+import struct
+import sysconfig
+
+import pytest
+
+from harness.round_trip import passes_both_ways
+from harness.vemk_daemon import config_text
+
+every_reading = -1
+time_error = re.compile(
+    r"time_monotonic: Time error, need restart, expired \[(\d+)\] \[(\d+)\] cnt (\d+)")
+wall_clock_library = \
+    f"/usr/lib/{sysconfig.get_config_var('MULTIARCH')}/faketime/libfaketimeMT.so.1"
+
+
+class clock_steps:
+    """What the preloaded stepping_clock reads, as one record in a file."""
+
+    def __init__(self, place):
+        self.file = place.folder / "clock"
+        self.file.write_bytes(bytes(16))
+        with open(self.file, "r+b") as opened:
+            self.record = mmap.mmap(opened.fileno(), 16)
+
+    def step(self, seconds, readings):
+        # The count last: it is what makes the daemon's readings differ.
+        self.record[0:8] = struct.pack("q", seconds)
+        self.record[8:16] = struct.pack("q", readings)
+
+    def readings_left(self):
+        return struct.unpack("q", self.record[8:16])[0]
+
+
+@pytest.fixture
+def start_waiting(place, make_daemon, bus, server):
+    """Starts a daemon whose server is down, so that all it does with the clock is to check it."""
+
+    def start(delay=4):
+        server.stop()
+        bus.listen()
+        steps = clock_steps(place)
+        config = config_text(server.url, initial_delay=delay, max_delay=delay, log_level=8)
+        daemon = make_daemon().start(config, environment={"STEPPING_CLOCK": str(steps.file)},
+                                     preload="preload/stepping_clock.so")
+        daemon.wait_for_lines("Delay before connection")
+        return daemon, steps
+
+    return start
+
+
+def heals(bus, server):
+    server.start()
+    bus.wait_until_connected()
+    return passes_both_ways(bus, server, "after the step")
+
+
+def time_errors(daemon):
+    """How far the clock seemed to have gone at the first complaint, and all their counts."""
+    found = [time_error.fullmatch(line.text) for line in daemon.lines_with("Time error")]
+    return found and int(found[0][1]) - int(found[0][2]), [int(m[3]) for m in found]
+
+
+# Fault, in the process: one reading of the monotonic clock is a second behind the one before.
+# Seen: the line "time_monotonic: Time error, need restart, expired [NOW] [BEFORE] cnt 0", no other,
+# and the daemon connects as soon as the server is up.
+def test_one_reading_behind_is_only_logged(start_waiting, bus, server):
+    daemon, steps = start_waiting()
+    steps.step(-1, readings=1)
+    daemon.wait_for_lines("Time error")
+    assert heals(bus, server)
+    assert time_errors(daemon) == (-1, [0])
+
+
+# Fault, in the process: ten readings of the monotonic clock in a row are behind the last good one.
+# Seen: ten "Time error" lines, counted from 0 to 9; the eleventh reading is good, and life goes on.
+def test_ten_readings_behind_are_only_logged(start_waiting, bus, server):
+    daemon, steps = start_waiting()
+    steps.step(-5, readings=10)
+    daemon.wait_for_lines("Time error", 10)
+    assert heals(bus, server)
+    assert time_errors(daemon) == (-5, list(range(10)))
+
+
+# Fault, in the process: eleven readings of the monotonic clock in a row are behind the last good
+# one.
+# Seen: eleven "Time error" lines, the last with cnt 10, and the end with status 255; started again,
+# the daemon connects.
+def test_eleven_readings_behind_end_the_daemon(start_waiting, make_daemon, bus, server):
+    daemon, steps = start_waiting()
+    steps.step(-5, readings=11)
+    assert daemon.wait_for_exit() == 255
+    assert steps.readings_left() == 0
+    assert time_errors(daemon) == (-5, list(range(11)))
+    make_daemon().start(config_text(server.url))
+    assert heals(bus, server)
+
+
+# Fault, in the process: the monotonic clock jumps forward by 10 seconds, and stays there.
+# Seen: no "Time error" line; the wait ends that much earlier, and the daemon connects.
+def test_jump_of_ten_seconds_only_shortens_the_wait(start_waiting, bus, server):
+    daemon, steps = start_waiting(delay=10)
+    steps.step(10, every_reading)
+    drawn = daemon.lines_with("Delay before connection")[0]
+    attempt = daemon.wait_for_lines("Try to establish connect")[0]
+    assert attempt.time - drawn.time < int(drawn.text.split()[-2]) - 1
+    assert heals(bus, server)
+    assert daemon.lines_with("Time error") == []
+
+
+# Fault, in the process: the monotonic clock jumps forward by 11 seconds, and stays there.
+# Seen: eleven "Time error" lines, counted from 0 to 10, and the end with status 255; started again,
+# the daemon connects.
+def test_jump_of_eleven_seconds_ends_the_daemon(start_waiting, make_daemon, bus, server):
+    daemon, steps = start_waiting()
+    steps.step(11, every_reading)
+    assert daemon.wait_for_exit() == 255
+    assert time_errors(daemon) == (11, list(range(11)))
+    make_daemon().start(config_text(server.url))
+    assert heals(bus, server)
+
+
+# Fault, in the process: the wall clock is set back by a year while the daemon is connected.
+# Seen: the log's time stamps go back by a year, and nothing else happens: no "Time error" line, no
+# lost connection, messages pass both ways.
+def test_wall_clock_set_back_a_year_has_no_effect(place, make_daemon, bus, server):
+    year = 365 * 24 * 3600
+    clock = place.folder / "clock"
+    clock.write_text("+0")
+    bus.listen()
+    daemon = make_daemon().start(
+        config_text(server.url, log_level=15), preload=wall_clock_library,
+        environment={"FAKETIME_TIMESTAMP_FILE": str(clock), "FAKETIME_NO_CACHE": "1",
+                     "FAKETIME_DONT_FAKE_MONOTONIC": "1"})
+    bus.wait_until_connected()
+    announced = len(bus.statuses())
+    clock.write_text(f"-{year}")
+    before = len(daemon.log_lines())
+    assert passes_both_ways(bus, server, "a year ago")
+    daemon.wait_for_lines("Send msg type [0]")
+    gone_back = daemon.log_lines()[before - 1].time - daemon.log_lines()[-1].time
+    assert year - 3600 < gone_back < year
+    assert len(server.handshakes) == 1
+    assert bus.statuses()[announced:] == []
+    assert daemon.lines_with("Time error") == []
