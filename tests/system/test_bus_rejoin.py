@@ -3,6 +3,7 @@
 from harness.waiting import wait_until
 
 
+# Three rejoins: messages pass both ways after each, over the one connection, no descriptor more.
 def test_traffic_goes_on_after_each_rejoin(make_bridge):
     daemon, bus, server = make_bridge(log_level=15)
     announced = len(bus.statuses())

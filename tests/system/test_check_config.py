@@ -59,6 +59,7 @@ def check(place, server, companion_folder):
     return run
 
 
+# Seven files with verdict 0 or 1, an odd port among them: the daemon connects with each.
 @pytest.mark.parametrize("template, expected", named(connects))
 def test_usable_means_that_the_daemon_connects(check, make_daemon, server, template, expected):
     text, verdict = check(template)
@@ -67,6 +68,7 @@ def test_usable_means_that_the_daemon_connects(check, make_daemon, server, templ
     server.wait_for_connections(1)
 
 
+# Six files with verdict 2 that give no service: the daemon ends with status 0.
 @pytest.mark.parametrize("template", named(ends_at_once))
 def test_not_usable_means_that_the_daemon_ends_at_once(check, make_daemon, server, template):
     text, verdict = check(template)
@@ -76,6 +78,7 @@ def test_not_usable_means_that_the_daemon_ends_at_once(check, make_daemon, serve
     assert server.handshakes == []
 
 
+# Five files with verdict 2: the daemon tries twice and reaches no server.
 @pytest.mark.parametrize("template", named(never_connects))
 def test_not_usable_means_that_the_daemon_tries_in_vain(check, make_daemon, server, template):
     text, verdict = check(delays + "log_level=8\n" + template)

@@ -22,6 +22,7 @@ def restart(server):
     server.start()
 
 
+# Close, close 1001, RST and restart: "disconnected" twice, "connected", then messages both ways.
 @pytest.mark.parametrize("end_connection", [close, close_going_away, reset, restart])
 def test_connection_is_announced_lost_and_made_again(make_bridge, end_connection):
     daemon, bus, server = make_bridge(log_level=15)
@@ -40,6 +41,7 @@ def test_connection_is_announced_lost_and_made_again(make_bridge, end_connection
     assert bus.wait_for_payloads(1) == [b"down again"]
 
 
+# After an establishment the window is [1;3) again, and the attempt comes 1 or 2 seconds later.
 def test_new_connection_comes_after_the_delay_drawn(make_bridge):
     daemon, bus, server = make_bridge(initial_delay=2, max_delay=2, log_level=15)
     lost = server.reset()

@@ -25,6 +25,7 @@ def flap(server, stop):
         server.start()
 
 
+# While the server goes and comes every second, what arrives is whole, in order, and once.
 def test_messages_that_arrive_are_intact_and_in_order(make_bridge):
     daemon, bus, server = make_bridge(log_level=15)
     pushed = threading.Event()

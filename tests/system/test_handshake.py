@@ -6,6 +6,7 @@ from harness.raw_server import opcode_text, upgrade
 from harness.vemk_daemon import config_text
 
 
+# Host and Origin without the port, version 13, "websock-roaming", and no extensions.
 def test_request_names_host_path_and_subprotocol(make_bridge):
     daemon, bus, server = make_bridge()
     handshake = server.handshakes[0]
@@ -18,6 +19,7 @@ def test_request_names_host_path_and_subprotocol(make_bridge):
     assert handshake.subprotocol == "websock-roaming"
 
 
+# An answer without a subprotocol connects, and messages pass both ways.
 def test_server_that_chooses_no_subprotocol_is_accepted(make_daemon, make_raw_server, bus):
     server = make_raw_server(upgrade)
     bus.listen()
@@ -29,6 +31,7 @@ def test_server_that_chooses_no_subprotocol_is_accepted(make_daemon, make_raw_se
     assert bus.wait_for_payloads(1) == [b"down"]
 
 
+# No scheme, upper case, two URLs, an overlong line and a NUL byte: the last whole URL counts.
 @pytest.mark.parametrize("config, path", [
     ("roam_service_url=127.0.0.1:{port}/", "/"),
     ("# a note\n\nROAM_SERVICE_URL=ws://127.0.0.1:{port}/deep/er?q=1\r\nap_location=\r\n",
@@ -45,6 +48,7 @@ def test_configuration_leads_to_the_path(make_daemon, server, config, path):
     assert server.handshakes[0].path == path
 
 
+# -d, -p and -P in front of the -f options do not count, nor does a file that is missing.
 def test_options_are_overridden_by_the_file(make_daemon, server, place):
     file = place.folder / "override.conf"
     file.write_text(config_text(server.url))

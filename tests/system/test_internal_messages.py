@@ -19,6 +19,7 @@ unanswered = [
 ]
 
 
+# Three forms of the request: each gets "connected", whole, and the server none of them.
 @pytest.mark.parametrize("log_level", [0, 15])
 def test_requests_are_answered_connected_and_not_sent_on(make_bridge, log_level):
     daemon, bus, server = make_bridge(log_level=log_level)
@@ -31,6 +32,7 @@ def test_requests_are_answered_connected_and_not_sent_on(make_bridge, log_level)
     assert [r.payload for r in bus.received[announced:]] == [connected] * len(requests)
 
 
+# In a wait of minutes each request gets "disconnected", and the server sees no attempt.
 def test_requests_are_answered_disconnected_while_waiting(make_daemon, bus, server):
     bus.listen()
     make_daemon().start(config_text(server.url, initial_delay=600, max_delay=600, log_level=15))
@@ -45,6 +47,7 @@ def test_requests_are_answered_disconnected_while_waiting(make_daemon, bus, serv
     assert server.handshakes == []
 
 
+# Cmd unknown, missing, null, a number, "connected": no answer, and nothing for the server.
 def test_other_internal_messages_are_swallowed(make_bridge):
     daemon, bus, server = make_bridge(log_level=15)
     announced = len(bus.received)
@@ -57,6 +60,7 @@ def test_other_internal_messages_are_swallowed(make_bridge):
     assert [r.payload for r in bus.received[announced:]] == [connected]
 
 
+# A message taken in the wait logs "->From queue" and is lost; one after it arrives.
 def test_messages_are_dropped_while_waiting(make_daemon, bus, server):
     daemon = make_daemon().start(
         config_text(server.url, initial_delay=6, max_delay=6, log_level=15))
@@ -69,6 +73,7 @@ def test_messages_are_dropped_while_waiting(make_daemon, bus, server):
     assert server.wait_for_payloads(1) == [b"arrives"]
 
 
+# vemkctl status: "connected" and 0, without the server "disconnected" and 1.
 def test_status_command_tells_the_state(make_bridge):
     daemon, bus, server = make_bridge()
     result = bus.run("status", "--timeout", "20")

@@ -1,9 +1,12 @@
 """Pings: the first after 30 s; a server that answers keeps its connection, a mute one does not."""
 
+import re
+
 from harness.raw_server import opcode_ping, opcode_pong, opcode_text, upgrade
 from harness.vemk_daemon import config_text
 
 
+# The first ping comes 30 s after the handshake, is empty, and logged as "[5] len [6/0]  to".
 def test_ping_after_thirty_seconds_without_payload(make_daemon, make_raw_server, bus):
     server = make_raw_server(upgrade)
     bus.listen()
@@ -14,6 +17,11 @@ def test_ping_after_thirty_seconds_without_payload(make_daemon, make_raw_server,
     assert (ping.payload, ping.final, ping.masked) == (b"", True, True)
     # Whole seconds of the clock are compared, so up to one second is missing from 30.
     assert 28.9 <= ping.time - established
+    due, = daemon.lines_with("It's time to ping")
+    assert re.fullmatch(r"websock-roaming->process_client_writeable: It's time to ping websocket "
+                        r"server, expired \[3\d\]", due.text)
+    sent, = daemon.lines_with("Send msg type [5]")
+    assert sent.text == "websock-roaming->lws_send:Send msg type [5] len [6/0]  to websocket"
     server.connections[0].sendall(bytes([0x80 | opcode_pong, 0]))
     daemon.wait_for_lines("process_client_receive_pong:119")
     bus.send(b"still here")
@@ -21,6 +29,7 @@ def test_ping_after_thirty_seconds_without_payload(make_daemon, make_raw_server,
     assert len(server.connections) == 1
 
 
+# Two pings of the server get their pongs on the one connection.
 def test_pings_of_the_server_are_answered(make_bridge):
     daemon, bus, server = make_bridge()
     server.ping()

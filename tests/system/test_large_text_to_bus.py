@@ -3,6 +3,7 @@
 import pytest
 
 
+# 1 MiB from the server reaches the bus whole, in pieces of 4096 bytes, with the log on or off.
 @pytest.mark.parametrize("log_level", [0, 15])
 def test_one_mebibyte_arrives_unchanged(make_bridge, log_level):
     daemon, bus, server = make_bridge(log_level=log_level)

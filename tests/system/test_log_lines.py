@@ -16,6 +16,7 @@ def exchange(bridge):
     bridge.bus.wait_for_payloads(1)
 
 
+# Each line is time, process ID and one of the six modules, or the rest of a dump.
 def test_every_line_begins_with_time_process_and_module(make_bridge):
     bridge = make_bridge(log_level=15)
     exchange(bridge)
@@ -30,6 +31,7 @@ def test_every_line_begins_with_time_process_and_module(make_bridge):
         before = line
 
 
+# At mask 8 the ten fixed lines come in their order, and both dumps with their "%" unharmed.
 def test_debug_lines_tell_the_course_of_a_message(make_bridge):
     bridge = make_bridge(log_level=8)
     exchange(bridge)
@@ -56,6 +58,7 @@ def test_debug_lines_tell_the_course_of_a_message(make_bridge):
     assert dumps[1].endswith("    down 3 %n\n")
 
 
+# At mask 4 the log is the one line "lws_send:Send msg type [0] len [16/16]  to websocket".
 def test_info_lines_tell_what_was_sent(make_bridge):
     bridge = make_bridge(log_level=4)
     exchange(bridge)
@@ -65,6 +68,7 @@ def test_info_lines_tell_what_was_sent(make_bridge):
          "websock-roaming->lws_send:Send msg type [0] len [16/16]  to websocket")]
 
 
+# At masks 0, 1 and 2 an exchange leaves log and output empty.
 @pytest.mark.parametrize("log_level", [0, 1, 2])
 def test_no_lines_when_there_is_nothing_of_the_category(make_bridge, log_level):
     bridge = make_bridge(log_level=log_level)
@@ -73,6 +77,7 @@ def test_no_lines_when_there_is_nothing_of_the_category(make_bridge, log_level):
     assert bridge.daemon.output() == ""
 
 
+# log_level=0x04 logs the one line that 4 does.
 def test_hexadecimal_mask_means_the_same(make_bridge):
     bridge = make_bridge(log_level="0x04")
     exchange(bridge)

@@ -1,6 +1,7 @@
 """Fifty messages each way at the same time keep their order."""
 
 
+# Fifty up and fifty down at once arrive in order and once each.
 def test_fifty_messages_each_way_stay_in_order(make_bridge):
     daemon, bus, server = make_bridge()
     up = [b"to the server %02d" % i for i in range(50)]

@@ -4,6 +4,7 @@ from harness.raw_server import silent
 from harness.vemk_daemon import config_text
 
 
+# With six proxy variables set the daemon connects, and the proxy sees nobody.
 def test_proxy_variables_are_ignored(make_daemon, make_raw_server, bus, server):
     proxy = make_raw_server(silent)
     address = f"127.0.0.1:{proxy.port}"

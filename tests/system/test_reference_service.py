@@ -29,6 +29,7 @@ def service(companion_folder):
         stream.close()
 
 
+# A message each way, and "disconnected" when the service ends.
 def test_messages_pass_between_bus_and_reference_service(make_daemon, bus, service):
     bus.listen()
     daemon = make_daemon().start(config_text(service.url))

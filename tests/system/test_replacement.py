@@ -20,6 +20,7 @@ def ended_process():
     return process.pid
 
 
+# The first ends by SIGTERM, the PID file names the second, which connects and passes messages.
 def test_second_daemon_replaces_the_first(place, make_bridge, make_daemon):
     first, bus, server = make_bridge(log_level=15)
     wait_for_pid_file(place, first)
@@ -36,6 +37,7 @@ def test_second_daemon_replaces_the_first(place, make_bridge, make_daemon):
     assert second.runs()
 
 
+# Empty, blank, a word or a PID that is gone: the daemon starts and writes its own.
 @pytest.mark.parametrize("content", ["", "\n", "none\n", f"{ended_process()}\n"],
                          ids=["empty", "blank", "word", "stale"])
 def test_pid_file_without_a_living_process_does_no_harm(place, make_bridge, content):
@@ -44,6 +46,7 @@ def test_pid_file_without_a_living_process_does_no_harm(place, make_bridge, cont
     wait_for_pid_file(place, daemon)
 
 
+# A process that is no daemon gets SIGTERM as well.
 def test_whatever_process_the_pid_file_names_is_ended(place, make_bridge):
     bystander = subprocess.Popen(["sleep", "600"])
     try:
@@ -56,6 +59,7 @@ def test_whatever_process_the_pid_file_names_is_ended(place, make_bridge):
         bystander.wait()
 
 
+# SIGTERM ends the daemon as a signal does, and its PID file is left.
 def test_pid_file_stays_when_the_daemon_is_ended(place, make_bridge):
     daemon, bus, server = make_bridge()
     daemon.process.terminate()
@@ -63,6 +67,7 @@ def test_pid_file_stays_when_the_daemon_is_ended(place, make_bridge):
     assert place.pid_file.read_text() == f"{daemon.pid}\n"
 
 
+# With a folder in the PID file's place the daemon connects and stays.
 def test_pid_file_that_cannot_be_written_is_no_obstacle(place, make_bridge):
     place.pid_file.mkdir()
     daemon, bus, server = make_bridge()

@@ -11,6 +11,7 @@ def announced_only(bus, word):
     return bus.statuses() and set(bus.statuses()) == {word}
 
 
+# Three refusals with trace 41 and "disconnected" only, then the first connection.
 def test_refused_port_is_tried_again_until_it_answers(make_daemon, bus, server):
     server.stop()
     bus.listen()
@@ -22,6 +23,7 @@ def test_refused_port_is_tried_again_until_it_answers(make_daemon, bus, server):
     assert len(server.handshakes) == 1
 
 
+# 1 and 3: windows [0;1), [1;3), [1;4), [1;4), and [0;1) after an establishment.
 def test_delay_grows_with_each_refusal_and_starts_over_when_connected(make_daemon, bus, server):
     server.stop()
     bus.listen()
@@ -38,6 +40,7 @@ def test_delay_grows_with_each_refusal_and_starts_over_when_connected(make_daemo
     assert again[tried].text == "Generate delay into [0;1) range"
 
 
+# Three attempts at an unknown name, status requests answered, no thread left over.
 def test_name_that_does_not_resolve_is_tried_again(make_daemon, bus):
     bus.listen()
     # Where a resolver is silent rather than negative, it must not hold the test up.
@@ -51,6 +54,7 @@ def test_name_that_does_not_resolve_is_tried_again(make_daemon, bus):
     assert daemon.own_thread_names() == ["ipc", "main", "websock-roaming"]
 
 
+# A 403 is trace 41, "disconnected" only, and another attempt.
 def test_server_that_refuses_the_upgrade_is_tried_again(make_daemon, make_raw_server, bus):
     server = make_raw_server(refuse)
     bus.listen()
@@ -60,6 +64,7 @@ def test_server_that_refuses_the_upgrade_is_tried_again(make_daemon, make_raw_se
     assert announced_only(bus, "disconnected")
 
 
+# A full backlog drops the SYN: trace 41 after the library's limit, and another attempt.
 def test_connection_request_without_answer_is_tried_again(make_daemon, bus):
     # A listener with a full backlog drops every further connection request.
     with contextlib.ExitStack() as sockets:
@@ -78,6 +83,7 @@ def test_connection_request_without_answer_is_tried_again(make_daemon, bus):
         assert announced_only(bus, "disconnected")
 
 
+# "localhost" connects, and the Host header has the name.
 def test_name_of_the_loopback_address_is_resolved(make_daemon, bus, server):
     assert socket.gethostbyname("localhost") == "127.0.0.1"
     bus.listen()

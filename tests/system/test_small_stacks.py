@@ -19,6 +19,7 @@ def bridge(make_daemon, bus, server):
     return daemon, bus, server
 
 
+# 16 MiB and the message behind it reach the server over one connection.
 def test_sixteen_mebibytes_from_the_bus(bridge):
     daemon, bus, server = bridge
     message = b"".join(b"%07x " % i for i in range((16 << 20) // 8))
@@ -28,6 +29,7 @@ def test_sixteen_mebibytes_from_the_bus(bridge):
     assert len(server.handshakes) == 1
 
 
+# 100,000 nested arrays, an unfinished object, a long string and a deep one are sent on unchanged.
 @pytest.mark.parametrize("message", [
     b"[" * 100000 + b"]" * 100000,
     b'{"service":' * 50000,
@@ -41,6 +43,7 @@ def test_json_that_is_deep_or_long(bridge, message):
     assert server.wait_for_payloads(2) == [message, b"next"]
 
 
+# Two dumps of 400 whole lines of high bytes are built and logged.
 def test_dumps_in_both_directions(bridge):
     daemon, bus, server = bridge
     # The listing's lines are as wide as text makes them, and none is left out.

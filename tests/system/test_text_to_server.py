@@ -21,6 +21,7 @@ messages = [
 ]
 
 
+# One byte to 1 MiB, NUL, "%n", UTF-8, half JSON: unchanged, each a text frame.
 @pytest.mark.parametrize("log_level", [0, 15])
 def test_messages_arrive_unchanged_and_in_order(make_bridge, log_level):
     daemon, bus, server = make_bridge(log_level=log_level)
@@ -33,6 +34,7 @@ def test_messages_arrive_unchanged_and_in_order(make_bridge, log_level):
     assert bool(daemon.log_text()) == bool(log_level)
 
 
+# Short, long and not UTF-8: one final, masked frame with opcode 1 each, and no other frame.
 def test_each_message_is_one_final_masked_text_frame(make_daemon, make_raw_server, bus):
     server = make_raw_server(upgrade)
     bus.listen()
