@@ -25,6 +25,7 @@ namespace {
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 class WebsockCallbacksTest : public WebsockFixture {
 protected:
@@ -468,6 +469,19 @@ TEST_F(WebsockCallbacksTest, QueueIsUnlockedWhileItsMessageIsHandled) {
   });
   fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE);
   EXPECT_TRUE(was_free);
+}
+
+// "From queue" and the dump of a status request are in the log before its answer is queued.
+TEST_F(WebsockCallbacksTest, RequestIsLoggedBeforeItIsAnswered) {
+  make_connected_worker();
+  push_from_bus(R"({"service":"INTERNAL-IPC","cmd":"STATUS"})");
+  ws_to_bus.set_notify([&] {
+    ASSERT_EQ(fake_log::lines().size(), 2u);
+    EXPECT_EQ(fake_log::lines()[0], line("websock-roaming->From queue\n"));
+    EXPECT_THAT(fake_log::lines()[1], StartsWith(line_of("buffer-info", "Buffer info dump:\n\t")));
+  });
+  fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE);
+  EXPECT_THAT(take_to_bus(), ElementsAre(connected_status));
 }
 
 // A status request is answered "connected", not sent, and followed by a writeable request.

@@ -272,6 +272,15 @@ TEST_F(WebsockKeepaliveTest, WatchdogRunsTheCopyMadeWhenItWasArmed) {
   EXPECT_EQ(fired, 1);
 }
 
+// The watchdog is a timer with id 0: cancelling that id by hand takes it away.
+TEST_F(WebsockKeepaliveTest, WatchdogHasTheTimerIdZero) {
+  make_connected_worker();
+  worker->running = true;
+  worker->timers.cancel_timers(0);
+  let_pass(70);
+  EXPECT_TRUE(worker->running);
+}
+
 // Establishment and ping cancel timers with id 0 only; one with id 1 still fires.
 TEST_F(WebsockKeepaliveTest, OtherTimersSurviveTheArming) {
   make_connecting_worker();
