@@ -8,6 +8,7 @@
 #include <mutex>
 #include <utility>
 
+#include "fakes/fake_call.h"
 #include "module_bus.h"
 
 namespace {
@@ -31,7 +32,7 @@ int call_result = 0;
 bool flag_changes_ignored = false;
 bool peer_start_fails = false;
 
-using guard = std::lock_guard<std::mutex>;
+using guard = vemk::fake_call_guard<std::mutex>;
 
 void record(const std::string &call) {
   recorded_calls.push_back(call);
@@ -55,7 +56,8 @@ extern "C" {
 void __real_free(void *block);
 
 void __wrap_free(void *block) {
-  {
+  // A stand-in's own memory is never a record, and it may be released with the state locked.
+  if (!vemk::own_memory::is_asked_for()) {
     const guard locked(state_lock);
     const auto found = std::find(records.begin(), records.end(), block);
     if (found != records.end()) {
@@ -171,6 +173,11 @@ void clear_calls() {
 std::vector<std::string> sent() {
   const guard locked(state_lock);
   return sent_payloads;
+}
+
+void clear_sent() {
+  const guard locked(state_lock);
+  sent_payloads.clear();
 }
 
 void add_message(const std::string &payload, char filling) {

@@ -26,6 +26,7 @@ void clear_calls();
 
 /// The payloads given to MsgSend, in order.
 std::vector<std::string> sent();
+void clear_sent();
 
 /// Puts a message into the module's inbox.
 void add_message(const std::string &payload, char filling = usual_filling);

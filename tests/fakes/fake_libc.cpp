@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "fakes/fake_call.h"
 #include "fakes/time64.h"
 
 namespace {
@@ -38,7 +39,7 @@ struct exit_catcher_t {
 };
 thread_local exit_catcher_t *exit_catcher = nullptr;
 
-using guard = std::lock_guard<std::recursive_mutex>;
+using guard = vemk::fake_call_guard<std::recursive_mutex>;
 
 } // namespace
 

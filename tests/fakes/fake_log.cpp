@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <mutex>
 
+#include "fakes/fake_call.h"
 #include "zandor_log.h"
 
 namespace {
@@ -12,6 +13,8 @@ std::mutex record_lock;
 std::vector<std::string> recorded_lines;
 std::vector<std::string> recorded_programs;
 std::string open_line;
+
+using guard = vemk::fake_call_guard<std::mutex>;
 
 __attribute__((format(printf, 1, 0))) std::string formatted(const char *format, va_list arguments) {
   va_list again;
@@ -29,20 +32,20 @@ __attribute__((format(printf, 1, 0))) std::string formatted(const char *format, 
 extern "C" {
 
 void init_zandor_logrotate(const char *program) {
-  const std::lock_guard<std::mutex> guard(record_lock);
+  const guard locked(record_lock);
   recorded_programs.emplace_back(program);
 }
 
 void zandor_log_msg_timed(const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const std::lock_guard<std::mutex> guard(record_lock);
+  const guard locked(record_lock);
   open_line = formatted(format, arguments);
   va_end(arguments);
 }
 
 void vzandor_log_msg(const char *format, va_list arguments) {
-  const std::lock_guard<std::mutex> guard(record_lock);
+  const guard locked(record_lock);
   recorded_lines.push_back(open_line + formatted(format, arguments));
   open_line.clear();
 }
@@ -51,7 +54,7 @@ void vzandor_log_msg(const char *format, va_list arguments) {
 namespace vemk::fake_log {
 
 std::vector<std::string> lines() {
-  const std::lock_guard<std::mutex> guard(record_lock);
+  const guard locked(record_lock);
   return recorded_lines;
 }
 
@@ -67,12 +70,12 @@ std::vector<std::string> messages(const std::string &module) {
 }
 
 std::vector<std::string> programs() {
-  const std::lock_guard<std::mutex> guard(record_lock);
+  const guard locked(record_lock);
   return recorded_programs;
 }
 
 void clear() {
-  const std::lock_guard<std::mutex> guard(record_lock);
+  const guard locked(record_lock);
   recorded_lines.clear();
   recorded_programs.clear();
   open_line.clear();

@@ -7,6 +7,8 @@
 #include <mutex>
 #include <utility>
 
+#include "fakes/fake_call.h"
+
 // The library's own types, as this stand-in needs them.
 struct lws_context {
   std::size_t number;
@@ -58,7 +60,7 @@ struct state_t {
 std::recursive_mutex state_lock;
 state_t state;
 
-using guard = std::lock_guard<std::recursive_mutex>;
+using guard = vemk::fake_call_guard<std::recursive_mutex>;
 
 std::string name_of(const lws_context *context) {
   if (context == nullptr)
@@ -296,6 +298,11 @@ std::vector<frame_t> frames() {
   return state.frames;
 }
 
+void clear_frames() {
+  const guard locked(state_lock);
+  state.frames.clear();
+}
+
 std::vector<creation_info_t> creation_infos() {
   const guard locked(state_lock);
   return state.creation_infos;
@@ -367,7 +374,11 @@ int deliver(lws_callback_reasons reason, lws *wsi) {
 }
 
 int deliver_piece(const std::string &bytes, lws *wsi) {
-  std::string copy = bytes;
+  std::string copy;
+  {
+    const own_memory of_the_library;
+    copy = bytes;
+  }
   return call_protocol(LWS_CALLBACK_CLIENT_RECEIVE, wsi, copy.data(), copy.size());
 }
 

@@ -79,6 +79,7 @@ std::vector<std::string> calls();
 void clear_calls();
 
 std::vector<frame_t> frames();
+void clear_frames();
 std::vector<creation_info_t> creation_infos();
 std::vector<connect_info_t> connect_infos();
 /// The log emitter given last.

@@ -9,6 +9,7 @@
 #define VEMK_TESTS_FAKE_MEMORY_H
 
 #include <cstddef>
+#include <string>
 #include <vector>
 
 namespace vemk::fake_memory {
@@ -32,6 +33,30 @@ public:
   refused_new &operator=(const refused_new &) = delete;
   ~refused_new();
 };
+
+// One request after the other: every realloc, calloc and operator new of this thread, and whatever
+// other calls a test program wraps, numbered from 1 in the order in which they come.
+
+struct request_t {
+  /// "realloc", "calloc", "new", or the wrapped call's name; empty for none.
+  std::string kind;
+  std::size_t size;
+};
+
+/// Numbers the requests anew and refuses the `nth`, only that one; 0 refuses none.
+void refuse_request(std::size_t nth);
+/// While one exists, the requests of this thread are numbered.
+class numbered_requests {
+public:
+  numbered_requests();
+  numbered_requests(const numbered_requests &) = delete;
+  numbered_requests &operator=(const numbered_requests &) = delete;
+  ~numbered_requests();
+};
+/// The one that was refused since the last refuse_request().
+request_t refused_request();
+/// For a wrapped call that needs memory: numbers it, and says whether it is to fail.
+bool refuses(const char *kind, std::size_t size = 0);
 
 } // namespace vemk::fake_memory
 
