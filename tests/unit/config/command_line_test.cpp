@@ -242,13 +242,14 @@ TEST_F(CommandLineTest, EveryLogLevelLineGivesItsValueToTheLogModule) {
               ElementsAre("websock-cfg 65535", "websock-cfg 8", "websock-cfg 19", "websock-cfg 0"));
 }
 
-// Words that are no options, and whatever follows "--", are neither errors nor read.
-TEST_F(CommandLineTest, WordsThatAreNoOptionsAreIgnored) {
-  parse({"word", "-d", "host", "other", "-P", "80", "--", "-x", "-p", "/path"});
+// A word behind the options, and whatever follows "--", "-x" as well, is neither an error nor read.
+TEST_F(CommandLineTest, WordsBehindTheOptionsAreIgnored) {
+  parse({"-d", "first", "word"});
+  EXPECT_STREQ("first", cfg.host);
+  parse({"-d", "host", "-P", "80", "--", "-x", "-p", "/path"});
   EXPECT_STREQ("host", cfg.host);
   EXPECT_EQ(80, cfg.port);
   EXPECT_STREQ("", cfg.path);
-  EXPECT_FALSE(cfg.cfg_file_failed);
 }
 
 // URL, delay and url_valid of the first parsing are gone after a second one with -P alone.
