@@ -14,6 +14,7 @@ import signal
 import pytest
 
 from harness.bus_peer import bus_peer
+from harness.frame_server import frame_server
 from harness.handshake_faults import failing_server, handshake_trial
 from harness.raw_server import raw_server
 from harness.roaming_server import roaming_server
@@ -122,3 +123,21 @@ def make_bridge(make_daemon, bus, server):
         return bridge_t(daemon, bus, server)
 
     return make
+
+
+@pytest.fixture
+def make_frame_bridge(make_daemon, bus):
+    """The same with a server that sends what the test tells it, frame by frame."""
+    servers = []
+
+    def make(start_options=None, server_options=None, **settings):
+        servers.append(frame_server(**(server_options or {})))
+        bus.listen()
+        daemon = make_daemon().start(config_text(servers[-1].url, **settings),
+                                     **(start_options or {}))
+        bus.wait_until_connected()
+        return bridge_t(daemon, bus, servers[-1])
+
+    yield make
+    for made in servers:
+        made.shut_down()

@@ -4,7 +4,7 @@ import re
 
 import pytest
 
-from harness.vemk_daemon import line_pattern
+from harness.healing import stray_lines
 
 modules = {"vemk-main", "websock-cfg", "ipc-worker", "websock-worker", "buffer-info", "timers"}
 
@@ -20,15 +20,10 @@ def exchange(bridge):
 def test_every_line_begins_with_time_process_and_module(make_bridge):
     bridge = make_bridge(log_level=15)
     exchange(bridge)
-    daemon = bridge.daemon
-    before = ""
-    for line in daemon.log_text().split("\n")[:-1]:
-        match = line_pattern.fullmatch(line)
-        assert not match or (int(match[2]) == daemon.pid and match[3] in modules), line
-        # The rest of a dump stands on lines of its own, which begin with a tab; the library's
-        # parser quotes line ends of the handshake as they are.
-        assert match or line.startswith("\t") or "portal->libwebsocket-debug> " in before, line
-        before = line
+    lines = bridge.daemon.log_lines()
+    assert {line.pid for line in lines} == {bridge.daemon.pid}
+    assert {line.module for line in lines} <= modules
+    assert stray_lines(bridge.daemon) == []
 
 
 # At mask 8 the ten fixed lines come in their order, and both dumps with their "%" unharmed.

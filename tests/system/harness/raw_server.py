@@ -4,7 +4,6 @@ import base64
 import collections
 import hashlib
 import socket
-import struct
 import threading
 import time
 
@@ -40,6 +39,30 @@ def upgrade(server, connection, request):
     """Accepts the WebSocket without choosing a subprotocol, and never answers a frame."""
     connection.sendall(http_head(upgrade_lines(request)))
     server.read_frames(connection)
+
+
+def apply_mask(payload, mask):
+    size = len(payload)
+    repeated = (mask * (size // 4 + 1))[:size]
+    return (int.from_bytes(payload, "big") ^ int.from_bytes(repeated, "big")).to_bytes(size, "big")
+
+
+def read_frame(stream, connection_number):
+    """The next frame; None when the stream ends before the frame does."""
+    head = stream.read(2)
+    if len(head) < 2:
+        return None
+    length = head[1] & 0x7F
+    if length > 125:
+        field = stream.read(2 if length == 126 else 8)
+        length = int.from_bytes(field, "big")
+    masked = bool(head[1] & 0x80)
+    mask = stream.read(4) if masked else bytes(4)
+    payload = stream.read(length)
+    if len(payload) < length:
+        return None
+    return raw_frame_t(time.monotonic(), connection_number, bool(head[0] & 0x80), head[0] & 0x0F,
+                       masked, apply_mask(payload, mask))
 
 
 class raw_server:
@@ -85,20 +108,12 @@ class raw_server:
     def read_frames(self, connection):
         number = self.connections.index(connection) + 1
         with connection.makefile("rb") as stream:
-            while True:
-                head = stream.read(2)
-                if len(head) < 2:
-                    return
-                length = head[1] & 0x7F
-                if length == 126:
-                    length = struct.unpack("!H", stream.read(2))[0]
-                elif length == 127:
-                    length = struct.unpack("!Q", stream.read(8))[0]
-                masked = bool(head[1] & 0x80)
-                mask = stream.read(4) if masked else bytes(4)
-                payload = bytes(b ^ mask[i % 4] for i, b in enumerate(stream.read(length)))
-                self.frames.append(raw_frame_t(time.monotonic(), number, bool(head[0] & 0x80),
-                                               head[0] & 0x0F, masked, payload))
+            while frame := read_frame(stream, number):
+                self.frames.append(frame)
+                self.after_frame(connection, frame)
+
+    def after_frame(self, connection, frame):
+        """Runs on the connection's thread, which reads the next frame when this returns."""
 
     def frames_of(self, opcode):
         return [frame for frame in list(self.frames) if frame.opcode == opcode]

@@ -1,0 +1,127 @@
+"""A roaming service that sends what its test tells it to, frame by frame or byte by byte."""
+
+import socket
+import struct
+import threading
+
+from harness.raw_server import (apply_mask, opcode_close, opcode_ping, opcode_pong, opcode_text,
+                                raw_server, upgrade)
+from harness.waiting import wait_until
+
+opcode_continuation, opcode_binary = 0, 2
+reset_on_close = struct.pack("ii", 1, 0)
+
+
+def frame(opcode, payload=b"", final=True, reserved=0, mask=None, length_bits=None, length=None):
+    """One frame; `reserved` holds any of the bits 0x40, 0x20 and 0x10 of its first byte.
+
+    The length field has its shortest form, unless `length_bits` asks for 7, 16 or 64, and holds
+    the payload's length, unless `length` is given.
+    """
+    length = len(payload) if length is None else length
+    length_bits = length_bits or (7 if length < 126 else 16 if length < 1 << 16 else 64)
+    masked = 0 if mask is None else 0x80
+    head = bytes([(0x80 if final else 0) | reserved | opcode])
+    if length_bits == 7:
+        head += bytes([masked | length])
+    elif length_bits == 16:
+        head += struct.pack("!BH", masked | 126, length)
+    else:
+        head += struct.pack("!BQ", masked | 127, length)
+    if mask is None:
+        return head + payload
+    return head + mask + apply_mask(payload, mask)
+
+
+def text(payload, **more):
+    return frame(opcode_text, payload, **more)
+
+
+def close_frame(code, reason=b""):
+    return frame(opcode_close, struct.pack("!H", code) + reason)
+
+
+class frame_server(raw_server):
+    """Accepts every WebSocket and records the frames it gets; answers none but pings, if told to.
+
+    `receive_buffer` is what a connection's socket holds of what is not read yet, in bytes.
+    Operations that concern a connection mean the newest one.
+    """
+
+    def __init__(self, answers_pings=False, receive_buffer=None):
+        self.answers_pings = answers_pings
+        self.readers = {}
+        self.stopped = {}
+        self.sending = threading.Lock()
+        self.synchronisations = 0
+        super().__init__(frame_server.upgrade_and_read)
+        if receive_buffer:
+            self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+
+    def upgrade_and_read(self, connection, request):
+        self.readers[connection] = threading.current_thread()
+        upgrade(self, connection, request)
+
+    def after_frame(self, connection, frame_read):
+        if self.answers_pings and frame_read.opcode == opcode_ping:
+            with self.sending:
+                connection.sendall(frame(opcode_pong, frame_read.payload))
+        if connection in self.stopped:
+            self.stopped[connection].wait()
+
+    @property
+    def connection(self):
+        return self.connections[-1]
+
+    def send(self, *parts):
+        with self.sending:
+            self.connection.sendall(b"".join(parts))
+
+    def stop_reading(self):
+        """One more frame is read, if the reading waits for one. Returns what makes it go on."""
+        go_on = self.stopped[self.connection] = threading.Event()
+        return go_on.set
+
+    def send_bytewise(self, data):
+        """Each byte in a TCP segment of its own."""
+        self.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        for i in range(len(data)):
+            self.connection.sendall(data[i:i + 1])
+
+    def synchronise(self):
+        """Returns when the daemon has read all that was sent: its pong has arrived."""
+        self.synchronisations += 1
+        mark = b"mark %d" % self.synchronisations
+        self.send(frame(opcode_ping, mark))
+        wait_until(lambda: any(pong.payload == mark for pong in self.frames_of(opcode_pong)),
+                   f"the pong with '{mark.decode()}'")
+
+    def half_close(self):
+        """FIN; what the daemon sends is still read."""
+        self.connection.shutdown(socket.SHUT_WR)
+
+    def reset(self):
+        """RST, once the reading has ended: it would keep the socket open."""
+        connection = self.connection
+        connection.shutdown(socket.SHUT_RD)
+        self.readers[connection].join(20)
+        connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, reset_on_close)
+        connection.close()
+
+    def shut_down(self):
+        for go_on in self.stopped.values():
+            go_on.set()
+        super().shut_down()
+
+    def wait_for_end(self, number):
+        """Waits until the daemon has closed the connection with this number, counted from 1."""
+        reader = self.readers[self.connections[number - 1]]
+        wait_until(lambda: not reader.is_alive(), f"end of connection {number}")
+
+    def texts(self):
+        """What has arrived in text frames on all connections, in order."""
+        return [one.payload for one in self.frames_of(opcode_text)]
+
+    def wait_for_texts(self, count, seconds=30.0):
+        self.wait_for_frames(opcode_text, count, seconds)
+        return self.texts()
