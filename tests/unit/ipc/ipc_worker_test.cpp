@@ -409,13 +409,17 @@ TEST_F(IpcWorkerTest, EmptyQueuedMessagesAreDropped) {
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
-// By reference and by shared pointer: a text is sent with 3 and its length, empty ones are dropped.
+// By reference and by shared pointer: a text is sent; length 0 or null data, even with a length,
+// not.
 TEST_F(IpcWorkerTest, BothFormsOfSendingSendOrDropAlike) {
   const auto text = message("text");
   worker->send_to_bus(text);
   worker->send_to_bus(*text);
   worker->send_to_bus(message(""));
   worker->send_to_bus(buffer_info_t());
+  buffer_info_t without_data;
+  without_data.length = 4;
+  worker->send_to_bus(without_data);
   EXPECT_THAT(fake_bus::calls(), ElementsAre("MsgSend text 3 4", "MsgSend text 3 4"));
 }
 

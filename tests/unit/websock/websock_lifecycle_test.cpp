@@ -224,6 +224,18 @@ TEST_F(WebsockLifecycleTest, ConnectionIsPlainAndNamesTheConfiguredServer) {
   EXPECT_TRUE(info.rest_is_zero);
 }
 
+// Host, path and port are the constructor's, signed and unchecked, in the attempt and in its line.
+TEST_F(WebsockLifecycleTest, AnyServerIsTriedAsItIsNamed) {
+  open_websock_worker other(&bus_to_ws, &ws_to_bus, "", "/p?q=1", -7, &run_flag, 2, 60, false);
+  other._connect();
+  const fake_lws::connect_info_t info = fake_lws::connect_infos().at(0);
+  EXPECT_EQ(info.address, "");
+  EXPECT_EQ(info.path, "/p?q=1");
+  EXPECT_EQ(info.port, -7);
+  EXPECT_EQ(fake_log::lines().at(0),
+            line("websock-roaming-> _connect: Try to establish connect with server :-7/p?q=1\n"));
+}
+
 // What an earlier attempt left in the four records is zeroed before the next.
 TEST_F(WebsockLifecycleTest, EveryConnectFillsTheRecordsAnew) {
   make_worker();
