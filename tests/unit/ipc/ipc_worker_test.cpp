@@ -409,8 +409,7 @@ TEST_F(IpcWorkerTest, EmptyQueuedMessagesAreDropped) {
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
-// By reference and by shared pointer: a text is sent; length 0 or null data, even with a length,
-// not.
+// By reference and by shared pointer a text is sent; length 0 is dropped, and so is null data.
 TEST_F(IpcWorkerTest, BothFormsOfSendingSendOrDropAlike) {
   const auto text = message("text");
   worker->send_to_bus(text);
