@@ -1,0 +1,48 @@
+/// The input is a message from the bus. Whether it is kept, and what answers it, is held against
+/// the JSON library's own view of it, while connected and while not.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fuzz/buffers.h"
+#include "fuzz/expect.h"
+#include "fuzz/open_worker.h"
+#include "fuzz/status_rule.h"
+
+namespace vemk::fuzz {
+
+namespace {
+
+void handle(const buffer_info_t &message, bool connected) {
+  static const bool run_flag = true;
+  static message_queue_t bus_to_ws;
+  static message_queue_t ws_to_bus;
+  static open_worker worker(&bus_to_ws, &ws_to_bus, "", "", 0, &run_flag, 0, 0, true);
+
+  const std::string text = text_of(message);
+  const message_fate fate = fate_of(text);
+  std::vector<std::string> answers;
+  if (fate == message_fate::answered)
+    answers.emplace_back(status_text(connected));
+
+  worker.connected = connected;
+  const bool is_kept = worker.handle_status_request(message);
+  expect_equal("whether the message is kept", fate != message_fate::forwarded, is_kept);
+  expect_equal("the answers", answers, take_all(ws_to_bus));
+  expect_equal("the message afterwards", text, text_of(message));
+}
+
+} // namespace
+
+} // namespace vemk::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+  using namespace vemk::fuzz;
+  const auto message = size == 0 ? std::make_shared<vemk::buffer_info_t>()
+                                 : buffer_of(std::string(data, data + size));
+  for (const bool connected : {true, false})
+    handle(*message, connected);
+  return 0;
+}
