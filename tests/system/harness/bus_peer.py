@@ -72,6 +72,11 @@ class bus_peer:
         result = self.run("send", "--lines", "-", data=b"".join(line + b"\n" for line in lines))
         assert result.returncode == 0, result.stderr.decode(errors="replace")
 
+    def start_sending(self, *arguments):
+        """A sender that the test feeds through its standard input, and ends."""
+        return subprocess.Popen([*self.program, "send", *arguments], stdin=subprocess.PIPE,
+                                stderr=subprocess.PIPE)
+
     def rejoin(self):
         """Makes the daemon drop off the bus, and returns when it is back on it."""
         before = os.stat(self.inbox_file)

@@ -1,0 +1,19 @@
+"""What memory a process takes."""
+
+import pathlib
+
+
+def pss_kib(pid):
+    """The proportional set size."""
+    for line in pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text().splitlines():
+        if line.startswith("Pss:"):
+            return int(line.split()[1])
+    raise ValueError(f"process {pid} has no Pss")
+
+
+def address_space_bytes(pid):
+    """What RLIMIT_AS limits."""
+    for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines():
+        if line.startswith("VmSize:"):
+            return int(line.split()[1]) * 1024
+    raise ValueError(f"process {pid} has no VmSize")

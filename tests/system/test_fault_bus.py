@@ -1,0 +1,182 @@
+"""Dropped off the bus again and again, and listeners of all kinds."""
+
+import signal
+import threading
+import time
+
+from harness.bus_peer import bus_peer
+from harness.round_trip import passes_both_ways
+from harness.waiting import wait_until
+
+
+def is_subsequence(part, whole):
+    left = iter(whole)
+    return all(item in left for item in part)
+
+
+def numbers(payloads):
+    return [int(payload.split()[-1]) for payload in payloads]
+
+
+class bus_traffic:
+    """Sends "up 0", "up 1" ... from the bus and "down 0" ... from the server until it is stopped.
+
+    `taken` are the messages from the bus that the daemon is known to have taken.
+    """
+
+    def __init__(self, bus, server):
+        self.bus, self.server = bus, server
+        self.taken, self.sent_up, self.sent_down = [], [], []
+        self.ended = threading.Event()
+        self.threads = [threading.Thread(target=target) for target in (self.go_up, self.go_down)]
+        for thread in self.threads:
+            thread.start()
+
+    def go_up(self):
+        while not self.ended.is_set():
+            message = b"up %d" % len(self.sent_up)
+            self.sent_up.append(message)
+            if self.bus.run("send", "--timeout", "2", "-", data=message).returncode == 0:
+                self.taken.append(message)
+
+    def go_down(self):
+        while not self.ended.wait(0.02):
+            message = b"down %d" % len(self.sent_down)
+            self.sent_down.append(message)
+            self.server.send(message.decode())
+
+    def stop(self):
+        self.ended.set()
+        for thread in self.threads:
+            thread.join()
+
+
+# Fault, on the bus: dropped and re-joined 20 times in a row while messages flow both ways.
+# Seen: each message that the daemon took from the bus arrives once, unaltered and in order; what
+# it gives to the bus comes in order and once, less what the bus loses while nobody is on it.
+def test_twenty_rejoins_with_messages_both_ways(make_bridge):
+    daemon, bus, server = make_bridge()
+    descriptors = daemon.descriptor_count()
+    announced = len(bus.statuses())
+    traffic = bus_traffic(bus, server)
+    try:
+        for _ in range(20):
+            bus.rejoin()
+    finally:
+        traffic.stop()
+    bus.send(b"last up")
+    wait_until(lambda: server.payloads()[-1:] == [b"last up"], "the last message at the server")
+    *up, _ = server.payloads()
+    assert len(set(up)) == len(up)
+    assert is_subsequence(up, traffic.sent_up)
+    assert is_subsequence(traffic.taken, up)
+    assert bus.run("status", "--timeout", "20").stdout == b"connected\n"
+    server.send("last down")
+    wait_until(lambda: bus.payloads()[-1:] == [b"last down"], "the last message on the bus")
+    *down, _ = bus.payloads()
+    assert is_subsequence(down, traffic.sent_down) and numbers(down) == sorted(set(numbers(down)))
+    assert len(down) > len(traffic.sent_down) // 2
+    assert set(bus.statuses()[announced:]) <= {"connected"}
+    assert len(server.handshakes) == 1
+    wait_until(lambda: daemon.descriptor_count() == descriptors,
+               f"the {descriptors} descriptors of before")
+
+
+# Fault, on the bus: two listeners, one of which is killed.
+# Seen: both hear every message; the other one goes on hearing every message.
+def test_both_listeners_hear_everything_and_one_may_die(make_bridge, place):
+    daemon, bus, server = make_bridge()
+    second = bus_peer(place)
+    second.listen()
+    try:
+        second.wait_listening()
+        messages = [b"to both %d" % i for i in range(20)]
+        server.send_many([message.decode() for message in messages])
+        assert bus.wait_for_payloads(20) == messages
+        assert second.wait_for_payloads(20) == messages
+        second.listener.kill()
+        second.listener.wait()
+        server.send_many(["to one %d" % i for i in range(20)])
+        assert bus.wait_for_payloads(40)[20:] == [b"to one %d" % i for i in range(20)]
+        assert passes_both_ways(bus, server, "after the listener's death")
+    finally:
+        second.stop()
+
+
+# Fault, on the bus: a listener that is stopped for 200 messages and then goes on.
+# Seen: the daemon and the other listener are not held up; it then hears all of them, in order.
+def test_a_stopped_listener_holds_nobody_up(make_bridge, place):
+    daemon, bus, server = make_bridge()
+    second = bus_peer(place)
+    second.listen()
+    try:
+        second.wait_listening()
+        second.listener.send_signal(signal.SIGSTOP)
+        messages = [b"%03d " % i + b"z" * 200 for i in range(200)]
+        server.send_many([message.decode() for message in messages])
+        assert bus.wait_for_payloads(200) == messages
+        assert passes_both_ways(bus, server, "beside a stopped listener")
+        second.listener.send_signal(signal.SIGCONT)
+        assert second.wait_for_payloads(201)[:200] == messages
+    finally:
+        second.listener.send_signal(signal.SIGCONT)
+        second.stop()
+
+
+# Fault, on the bus: messages of 0 bytes.
+# Seen: from the bus an empty text frame; from the server nothing reaches the bus.
+def test_empty_messages_go_up_only(make_bridge):
+    daemon, bus, server = make_bridge()
+    bus.send(b"")
+    server.send("")
+    server.send("behind")
+    bus.send(b"")
+    server.wait_for_payloads(2)
+    assert [(frame.payload, frame.is_text) for frame in server.frames] == [(b"", True)] * 2
+    assert bus.wait_for_payloads(1) == [b"behind"]
+    assert passes_both_ways(bus, server, "after empty messages")
+
+
+# Fault, on the bus: a sender that is killed 0, 5 and 20 ms after it was given 40 lines and a half.
+# Seen: the server gets the first of its lines, each whole and once, and none of half a line.
+def test_a_sender_killed_in_a_stream_leaves_whole_messages(make_bridge):
+    daemon, bus, server = make_bridge()
+    lines = [b"line %d of the stream" % i for i in range(40)]
+    for wait in (0, 0.005, 0.02):
+        server.frames.clear()
+        sender = bus.start_sending("--lines", "-")
+        sender.stdin.write(b"".join(line + b"\n" for line in lines) + b"half a line")
+        sender.stdin.flush()
+        time.sleep(wait)
+        sender.kill()
+        sender.communicate()
+        bus.send(b"behind")
+        wait_until(lambda: server.payloads()[-1:] == [b"behind"], "the message behind the stream")
+        *received, _ = server.payloads()
+        assert received == lines[:len(received)]
+
+
+# Fault, on the bus: a sender that is killed 0 to 200 ms after it was given a message of 8 MiB.
+# Seen: the message arrives whole or not at all, and the next one is not touched.
+def test_a_sender_killed_over_a_large_message_leaves_no_half_of_it(make_bridge):
+    daemon, bus, server = make_bridge()
+    descriptors = daemon.descriptor_count()
+    message = b"%07d\n" * (1 << 20) % tuple(range(1 << 20))
+    behind = []
+    for wait in (0, 0.01, 0.02, 0.05, 0.2):
+        sender = bus.start_sending("-")
+        sender.stdin.write(message)
+        sender.stdin.close()
+        time.sleep(wait)
+        sender.kill()
+        sender.wait()
+        sender.stderr.close()
+        behind.append(b"behind %g" % wait)
+        bus.send(behind[-1])
+    wait_until(lambda: server.payloads()[-1:] == behind[-1:], "the last message at the server", 60)
+    assert {len(payload) for payload in server.payloads()} <= {len(message), *map(len, behind)}
+    assert [payload for payload in server.payloads() if len(payload) < 100] == behind
+    assert all(payload == message for payload in server.payloads() if len(payload) > 100)
+    assert passes_both_ways(bus, server, "after the killed senders")
+    wait_until(lambda: daemon.descriptor_count() == descriptors,
+               f"the {descriptors} descriptors of before")

@@ -1,0 +1,98 @@
+"""Floods from the bus and from the server, with the pauses between the workers' steps divided.
+
+As designed a message leaves for the server every 100 ms; a hundred thousand would take three hours.
+"""
+
+import pytest
+
+from harness.preloaded import short_pauses
+from harness.process_memory import pss_kib
+from harness.round_trip import passes_both_ways
+from harness.vemk_daemon import config_text
+from harness.waiting import wait_until
+
+
+@pytest.fixture
+def pauses(place):
+    return short_pauses(place)
+
+
+@pytest.fixture
+def start(make_daemon, server, pauses):
+
+    def start_between():
+        return make_daemon().start(config_text(server.url), environment=pauses.environment,
+                                   preload=pauses.library)
+
+    return start_between
+
+
+def wait_for_pss_below(daemon, limit_kib):
+    wait_until(lambda: pss_kib(daemon.pid) < limit_kib, f"PSS below {limit_kib} KiB",
+               details=lambda: f"it is {pss_kib(daemon.pid)} KiB")
+
+
+# Fault, on the bus: a flood of 100,000 messages, 30 MB, faster than the connection takes them.
+# Seen: all wait in the daemon and arrive once, in order and unaltered; the next flood finds the
+# memory of this one, which the C library keeps between blocks that are still in use.
+def test_a_hundred_thousand_messages_from_the_bus_arrive_in_order(start, bus, server, pauses):
+    bus.listen()
+    daemon = start()
+    bus.wait_until_connected()
+    before = pss_kib(daemon.pid)
+    messages = [b"%06d %s" % (i, b"x" * (i % 600)) for i in range(100000)]
+
+    def flood(count):
+        """Returns the memory at its end, when most of it still waits in the daemon."""
+        server.frames.clear()
+        pauses.divide(bus=pauses.short)
+        bus.send_lines(messages[:count])
+        at_its_end = pss_kib(daemon.pid)
+        pauses.divide(bus=pauses.short, websock=pauses.short)
+        assert server.wait_for_payloads(count, seconds=90) == messages[:count]
+        return at_its_end
+
+    highest = flood(100000)
+    assert highest > before + 20000
+    assert flood(50000) < highest + 2000
+    pauses.divide()
+    server.frames.clear()
+    assert passes_both_ways(bus, server, "after the floods")
+    assert len(server.handshakes) == 1
+
+
+# Fault, on the bus: no listener at all while 20,000 messages of 1,000 bytes come from the server.
+# Seen: the daemon gives them to the bus, takes no more memory for it, and answers on the bus.
+def test_messages_without_a_listener_cost_no_memory(start, bus, server, pauses):
+    pauses.divide(bus=pauses.short, websock=pauses.short)
+    daemon = start()
+    server.wait_for_connections(1)
+    message = "y" * 1000
+    server.send_many([message] * 1000)
+    server.ping()
+    before = pss_kib(daemon.pid)
+    server.send_many([message] * 20000)
+    server.ping()
+    # The answer comes behind the messages.
+    assert bus.run("status", "--timeout", "20").stdout == b"connected\n"
+    wait_for_pss_below(daemon, before + 2000)
+    pauses.divide()
+    bus.listen()
+    bus.wait_until_connected()
+    assert bus.payloads() == []
+    assert passes_both_ways(bus, server, "with a listener")
+
+
+# Fault, on the bus: a message of 64 MiB, the longest that the bus carries.
+# Seen: it arrives byte for byte as one text frame, and its memory is given back at once.
+def test_a_message_of_64_mebibytes_arrives_and_leaves_no_memory_behind(start, bus, server):
+    bus.listen()
+    daemon = start()
+    bus.wait_until_connected()
+    before = pss_kib(daemon.pid)
+    message = b"%07d\n" * (1 << 20) % tuple(range(1 << 20)) * 8
+    bus.send(message)
+    assert server.wait_for_payloads(1, seconds=90) == [message]
+    wait_for_pss_below(daemon, before + 2000)
+    assert passes_both_ways(bus, server, "after the long message")
+    assert len(server.handshakes) == 1
