@@ -22,7 +22,9 @@ def restart(server):
     server.start()
 
 
-# Close, close 1001, RST and restart: "disconnected" twice, "connected", then messages both ways.
+# Fault, while connected: a close with code 1000 or 1001 or a RST of an independent server library,
+# and the end of that server with a new one in its place.
+# Seen: "disconnected" twice, "connected", then messages both ways on the second connection.
 @pytest.mark.parametrize("end_connection", [close, close_going_away, reset, restart])
 def test_connection_is_announced_lost_and_made_again(make_bridge, end_connection):
     daemon, bus, server = make_bridge(log_level=15)

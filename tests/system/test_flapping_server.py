@@ -25,7 +25,9 @@ def flap(server, stop):
         server.start()
 
 
-# While the server goes and comes every second, what arrives is whole, in order, and once.
+# Fault, while connected: a server that ends, by RST, close frame or as a whole, and is back every
+# second, twenty times, while the bus sends 1000 messages.
+# Seen: what arrives is whole, in order, and once; the daemon goes on with the same three threads.
 def test_messages_that_arrive_are_intact_and_in_order(make_bridge):
     daemon, bus, server = make_bridge(log_level=15)
     pushed = threading.Event()

@@ -1,6 +1,7 @@
 """What must hold after a fault: the daemon lives, has leaked nothing, and messages pass again."""
 
 from harness.frame_server import text
+from harness.raw_server import opcode_close
 from harness.vemk_daemon import line_pattern
 from harness.waiting import wait_until
 
@@ -67,3 +68,13 @@ class fault_watch:
                    f"the {self.descriptors} descriptors that were open before the fault",
                    details=lambda: f"there are {self.daemon.descriptor_count()}")
         assert stray_lines(self.daemon) == []
+
+
+def expect_refused(bridge, frames):
+    """Each of these ends its connection, without an answer, and nothing of it reaches the bus."""
+    for refused in frames:
+        watch = fault_watch(bridge)
+        bridge.server.send(refused, text(b"behind it"))
+        watch.expect_healed()
+    assert bridge.server.frames_of(opcode_close) == []
+    assert len(bridge.daemon.lines_with("process_closed:76")) == len(frames)
