@@ -44,12 +44,13 @@ def close_frame(code, reason=b""):
 class frame_server(raw_server):
     """Accepts every WebSocket and records the frames it gets; answers none but pings, if told to.
 
-    `receive_buffer` is what a connection's socket holds of what is not read yet, in bytes.
+    `answers_pings` holds for all of them, or is a function that tells it of the n-th. In
+    `receive_buffer` bytes a connection's socket holds what is not read yet.
     Operations that concern a connection mean the newest one.
     """
 
     def __init__(self, answers_pings=False, receive_buffer=None):
-        self.answers_pings = answers_pings
+        self.answers_ping = answers_pings if callable(answers_pings) else lambda _: answers_pings
         self.readers = {}
         self.stopped = {}
         self.sending = threading.Lock()
@@ -63,7 +64,8 @@ class frame_server(raw_server):
         upgrade(self, connection, request)
 
     def after_frame(self, connection, frame_read):
-        if self.answers_pings and frame_read.opcode == opcode_ping:
+        is_ping = frame_read.opcode == opcode_ping
+        if is_ping and self.answers_ping(len(self.frames_of(opcode_ping))):
             with self.sending:
                 connection.sendall(frame(opcode_pong, frame_read.payload))
         if connection in self.stopped:

@@ -1,0 +1,47 @@
+"""The daemon's keepalive at a faster clock, so that minutes of it pass in seconds, and its lines."""
+
+import collections
+import re
+
+event_t = collections.namedtuple("event_t", "time what")
+
+# A ping is a second or more late when the machine is busy.
+patterns = {
+    "ping": re.compile(r"websock-roaming->process_client_writeable: "
+                       r"It's time to ping websocket server, expired \[3\d\]"),
+    "pong": re.compile(r"websock-roaming->process_client_receive_pong:119"),
+    "given up": re.compile(r"websock-roaming->There are no 3 pong answer in a row from server"),
+    "watchdog": re.compile(r"websock-roaming->ping_timeout:197"),
+}
+
+
+def fast_clock(speed):
+    """What to start a daemon with; its log's time stamps are of its own clock."""
+    return {"preload": "preload/fast_clock.so", "environment": {"FAST_CLOCK": str(speed)}}
+
+
+def start_fast(make_frame_bridge, answers_pings, speed, **server_options):
+    """A bridge whose log tells of its keepalive."""
+    # The first delay is half a second of the test's time or more, in which the bus begins to listen.
+    return make_frame_bridge(fast_clock(speed), {"answers_pings": answers_pings, **server_options},
+                             log_level=12, initial_delay=speed, max_delay=speed)
+
+
+def established(daemon):
+    """When it was connected first."""
+    return daemon.lines_with("websock-roaming->process_client_established:58")[0].time
+
+
+def keepalive_events(daemon):
+    return [event_t(line.time, what) for line in daemon.log_lines()
+            for what, pattern in patterns.items() if pattern.fullmatch(line.text)]
+
+
+def words(events):
+    return [event.what for event in events]
+
+
+def since_last(what, events):
+    """What follows the last event of this kind, or everything where there is none."""
+    found = words(events)
+    return found[len(found) - found[::-1].index(what):] if what in found else found

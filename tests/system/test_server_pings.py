@@ -1,0 +1,9 @@
+"""Pings of the server."""
+
+
+# Two pings of the server get their pongs on the one connection.
+def test_pings_of_the_server_are_answered(make_bridge):
+    daemon, bus, server = make_bridge()
+    server.ping()
+    server.ping()
+    assert len(server.handshakes) == 1
