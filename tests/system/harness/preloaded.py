@@ -56,9 +56,6 @@ class failing_memory:
     def wait_refused(self):
         return wait_until(self.refused_bytes, "a refused request for memory")
 
-    def stop(self):
-        self.record.put(self.countdown, 0)
-
 
 class short_pauses:
     """Divides the pauses between the steps of a daemon's workers."""
