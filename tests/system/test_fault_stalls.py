@@ -1,0 +1,149 @@
+"""A server that stops reading, and ones that keep the daemon from sending or from being heard.
+
+The daemon's clock goes faster, so that the minute of its watchdog and three pings pass in seconds.
+"""
+
+import contextlib
+import threading
+
+import pytest
+
+from harness.keepalive import fast_clock
+from harness.frame_server import close_frame, frame, text
+from harness.healing import fault_watch, lost_and_found
+from harness.raw_server import opcode_ping, opcode_text
+from harness.waiting import wait_until
+
+three_pings_missing = "There are no 3 pong answer in a row from server"
+watchdog_fired = "websock-roaming->ping_timeout:197"
+# More in all than the sockets of both sides take.
+messages = [b"%02d " % number + b"m" * (1 << 18) for number in range(20)]
+
+
+@pytest.fixture
+def stalled(make_frame_bridge):
+    """Starts a bridge whose server reads nothing more, and returns what makes it read on."""
+
+    def make(speed):
+        bridge = make_frame_bridge(fast_clock(speed),
+                                   {"answers_pings": True, "receive_buffer": 4096}, log_level=12)
+        go_on = bridge.server.stop_reading()
+        bridge.bus.send(b"the last that is read")
+        bridge.server.wait_for_texts(1)
+        for message in messages:
+            bridge.bus.send(message)
+        return bridge, go_on
+
+    return make
+
+
+def texts_on(server, number):
+    return [one.payload for one in server.frames_of(opcode_text) if one.connection == number]
+
+
+def rest_on_next_connection(server):
+    """What of the messages arrives on the second connection: the last ones, in order."""
+    wait_until(lambda: texts_on(server, 2)[-1:] == messages[-1:], "the last of the messages")
+    rest = texts_on(server, 2)
+    assert rest == messages[-len(rest):]
+    return rest
+
+
+def wait_until_stuck(daemon):
+    """Waits until the daemon has begun to send a message and cannot end it."""
+    seen = []
+
+    def no_more_is_sent():
+        seen.append(len(daemon.lines_with("Send msg type [0]")))
+        return len(seen) > 25 and seen[-25] == seen[-1]
+
+    wait_until(no_more_is_sent, "the end of sending")
+    assert 1 < seen[-1] < len(messages)
+
+
+# Fault, while connected: the server reads nothing for a while, its window closes, and 20 messages
+# of 256 KiB wait on the bus's side; then it goes on reading.
+# Seen: the daemon stops sending, without an error; when the server reads again, every message
+# arrives once, in order and unchanged, and the connection was kept.
+def test_messages_pass_when_a_server_reads_again(stalled):
+    bridge, go_on = stalled(speed=2)
+    wait_until_stuck(bridge.daemon)
+    watch = fault_watch(bridge)
+    go_on()
+    assert bridge.server.wait_for_texts(1 + len(messages))[1:] == messages
+    watch.remember()
+    watch.expect_kept()
+    assert len(bridge.server.connections) == 1
+
+
+# Fault, while connected: the same, but the server does not read again.
+# Seen: writeable callbacks stop, so no ping is sent, and 60 s after the last one the watchdog drops
+# the connection: "websock-roaming->ping_timeout:197", "disconnected" twice, "connected". What the
+# sockets had taken whole may still be read, in order; a message that was cut off is lost, the next
+# one is dropped in the wait, and all others arrive on the next connection, once and in order.
+def test_server_that_reads_no_more_is_dropped_by_the_watchdog(stalled):
+    bridge, go_on = stalled(speed=20)
+    daemon, bus, server = bridge
+    announced = len(bus.statuses())
+    server.wait_for_connections(2)
+    bus.wait_for_statuses(announced + 3)
+    assert bus.statuses()[announced:] == lost_and_found
+    assert len(daemon.lines_with(watchdog_fired)) == 1
+    assert daemon.lines_with(three_pings_missing) == []
+    rest = rest_on_next_connection(server)
+    go_on()
+    server.wait_for_end(1)
+    read_late = texts_on(server, 1)[1:]
+    assert read_late == messages[:len(read_late)]
+    assert len(messages) - len(read_late) - len(rest) in (1, 2)
+    fault_watch(bridge).expect_kept()
+
+
+# Fault, while connected: a close frame from a server that reads nothing more, with messages queued.
+# Seen: the daemon cannot answer it, gives that up and heals without waiting for the watchdog.
+def test_close_frame_of_a_server_that_does_not_read_is_healed(stalled):
+    bridge, _ = stalled(speed=2)
+    daemon, bus, server = bridge
+    wait_until_stuck(daemon)
+    announced = len(bus.statuses())
+    server.send(close_frame(1001))
+    server.wait_for_connections(2)
+    bus.wait_for_statuses(announced + 3)
+    assert bus.statuses()[announced:] == lost_and_found
+    assert daemon.lines_with(watchdog_fired) == []
+    rest_on_next_connection(server)
+    fault_watch(bridge).expect_kept()
+
+
+# Fault, while connected: a length field that says 2^40 before 10 bytes, from a server that goes on
+# answering pings.
+# Seen: whatever it sends is taken for that message, the answers to pings too: after the third ping
+# "There are no 3 pong answer in a row from server", healed, and nothing of it reaches the bus.
+def test_endless_message_is_given_up_after_three_pings(make_frame_bridge):
+    bridge = make_frame_bridge(fast_clock(20), {"answers_pings": True}, log_level=8)
+    watch = fault_watch(bridge)
+    bridge.server.send(text(b"0123456789", length_bits=64, length=1 << 40), text(b"never heard"))
+    watch.expect_healed()
+    assert len(bridge.daemon.lines_with(three_pings_missing)) == 1
+
+
+# Fault, while connected: pings without end, so many that each step of the daemon finds one.
+# Seen: the library answers pings and nothing else, so writeable callbacks stop; 60 s after the
+# handshake the watchdog drops the connection, and without the flood all works again.
+def test_endless_ping_flood_is_ended_by_the_watchdog(make_frame_bridge):
+    bridge = make_frame_bridge(fast_clock(20), log_level=12)
+    daemon, bus, server = bridge
+    watch = fault_watch(bridge)
+    flooded = server.connection
+
+    def flood():
+        with contextlib.suppress(OSError):
+            while True:
+                flooded.sendall(frame(opcode_ping, b"again") * 1000)
+
+    flooding = threading.Thread(target=flood)
+    flooding.start()
+    server.wait_for_connections(2)
+    flooding.join(20)
+    watch.expect_healed()
+    assert len(daemon.lines_with(watchdog_fired)) == 1
