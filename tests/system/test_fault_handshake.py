@@ -182,5 +182,4 @@ def test_refused_port_is_tried_again(make_bridge):
     assert server.wait_for_payloads(1) == [b"up again"]
     server.send("down again")
     assert bus.wait_for_payloads(1) == [b"down again"]
-    wait_until(lambda: daemon.descriptor_count() == descriptors, f"{descriptors} descriptors",
-               details=daemon.descriptor_count)
+    daemon.wait_for_descriptors(descriptors)

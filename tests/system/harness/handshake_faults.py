@@ -6,7 +6,6 @@ import struct
 
 from harness.raw_server import http_head, opcode_text, raw_server, upgrade, upgrade_lines
 from harness.vemk_daemon import config_text
-from harness.waiting import wait_until
 
 reset_on_close = struct.pack("ii", 1, 0)
 library_prefix = "portal->libwebsocket-debug> "
@@ -135,5 +134,4 @@ class handshake_trial:
         assert self.server.wait_for_frames(opcode_text, 1)[0].payload == b"up again"
         self.server.send_text_frame(b"down again")
         assert self.bus.wait_for_payloads(1) == [b"down again"]
-        wait_until(lambda: self.daemon.descriptor_count() == self.descriptors,
-                   f"{self.descriptors} descriptors", details=self.daemon.descriptor_count)
+        self.daemon.wait_for_descriptors(self.descriptors)

@@ -121,6 +121,10 @@ class vemk_daemon:
     def descriptor_count(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
+    def wait_for_descriptors(self, count):
+        wait_until(lambda: self.descriptor_count() == count, f"{count} open descriptors",
+                   details=lambda: f"there are {self.descriptor_count()}")
+
     def output(self):
         return self.output_file.read_text(errors="replace")
 
