@@ -1,6 +1,6 @@
 """The connection ends in the middle of a message: what was received of it comes out later, once."""
 
-from harness.frame_server import close_frame, frame, opcode_continuation, text
+from harness.frame_server import close_frame, frame, opcode_continuation, pattern, text
 from harness.healing import fault_watch
 from harness.raw_server import opcode_text
 
@@ -10,10 +10,6 @@ piece_size = 4096
 
 def ways_to_end(server):
     return (server.half_close, server.reset, lambda: server.send(close_frame(1001)))
-
-
-def pattern(size):
-    return b"".join(b"%07x " % i for i in range(size // 8))
 
 
 # Fault, while connected: a FIN, a RST and a close frame between two fragments of a message.

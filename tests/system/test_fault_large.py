@@ -2,17 +2,13 @@
 
 import pytest
 
-from harness.keepalive import fast_clock
-from harness.frame_server import frame, opcode_continuation, text
+from harness.frame_server import frame, opcode_continuation, pattern, text
 from harness.healing import fault_watch, lost_and_found
+from harness.keepalive import fast_clock
 from harness.raw_server import opcode_ping, opcode_text
 
 large_size = 16 << 20
 piece_size = 4096
-
-
-def pattern(size):
-    return b"".join(b"%07x " % i for i in range(size // 8))
 
 
 # Fault, while connected: one message of 16 MiB from the server, in fragments of 256 KiB, each sent

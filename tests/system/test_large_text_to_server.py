@@ -2,9 +2,7 @@
 
 import pytest
 
-
-def pattern(size):
-    return b"".join(b"%07x " % i for i in range(size // 8))
+from harness.frame_server import pattern
 
 
 # Fault, while connected: one message of 10 MiB, with the log on, and of 16 MiB from the bus.

@@ -41,6 +41,11 @@ def close_frame(code, reason=b""):
     return frame(opcode_close, struct.pack("!H", code) + reason)
 
 
+def pattern(size):
+    """A payload of which no two parts are the same; `size` in whole eights."""
+    return b"".join(b"%07x " % i for i in range(size // 8))
+
+
 class frame_server(raw_server):
     """Accepts every WebSocket and records the frames it gets; answers none but pings, if told to.
 
