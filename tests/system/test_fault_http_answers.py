@@ -47,12 +47,14 @@ def test_other_answer_than_an_upgrade_is_tried_again(make_trial):
 # Fault, before the connection: a redirect 301, 302, 303, 307 or 308 to a server that would accept,
 # over "http", "ws", "https" or "wss", to another path, to nowhere, and to a place that is no
 # address.
-# Seen: a redirect is a refusal like any other: the server named in the configuration, and no other,
-# is asked for the configured path again; the bus hears "disconnected" only.
-#
-# The library followed such answers, to wherever they pointed, and crashed when a host began with
-# "+", which makes it look for a local socket.
+# Seen: each attempt is logged "websock-roaming->process_client_connection_error:41"; the server named
+# in the configuration, and no other, is asked for the configured path again; the bus hears
+# "disconnected" only.
 def test_redirect_is_not_followed(make_trial, make_raw_server):
+    """The library followed redirects to wherever they pointed.
+
+    One to a host that begins with "+", which to the library means a local socket, crashed it.
+    """
     elsewhere = make_raw_server(upgrade)
     place = b"127.0.0.1:%d/elsewhere" % elsewhere.port
     locations = [*(scheme + b"://" + place for scheme in (b"http", b"ws", b"https", b"wss")),

@@ -117,7 +117,7 @@ class handshake_trial:
         faults = len(self.server.faults)
         finish(self.server.connections[0])
         # The first connection, the faults, and the attempt after the last of them.
-        self.server.wait_for_connections(faults + 2)
+        self.server.wait_for_connections(faults + 2, seconds=30 + 8 * faults)
         courses, library_lines = courses_of(self.daemon)
         # Two at the end of the first connection, two for every failed attempt.
         announced = self.bus.wait_for_statuses(self.announced + 2 * (faults + 1))
