@@ -16,6 +16,7 @@ import pytest
 from harness.bus_peer import bus_peer
 from harness.frame_server import frame_server
 from harness.handshake_faults import failing_server, handshake_trial
+from harness.network import far_address, wired_networks
 from harness.raw_server import raw_server
 from harness.roaming_server import roaming_server
 from harness.sandbox import sandbox
@@ -141,3 +142,39 @@ def make_frame_bridge(make_daemon, bus):
     yield make
     for made in servers:
         made.shut_down()
+
+
+@pytest.fixture
+def networks():
+    made = wired_networks()
+    yield made
+    made.close()
+
+
+@pytest.fixture
+def far_server(networks):
+    """A server at the far end of the wire."""
+    made = roaming_server()
+    made.host = far_address
+
+    async def move():
+        networks.far.enter()
+
+    made.call(move())
+    made.start()
+    yield made
+    made.shut_down()
+
+
+@pytest.fixture
+def make_wired_bridge(make_daemon, bus, networks, far_server):
+    """The same as make_bridge with the wire between daemon and server."""
+
+    def make(start_options=None, **settings):
+        bus.listen()
+        daemon = make_daemon().start(config_text(far_server.url, **settings),
+                                     network=networks.near, **(start_options or {}))
+        bus.wait_until_connected()
+        return bridge_t(daemon, bus, far_server)
+
+    return make

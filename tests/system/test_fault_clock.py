@@ -1,12 +1,11 @@
 """A monotonic clock that steps while the daemon waits to connect, and a wall clock set back."""
 
-import mmap
 import re
-import struct
 import sysconfig
 
 import pytest
 
+from harness.preloaded import shared_record
 from harness.round_trip import passes_both_ways
 from harness.vemk_daemon import config_text
 
@@ -17,22 +16,23 @@ wall_clock_library = \
     f"/usr/lib/{sysconfig.get_config_var('MULTIARCH')}/faketime/libfaketimeMT.so.1"
 
 
-class clock_steps:
-    """What the preloaded stepping_clock reads, as one record in a file."""
+class stepping_clock:
+    """Makes the daemon's readings of the monotonic clock step."""
+
+    library = "preload/stepping_clock.so"
+    seconds, readings = range(2)
 
     def __init__(self, place):
-        self.file = place.folder / "clock"
-        self.file.write_bytes(bytes(16))
-        with open(self.file, "r+b") as opened:
-            self.record = mmap.mmap(opened.fileno(), 16)
+        self.record = shared_record(place.folder / "clock", 16)
+        self.environment = {"STEPPING_CLOCK": str(self.record.file)}
 
     def step(self, seconds, readings):
-        # The count last: it is what makes the daemon's readings differ.
-        self.record[0:8] = struct.pack("q", seconds)
-        self.record[8:16] = struct.pack("q", readings)
+        self.record.put(self.seconds, seconds)
+        # Last: it is what makes readings differ.
+        self.record.put(self.readings, readings)
 
     def readings_left(self):
-        return struct.unpack("q", self.record[8:16])[0]
+        return self.record.get(self.readings)
 
 
 @pytest.fixture
@@ -42,12 +42,11 @@ def start_waiting(place, make_daemon, bus, server):
     def start(delay=4):
         server.stop()
         bus.listen()
-        steps = clock_steps(place)
+        clock = stepping_clock(place)
         config = config_text(server.url, initial_delay=delay, max_delay=delay, log_level=8)
-        daemon = make_daemon().start(config, environment={"STEPPING_CLOCK": str(steps.file)},
-                                     preload="preload/stepping_clock.so")
+        daemon = make_daemon().start(config, environment=clock.environment, preload=clock.library)
         daemon.wait_for_lines("Delay before connection")
-        return daemon, steps
+        return daemon, clock
 
     return start
 
@@ -68,8 +67,8 @@ def time_errors(daemon):
 # Seen: the line "time_monotonic: Time error, need restart, expired [NOW] [BEFORE] cnt 0", no other,
 # and the daemon connects as soon as the server is up.
 def test_one_reading_behind_is_only_logged(start_waiting, bus, server):
-    daemon, steps = start_waiting()
-    steps.step(-1, readings=1)
+    daemon, clock = start_waiting()
+    clock.step(-1, readings=1)
     daemon.wait_for_lines("Time error")
     assert heals(bus, server)
     assert time_errors(daemon) == (-1, [0])
@@ -78,8 +77,8 @@ def test_one_reading_behind_is_only_logged(start_waiting, bus, server):
 # Fault, in the process: ten readings of the monotonic clock in a row are behind the last good one.
 # Seen: ten "Time error" lines, counted from 0 to 9; the eleventh reading is good, and life goes on.
 def test_ten_readings_behind_are_only_logged(start_waiting, bus, server):
-    daemon, steps = start_waiting()
-    steps.step(-5, readings=10)
+    daemon, clock = start_waiting()
+    clock.step(-5, readings=10)
     daemon.wait_for_lines("Time error", 10)
     assert heals(bus, server)
     assert time_errors(daemon) == (-5, list(range(10)))
@@ -90,10 +89,10 @@ def test_ten_readings_behind_are_only_logged(start_waiting, bus, server):
 # Seen: eleven "Time error" lines, the last with cnt 10, and the end with status 255; started again,
 # the daemon connects.
 def test_eleven_readings_behind_end_the_daemon(start_waiting, make_daemon, bus, server):
-    daemon, steps = start_waiting()
-    steps.step(-5, readings=11)
+    daemon, clock = start_waiting()
+    clock.step(-5, readings=11)
     assert daemon.wait_for_exit() == 255
-    assert steps.readings_left() == 0
+    assert clock.readings_left() == 0
     assert time_errors(daemon) == (-5, list(range(11)))
     make_daemon().start(config_text(server.url))
     assert heals(bus, server)
@@ -102,8 +101,8 @@ def test_eleven_readings_behind_end_the_daemon(start_waiting, make_daemon, bus, 
 # Fault, in the process: the monotonic clock jumps forward by 10 seconds, and stays there.
 # Seen: no "Time error" line; the wait ends that much earlier, and the daemon connects.
 def test_jump_of_ten_seconds_only_shortens_the_wait(start_waiting, bus, server):
-    daemon, steps = start_waiting(delay=10)
-    steps.step(10, every_reading)
+    daemon, clock = start_waiting(delay=10)
+    clock.step(10, every_reading)
     drawn = daemon.lines_with("Delay before connection")[0]
     attempt = daemon.wait_for_lines("Try to establish connect")[0]
     assert attempt.time - drawn.time < int(drawn.text.split()[-2]) - 1
@@ -115,8 +114,8 @@ def test_jump_of_ten_seconds_only_shortens_the_wait(start_waiting, bus, server):
 # Seen: eleven "Time error" lines, counted from 0 to 10, and the end with status 255; started again,
 # the daemon connects.
 def test_jump_of_eleven_seconds_ends_the_daemon(start_waiting, make_daemon, bus, server):
-    daemon, steps = start_waiting()
-    steps.step(11, every_reading)
+    daemon, clock = start_waiting()
+    clock.step(11, every_reading)
     assert daemon.wait_for_exit() == 255
     assert time_errors(daemon) == (11, list(range(11)))
     make_daemon().start(config_text(server.url))

@@ -40,7 +40,10 @@ def test_delay_grows_with_each_refusal_and_starts_over_when_connected(make_daemo
     assert again[tried].text == "Generate delay into [0;1) range"
 
 
-# Three attempts at an unknown name, status requests answered, no thread left over.
+# Fault, before the connection: the server's name is unknown.
+# Seen: each attempt begins with the line "websock-roaming-> _connect: Try to establish connect with
+# server no-such-host.invalid:8080/roam", and the next follows; the bus hears "disconnected" only, a
+# status request is answered, and no thread is left over.
 def test_name_that_does_not_resolve_is_tried_again(make_daemon, bus):
     bus.listen()
     # Where a resolver is silent rather than negative, it must not hold the test up.

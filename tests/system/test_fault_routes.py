@@ -1,0 +1,66 @@
+"""No way to the server when the daemon starts: a missing network, a black hole, a deaf firewall."""
+
+import pytest
+
+from harness.bus_peer import status_request
+from harness.network import far_address
+from harness.round_trip import passes_both_ways
+from harness.vemk_daemon import config_text
+
+
+def start(make_daemon, bus, far_server, networks):
+    bus.listen()
+    config = config_text(far_server.url, log_level=8)
+    return make_daemon().start(config, network=networks.near)
+
+
+def heals(bus, server):
+    """The next attempt leads to a connection, and only now the bus hears of one."""
+    assert set(bus.statuses()) == {"disconnected"}
+    bus.wait_until_connected()
+    return len(server.handshakes) == 1 and passes_both_ways(bus, server, "the way is free")
+
+
+def worker_lines(daemon):
+    return [line.text for line in daemon.log_lines()
+            if line.module == "websock-worker" and "libwebsocket-debug" not in line.text]
+
+
+# Fault, before the connection: no route to the server, as its interface has no address or is down,
+# or a route that is a black hole or says "unreachable".
+# Seen: each attempt ends at once, without the line "websock-roaming->Connected"; the bus hears
+# "disconnected" only, a status request is answered; with a route the next attempt connects.
+@pytest.mark.parametrize("outage", [
+    "address removed", "interface down", "route a black hole", "route says unreachable"])
+def test_no_route_is_tried_again_until_there_is_one(make_daemon, bus, networks, far_server, outage):
+    networks.cut(outage)
+    daemon = start(make_daemon, bus, far_server, networks)
+    daemon.wait_for_lines("Generate delay", 4)
+    assert worker_lines(daemon)[:10] == [
+        "Generate delay into [0;1) range",
+        "Delay before connection: 0 sec",
+        "websock-roaming-> _connect: Try to establish connect with server "
+        f"{far_address}:{far_server.port}/roam",
+        "websock-roaming->process_protocol_destroy:31",
+        "websock-roaming->Stopping"] * 2
+    assert bus.run("status", "--timeout", "20").stdout == b"disconnected\n"
+    networks.mend(outage)
+    assert heals(bus, far_server)
+
+
+# Fault, before the connection: every packet is dropped, so that no SYN is ever answered.
+# Seen: the attempt ends after 5 seconds with the line
+# "websock-roaming->process_client_connection_error:41"; a status request of this time is answered
+# "disconnected" after it, and when packets pass the next attempt connects.
+def test_dropped_syn_ends_the_attempt_after_five_seconds(make_daemon, bus, networks, far_server):
+    networks.cut("packets lost")
+    daemon = start(make_daemon, bus, far_server, networks)
+    began = daemon.wait_for_lines("websock-roaming->Connected")[0]
+    bus.wait_listening()
+    bus.send(status_request)
+    ended = daemon.wait_for_lines("process_client_connection_error:41")[0]
+    assert 4.9 <= ended.time - began.time
+    # Two at the end of the attempt, and the answer.
+    bus.wait_for_statuses(3)
+    networks.mend("packets lost")
+    assert heals(bus, far_server)
