@@ -11,6 +11,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 #include "module_bus/bus_folder.h"
 
@@ -30,6 +31,10 @@ constexpr int inbox_messages = 256;
 // About 200 MiB of pieces for a listener that does not read; 64 MiB need a third of them.
 constexpr int outlet_pieces = 200000;
 
+// Without these the messaging library ends the process while it sets itself up: it takes ten, and
+// another thread of the process may take some at the same time.
+constexpr std::size_t needed_descriptors = 16;
+
 constexpr int leave_linger_ms = 100;
 constexpr milliseconds settle_time{100};
 
@@ -40,6 +45,19 @@ void bind(zmq::socket_t &socket, const std::string &path) {
     throw bus_error("cannot bind the bus socket " + path + ": " + error.what() +
                     "; check that its folder is there and can be written to");
   }
+}
+
+bool has_free_descriptors(int any_descriptor) {
+  std::vector<int> taken;
+  while (taken.size() < needed_descriptors) {
+    const int copy = fcntl(any_descriptor, F_DUPFD_CLOEXEC, 0);
+    if (copy < 0)
+      break;
+    taken.push_back(copy);
+  }
+  for (const int copy : taken)
+    close(copy);
+  return taken.size() == needed_descriptors;
 }
 
 // Nothing to receive and an interrupted call come to the same here: there will be a next call.
@@ -83,8 +101,13 @@ module_claim::module_claim(const std::string &folder, int module_id)
   if (lock < 0)
     throw bus_error("cannot open the lock " + lock_path(folder, module_id) + ": " +
                     std::strerror(errno) + "; check that its folder can be written to");
-  if (flock(lock, LOCK_EX | LOCK_NB) == 0)
-    return;
+  if (flock(lock, LOCK_EX | LOCK_NB) == 0) {
+    if (has_free_descriptors(lock))
+      return;
+    close(lock);
+    throw bus_error("it takes " + std::to_string(needed_descriptors) +
+                    " descriptors, and fewer are left; raise the process's limit");
+  }
   const int error = errno;
   close(lock);
   const std::string module = "module " + std::to_string(module_id);

@@ -1,0 +1,48 @@
+// A process that runs out of descriptors.
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "bus_test_base.h"
+
+namespace vemk {
+namespace {
+
+class descriptor_limit {
+public:
+  explicit descriptor_limit(rlim_t count) {
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit low{count, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &low);
+  }
+
+  descriptor_limit(const descriptor_limit &) = delete;
+  descriptor_limit &operator=(const descriptor_limit &) = delete;
+
+  ~descriptor_limit() { setrlimit(RLIMIT_NOFILE, &before); }
+
+private:
+  rlimit before{};
+};
+
+class ModuleBusDescriptorsTest : public bus_test_base {};
+
+// With any number of descriptors left the module joins or says that it cannot.
+// The messaging library ended the process when it found none while it set itself up.
+TEST_F(ModuleBusDescriptorsTest, AJoinWithoutDescriptorsFailsAndALaterOneSucceeds) {
+  const int first_free = dup(STDERR_FILENO);
+  close(first_free);
+  int failed = 0;
+  for (rlim_t left = 0; left < 30; ++left) {
+    const descriptor_limit limit(static_cast<rlim_t>(first_free) + left);
+    if (join() != 0)
+      ++failed;
+    leave();
+  }
+  EXPECT_GT(failed, 0);
+  EXPECT_LT(failed, 30);
+  EXPECT_EQ(join(), 0);
+}
+
+} // namespace
+} // namespace vemk
