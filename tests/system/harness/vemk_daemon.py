@@ -44,17 +44,19 @@ class vemk_daemon:
         self.log_file = place.folder / f"{name}.log"
 
     def start(self, config=None, arguments=None, environment=None, stack_bytes=None,
-              preload=None, network=None):
+              preload=None, network=None, output_to=None, log_to=None, runner=()):
         """Starts with `-f` and a file of the text `config`, or with `arguments` alone.
 
         `stack_bytes` is what each thread gets, the first one too; 8 MiB otherwise. `preload` is a
-        library, by its path in the build folder or a whole one; `network` a network_namespace.
+        library, by its path in the build folder or a whole one; `network` a network_namespace;
+        `output_to` and `log_to` are open files in place of its standard output and standard error,
+        whose texts the tests then do not see; `runner` is words to put in front of the program.
         """
         if config is not None:
             self.config_file.write_bytes(config if isinstance(config, bytes) else config.encode())
             arguments = ["-f", self.config_file]
         program = self.place.bound_build_folder / "vemk"
-        runner = ["prlimit", f"--stack={stack_bytes}"] if stack_bytes else []
+        runner = [*runner, *(["prlimit", f"--stack={stack_bytes}"] if stack_bytes else [])]
         runner += self.preload_words(preload) if preload else []
         runner += shlex.split(os.environ.get("VEMK_RUNNER", ""))
         entry = network.entry if network else []
@@ -62,7 +64,7 @@ class vemk_daemon:
             self.process = subprocess.Popen(
                 [*entry, *self.place.command(*runner, program, *arguments)], cwd="/",
                 env=self.clean_environment(environment), stdin=subprocess.DEVNULL,
-                stdout=output, stderr=log)
+                stdout=output_to or output, stderr=log_to or log)
         return self
 
     def preload_words(self, library):

@@ -1,0 +1,109 @@
+"""A log that cannot be written, and standard descriptors that are closed."""
+
+import os
+import subprocess
+
+import pytest
+
+from harness.round_trip import passes_both_ways
+from harness.vemk_daemon import config_text
+
+
+@pytest.fixture
+def bridge_with(make_daemon, bus, server):
+    """Starts a daemon that logs everything, with these arguments of its start; it has to bridge."""
+
+    def start(**options):
+        bus.listen()
+        daemon = make_daemon().start(config_text(server.url, log_level=15), **options)
+        bus.wait_until_connected()
+        assert passes_both_ways(bus, server, "connected")
+        return daemon, bus, server
+
+    return start
+
+
+def lives_through_a_reconnect(daemon, bus, server):
+    announced = len(bus.statuses())
+    server.close(1001)
+    bus.wait_for_last_status("connected", after=announced + 2)
+    return passes_both_ways(bus, server, "connected again") and daemon.runs()
+
+
+# Fault, in the process: standard error is /dev/full.
+# Seen: the lines are lost; the daemon bridges and reconnects.
+def test_standard_error_on_a_full_device(bridge_with):
+    with open("/dev/full", "wb") as full:
+        bridge = bridge_with(log_to=full)
+    assert lives_through_a_reconnect(*bridge)
+
+
+# Fault, in the process: the log file is /dev/full.
+# Seen: the lines are lost; the daemon bridges and reconnects.
+def test_log_file_on_a_full_device(bridge_with):
+    daemon, bus, server = bridge_with(environment={"ZANDOR_LOG_FILE": "/dev/full"})
+    assert lives_through_a_reconnect(daemon, bus, server)
+    assert daemon.log_text() == ""
+
+
+# Fault, in the process: the file system of the log file is full, later it is not.
+# Seen: the daemon bridges and reconnects; what is logged once there is room stands in the file.
+@pytest.mark.skipif(os.geteuid() != 0, reason="it mounts a file system")
+def test_log_file_on_a_full_file_system(bridge_with, place):
+    folder = place.folder / "log"
+    folder.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", folder], check=True)
+    try:
+        filler = folder / "filler"
+        with open(filler, "wb", buffering=0) as file:
+            while fills(file):
+                pass
+        log_file = folder / "vemk.log"
+        daemon, bus, server = bridge_with(environment={"ZANDOR_LOG_FILE": str(log_file)})
+        assert log_file.read_bytes() == b""
+        filler.unlink()
+        assert lives_through_a_reconnect(daemon, bus, server)
+        assert b"reset connection delay" in log_file.read_bytes()
+        daemon.stop()
+    finally:
+        subprocess.run(["umount", "--lazy", folder], check=True)
+
+
+def fills(file):
+    try:
+        return file.write(bytes(4096)) > 0
+    except OSError:
+        return False
+
+
+# Fault, in the process: standard error is a pipe whose reader has gone.
+# Seen: SIGPIPE does not end the daemon; it bridges and reconnects.
+def test_standard_error_on_a_pipe_without_a_reader(bridge_with):
+    reading, writing = os.pipe()
+    os.close(reading)
+    bridge = bridge_with(log_to=writing)
+    os.close(writing)
+    assert lives_through_a_reconnect(*bridge)
+
+
+# Fault, in the process: standard output is /dev/full, or a pipe whose reader has gone.
+# Seen: the daemon writes nothing there and bridges.
+@pytest.mark.parametrize("kind", ["full", "pipe"])
+def test_standard_output_that_takes_nothing(bridge_with, kind):
+    if kind == "full":
+        output = os.open("/dev/full", os.O_WRONLY)
+    else:
+        reading, output = os.pipe()
+        os.close(reading)
+    bridge = bridge_with(output_to=output)
+    os.close(output)
+    assert lives_through_a_reconnect(*bridge)
+
+
+# Fault, in the process: standard input, output and error are closed.
+# Seen: no socket takes their places; the daemon bridges and reconnects.
+def test_closed_standard_descriptors(bridge_with, place):
+    daemon, bus, server = bridge_with(runner=["sh", "-c", 'exec "$@" <&- >&- 2>&-', "closed"])
+    links = [os.readlink(f"/proc/{daemon.pid}/fd/{number}") for number in range(3)]
+    assert links == ["/dev/null"] * 3
+    assert lives_through_a_reconnect(daemon, bus, server)
