@@ -43,8 +43,8 @@ def test_third_unanswered_ping_drops_the_connection(make_frame_bridge):
 
 
 # Fault, keepalive: one ping of three is answered, the third.
-# Seen: the answer comes too late: the first callback after the third ping drops the connection, even
-# if it is the one that brings the pong.
+# Seen: the answer comes too late: the first callback after the third ping drops the connection,
+# even if it is the one that brings the pong.
 def test_answer_to_the_third_ping_is_too_late(make_frame_bridge):
     bridge = start_fast(make_frame_bridge, lambda number: number % 3 == 0, speed=40)
     watch = fault_watch(bridge)

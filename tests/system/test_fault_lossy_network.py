@@ -10,8 +10,8 @@ def message(way, number):
     return f"{way} {number:03}:" + chr(0x61 + number % 26) * (number * 31 % 3000)
 
 
-# Fault, while connected: one packet in five is lost, each other takes 300 to 600 ms, and so they
-# overtake each other.
+# Fault, while connected: one packet in five is lost, though no two in a row, and each other takes
+# 300 to 600 ms, so that they overtake each other.
 # Seen: of 250 messages each way, sent at the same time, none is lost, doubled, altered or out of
 # order, and the connection stays the same.
 def test_no_message_suffers_from_a_bad_network(make_wired_bridge, networks):
@@ -23,7 +23,7 @@ def test_no_message_suffers_from_a_bad_network(make_wired_bridge, networks):
     server.send_many(down)
     assert server.wait_for_payloads(count, 120) == [word.encode() for word in up]
     assert bus.wait_for_payloads(count, 120) == [word.encode() for word in down]
-    assert networks.wire.lost > 50 and networks.wire.overtaken > 50
+    assert networks.wire.lost > networks.wire.taken / 7 and networks.wire.overtaken > 50
     networks.wire.loss, networks.wire.delay, networks.wire.jitter = 0.0, 0.0, 0.0
     assert passes_both_ways(bus, server, "on a good network again")
     assert len(server.handshakes) == 1

@@ -1,4 +1,4 @@
-"""The daemon's keepalive at a faster clock, so that minutes of it pass in seconds, and its lines."""
+"""The daemon's keepalive at a faster clock, where minutes of it pass in seconds, and its lines."""
 
 import collections
 import re
@@ -22,7 +22,7 @@ def fast_clock(speed):
 
 def start_fast(make_frame_bridge, answers_pings, speed, **server_options):
     """A bridge whose log tells of its keepalive."""
-    # The first delay is half a second of the test's time or more, in which the bus begins to listen.
+    # The first delay is half a second of the test's time or more, time for the bus to listen.
     return make_frame_bridge(fast_clock(speed), {"answers_pings": answers_pings, **server_options},
                              log_level=12, initial_delay=speed, max_delay=speed)
 

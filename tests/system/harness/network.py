@@ -56,11 +56,7 @@ class network_namespace:
     """A network with a loopback interface and nothing else."""
 
     def __init__(self):
-        try:
-            self.descriptor = in_a_thread(open_new_namespace)
-        except PermissionError:
-            pytest.fail("these tests need network namespaces: run them as root, or allow user "
-                        "namespaces and put `unshare --map-root-user` before the command")
+        self.descriptor = in_a_thread(open_new_namespace)
         # In front of a command line; the process ID is that of the caller.
         self.entry = ["nsenter", f"--net=/proc/{os.getpid()}/fd/{self.descriptor}"]
         self.ip("link set lo up")
@@ -93,18 +89,24 @@ class network_namespace:
 class wire:
     """Carries packets between two namespaces, well until told otherwise.
 
-    `loss` is the share of packets that vanish, `delay` in seconds what each is held back for, and
-    `jitter` the most that is added to it; as that differs from packet to packet, it lets them
-    overtake each other. All three may be changed at any time, and what becomes of them is counted.
+    A wire that `is_cut` carries nothing. Otherwise `loss` is the share of packets that vanish, half
+    of them at most, `delay` in seconds what each is held back for, and `jitter` the most that is
+    added to it; as that differs from packet to packet, it lets them overtake each other. All may be
+    changed at any time, and what becomes of the packets is counted.
+
+    No two packets in a row are lost in one direction. TCP doubles its patience with each loss of
+    the same data, so that six in a row take it longer than three pings.
     """
 
-    def __init__(self, near, far, seed=0):
+    def __init__(self, near, far):
+        self.is_cut = False
         self.loss, self.delay, self.jitter = 0.0, 0.0, 0.0
         self.taken = self.lost = self.overtaken = 0
-        self.random = random.Random(seed)
+        self.random = random.Random(0)
         near_end, far_end = near.open_device(near_address), far.open_device(far_address)
         self.other_end = {near_end: far_end, far_end: near_end}
         self.newest = {near_end: 0, far_end: 0}
+        self.lost_before = {near_end: False, far_end: False}
         self.under_way = []
         self.stop_reader, self.stop_writer = os.pipe()
         self.thread = threading.Thread(target=self.run, daemon=True)
@@ -128,11 +130,17 @@ class wire:
             # Nothing to read after all; or the device is down.
             return
         self.taken += 1
-        if self.random.random() < self.loss:
+        if self.loses(end):
             self.lost += 1
             return
         due = time.monotonic() + self.delay + self.random.random() * self.jitter
         heapq.heappush(self.under_way, (due, self.taken, self.other_end[end], packet))
+
+    def loses(self, end):
+        # As the packet after a lost one is spared, the others have to make up for it.
+        chance = self.loss / (1 - self.loss)
+        self.lost_before[end] = not self.lost_before[end] and self.random.random() < chance
+        return self.is_cut or self.lost_before[end]
 
     def deliver(self, due, number, end, packet):
         self.overtaken += number < self.newest[end]
@@ -150,23 +158,25 @@ class wire:
             os.close(descriptor)
 
 
-
 class wired_networks:
     """The daemon's network, `near`, and the server's, `far`, joined by a wire."""
 
     def __init__(self):
-        self.near, self.far = network_namespace(), network_namespace()
-        self.wire = wire(self.near, self.far)
+        try:
+            self.near, self.far = network_namespace(), network_namespace()
+            self.wire = wire(self.near, self.far)
+        except PermissionError as error:
+            pytest.fail(f"these tests need networks of their own: run them as root ({error})")
 
     def cut(self, outage):
         if outage == "packets lost":
-            self.wire.loss = 1.0
+            self.wire.is_cut = True
         else:
             self.near.ip(outages[outage][0])
 
     def mend(self, outage):
         if outage == "packets lost":
-            self.wire.loss = 0.0
+            self.wire.is_cut = False
         else:
             self.near.ip(outages[outage][1])
 
