@@ -3,7 +3,8 @@ SHELL := /bin/bash
 # Most tests wait for a peer or a delay rather than compute.
 TEST_JOBS ?= 8
 
-.PHONY: build run test browser-test target target-size target-static packages package package-test pictures clean
+.PHONY: build run test browser-test target target-size target-static packages package \
+  package-test pictures sanitize analyze fuzz clean
 
 packages:
 	scripts/install-packages.sh
@@ -55,6 +56,32 @@ target-static: packages
 	readelf -A build-mips-static/vemk | grep -E 'ISA:|FP ABI:'
 	ctest --preset mips-static -j $(TEST_JOBS)
 	scripts/static-size.py
+
+# Every unit and system test under AddressSanitizer with UndefinedBehaviorSanitizer, then under
+# ThreadSanitizer.
+sanitize: packages
+	for preset in asan tsan; do \
+	  cmake --preset $$preset && cmake --build --preset $$preset \
+	  && ctest --test-dir build-$$preset --output-on-failure -j $(TEST_JOBS) -R '^(unit|system)\.' \
+	  || exit; \
+	done
+
+# Both compilers' warnings as errors, then the analysers.
+analyze: packages
+	scripts/install-packages.sh scripts/packages-analyze.txt
+	cmake --preset default
+	cmake --build --preset default
+	cmake --preset clang
+	cmake --build --preset clang
+	scripts/analyze.sh build-clang
+
+# Every fuzz target for so many seconds, two at a time.
+SECONDS ?= 60
+fuzz: packages
+	scripts/install-packages.sh scripts/packages-fuzz.txt
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	scripts/run-fuzzers.py build-fuzz --seconds $(SECONDS)
 
 # A Debian package for this machine; the date in it is that of the last change, so that it can be
 # made again byte by byte.

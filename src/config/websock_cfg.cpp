@@ -107,6 +107,7 @@ void parse_command_line(websock_cfg_t &cfg, int argc, char **argv) {
 
   std::optional<std::string> file_name;
   optind = 1;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the options are parsed before a thread is started
   for (int option = 0; (option = getopt(argc, argv, "f:d:p:P:")) != -1;) {
     switch (option) {
     case 'f':

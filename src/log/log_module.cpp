@@ -21,17 +21,17 @@ __attribute__((format(printf, 3, 0))) void print_if_enabled(const log_module_t &
 
 } // namespace
 
-void log_module_init(log_module_t &module, const char *name, std::uint32_t level) {
+void log_module_init(log_module_t &module, const char *name, std::uint32_t level) noexcept {
   module.name = name;
   log_set_level(module, level);
   setbuf(stdout, nullptr);
 }
 
-void log_set_level(log_module_t &module, std::uint32_t level) {
+void log_set_level(log_module_t &module, std::uint32_t level) noexcept {
   module.level.store(level, std::memory_order_relaxed);
 }
 
-log_module_setup::log_module_setup(log_module_t &module, const char *name) {
+log_module_setup::log_module_setup(log_module_t &module, const char *name) noexcept {
   log_module_init(module, name, 0);
 }
 

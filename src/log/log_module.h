@@ -37,14 +37,14 @@ extern std::uint32_t g_log_level;
 extern std::mutex g_log_mutex;
 
 /// Names a module, sets its mask and makes standard output unbuffered. `name` is not copied.
-void log_module_init(log_module_t &module, const char *name, std::uint32_t level);
+void log_module_init(log_module_t &module, const char *name, std::uint32_t level) noexcept;
 
 /// A source file's static initialiser: makes its module known, silent at first.
 struct log_module_setup {
-  log_module_setup(log_module_t &module, const char *name);
+  log_module_setup(log_module_t &module, const char *name) noexcept;
 };
 
-void log_set_level(log_module_t &module, std::uint32_t level);
+void log_set_level(log_module_t &module, std::uint32_t level) noexcept;
 
 void log_error(const log_module_t &module, const char *format, ...)
     __attribute__((format(printf, 2, 3)));

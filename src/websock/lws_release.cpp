@@ -5,8 +5,10 @@
 namespace vemk {
 
 void ignore_proxy_environment() {
+  // NOLINTBEGIN(concurrency-mt-unsafe): called before a thread is started
   unsetenv("http_proxy");
   unsetenv("socks_proxy");
+  // NOLINTEND(concurrency-mt-unsafe)
 }
 
 #if LWS_LIBRARY_VERSION_NUMBER >= 4001000

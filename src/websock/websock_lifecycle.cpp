@@ -161,6 +161,7 @@ std::uint32_t websock_worker::next_delay() {
   const std::uint32_t high = static_cast<std::uint32_t>(low) + static_cast<std::uint32_t>(span);
   log_debug(websock_log_module, "Generate delay into [%u;%u) range\n", static_cast<unsigned>(low),
             static_cast<unsigned>(high));
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread draws numbers
   return static_cast<std::uint32_t>(rand() % span) + static_cast<std::uint32_t>(low);
 }
 

@@ -30,14 +30,13 @@ int64_t wall_clock_ms() {
 
 fault_service::fault_service(const service_options_t &service_options, message_handler on_message)
     : options(service_options), message_received(std::move(on_message)),
-      sockets(
-          options.bind_address, options.port,
-          {[this](connection &one, const http_request_t &request) {
-             process_request(one, request);
-           },
-           [this](connection &one, message_t message) { process_message(one, std::move(message)); },
-           [this](connection &one, const outgoing_t &message) { process_sent(one, message); },
-           [this](connection &one) { process_gone(one); }}) {
+      sockets(options.bind_address, options.port,
+              {[this](connection &one, const http_request_t &request) {
+                 process_request(one, request);
+               },
+               [this](connection &one, const message_t &message) { process_message(one, message); },
+               [this](connection &one, const outgoing_t &message) { process_sent(one, message); },
+               [this](connection &one) { process_gone(one); }}) {
   if (options.console)
     page = std::make_unique<console>(*this);
 }
@@ -166,7 +165,7 @@ void fault_service::accept_daemon(connection &visitor, const http_request_t &req
   std::fprintf(stderr, "roam-service: daemon connected from %s\n", visitor.peer().c_str());
 }
 
-void fault_service::process_message(connection &one, message_t message) {
+void fault_service::process_message(connection &one, const message_t &message) {
   const auto found = daemons.find(one.id());
   if (found != daemons.end())
     process_daemon_message(found->second, message);
@@ -239,7 +238,7 @@ void fault_service::run_due(service_clock::time_point now) {
     }
 }
 
-void fault_service::meet_incident(connection &link) {
+void fault_service::meet_incident(const connection &link) {
   switch (options.incident) {
   case incident_t::none:
     break;

@@ -86,7 +86,7 @@ public:
 
 private:
   void process_request(connection &visitor, const http_request_t &request);
-  void process_message(connection &one, message_t message);
+  void process_message(connection &one, const message_t &message);
   void process_sent(const connection &one, const outgoing_t &message);
   void process_gone(const connection &one);
   void refuse(connection &visitor, const std::string &status, const std::string &reason) const;
@@ -95,7 +95,7 @@ private:
   void send_to(daemon_t &daemon, const std::shared_ptr<const outgoing_t> &message);
   void for_each(std::optional<unsigned int> number, const std::function<void(daemon_t &)> &act);
   void run_due(service_clock::time_point now);
-  void meet_incident(connection &link);
+  void meet_incident(const connection &link);
   std::chrono::milliseconds wait_until_due() const;
   void take_leave();
 

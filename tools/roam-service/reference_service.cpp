@@ -44,8 +44,8 @@ reference_service::reference_service(const service_options_t &service_options,
   info.iface = options.bind_address.c_str();
   info.protocols = protocols;
   info.user = this;
-  info.gid = static_cast<gid_t>(-1);
-  info.uid = static_cast<uid_t>(-1);
+  info.gid = static_cast<decltype(info.gid)>(-1);
+  info.uid = static_cast<decltype(info.uid)>(-1);
   context = lws_create_context(&info);
   vhost = context ? lws_create_vhost(context, &info) : nullptr;
   if (!vhost) {

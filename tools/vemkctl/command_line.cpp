@@ -14,8 +14,11 @@ namespace {
 
 constexpr double longest_timeout_seconds = 1e9;
 
-const std::map<std::string, message_format> formats{
-    {"text", message_format::text}, {"hex", message_format::hex}, {"json", message_format::json}};
+const std::map<std::string, message_format> &formats() {
+  static const std::map<std::string, message_format> by_name{
+      {"text", message_format::text}, {"hex", message_format::hex}, {"json", message_format::json}};
+  return by_name;
+}
 
 constexpr char footer[] =
     "The bus folder is --bus; without it the environment's MODULE_BUS_DIR, else /run/module-bus,\n"
@@ -76,9 +79,9 @@ void add_listen(CLI::App &app, options_t &options) {
   add_timeout(listen, options, "End after so many seconds, with exit status 2");
   listen
       ->add_option_function<std::string>(
-          "--format", [&options](const std::string &name) { options.format = formats.at(name); },
+          "--format", [&options](const std::string &name) { options.format = formats().at(name); },
           "How to print: text (the default) escapes control bytes")
-      ->check(CLI::Validator(CLI::IsMember(formats)).description(""))
+      ->check(CLI::Validator(CLI::IsMember(formats())).description(""))
       ->type_name("text|hex|json");
   add_quiet(listen, options);
   listen->footer("Exit status 0 when the count is reached, 2 when the time is up before.");

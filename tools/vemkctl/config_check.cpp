@@ -159,7 +159,7 @@ std::string findings_text(const std::string &file, std::vector<finding_t> findin
   for (const finding_t &finding : findings) {
     const std::string line = finding.line == 0 ? "" : std::to_string(finding.line) + ":";
     const char *const severity = finding.about_service && is_unusable ? " error: " : " warning: ";
-    text += file + ":" + line + severity + finding.text + "\n";
+    text.append(file).append(":").append(line).append(severity).append(finding.text).append("\n");
   }
   return text;
 }

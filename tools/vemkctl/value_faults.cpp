@@ -86,7 +86,7 @@ fault_t missing_part(const service_url_t &url) {
 }
 
 fault_t host_fault(std::string_view host) {
-  if (const auto fault = service_fault(host, 1))
+  if (auto fault = service_fault(host, 1))
     return fault;
   if (!is_ascii(host))
     return "host " + quoted(host) + " is not all ASCII, and most resolvers will not find it; " +
@@ -102,7 +102,7 @@ fault_t port_fault(const std::string &text) {
   if (!is_in_range && connected_port(port) != 0)
     return "port " + quoted(text) + " is not from 1 to 65535, and the connection goes to port " +
            std::to_string(connected_port(port)) + "; give the port that is meant";
-  if (const auto fault = number_fault(text, 10, std::to_string(port)))
+  if (auto fault = number_fault(text, 10, std::to_string(port)))
     return "port: " + *fault;
   return service_fault("host", port);
 }
@@ -146,7 +146,7 @@ fault_t service_fault(std::string_view host, std::int32_t port) {
 fault_t delay_fault(std::string_view value) {
   const std::string text(value);
   const std::uint32_t delay = unsigned_number(text.c_str(), 10);
-  if (const auto fault = number_fault(text, 10, std::to_string(delay)))
+  if (auto fault = number_fault(text, 10, std::to_string(delay)))
     return fault;
   if (delay > std::uint32_t{std::numeric_limits<std::int32_t>::max()})
     return text + " seconds are taken for a negative number; give fewer";
@@ -161,7 +161,7 @@ fault_t log_level_fault(std::string_view value) {
   const std::uint32_t level = unsigned_number(digits.c_str(), base);
   if (is_hexadecimal && digits.empty())
     return "0x has no digits behind it and counts as 0; give a number";
-  if (const auto fault = number_fault(digits, base, std::to_string(level)))
+  if (auto fault = number_fault(digits, base, std::to_string(level)))
     return fault;
   if ((level & ~every_log_category) != 0)
     return quoted(value) + " has bits that name no category; add up 1, 2, 4 and 8 only";

@@ -87,7 +87,7 @@ std::string open_bus_folder(const std::string &named, bus_role role) {
 
 std::string first_usable_folder(const std::vector<std::string> &folders, bus_role role) {
   for (std::size_t i = 0;; ++i) {
-    const std::string path = plain_absolute(folders[i]);
+    std::string path = plain_absolute(folders[i]);
     try {
       make_or_trust(path, role);
       return path;

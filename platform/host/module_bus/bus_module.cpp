@@ -172,7 +172,7 @@ bool bus_module::publish(const void *data, std::uint32_t length) {
 void bus_module::greet_new_listeners() {
   zmq::message_t subscription;
   while (receive_now(outlet, subscription)) {
-    if (subscription.size() > 0 && subscription.data<unsigned char>()[0] == 1)
+    if (!subscription.empty() && subscription.data<unsigned char>()[0] == 1)
       send_frame({frame_kind::hello, session, next_number, 0, 0}, nullptr, 0);
   }
 }
@@ -197,7 +197,7 @@ void bus_module::receive() {
   int parts = 0;
   for (bool more = sender.more(); more && receive_now(inbox, message); more = message.more())
     ++parts;
-  if (parts != 1 || message.size() == 0 || message.size() - 1 > max_payload_bytes)
+  if (parts != 1 || message.empty() || message.size() - 1 > max_payload_bytes)
     return;
   const auto kind = static_cast<inbox_kind>(message.data<unsigned char>()[0]);
   if (kind == inbox_kind::data)
