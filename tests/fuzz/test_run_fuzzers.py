@@ -45,8 +45,7 @@ def test_one_line_for_each_target(fuzz):
         "two                    900 executions,    31 edges,     7 inputs: ok"]
 
 
-# A target that fails makes the status 1 and is told with its log, its input and the command that
-# runs that input again, after every target's line.
+# A target that fails makes the status 1 and is told with its log, its input and how to run it.
 def test_a_finding_is_told_with_its_input(fuzz, tmp_path):
     result = fuzz(bad=fuzzer_that_finds_something, good=fuzzer_that_ends_well)
     build = tmp_path / "build"
@@ -63,8 +62,7 @@ def test_a_finding_is_told_with_its_input(fuzz, tmp_path):
         "artifact_prefix='x'; Test unit written to /found/crash-1"]
 
 
-# A target gets the seconds, the time limit of one input, and folders of its own in the build; the
-# seeds come last, where nothing is written.
+# A target writes into folders of the build; the seeds come last, where nothing is written.
 def test_findings_stay_out_of_the_checkout(fuzz, tmp_path):
     dictionaries = tmp_path / "dictionaries"
     dictionaries.mkdir()

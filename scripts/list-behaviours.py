@@ -1,0 +1,205 @@
+#!/usr/bin/python3
+"""Lists what the tests show: docs/behaviours.md, and docs/faults.md for the fault matrix.
+
+Both are made of the comment directly above each test. Its first line is the behaviour in one
+sentence. A row of the fault matrix begins with "Fault, GROUP:" and tells after "Seen:" what the
+bus, the server and the log must show; both may take several lines.
+
+Usage: list-behaviours.py [--check]     --check writes nothing and fails when a list is stale
+"""
+
+import argparse
+import ast
+import collections
+import difflib
+import pathlib
+import re
+import sys
+
+checkout = pathlib.Path(__file__).resolve().parents[1]
+tests = checkout / "tests"
+
+test_t = collections.namedtuple("test_t", "file suite name comment")
+fault_t = collections.namedtuple("fault_t", "group injected seen")
+
+# A folder's heading, in the order in which a message and its reader meet them.
+folders = {
+    "unit/main": "main: start-up, PID file, assembly",
+    "unit/config": "config: command line and configuration file",
+    "unit/worker": "worker: threads, queues, buffers",
+    "unit/timers": "timers",
+    "unit/log": "log: modules and emitters",
+    "unit/websock": "websock: the connection to the service",
+    "unit/ipc": "ipc: the bus",
+    "unit/json": "json: helpers and status messages",
+    "unit/message_way": "A message's way through all of these when memory runs out",
+    "unit/processor": "What the code takes for granted of the processor",
+    "system": "The running daemon",
+    "soak": "The soak's model of what must arrive",
+    "fuzz": "Fuzzing",
+    "unit/module_bus": "The workstation's bus library",
+    "unit/zandor_log": "The workstation's log library",
+    "unit/vemkctl": "vemkctl",
+    "unit/roam_service": "roam-service",
+    "coverage": "The report on coverage",
+    "mutants": "The report on mutants",
+    "browser": "The console in a browser",
+    "documents": "Manuals and other documents",
+    "packaging": "Packages",
+    "device_build": "The build for a device",
+    "target_size": "The size on the target",
+}
+
+fault_groups = ("before the connection", "while connected", "keepalive", "on the bus",
+                "in the process")
+
+cpp_test = re.compile(r"^(?:TYPED_)?TEST(?:_[FP])?\(\s*(\w+),\s*(\w+)\)", re.MULTILINE)
+
+behaviours_intro = """\
+# What the daemon does, and the test that shows it
+
+Made by `scripts/list-behaviours.py` from the comment above each test; `make test` fails when it is
+stale. A test `Suite.Name` is run with `ctest --test-dir build -R 'unit.*Suite.Name'`; one in a Python
+file `test_FILE.py` with `ctest --test-dir build -R FILE`. The tests that injure the daemon on purpose
+are in [faults.md](faults.md).
+"""
+
+faults_intro = """\
+# Faults, and what must be seen
+
+Each row is a test that brings the fault about, nearly all of them with the real daemon, a real
+bus and a real server, and checks what the bus, the server and the log show. Made by
+`scripts/list-behaviours.py` from the comment above each test; `make test` fails when it is stale. A
+file's tests are run with `ctest --test-dir build -R NAME`, for instance `-R fault_servers`;
+`make soak` brings many of them about at random.
+"""
+
+
+def comment_above(lines, index, mark):
+    """The text lines of the comment block that ends just above lines[index]."""
+    block = []
+    while index > 0 and lines[index - 1].startswith(mark):
+        index -= 1
+        block.insert(0, lines[index][len(mark):].strip())
+    return block
+
+
+def cpp_tests(file):
+    text = file.read_text()
+    lines = text.split("\n")
+    for found in cpp_test.finditer(text):
+        comment = comment_above(lines, text.count("\n", 0, found.start()), "//")
+        yield test_t(file, found[1], found[2], comment)
+
+
+def python_tests(file):
+    text = file.read_text()
+    for node in ast.parse(text).body:
+        if isinstance(node, ast.FunctionDef) and node.name.startswith("test_"):
+            first = min([node.lineno] + [d.lineno for d in node.decorator_list])
+            yield test_t(file, "", node.name, comment_above(text.split("\n"), first - 1, "#"))
+
+
+def all_tests():
+    for file in sorted(tests.rglob("*_test.cpp")):
+        yield from cpp_tests(file)
+    for file in sorted(tests.rglob("test_*.py")):
+        yield from python_tests(file)
+
+
+def folder_of(test):
+    return test.file.parent.relative_to(tests).as_posix()
+
+
+def fault_of(test):
+    """The comment of a fault row taken apart; None for any other test."""
+    found = re.fullmatch(r"Fault, ([^:]*): (.*?)(?: Seen: (.*))?", " ".join(test.comment))
+    return fault_t(*found.groups()) if found else None
+
+
+def complaint(test):
+    """What is wrong with a test's comment, or None."""
+    if not test.comment:
+        return "has no comment that says its behaviour"
+    fault = fault_of(test)
+    if fault and fault.group not in fault_groups:
+        return f"is a fault of no known group: {fault.group}"
+    if fault and not fault.seen:
+        return 'is a fault that does not say what must be seen ("Seen: ...")'
+    if not fault and not test.comment[0].endswith((".", "?", ":")):
+        return "does not say its behaviour in one line that ends as a sentence"
+    if folder_of(test) not in folders:
+        return "is in a folder that has no heading in this script"
+    return None
+
+
+def cell(text):
+    return text.replace("\\", "\\\\").replace("|", "\\|").replace("<", "&lt;")
+
+
+def name_of(test):
+    return f"`{test.suite}.{test.name}`" if test.suite else f"`{test.name}`"
+
+
+def behaviours(found):
+    parts = [behaviours_intro]
+    for folder, heading in folders.items():
+        here = [test for test in found if folder_of(test) == folder and not fault_of(test)]
+        if not here:
+            continue
+        parts.append(f"## {heading}\n")
+        for file in dict.fromkeys(test.file for test in here):
+            parts.append(f"### `{file.relative_to(checkout)}`\n")
+            rows = [f"| {cell(test.comment[0])} | {name_of(test)} |"
+                    for test in here if test.file == file]
+            parts.append("\n".join(["| Behaviour | Test |", "|---|---|", *rows, ""]))
+    return "\n".join(parts)
+
+
+def faults(found):
+    parts = [faults_intro]
+    for group in fault_groups:
+        rows = [(fault_of(test), test) for test in found]
+        rows = [f"| {cell(fault.injected)} | {cell(fault.seen)} "
+                f"| {name_of(test)} in `{test.file.relative_to(tests)}` |"
+                for fault, test in rows if fault and fault.group == group]
+        if rows:
+            parts.append(f"## {group.capitalize()}\n")
+            parts.append("\n".join(["| Fault | What must be seen | Test |", "|---|---|---|", *rows, ""]))
+    return "\n".join(parts)
+
+
+def difference(file, text):
+    old = file.read_text() if file.exists() else ""
+    return list(difflib.unified_diff(old.split("\n"), text.split("\n"), f"{file.name} as it is",
+                                     f"{file.name} as the tests have it", n=0, lineterm=""))
+
+
+def main():
+    parser = argparse.ArgumentParser(description="Makes docs/behaviours.md and docs/faults.md.")
+    parser.add_argument("--check", action="store_true",
+                        help="write nothing, and fail when a list is stale")
+    check = parser.parse_args().check
+    found = list(all_tests())
+    complaints = [(test, complaint(test)) for test in found]
+    for test, text in complaints:
+        if text:
+            print(f"{test.file.relative_to(checkout)}: {test.name} {text}", file=sys.stderr)
+    if any(text for _, text in complaints):
+        sys.exit(1)
+    stale = False
+    for file, text in ((checkout / "docs/behaviours.md", behaviours(found)),
+                       (checkout / "docs/faults.md", faults(found))):
+        if not check:
+            file.write_text(text)
+            continue
+        lines = difference(file, text)
+        if lines:
+            stale = True
+            print("\n".join(lines[:40]), file=sys.stderr)
+            print(f"docs/{file.name} is stale: run scripts/list-behaviours.py", file=sys.stderr)
+    sys.exit(1 if stale else 0)
+
+
+if __name__ == "__main__":
+    main()
