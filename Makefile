@@ -57,12 +57,12 @@ target-static: packages
 	ctest --preset mips-static -j $(TEST_JOBS)
 	scripts/static-size.py
 
-# Every unit and system test under AddressSanitizer with UndefinedBehaviorSanitizer, then under
-# ThreadSanitizer.
+# The unit and system tests and the fuzz corpus under AddressSanitizer with
+# UndefinedBehaviorSanitizer, then under ThreadSanitizer.
 sanitize: packages
 	for preset in asan tsan; do \
 	  cmake --preset $$preset && cmake --build --preset $$preset \
-	  && ctest --test-dir build-$$preset --output-on-failure -j $(TEST_JOBS) -R '^(unit|system)\.' \
+	  && ctest --test-dir build-$$preset --output-on-failure -j $(TEST_JOBS) -R '^(unit|system|fuzz)\.' \
 	  || exit; \
 	done
 
