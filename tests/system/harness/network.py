@@ -166,7 +166,8 @@ class wired_networks:
             self.near, self.far = network_namespace(), network_namespace()
             self.wire = wire(self.near, self.far)
         except PermissionError as error:
-            pytest.fail(f"these tests need networks of their own: run them as root ({error})")
+            pytest.fail("these tests need networks of their own: run them as root, or through "
+                        f"in_own_networks.sh where /dev/net/tun is open to all ({error})")
 
     def cut(self, outage):
         if outage == "packets lost":
