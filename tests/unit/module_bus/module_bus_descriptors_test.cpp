@@ -30,6 +30,9 @@ class ModuleBusDescriptorsTest : public bus_test_base {};
 // With any number of descriptors left the module joins or says that it cannot.
 // The messaging library ended the process when it found none while it set itself up.
 TEST_F(ModuleBusDescriptorsTest, AJoinWithoutDescriptorsFailsAndALaterOneSucceeds) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer needs descriptors to look at an exception that is caught";
+#endif
   const int first_free = dup(STDERR_FILENO);
   close(first_free);
   int failed = 0;
