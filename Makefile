@@ -4,7 +4,7 @@ SHELL := /bin/bash
 TEST_JOBS ?= 12
 
 .PHONY: build run test browser-test target target-size target-static packages package \
-  package-test pictures sanitize analyze fuzz clean
+  package-test pictures sanitize analyze coverage fuzz clean
 
 packages:
 	scripts/install-packages.sh
@@ -74,6 +74,18 @@ analyze: packages
 	cmake --preset clang
 	cmake --build --preset clang
 	scripts/analyze.sh build-clang
+
+# Which lines and branches of src/ the unit tests execute, and one system test that lets the daemon
+# come to its own end: a daemon that is ended by a signal writes no counters.
+coverage: packages
+	scripts/install-packages.sh scripts/packages-coverage.txt
+	cmake --preset default
+	cmake --build --preset default --target vemkctl roam-service
+	cmake --preset coverage
+	cmake --build --preset coverage
+	find build-coverage -name '*.gcda' -delete
+	ctest --preset coverage -j $(TEST_JOBS)
+	scripts/coverage-report.py build-coverage
 
 # Every fuzz target for so many seconds, two at a time.
 SECONDS ?= 60
