@@ -4,7 +4,7 @@ SHELL := /bin/bash
 TEST_JOBS ?= 12
 
 .PHONY: build run test browser-test target target-size target-static packages package \
-  package-test pictures sanitize analyze coverage fuzz clean
+  package-test pictures sanitize analyze coverage fuzz soak clean
 
 packages:
 	scripts/install-packages.sh
@@ -94,6 +94,12 @@ fuzz: packages
 	cmake --preset fuzz
 	cmake --build --preset fuzz
 	scripts/run-fuzzers.py build-fuzz --seconds $(SECONDS)
+
+# The daemon under random faults, with both directions loaded; SEED repeats a run.
+MINUTES ?= 30
+soak: build
+	VEMK_BUILD_DIR=$${VEMK_BUILD_DIR:-build} \
+	  /usr/bin/python3 tests/soak/soak.py --minutes $(MINUTES) $(if $(SEED),--seed $(SEED))
 
 # A Debian package for this machine; the date in it is that of the last change, so that it can be
 # made again byte by byte.

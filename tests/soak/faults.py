@@ -1,0 +1,336 @@
+"""What is done to the bridge, one function a fault.
+
+A fault gets the soak and a source of random numbers that is its own. It returns when what it did
+is over; the soak then waits for the daemon to heal. `weight` is how often the fault stands in a
+deck, against the others.
+"""
+
+import collections
+import functools
+import signal
+
+from harness.bus_peer import status_request
+from harness.frame_server import frame, opcode_binary, opcode_continuation
+from harness.raw_server import opcode_close, opcode_ping, opcode_text
+
+import sending_styles
+from messages import internal_message
+
+fault_t = collections.namedtuple("fault_t", "name weight inject")
+
+faults = []
+
+piece_bytes = 4096
+
+
+def fault(name, weight=1):
+    def enter(inject):
+        faults.append(fault_t(name, weight, inject))
+        return inject
+    return enter
+
+
+def drop(soak, how, code=None, cut_exactly=False):
+    """Ends the connection that is up."""
+    bridge = soak.bridge
+    with bridge.sending_down, bridge.lock:
+        connection = bridge.connection
+        bridge.expect_drop(connection, cut_exactly)
+        bridge.service.drop(connection, how, code)
+
+
+@fault("close frame", weight=3)
+def close_frame(soak, choices):
+    drop(soak, "close", choices.choice((None, 1000, 1001, 1008, 1009, 1011, 1012)))
+
+
+@fault("FIN", weight=2)
+def fin(soak, choices):
+    drop(soak, "fin")
+
+
+@fault("RST", weight=2)
+def rst(soak, choices):
+    drop(soak, "rst")
+
+
+@fault("end at rest")
+def end_at_rest(soak, choices):
+    """Nothing is under way, so nothing may be missing afterwards."""
+    with soak.traffic.quiet():
+        soak.bridge.probe()
+        drop(soak, choices.choice(("fin", "rst", "close")))
+
+
+@fault("end in mid-frame, at any byte", weight=2)
+def end_in_mid_frame(soak, choices):
+    """How much of the frame the daemon has read is not known."""
+    def cut(payload, _):
+        return sending_styles.sent_t(
+            [frame(opcode_text, payload[:len(payload) // 2], length_bits=16,
+                   length=len(payload))], payload[:len(payload) // 2], False)
+
+    with soak.traffic.quiet(up=False):
+        soak.bridge.send_down(cut, choices.randint(200, 60000))
+        drop(soak, choices.choice(("rst", "fin")))
+
+
+@fault("end in mid-frame, after whole pieces", weight=2)
+def end_after_pieces(soak, choices):
+    """The library hands a frame on in pieces, so these are what stays in the receive buffer."""
+    pieces = choices.randint(1, 4)
+    size = pieces * piece_bytes + choices.randint(5000, 9999)
+    more = choices.randint(0, piece_bytes - 1)
+
+    def cut(payload, _):
+        kept = pieces * piece_bytes
+        return sending_styles.sent_t(
+            [frame(opcode_binary, payload[:kept + more], length_bits=16, length=len(payload))],
+            payload[:kept], False)
+
+    end_when_read(soak, cut, size, size - pieces * piece_bytes, choices)
+
+
+@fault("end in mid-message, after whole fragments", weight=2)
+def end_after_fragments(soak, choices):
+    size = choices.randint(10000, 20000)
+
+    def cut(payload, source):
+        whole, rest = payload[:5000], payload[5000:]
+        wire = sending_styles.in_fragments(sending_styles.cut_up(whole, source), False)
+        last = frame(opcode_continuation, rest[:piece_bytes + 5], length_bits=16,
+                     length=len(rest))
+        return sending_styles.sent_t([*wire, last], payload[:5000 + piece_bytes], False)
+
+    end_when_read(soak, cut, size, size - 5000 - piece_bytes, choices)
+
+
+def end_when_read(soak, cut, size, remaining, choices):
+    """Sends a cut message, and ends the connection when the daemon is seen to wait for the rest."""
+    line = b"Get incomplete packet, remaining len %d" % remaining
+    with soak.traffic.quiet(up=False):
+        read = soak.bridge.log.await_line(line)
+        soak.bridge.send_down(cut, size)
+        soak.bridge.wait(read.is_set, "the daemon at the end of a cut message")
+        drop(soak, choices.choice(("rst", "fin")), cut_exactly=True)
+
+
+@fault("service refuses for a while")
+def refused(soak, choices):
+    soak.bridge.service.listen(False)
+    drop(soak, "rst")
+    wait_disconnected(soak, choices)
+    soak.bridge.service.listen(True)
+
+
+@fault("HTTP 503 for a while")
+def unavailable(soak, choices):
+    misbehave(soak, choices, "unavailable")
+
+
+@fault("HTTP 403 for a while")
+def forbidden(soak, choices):
+    misbehave(soak, choices, "refuse")
+
+
+@fault("garbage for an answer for a while")
+def garbage(soak, choices):
+    misbehave(soak, choices, "garbage")
+
+
+def misbehave(soak, choices, mode):
+    soak.bridge.service.behave(mode)
+    drop(soak, "rst")
+    wait_disconnected(soak, choices)
+    soak.bridge.service.behave("upgrade")
+
+
+@fault("silent accept for a while")
+def silent(soak, choices):
+    soak.bridge.service.behave("silent")
+    drop(soak, "fin")
+    soak.bridge.wait(lambda: soak.bridge.attempts.get("silent", 0) > 0, "an attempt")
+    soak.bridge.sleep(choices.uniform(1, 4))
+    soak.bridge.service.behave("upgrade")
+
+
+@fault("connections reset as soon as made")
+def flapping(soak, choices):
+    bridge = soak.bridge
+    made = bridge.connections_made
+    times = choices.randint(2, 4)
+    bridge.service.behave("reset")
+    drop(soak, "rst")
+    bridge.wait(lambda: bridge.connections_made >= made + times, "connections to be reset")
+    bridge.service.behave("upgrade")
+
+
+def wait_disconnected(soak, choices):
+    """Some seconds without a service; a status request is then answered accordingly."""
+    bridge = soak.bridge
+    bridge.sleep(choices.uniform(1, 4))
+    with soak.traffic.quiet(down=False):
+        if bridge.ask_status() != "disconnected":
+            bridge.violate('the state is not "disconnected" while there is no service')
+
+
+@fault("service stops reading")
+def stops_reading(soak, choices):
+    bridge = soak.bridge
+    connection = bridge.connection
+    bridge.service.read(connection, False)
+    bridge.send_up([choices.randint(1, 2) * 1024 * 1024], one_by_one=True)
+    bridge.sleep(choices.uniform(3, 8))
+    bridge.service.read(connection, True)
+
+
+@fault("service suspended")
+def service_suspended(soak, choices):
+    soak.bridge.service.suspend()
+    try:
+        soak.bridge.sleep(choices.uniform(2, 6))
+    finally:
+        soak.bridge.service.resume()
+
+
+@fault("daemon suspended")
+def daemon_suspended(soak, choices):
+    process = soak.bridge.daemon.process
+    process.send_signal(signal.SIGSTOP)
+    try:
+        soak.bridge.sleep(choices.uniform(3, 8))
+    finally:
+        process.send_signal(signal.SIGCONT)
+
+
+@fault("daemon replaced")
+def daemon_replaced(soak, choices):
+    soak.replace_daemon()
+
+
+@fault("ping flood")
+def ping_flood(soak, choices):
+    bridge = soak.bridge
+    with bridge.sending_down:
+        bridge.service.write(bridge.connection, [b"".join(
+            frame(opcode_ping, b"flood %d" % i) for i in range(choices.randint(200, 1000)))])
+
+
+protocol_errors = {
+    "reserved bit": frame(opcode_text, b"reserved", reserved=0x40),
+    "unknown opcode": frame(3, b"unknown"),
+    "length with the top bit set": frame(opcode_text, b"top", length_bits=64, length=1 << 63 | 3),
+    "continuation without a start": frame(opcode_continuation, b"no start"),
+    "long control frame": frame(opcode_ping, b"x" * 126),
+    "fragmented control frame": frame(opcode_ping, b"x", final=False),
+    "long close frame": frame(opcode_close, b"x" * 126),
+}
+
+
+def protocol_error(soak, choices, wire):
+    bridge = soak.bridge
+    with bridge.sending_down, bridge.lock:
+        bridge.expect_drop(bridge.connection)
+        bridge.service.write(bridge.connection, [wire])
+
+
+for error_name, error_wire in protocol_errors.items():
+    fault(f"error: {error_name}")(functools.partial(protocol_error, wire=error_wire))
+
+
+@fault("error: message in a message")
+def message_in_message(soak, choices):
+    def begun_twice(payload, _):
+        return sending_styles.sent_t(
+            [frame(opcode_text, payload, final=False), frame(opcode_text, b"second")], payload,
+            False)
+
+    with soak.bridge.sending_down:
+        soak.bridge.send_down(begun_twice, choices.randint(20, 2000))
+        soak.bridge.expect_drop(soak.bridge.connection)
+
+
+@fault("masked frame")
+def masked(soak, choices):
+    with soak.traffic.quiet():
+        soak.bridge.probe()
+        soak.bridge.send_down(sending_styles.masked_frame, choices.randint(20, 500))
+        soak.bridge.probe()
+
+
+@fault("fragments, streams and empty messages")
+def odd_messages(soak, choices):
+    for _ in range(choices.randint(5, 10)):
+        soak.bridge.send_down(choices.choice((
+            sending_styles.fragments, sending_styles.fragments_with_pings,
+            sending_styles.streamed, sending_styles.empty)))
+
+
+@fault("frames of one byte")
+def frames_of_one_byte(soak, choices):
+    soak.bridge.send_down(sending_styles.many_small_frames, choices.randint(500, 2000))
+
+
+@fault("segments of one byte")
+def segments_of_one_byte(soak, choices):
+    for _ in range(3):
+        soak.bridge.send_down(sending_styles.fragments, choices.randint(100, 1500), bytewise=True)
+
+
+@fault("burst of tiny messages")
+def burst(soak, choices):
+    with soak.traffic.quiet(down=False):
+        soak.bridge.send_up([1] * choices.randint(30, 80))
+    for _ in range(choices.randint(100, 300)):
+        soak.bridge.send_down(size=1)
+
+
+@fault("large messages")
+def large_messages(soak, choices):
+    soak.bridge.send_up([choices.randint(1, 2) * 1024 * 1024 + choices.randint(0, 9999)],
+                        one_by_one=True)
+    soak.bridge.send_down(choices.choice((sending_styles.one_frame, sending_styles.fragments)),
+                          choices.randint(100, 150) * 1024)
+
+
+@fault("empty message from the bus")
+def empty_from_bus(soak, choices):
+    with soak.traffic.quiet(down=False):
+        soak.bridge.probe()
+        soak.bridge.send_up([0], one_by_one=True)
+        soak.bridge.probe()
+
+
+@fault("bus dropped and re-joined")
+def rejoin(soak, choices):
+    bridge = soak.bridge
+    with soak.unheard():
+        bridge.bus.rejoin()
+
+
+@fault("listener restarted")
+def listener_restarted(soak, choices):
+    bridge = soak.bridge
+    with soak.unheard():
+        bridge.bus.stop()
+        bridge.bus.notes.clear()
+        bridge.bus.readers.clear()
+        bridge.bus.listen()
+        bridge.bus.wait_listening()
+
+
+@fault("status request at rest")
+def status_at_rest(soak, choices):
+    bridge = soak.bridge
+    with soak.traffic.quiet():
+        bridge.probe()
+        bridge.judge_status()
+        for _ in range(choices.randint(1, 3)):
+            if bridge.ask_status() != "connected":
+                bridge.violate('the state is not "connected" while there is a connection')
+
+
+@fault("internal messages")
+def internal_messages(soak, choices):
+    soak.bridge.send_up([None] * 3, odd_lines=[internal_message(choices), status_request,
+                                               internal_message(choices)])

@@ -1,0 +1,79 @@
+"""Traffic in both directions, for as long as the bridge is under soak."""
+
+import contextlib
+import random
+import threading
+
+from harness.bus_peer import status_request
+
+from messages import internal_message
+from sending_styles import everyday_styles
+
+# The daemon sends ten messages a second up and reads forty kilobytes a second down. What waits is
+# kept to about a second of either, so that no fault has to wait for long before it is mended.
+most_waiting_up = 10
+most_waiting_down_bytes = 40000
+
+pause_seconds = 0.3
+
+
+class traffic:
+    """Two threads that send as much as the daemon takes; `quiet` makes them pause."""
+
+    def __init__(self, bridge, seed):
+        self.bridge = bridge
+        self.random_up = random.Random(f"traffic up {seed}")
+        self.random_down = random.Random(f"traffic down {seed}")
+        self.ended = threading.Event()
+        self.threads = [threading.Thread(target=self.run, args=(step,), daemon=True)
+                        for step in (self.step_up, self.step_down)]
+        self.gates = {self.step_up: threading.Lock(), self.step_down: threading.Lock()}
+
+    def start(self):
+        for thread in self.threads:
+            thread.start()
+
+    def stop(self):
+        self.ended.set()
+        for thread in self.threads:
+            if thread.ident:
+                thread.join()
+
+    @contextlib.contextmanager
+    def quiet(self, up=True, down=True):
+        """Nothing new is sent in a direction meanwhile, and what was being sent has left."""
+        held = [gate for step, gate in self.gates.items()
+                if (up if step == self.step_up else down)]
+        for gate in held:
+            gate.acquire()
+        try:
+            yield
+        finally:
+            for gate in held:
+                gate.release()
+
+    def run(self, step):
+        while not self.ended.wait(pause_seconds):
+            with self.gates[step]:
+                if not self.ended.is_set():
+                    step()
+
+    def step_up(self):
+        bridge, choices = self.bridge, self.random_up
+        with bridge.lock:
+            if bridge.is_connected() and len(bridge.up.waiting) >= most_waiting_up:
+                return
+        odd_lines = []
+        if choices.random() < 0.2:
+            odd_lines.append(internal_message(choices))
+        if choices.random() < 0.15 and not bridge.bus_away:
+            odd_lines.append(status_request)
+        bridge.send_up([None] * choices.randint(1, 5), choices.random() < 0.2, odd_lines)
+
+    def step_down(self):
+        bridge, choices = self.bridge, self.random_down
+        with bridge.lock:
+            if bridge.down.bytes_waiting() >= most_waiting_down_bytes:
+                return
+        for _ in range(choices.randint(1, 5)):
+            bridge.send_down(choices.choice(everyday_styles))
