@@ -341,10 +341,11 @@ TEST_F(ConfigFileTest, DelaysAreDecimal) {
   }
 }
 
-// 15, 0x0F and 0X0f are the same; "0x" is 0, "F" is 0, "0x8Z" is 8.
+// 15, 015, 0x0F and 0X0f are the same; "0x" is 0, "F" is 0, "0x8Z" is 8.
 TEST_F(ConfigFileTest, LogLevelIsDecimalOrHexadecimal) {
   const number_t cases[] = {
       {"15", 15},
+      {"015", 15},
       {"0x0F", 15},
       {"0X0f", 15},
       {"0x1f", 31},

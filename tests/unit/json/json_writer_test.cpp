@@ -339,8 +339,9 @@ TEST_F(JsonWriterTest, ChildOfAParentThatCouldNotBeMadeIsHarmless) {
   EXPECT_STREQ(root.to_string(), "null");
 }
 
-// A failed attachment to an object or an array leaves the child out, and adding to it does nothing.
-TEST_F(JsonWriterTest, ChildThatCannotBeAttachedIsHarmless) {
+// A failed attachment to an object or an array leaves the child out and releases it at once.
+// What is added to such a child goes the same way.
+TEST_F(JsonWriterTest, ChildThatCannotBeAttachedIsReleasedAndHarmless) {
   empty_root root;
   wrapped_json::fail(call::object_add);
   json_writer list = json_writer::child_array(root, "list");
@@ -351,6 +352,8 @@ TEST_F(JsonWriterTest, ChildThatCannotBeAttachedIsHarmless) {
   json_writer inner = json_writer::child_object(second, "");
   inner.add_int("a", 1);
   EXPECT_STREQ(root.to_string(), R"({ "second": [ ] })");
+  EXPECT_THAT(wrapped_json::record(), ElementsAre("object_add list", "put", "put",
+                                                  "object_add second", "array_add", "put", "put"));
 }
 
 } // namespace

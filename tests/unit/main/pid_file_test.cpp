@@ -100,6 +100,13 @@ TEST_F(PidFileTest, NumberThatIsNoPidReachesNoProcess) {
     expect_harmless_command(text);
 }
 
+// 2147483647, 2^31 - 1, reaches the kill command, and stands there when the file holds no PID.
+TEST_F(PidFileTest, LargestNumberOfTheKillCommandIsNobodys) {
+  for (const char *text : {"2147483647", "2147483648", ""})
+    EXPECT_THAT(commands_for(text), ElementsAre("/bin/kill -s TERM 2147483647 2> /dev/null"))
+        << text;
+}
+
 // When system() returns -1, perror("system") is called and the PID file written all the same.
 TEST_F(PidFileTest, CommandThatCannotBeRunIsReportedAndSkipped) {
   fake_process::write_pid_file("123\n");

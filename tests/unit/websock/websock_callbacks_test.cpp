@@ -73,26 +73,30 @@ protected:
 
 // The dispatch.
 
-// Reason 1 logs "process_client_connection_error:41", sets `closed` and clears `alive`.
+// Reason 1 logs "process_client_connection_error:41", sets `closed` and clears `alive` only.
 TEST_F(WebsockCallbacksTest, ConnectionErrorEndsTheAttempt) {
   make_connecting_worker();
+  worker->running = true;
   EXPECT_EQ(fake_lws::deliver(static_cast<lws_callback_reasons>(1)), 0);
   EXPECT_TRUE(worker->closed);
   EXPECT_FALSE(worker->alive);
+  EXPECT_TRUE(worker->running);
   EXPECT_FALSE(worker->keep_running(&run_flag));
   EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("process_client_connection_error", 41)));
   EXPECT_THAT(fake_lws::calls(), IsEmpty());
 }
 
-// Reasons 4 and 5 log "process_closed:76", set `closed` and clear `alive`; `connected` stays.
+// Reasons 4 and 5 log "process_closed:76", set `closed`, clear `alive`; the other flags stay.
 TEST_F(WebsockCallbacksTest, BothCloseReasonsDropTheConnection) {
   for (const int reason : {4, 5}) {
     SCOPED_TRACE(reason);
     worker.reset();
     make_connected_worker();
+    worker->running = true;
     EXPECT_EQ(fake_lws::deliver(static_cast<lws_callback_reasons>(reason)), 0);
     EXPECT_TRUE(worker->closed);
     EXPECT_FALSE(worker->alive);
+    EXPECT_TRUE(worker->running);
     EXPECT_TRUE(worker->connected);
     EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("process_closed", 76)));
     EXPECT_THAT(take_to_bus(), IsEmpty());

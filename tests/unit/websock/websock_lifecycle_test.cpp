@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 #include <tuple>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -148,6 +149,20 @@ TEST_F(WebsockLifecycleTest, PipeIsMadeByTheConstructorAndClosedByTheDestructor)
   worker.reset();
   EXPECT_THAT(wrapped_libc::closed_descriptors(), ElementsAre(ends[0], ends[1]));
   EXPECT_THAT(wrapped_libc::perror_texts(), IsEmpty());
+}
+
+// Without standard input the pipe starts at descriptor 0, which is closed as any other end.
+TEST_F(WebsockLifecycleTest, PipeAtDescriptor0IsClosedAsWell) {
+  const int standard_input = dup(0);
+  close(0);
+  wrapped_libc::reset();
+  make_worker();
+  const std::vector<int> ends = wrapped_libc::made_pipes();
+  EXPECT_EQ(ends.front(), 0);
+  worker.reset();
+  EXPECT_EQ(wrapped_libc::closed_descriptors(), ends);
+  dup2(standard_input, 0);
+  close(standard_input);
 }
 
 // A failed pipe() is reported by perror("pipe"); connecting works, nothing is closed later.

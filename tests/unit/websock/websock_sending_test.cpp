@@ -239,11 +239,20 @@ TEST_F(WebsockSendingTest, ALengthThatLeavesNoRoomForTheHeadroomIsNotSent) {
   }
 }
 
-// A frame of 5 bytes is sent while no byte can be allocated.
+// Up to 16368 bytes are sent while no byte can be allocated, and 16369 are not.
 TEST_F(WebsockSendingTest, SmallFramesNeedNoHeap) {
   make_connected_worker();
   const wrapped_libc::memory_shortage shortage(1);
   EXPECT_EQ(send("small"), 5);
+  EXPECT_EQ(send(payload_of(16 * 1024 - 16)), 16 * 1024 - 16);
+  EXPECT_EQ(send(payload_of(16 * 1024 - 15)), -1);
+}
+
+// The block of a frame of 1 MiB goes to free before lws_send returns.
+TEST_F(WebsockSendingTest, LargeFramesGiveTheirMemoryBack) {
+  make_connected_worker();
+  EXPECT_EQ(send(payload_of(mebibyte)), static_cast<int>(mebibyte));
+  EXPECT_TRUE(wrapped_libc::last_calloc_was_freed());
 }
 
 } // namespace

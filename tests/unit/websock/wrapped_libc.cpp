@@ -16,6 +16,8 @@ std::vector<int> pipes;
 std::vector<std::string> perrors;
 std::vector<int> closed;
 std::atomic<std::size_t> refused_from{no_limit};
+// This thread's last block, until it is freed.
+thread_local void *last_calloc = nullptr;
 
 using guard = std::lock_guard<std::mutex>;
 
@@ -25,6 +27,7 @@ extern "C" {
 
 void *__real_realloc(void *block, std::size_t size);
 void *__real_calloc(std::size_t count, std::size_t size);
+void __real_free(void *block);
 int __real_pipe(int *ends);
 int __real_close(int descriptor);
 
@@ -33,7 +36,14 @@ void *__wrap_realloc(void *block, std::size_t size) {
 }
 
 void *__wrap_calloc(std::size_t count, std::size_t size) {
-  return count * size >= refused_from ? nullptr : __real_calloc(count, size);
+  last_calloc = count * size >= refused_from ? nullptr : __real_calloc(count, size);
+  return last_calloc;
+}
+
+void __wrap_free(void *block) {
+  if (block == last_calloc)
+    last_calloc = nullptr;
+  __real_free(block);
 }
 
 int __wrap_rand() {
@@ -105,6 +115,10 @@ std::vector<std::string> perror_texts() {
 std::vector<int> closed_descriptors() {
   const guard locked(state_lock);
   return closed;
+}
+
+bool last_calloc_was_freed() {
+  return last_calloc == nullptr;
 }
 
 memory_shortage::memory_shortage(std::size_t smallest) {

@@ -23,6 +23,9 @@ std::vector<std::string> perror_texts();
 /// The descriptors that were closed, in order.
 std::vector<int> closed_descriptors();
 
+/// Whether this thread's last block of calloc has gone to free.
+bool last_calloc_was_freed();
+
 /// While one exists, realloc and calloc have no memory for `smallest` bytes or more.
 class memory_shortage {
 public:

@@ -310,17 +310,17 @@ TEST_F(BufferDumpTest, DumpLeavesTheBufferAlone) {
   EXPECT_STREQ("a%n", reinterpret_cast<const char *>(buffer.data));
 }
 
-// Lengths of 2^31 to 2^32 - 256 log nothing, the last 32 below 2^32 the heading alone.
+// Lengths of 2^31 to 2^32 - 64 log nothing, the last 63 below 2^32 the heading alone.
 // The length counts as signed: from 2^31 on no line is listed, whatever the buffer holds.
 TEST_F(BufferDumpTest, LengthBeyond31BitsListsNoByte) {
   buffer_info_t buffer;
   buffer.append("abc", 3);
-  for (const std::uint32_t length : {0x80000000u, 0x80000001u, 0xC0000000u, 0xFFFFFF00u}) {
+  for (const std::uint32_t length : {0x80000000u, 0x80000001u, 0xC0000000u, 0xFFFFFFC0u}) {
     buffer.length = length;
     buffer.dump();
     EXPECT_THAT(fake_log::lines(), IsEmpty()) << length;
   }
-  for (const std::uint32_t length : {0xFFFFFFFFu, 0xFFFFFFE1u, 0xFFFFFFE0u}) {
+  for (const std::uint32_t length : {0xFFFFFFFFu, 0xFFFFFFE1u, 0xFFFFFFE0u, 0xFFFFFFC1u}) {
     fake_log::clear();
     buffer.length = length;
     buffer.dump();
