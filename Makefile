@@ -4,7 +4,7 @@ SHELL := /bin/bash
 TEST_JOBS ?= 12
 
 .PHONY: build run test browser-test target target-size target-static packages package \
-  package-test pictures sanitize analyze coverage fuzz soak clean
+  package-test pictures sanitize analyze coverage mutants fuzz soak clean
 
 packages:
 	scripts/install-packages.sh
@@ -86,6 +86,10 @@ coverage: packages
 	find build-coverage -name '*.gcda' -delete
 	ctest --preset coverage -j $(TEST_JOBS)
 	scripts/coverage-report.py build-coverage
+
+# One small change to src/ after another: each must make a unit test fail.
+mutants: packages
+	scripts/mutants.py
 
 # Every fuzz target for so many seconds, two at a time.
 SECONDS ?= 60
