@@ -2,7 +2,7 @@
 
 import pytest
 
-from harness.raw_server import opcode_text, upgrade
+from harness.raw_server import opcode_ping, opcode_text, upgrade
 from harness.vemk_daemon import config_text
 
 messages = [
@@ -46,5 +46,6 @@ def test_each_message_is_one_final_masked_text_frame(make_daemon, make_raw_serve
         bus.send(message)
     frames = server.wait_for_frames(opcode_text, len(sent))
     assert [frame.payload for frame in frames] == sent
-    assert all(frame.final and frame.masked for frame in server.frames)
-    assert server.frames == frames
+    assert all(frame.final and frame.masked for frame in frames)
+    # On a slow machine a ping may be due meanwhile.
+    assert [frame for frame in server.frames if frame.opcode != opcode_ping] == frames
