@@ -1,7 +1,7 @@
 # Thin over the CMake presets; README.md says what each target is for.
 SHELL := /bin/bash
 # Most tests wait for a peer or a delay rather than compute.
-TEST_JOBS ?= 12
+TEST_JOBS ?= 16
 
 .PHONY: build run test browser-test target target-size target-static packages package \
   package-test pictures sanitize analyze coverage mutants fuzz soak clean
