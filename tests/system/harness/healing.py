@@ -3,7 +3,6 @@
 from harness.frame_server import text
 from harness.raw_server import opcode_close
 from harness.vemk_daemon import line_pattern
-from harness.waiting import wait_until
 
 lost_and_found = ["disconnected", "disconnected", "connected"]
 
@@ -64,9 +63,7 @@ class fault_watch:
         assert self.bus.statuses()[self.announced:] == statuses
         assert self.bus.run("status", "--timeout", "20").stdout == b"connected\n"
         self.bus.wait_for_statuses(self.announced + len(statuses) + 1)
-        wait_until(lambda: self.daemon.descriptor_count() == self.descriptors,
-                   f"the {self.descriptors} descriptors that were open before the fault",
-                   details=lambda: f"there are {self.daemon.descriptor_count()}")
+        self.daemon.wait_for_descriptors(self.descriptors)
         assert stray_lines(self.daemon) == []
 
 

@@ -10,9 +10,9 @@
 
 #include "config/websock_cfg.h"
 #include "fakes/fake_log.h"
+#include "fakes/recorded_levels.h"
 #include "fakes/temporary_folder.h"
 #include "log/log_module.h"
-#include "unit/config/recorded_levels.h"
 
 namespace vemk {
 

@@ -19,6 +19,7 @@
 #include "fakes/fake_bus.h"
 #include "fakes/fake_libc.h"
 #include "fakes/fake_log.h"
+#include "fakes/recorded_levels.h"
 #include "log/log_module.h"
 
 namespace {
@@ -28,21 +29,9 @@ constexpr std::size_t no_limit = static_cast<std::size_t>(-1);
 /// realloc has no memory for this many bytes or more.
 std::atomic<std::size_t> refused_from{no_limit};
 
-/// The masks that log modules were given, as "module mask".
-std::vector<std::string> given_levels;
-
 } // namespace
 
 extern "C" {
-
-void __real__ZN4vemk13log_set_levelERNS_12log_module_tEj(vemk::log_module_t &module,
-                                                         std::uint32_t level);
-
-void __wrap__ZN4vemk13log_set_levelERNS_12log_module_tEj(vemk::log_module_t &module,
-                                                         std::uint32_t level) {
-  given_levels.push_back(std::string(module.name) + " " + std::to_string(level));
-  __real__ZN4vemk13log_set_levelERNS_12log_module_tEj(module, level);
-}
 
 void *__real_realloc(void *block, std::size_t size);
 
@@ -130,9 +119,9 @@ TEST_F(IpcWorkerTest, ConstructorCallsNothingOfTheBus) {
 // With level 13 the modules "timers" and then "ipc-worker" are given the mask 13.
 TEST_F(IpcWorkerTest, ConstructorGivesItsLogModuleTheConfiguredLevel) {
   g_log_level = 13;
-  given_levels.clear();
+  recorded_levels::clear();
   const open_ipc_worker other(&bus_to_ws, &ws_to_bus, 2, &run_flag);
-  EXPECT_THAT(given_levels, ElementsAre("timers 13", "ipc-worker 13"));
+  EXPECT_THAT(recorded_levels::levels(), ElementsAre("timers 13", "ipc-worker 13"));
 }
 
 // Joining and leaving.

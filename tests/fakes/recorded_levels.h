@@ -1,8 +1,6 @@
 /// The masks that log modules are given, recorded in order and set as well.
-///
-/// The test program's link wraps log_set_level().
-#ifndef VEMK_TESTS_UNIT_CONFIG_RECORDED_LEVELS_H
-#define VEMK_TESTS_UNIT_CONFIG_RECORDED_LEVELS_H
+#ifndef VEMK_TESTS_RECORDED_LEVELS_H
+#define VEMK_TESTS_RECORDED_LEVELS_H
 
 #include <string>
 #include <vector>

@@ -1,4 +1,4 @@
-#include "unit/config/recorded_levels.h"
+#include "fakes/recorded_levels.h"
 
 #include "log/log_module.h"
 
