@@ -1,7 +1,6 @@
 """What the preloaded libraries read: one record each, in a file that the test changes."""
 
 import mmap
-import struct
 
 from harness.waiting import wait_until
 
@@ -14,12 +13,14 @@ class shared_record:
         self.file = file
         with open(file, "r+b") as opened:
             self.memory = mmap.mmap(opened.fileno(), size)
+        # One store a number: struct.pack_into sets a number to 0 first, which the daemon could see.
+        self.numbers = memoryview(self.memory).cast("q")
 
     def get(self, index):
-        return struct.unpack_from("q", self.memory, 8 * index)[0]
+        return self.numbers[index]
 
     def put(self, index, value):
-        struct.pack_into("q", self.memory, 8 * index, value)
+        self.numbers[index] = value
 
 
 class failing_memory:
