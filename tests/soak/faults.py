@@ -1,8 +1,8 @@
 """What is done to the bridge, one function a fault.
 
 A fault gets the soak and a source of random numbers that is its own. It returns when what it did
-is over; the soak then waits for the daemon to heal. `weight` is how often the fault stands in a
-deck, against the others.
+is over; the soak then waits for the daemon to heal. `weight` is how often the fault stands in each
+round of the schedule but the first, which holds every fault once.
 """
 
 import collections
@@ -203,8 +203,9 @@ def daemon_suspended(soak, choices):
         process.send_signal(signal.SIGCONT)
 
 
-@fault("daemon replaced")
+@fault("daemon replaced", weight=0)
 def daemon_replaced(soak, choices):
+    """Once, so that from then on the memory of one daemon is watched."""
     soak.replace_daemon()
 
 

@@ -102,6 +102,13 @@ def test_first_round_holds_every_fault_once():
     assert sorted(names) == sorted(fault.name for fault in faults)
 
 
+# From the second round on a fault stands in each round as often as its weight says, 0 times even.
+def test_later_rounds_hold_each_fault_by_its_weight():
+    weights = {fault.name: fault.weight for fault in faults}
+    names = [name for name, _, _ in first_entries(1, len(faults) + sum(weights.values()))]
+    assert {name: names.count(name) - 1 for name in weights} == weights
+
+
 # Messages have the size asked for, or more when their number needs it, one line when it has to be.
 @pytest.mark.parametrize("size", [1, 20, 100, 125, 4096, 100000])
 def test_messages_are_made_to_measure(size):
