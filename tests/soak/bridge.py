@@ -6,6 +6,8 @@ import threading
 import time
 
 from harness.bus_peer import bus_peer, is_status, received_t, status_request
+from harness.frame_server import frame
+from harness.raw_server import opcode_ping
 from harness.sandbox import sandbox
 from harness.vemk_daemon import config_text, vemk_daemon
 from harness.waiting import slowdown
@@ -75,6 +77,7 @@ class bridge:
         self.dropped = set()
         self.attempts = {}
         self.pings = 0
+        self.pongs = 0
         self.bus_away = False
         self.place = sandbox(build_folder, companion_folder)
         self.service = service(self.take_event, pong_rule)
@@ -134,6 +137,9 @@ class bridge:
         if payload:
             self.violate(f"a ping with the payload {payload!r}")
 
+    def service_pong(self, connection):
+        self.pongs += 1
+
     def service_broken(self, connection, what):
         self.violate(f"the service got on connection {connection} {what}")
 
@@ -182,10 +188,11 @@ class bridge:
         seconds = str((send_seconds_while_away if away else send_seconds) * slowdown)
         return self.bus.run("send", *arguments, "--timeout", seconds, data=data).returncode == 0
 
-    def send_down(self, style=one_frame, size=None, bytewise=False):
+    def send_down(self, style=one_frame, size=None, bytewise=False, piecewise=False):
         """Sends a new message in a style on the connection that is up; returns its number.
 
-        Returns 0 without sending when no connection is up.
+        Returns 0 without sending when no connection is up. `bytewise` makes each byte a segment;
+        `piecewise` sends each frame only when the daemon has read the one before it.
         """
         with self.sending_down:
             number, payload = self.down_messages.make(size, one_line=False)
@@ -195,8 +202,17 @@ class bridge:
                 if not self.is_connected():
                     return 0
                 self.down.sending(connection, number, sent.kept, sent.completes)
-            self.service.write(connection, sent.wire, bytewise)
+            if piecewise:
+                self.write_piecewise(connection, sent.wire)
+            else:
+                self.service.write(connection, sent.wire, bytewise)
             return number
+
+    def write_piecewise(self, connection, frames):
+        for one in frames:
+            answered = self.pongs + 1
+            self.service.write(connection, [one, frame(opcode_ping, b"read")])
+            self.wait(lambda: self.pongs >= answered, "the pong behind a frame")
 
     def ask_status(self):
         """Asks for the state, and returns the word of the next status message."""

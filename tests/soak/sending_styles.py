@@ -66,4 +66,10 @@ def many_small_frames(payload, random_source):
     return sent_t([b"".join(wire)], payload, True)
 
 
+def large_fragments(payload, random_source):
+    size = 256 * 1024
+    pieces = [payload[i:i + size] for i in range(0, len(payload), size)]
+    return sent_t(in_fragments(pieces, True), payload, True)
+
+
 everyday_styles = (one_frame,) * 6 + (fragments, fragments_with_pings, streamed, empty)

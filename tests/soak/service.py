@@ -13,10 +13,10 @@ class service:
     """Starts the process and hands on what it tells, event by event, from a thread of its own.
 
     `on_event` gets tuples: ("attempt", mode), ("upgraded", connection, mode), ("message",
-    connection, payload), ("ping", connection, payload), ("ended", connection), and ("broken",
-    connection, what) for a frame that the daemon should not have sent. Connections are numbered
-    from 1 in the order of their upgrades. Commands concern connections by number, and do nothing
-    when the connection is gone.
+    connection, payload), ("ping", connection, payload), ("pong", connection), ("ended",
+    connection), and ("broken", connection, what) for a frame that the daemon should not have sent.
+    Connections are numbered from 1 in the order of their upgrades. Commands concern connections by
+    number, and do nothing when the connection is gone.
     """
 
     def __init__(self, on_event, pong_rule=None):

@@ -192,7 +192,9 @@ class peer(asyncio.Protocol):
             if not self.close_sent:
                 self.transport.write(frame(opcode_close, bytes(got.data[:2])))
             self.transport.close()
-        elif got.opcode != opcode_pong:
+        elif got.opcode == opcode_pong:
+            self.owner.tell("pong", self.number)
+        else:
             self.owner.tell("broken", self.number, f"a frame with opcode {got.opcode}, final "
                                                    f"{got.fin}")
 

@@ -47,8 +47,7 @@ def main():
 def run_soak(options, build_folder, companion_folder):
     parent = os.getppid()
     run = soak_run(build_folder, companion_folder, options.seed, options.minutes * 60)
-    beside = side_runs(build_folder, companion_folder, options.minutes,
-                       on_failure=run.bridge.interrupt.set)
+    beside = side_runs(build_folder, companion_folder, options.minutes, run.bridge.interrupt)
     threading.excepthook = lambda failed: fail(run, failed)
     finished = threading.Event()
     threading.Thread(target=work, args=(run, beside, finished)).start()
@@ -59,7 +58,6 @@ def run_soak(options, build_folder, companion_folder):
                 raise KeyboardInterrupt
         except KeyboardInterrupt:
             run.bridge.interrupt.set()
-            beside.interrupt.set()
     return print_report(run, beside, options)
 
 
@@ -69,7 +67,7 @@ def work(run, beside, finished):
             beside.start()
             run.run()
             if run.bridge.violations:
-                beside.interrupt.set()
+                run.bridge.interrupt.set()
             beside.wait()
         finally:
             run.close()
