@@ -51,14 +51,21 @@ def test_length_with_the_top_bit_is_refused(make_frame_bridge):
 # Fault, while connected: a length field that says 2^40, or 2^32 and 5, followed by 10,000 bytes and
 # the end of the connection.
 # Seen: no message of 5 bytes or any other; healed, and the two whole pieces of 4096 bytes that came
-# are joined to the next connection's first message, as those of any message that was cut off.
-def test_length_far_beyond_what_comes_invents_no_message(make_frame_bridge):
+# are joined to the next connection's first message, as those of any message that was cut off. A
+# library of 32 bits knows only a length's lower half: there the message is the 0 or 5 bytes that it
+# says, and what follows them is no frame and costs the connection.
+def test_length_far_beyond_what_comes_is_healed(make_frame_bridge, build_folder):
+    has_32_bits = (build_folder / "vemk").read_bytes()[4] == 1
     bridge = make_frame_bridge(log_level=15)
     payload = bytes(0x61 + i % 26 for i in range(10000))
     for length in (1 << 40, (1 << 32) + 5):
         watch = fault_watch(bridge)
         pieces = len(bridge.daemon.lines_with("Get incomplete packet"))
         bridge.server.send(text(payload, length_bits=64, length=length))
+        if has_32_bits:
+            known = payload[:length & 0xFFFFFFFF]
+            watch.expect_healed(heard=[known] if known else [])
+            continue
         # A RST makes the library forget what it has not read yet.
         bridge.daemon.wait_for_lines("Get incomplete packet", pieces + 2)
         bridge.server.reset()
