@@ -20,7 +20,7 @@ void terminate_recorded_process() {
   if (file == nullptr)
     return;
   unsigned pid = nobodys_pid;
-  // NOLINTNEXTLINE(cert-err34-c): a number too large for the type saturates or wraps, and is no PID
+  // NOLINTNEXTLINE(cert-err34-c): read with "%u" by design; what is no PID is sorted out here
   if (fscanf(file, "%u", &pid) != 1 || pid == 0 || pid > nobodys_pid)
     pid = nobodys_pid;
   char command[64];
