@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace vemk {
@@ -11,20 +13,40 @@ namespace {
 constexpr char pid_file_path[] = "/tmp/vemk.roaming.pid";
 
 // The PID to kill when the file holds none. It lies above Linux's largest PID, 2^22, so that the
-// kill command finds no process. 0, and numbers that turn negative in the kill command, are no
+// kill command finds no process. 0, and numbers that turn negative in the kill command, are not
 // PIDs: they would reach whole groups of processes, this one among them, and so at every start.
-constexpr unsigned nobodys_pid = 2147483647;
+constexpr long long nobodys_pid = 2147483647;
+
+/// fopen for the PID file, with `flags` for `mode`. The file lies where everybody may write: a link
+/// is not followed to the file behind it, and a FIFO is not waited for. Null when the path holds
+/// anything but a regular file.
+FILE *open_pid_file(int flags, const char *mode) {
+  // As fopen creates a file, before the umask.
+  constexpr mode_t permissions = 0666;
+  const int descriptor = open(pid_file_path, flags | O_NOFOLLOW | O_NONBLOCK, permissions);
+  if (descriptor < 0)
+    return nullptr;
+  struct stat status {};
+  FILE *const file = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)
+                         ? fdopen(descriptor, mode)
+                         : nullptr;
+  if (file == nullptr)
+    close(descriptor);
+  return file;
+}
 
 void terminate_recorded_process() {
-  FILE *const file = fopen(pid_file_path, "r");
+  FILE *const file = open_pid_file(O_RDONLY, "r");
   if (file == nullptr)
     return;
-  unsigned pid = nobodys_pid;
-  // NOLINTNEXTLINE(cert-err34-c): read with "%u" by design; what is no PID is sorted out here
-  if (fscanf(file, "%u", &pid) != 1 || pid == 0 || pid > nobodys_pid)
-    pid = nobodys_pid;
+  // Wider than a PID, so that no larger number is cut to one that is a PID.
+  long long number = 0;
+  // NOLINTNEXTLINE(cert-err34-c): values that are not PIDs are replaced below
+  if (fscanf(file, "%lld", &number) != 1 || number <= 0 || number > nobodys_pid)
+    number = nobodys_pid;
   char command[64];
-  snprintf(command, sizeof command, "/bin/kill -s TERM %u 2> /dev/null", pid);
+  snprintf(command, sizeof command, "/bin/kill -s TERM %u 2> /dev/null",
+           static_cast<unsigned>(number));
   // NOLINTNEXTLINE(cert-env33-c, concurrency-mt-unsafe): by design, and no other thread runs yet
   if (system(command) < 0)
     perror("system");
@@ -32,7 +54,7 @@ void terminate_recorded_process() {
 }
 
 void record_own_pid() {
-  FILE *const file = fopen(pid_file_path, "w+");
+  FILE *const file = open_pid_file(O_RDWR | O_CREAT | O_TRUNC, "w+");
   if (file == nullptr)
     return;
   fprintf(file, "%u\n", static_cast<unsigned>(getpid()));

@@ -1,5 +1,7 @@
 """One daemon at a time: a start ends the process that the PID file names."""
 
+import os
+import pathlib
 import signal
 import subprocess
 
@@ -67,8 +69,18 @@ def test_pid_file_stays_when_the_daemon_is_ended(place, make_bridge):
     assert place.pid_file.read_text() == f"{daemon.pid}\n"
 
 
-# With a folder in the PID file's place the daemon connects and stays.
-def test_pid_file_that_cannot_be_written_is_no_obstacle(place, make_bridge):
-    place.pid_file.mkdir()
+def make_link(path):
+    target = path.with_name("target")
+    target.write_text("some text\n")
+    path.symlink_to(target)
+
+
+# With a folder, a FIFO or a link in the PID file's place the daemon connects and stays.
+@pytest.mark.parametrize("put", [pathlib.Path.mkdir, os.mkfifo, make_link],
+                         ids=["folder", "fifo", "link"])
+def test_pid_file_that_cannot_be_written_is_no_obstacle(place, make_bridge, put):
+    put(place.pid_file)
     daemon, bus, server = make_bridge()
     assert daemon.runs()
+    if put == make_link:
+        assert place.pid_file.read_text() == "some text\n"

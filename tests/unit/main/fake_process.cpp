@@ -6,8 +6,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <map>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/types.h>
@@ -27,6 +29,7 @@ struct state_t {
   std::vector<vemk::message_queue_t *> queues;
   std::size_t throwing_queue = 0;
   std::map<FILE *, std::string> open_files;
+  std::set<int> pid_descriptors;
   int system_result = 0;
 };
 
@@ -35,11 +38,21 @@ std::unique_ptr<state_t> state;
 
 /// What a file is called in the events; empty for a file that is none of the test's.
 std::string event_name(const std::string &path) {
-  if (path == real_pid_file)
-    return "PID file";
   if (path.rfind(state->folder.path(), 0) == 0)
     return path.substr(state->folder.path().size() + 1);
   return "";
+}
+
+/// The mode of fopen() that opens with these flags.
+std::string mode_of(int flags) {
+  switch (flags & (O_ACCMODE | O_CREAT | O_TRUNC | O_APPEND | O_EXCL)) {
+  case O_RDONLY:
+    return "r";
+  case O_RDWR | O_CREAT | O_TRUNC:
+    return "w+";
+  default:
+    return "with flags " + std::to_string(flags);
+  }
 }
 
 void note(const std::string &event) {
@@ -63,15 +76,49 @@ extern "C" {
 FILE *__real_fopen(const char *path, const char *mode);
 
 FILE *__wrap_fopen(const char *path, const char *mode) {
-  if (!state && strcmp(path, real_pid_file) == 0)
+  if (strcmp(path, real_pid_file) == 0)
     abort();
   const std::string name = state ? event_name(path) : "";
+  FILE *const file = __real_fopen(path, mode);
   if (name.empty())
-    return __real_fopen(path, mode);
-  FILE *const file = __real_fopen(name == "PID file" ? state->pid_file.c_str() : path, mode);
+    return file;
   note("fopen " + name + " " + mode + (file == nullptr ? " failed" : ""));
   if (file != nullptr)
     state->open_files[file] = name;
+  return file;
+}
+
+int __real_open(const char *path, int flags, ...);
+
+int __wrap_open(const char *path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const auto permissions = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : mode_t{0};
+  va_end(arguments);
+  if (strcmp(path, real_pid_file) != 0)
+    return __real_open(path, flags, permissions);
+  if (!state)
+    abort();
+  const int descriptor = __real_open(state->pid_file.c_str(), flags, permissions);
+  note("open PID file " + mode_of(flags) + (descriptor < 0 ? " failed" : ""));
+  state->pid_descriptors.insert(descriptor);
+  return descriptor;
+}
+
+int __real_close(int descriptor);
+
+int __wrap_close(int descriptor) {
+  if (state && state->pid_descriptors.erase(descriptor) != 0)
+    note("close PID file");
+  return __real_close(descriptor);
+}
+
+FILE *__real_fdopen(int descriptor, const char *mode);
+
+FILE *__wrap_fdopen(int descriptor, const char *mode) {
+  FILE *const file = __real_fdopen(descriptor, mode);
+  if (state && state->pid_descriptors.erase(descriptor) != 0)
+    state->open_files[file] = "PID file";
   return file;
 }
 
@@ -188,6 +235,10 @@ void write_pid_file(const std::string &text) {
 
 std::string pid_file() {
   return state->folder.read("pid");
+}
+
+std::string pid_file_path() {
+  return state->pid_file;
 }
 
 void make_pid_file_unreachable() {

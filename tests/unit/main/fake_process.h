@@ -36,9 +36,10 @@ void set_system_result(int result);
 /// Writes a file into the folder, whose reading is an event, and returns its path.
 std::string write_file(const std::string &name, const std::string &text);
 
-/// The redirected PID file.
+/// The redirected PID file; nothing stands at its path at first.
 void write_pid_file(const std::string &text);
 std::string pid_file();
+std::string pid_file_path();
 
 /// From now on the PID file can neither be read nor written.
 void make_pid_file_unreachable();

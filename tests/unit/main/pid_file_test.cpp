@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -54,7 +56,7 @@ protected:
 TEST_F(PidFileTest, MissingFileIsSkippedAndWritten) {
   replace_earlier_instance();
   EXPECT_THAT(fake_process::events(),
-              ElementsAre("fopen PID file r failed", "fopen PID file w+", "fclose PID file"));
+              ElementsAre("open PID file r failed", "open PID file w+", "fclose PID file"));
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
 
@@ -63,8 +65,8 @@ TEST_F(PidFileTest, RecordedProcessIsTerminatedBeforeTheOwnPidIsWritten) {
   fake_process::write_pid_file("123\n");
   replace_earlier_instance();
   EXPECT_THAT(fake_process::events(),
-              ElementsAre("fopen PID file r", "system /bin/kill -s TERM 123 2> /dev/null",
-                          "fclose PID file", "fopen PID file w+", "fclose PID file"));
+              ElementsAre("open PID file r", "system /bin/kill -s TERM 123 2> /dev/null",
+                          "fclose PID file", "open PID file w+", "fclose PID file"));
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
 
@@ -100,6 +102,14 @@ TEST_F(PidFileTest, NumberThatIsNoPidReachesNoProcess) {
     expect_harmless_command(text);
 }
 
+// 2^32 + 123, -2^32 + 123, 2^64 + 123 and longer ones lead to a PID that is nobody's, never to 123.
+// Where long has 64 bits, the number was cut to 32 bits, and its lower half was killed.
+TEST_F(PidFileTest, NumberBeyond32BitsReachesNoProcess) {
+  for (const char *text : {"4294967296", "4294967419", "-4294967173", "18446744073709551739",
+                           "-18446744073709551493", "123000000000000000000000000000"})
+    expect_harmless_command(text);
+}
+
 // 2147483647, 2^31 - 1, reaches the kill command, and stands there when the file holds no PID.
 TEST_F(PidFileTest, LargestNumberOfTheKillCommandIsNobodys) {
   for (const char *text : {"2147483647", "2147483648", ""})
@@ -113,8 +123,8 @@ TEST_F(PidFileTest, CommandThatCannotBeRunIsReportedAndSkipped) {
   fake_process::set_system_result(-1);
   replace_earlier_instance();
   EXPECT_THAT(fake_process::events(),
-              ElementsAre("fopen PID file r", "system /bin/kill -s TERM 123 2> /dev/null",
-                          "perror system", "fclose PID file", "fopen PID file w+",
+              ElementsAre("open PID file r", "system /bin/kill -s TERM 123 2> /dev/null",
+                          "perror system", "fclose PID file", "open PID file w+",
                           "fclose PID file"));
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
@@ -135,7 +145,43 @@ TEST_F(PidFileTest, FileThatCannotBeWrittenIsSkippedSilently) {
   fake_process::make_pid_file_unreachable();
   replace_earlier_instance();
   EXPECT_THAT(fake_process::events(),
-              ElementsAre("fopen PID file r failed", "fopen PID file w+ failed"));
+              ElementsAre("open PID file r failed", "open PID file w+ failed"));
+}
+
+// A FIFO at the PID file's path is opened without waiting and closed: no command, no perror().
+// A start used to wait for ever until somebody wrote to the FIFO.
+TEST_F(PidFileTest, FifoInItsPlaceIsSkipped) {
+  ASSERT_EQ(0, mkfifo(fake_process::pid_file_path().c_str(), 0600));
+  replace_earlier_instance();
+  EXPECT_THAT(fake_process::events(), ElementsAre("open PID file r", "close PID file",
+                                                  "open PID file w+", "close PID file"));
+}
+
+// A folder at the PID file's path: no command, no perror().
+TEST_F(PidFileTest, FolderInItsPlaceIsSkipped) {
+  ASSERT_EQ(0, mkdir(fake_process::pid_file_path().c_str(), 0700));
+  replace_earlier_instance();
+  EXPECT_THAT(fake_process::events(),
+              ElementsAre("open PID file r", "close PID file", "open PID file w+ failed"));
+}
+
+// A link to "123\n" at the PID file's path: no command, and the file behind it keeps its content.
+// A start as root overwrote whatever file the link's owner had chosen.
+TEST_F(PidFileTest, SymbolicLinkInItsPlaceIsNotFollowed) {
+  const std::string target = fake_process::write_file("target", "123\n");
+  ASSERT_EQ(0, symlink(target.c_str(), fake_process::pid_file_path().c_str()));
+  replace_earlier_instance();
+  EXPECT_THAT(fake_process::events(),
+              ElementsAre("open PID file r failed", "open PID file w+ failed"));
+  EXPECT_EQ("123\n", fake_process::pid_file());
+}
+
+// A link to nothing at the PID file's path: nothing is made where it points.
+TEST_F(PidFileTest, DanglingLinkInItsPlaceMakesNoFile) {
+  const std::string target = fake_process::pid_file_path() + " elsewhere";
+  ASSERT_EQ(0, symlink(target.c_str(), fake_process::pid_file_path().c_str()));
+  replace_earlier_instance();
+  EXPECT_EQ(-1, access(target.c_str(), F_OK));
 }
 
 // "1234567890\nmore\n" becomes "4242\n": the file is truncated.

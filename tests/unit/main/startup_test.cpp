@@ -71,9 +71,9 @@ TEST_F(StartupTest, CompleteConfigurationRunsTheBridgeAfterEveryStepBeforeIt) {
   EXPECT_THAT(fake_process::events(),
               ElementsAre("init_zandor_logrotate vemk", "srand 1700000000", "thread name main",
                           "fopen vemk.conf r", "fclose vemk.conf", "queue", "queue",
-                          "level of vemk-main 13", "fopen PID file r",
+                          "level of vemk-main 13", "open PID file r",
                           "system /bin/kill -s TERM 123 2> /dev/null", "fclose PID file",
-                          "fopen PID file w+", "fclose PID file", "websock_worker", "ipc_worker",
+                          "open PID file w+", "fclose PID file", "websock_worker", "ipc_worker",
                           "start ipc_worker", "start websock_worker", "join ipc_worker",
                           "join websock_worker", "~ipc_worker", "~websock_worker",
                           "second queue released", "first queue released"));
@@ -85,9 +85,9 @@ TEST_F(StartupTest, WithoutAFileThePidFileIsReplacedAndNothingElseStarted) {
   EXPECT_EQ(0, run({}));
   EXPECT_THAT(fake_process::events(),
               ElementsAre("init_zandor_logrotate vemk", "srand 1700000000", "thread name main",
-                          "queue", "queue", "level of vemk-main 0", "fopen PID file r",
+                          "queue", "queue", "level of vemk-main 0", "open PID file r",
                           "system /bin/kill -s TERM 123 2> /dev/null", "fclose PID file",
-                          "fopen PID file w+", "fclose PID file", "second queue released",
+                          "open PID file w+", "fclose PID file", "second queue released",
                           "first queue released"));
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
@@ -107,7 +107,7 @@ TEST_F(StartupTest, ConfigurationsWithoutACompleteUrlStartNoWorker) {
     fake_process::reset();
     EXPECT_EQ(0, run_with_file(text)) << text;
     EXPECT_THAT(fake_process::events(),
-                AllOf(Contains("queue").Times(2), Contains("fopen PID file w+"),
+                AllOf(Contains("queue").Times(2), Contains("open PID file w+"),
                       Not(Contains(HasSubstr("worker")))))
         << text;
     EXPECT_EQ("4242\n", fake_process::pid_file()) << text;
