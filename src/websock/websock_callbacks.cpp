@@ -141,9 +141,10 @@ int websock_worker::process_client_receive(lws *wsi, void *, void *in, std::size
     return 0;
   }
 
-  if (length == 0 || in == nullptr)
+  const bool is_empty = length == 0 || in == nullptr;
+  if (is_empty && !(whole_messages && rx_buffer->length > 0))
     return -1;
-  if (rx_buffer->append(in, piece_length) == nullptr) {
+  if (!is_empty && rx_buffer->append(in, piece_length) == nullptr) {
     log_error(websock_log_module, "%s->%s: can't receive message\n", log_name, handler);
     rx_buffer = std::make_shared<buffer_info_t>();
     return -1;

@@ -41,7 +41,7 @@ websock_worker::websock_worker(message_queue_t *from_bus, message_queue_t *to_bu
                                std::string server_host, std::string server_path,
                                std::int32_t server_port, const bool *keep_running_flag,
                                std::uint32_t first_delay, std::uint32_t largest_delay,
-                               bool without_lws_binding)
+                               bool without_lws_binding, bool only_whole_messages)
     : abstract_worker(keep_running_flag, worker_name), skip_lws_binding(without_lws_binding),
       log_name(nullptr), bus_to_ws_queue(from_bus), ws_to_bus_queue(to_bus), mode(3),
       context(nullptr), protocol_callback(nullptr), log_hook(nullptr), host(std::move(server_host)),
@@ -49,7 +49,7 @@ websock_worker::websock_worker(message_queue_t *from_bus, message_queue_t *to_bu
       rx_buffer(std::make_shared<buffer_info_t>()), protocols{}, creation_info{}, connect_info{},
       missed_pongs(0), alive(false), connected(false), closed(false), last_ping{},
       ping_timeout_handler([this] { ping_timeout(); }), current_delay(first_delay),
-      initial_delay(first_delay), max_delay(largest_delay) {
+      initial_delay(first_delay), max_delay(largest_delay), whole_messages(only_whole_messages) {
   log_set_level(websock_log_module, g_log_level);
   if (!skip_lws_binding) {
     log_name = worker_name;
@@ -105,6 +105,9 @@ void websock_worker::stop() {
     lws_context_destroy(context);
     context = nullptr;
   }
+  // The library may deliver a piece of the old connection for as long as the context lives.
+  if (whole_messages)
+    rx_buffer = std::make_shared<buffer_info_t>();
 }
 
 bool websock_worker::_connect() {

@@ -42,10 +42,13 @@ namespace vemk {
 class websock_worker : public abstract_worker {
 public:
   /// Delays are in seconds. `without_lws_binding` builds the object without taking over the
-  /// library's callbacks; it then cannot connect. Removes proxy variables from the environment.
+  /// library's callbacks; it then cannot connect. `only_whole_messages` delivers a message that an
+  /// empty last fragment ends, and forgets one that a lost connection cut off; without it both stay
+  /// in front of the next message. Removes proxy variables from the environment.
   websock_worker(message_queue_t *from_bus, message_queue_t *to_bus, std::string server_host,
                  std::string server_path, std::int32_t server_port, const bool *keep_running_flag,
-                 std::uint32_t first_delay, std::uint32_t largest_delay, bool without_lws_binding);
+                 std::uint32_t first_delay, std::uint32_t largest_delay, bool without_lws_binding,
+                 bool only_whole_messages = false);
 
   bool init() override;
   bool run_once() override;
@@ -82,7 +85,8 @@ protected:
   int process_closed();
   int process_protocol_destroy();
 
-  /// Returns 0, or -1 for a last piece that is empty or for which there is no memory.
+  /// Returns 0, or -1 for a last piece that delivers nothing: it is empty and ends no message, or
+  /// there is no memory for it.
   int process_client_receive(lws *wsi, void *user, void *in, std::size_t length);
   int process_client_receive_pong();
   int process_client_writeable(lws *wsi, void *user, void *in);
@@ -138,7 +142,7 @@ protected:
   std::string path;
   std::int32_t port;
   int wake_pipe[2];
-  /// The message being received. Survives a reconnect with what it holds.
+  /// The message being received. Without `whole_messages` it survives a reconnect.
   std::shared_ptr<buffer_info_t> rx_buffer;
   lws_protocols protocols[2];
   lws_context_creation_info creation_info;
@@ -155,6 +159,7 @@ protected:
   std::uint32_t initial_delay;
   std::uint32_t max_delay;
   writeable_wakeup wakeup;
+  bool whole_messages;
 
 private:
   void trace(const char *handler, int number) const;

@@ -1,5 +1,6 @@
-/// The first line has the first and the largest delay and the log level, each further line is a
-/// step of what the base, the library, the bus and the clock do to a WebSocket worker:
+/// The first line has the first and the largest delay, the log level and 1 for whole messages; each
+/// further line is a step of what the base, the library, the bus and the clock do to a WebSocket
+/// worker:
 ///   i OUTCOME RANDOM           the base's next init(), behind a deinit() if there was an init()
 ///                              before; OUTCOME "c": no context, "n": no connection; rand's value
 ///   d                          deinit()
@@ -69,10 +70,12 @@ public:
       : first_delay(static_cast<std::uint32_t>(first_line.number(0, largest_delay))),
         max_delay(static_cast<std::uint32_t>(first_line.number(0, largest_delay))),
         level(static_cast<std::uint32_t>(first_line.number(0, 15))),
-        model(first_delay, max_delay, level) {
+        whole_messages(first_line.number(0, 1) == 1),
+        model(first_delay, max_delay, level, whole_messages) {
     g_log_level = level;
-    worker = std::make_unique<open_worker>(&bus_to_ws, &ws_to_bus, "roam.example", "/roam", 8080,
-                                           &run_flag, first_delay, max_delay, false);
+    worker =
+        std::make_unique<open_worker>(&bus_to_ws, &ws_to_bus, "roam.example", "/roam", 8080,
+                                      &run_flag, first_delay, max_delay, false, whole_messages);
     callback = worker->protocol_callback;
     fake_lws::on_destroy([this] { call_back_in_destroy(); });
   }
@@ -349,6 +352,7 @@ private:
   std::uint32_t first_delay;
   std::uint32_t max_delay;
   std::uint32_t level;
+  bool whole_messages;
   websock_model model;
   worker_view_t last_model_view;
   bool run_flag = true;

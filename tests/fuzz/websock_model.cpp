@@ -47,8 +47,9 @@ void expect_same(const worker_view_t &model, const worker_view_t &worker) {
 }
 
 websock_model::websock_model(std::uint32_t first_delay, std::uint32_t largest_delay,
-                             std::uint32_t level)
-    : initial_delay(first_delay), max_delay(largest_delay), log_level(level), last_good(now()) {
+                             std::uint32_t level, bool only_whole_messages)
+    : initial_delay(first_delay), max_delay(largest_delay), log_level(level),
+      whole_messages(only_whole_messages), last_good(now()) {
   view.current_delay = first_delay;
 }
 
@@ -177,6 +178,8 @@ void websock_model::deinit() {
   watchdog_due.reset();
   if (context != 0)
     destroy_context();
+  if (whole_messages)
+    view.received.clear();
 }
 
 void websock_model::destroy_context() {
@@ -304,16 +307,18 @@ int websock_model::receive(const piece_t &piece) {
       log(error, "buffer-info", "append:95 Can't alloc memory\n");
     return 0;
   }
-  if (piece.length == 0 || !piece.bytes)
+  const bool is_empty = piece.length == 0 || !piece.bytes;
+  const bool is_delivered = !is_empty || (whole_messages && !view.received.empty());
+  if (!is_delivered)
     return -1;
-  if (!has_memory) {
+  if (!is_empty && !has_memory) {
     log(error, "buffer-info", "append:95 Can't alloc memory\n");
     log(error, "websock-worker",
         "websock-roaming->process_client_receive: can't receive message\n");
     view.received.clear();
     return -1;
   }
-  view.received += *piece.bytes;
+  view.received += is_empty ? "" : *piece.bytes;
   debug("websock-roaming->process_client_receive: Recieve final msg len " +
         std::to_string(view.received.size()) + " from websocket\n");
   debug("websock-roaming->Send to Queue\n");

@@ -56,7 +56,8 @@ struct process_end {
 
 class websock_model {
 public:
-  websock_model(std::uint32_t first_delay, std::uint32_t largest_delay, std::uint32_t level);
+  websock_model(std::uint32_t first_delay, std::uint32_t largest_delay, std::uint32_t level,
+                bool only_whole_messages);
 
   // The surroundings. Times are the monotonic clock's.
 
@@ -126,6 +127,7 @@ private:
   std::uint32_t initial_delay;
   std::uint32_t max_delay;
   std::uint32_t log_level;
+  bool whole_messages;
   bool run_flag = true;
   std::int64_t clock_us = 1000000000;
   std::int64_t last_good;

@@ -29,21 +29,6 @@ using testing::StartsWith;
 
 class WebsockCallbacksTest : public WebsockFixture {
 protected:
-  static std::string incomplete_line(int remaining) {
-    return line("websock-roaming->process_client_receive: Get incomplete packet, remaining len " +
-                std::to_string(remaining) + "\n");
-  }
-
-  static std::string final_line(std::size_t length) {
-    return line("websock-roaming->process_client_receive: Recieve final msg len " +
-                std::to_string(length) + " from websocket\n");
-  }
-
-  std::string received_so_far() const {
-    const buffer_info_t &buffer = *worker->rx_buffer;
-    return std::string(reinterpret_cast<const char *>(buffer.data), buffer.length);
-  }
-
   /// A connection in the middle of everything that a handler could touch.
   void make_busy_worker() {
     make_connected_worker();

@@ -38,10 +38,10 @@ WebsockFixture::~WebsockFixture() {
 }
 
 void WebsockFixture::make_worker(std::uint32_t first_delay, std::uint32_t largest_delay,
-                                 bool without_lws_binding) {
+                                 bool without_lws_binding, bool only_whole_messages) {
   worker = std::make_unique<open_websock_worker>(&bus_to_ws, &ws_to_bus, "roam.example", "/roam",
                                                  8080, &run_flag, first_delay, largest_delay,
-                                                 without_lws_binding);
+                                                 without_lws_binding, only_whole_messages);
 }
 
 void WebsockFixture::make_connecting_worker() {
@@ -50,8 +50,8 @@ void WebsockFixture::make_connecting_worker() {
   forget_records();
 }
 
-void WebsockFixture::make_connected_worker() {
-  make_worker();
+void WebsockFixture::make_connected_worker(bool only_whole_messages) {
+  make_worker(2, 60, false, only_whole_messages);
   ASSERT_TRUE(worker->_connect());
   fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
   take_to_bus();
@@ -85,6 +85,11 @@ std::vector<std::string> WebsockFixture::take_all(message_queue_t &queue) {
   return texts;
 }
 
+std::string WebsockFixture::received_so_far() const {
+  const buffer_info_t &buffer = *worker->rx_buffer;
+  return std::string(reinterpret_cast<const char *>(buffer.data), buffer.length);
+}
+
 std::string WebsockFixture::line(const std::string &message) {
   return line_of("websock-worker", message);
 }
@@ -95,6 +100,16 @@ std::string WebsockFixture::line_of(const std::string &module, const std::string
 
 std::string WebsockFixture::trace_line(const std::string &handler, int number) {
   return line("websock-roaming->" + handler + ":" + std::to_string(number) + "\n");
+}
+
+std::string WebsockFixture::incomplete_line(int remaining) {
+  return line("websock-roaming->process_client_receive: Get incomplete packet, remaining len " +
+              std::to_string(remaining) + "\n");
+}
+
+std::string WebsockFixture::final_line(std::size_t length) {
+  return line("websock-roaming->process_client_receive: Recieve final msg len " +
+              std::to_string(length) + " from websocket\n");
 }
 
 std::string WebsockFixture::dump_line(const std::string &bytes) {

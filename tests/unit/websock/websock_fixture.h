@@ -3,6 +3,7 @@
 #ifndef VEMK_TESTS_UNIT_WEBSOCK_WEBSOCK_FIXTURE_H
 #define VEMK_TESTS_UNIT_WEBSOCK_WEBSOCK_FIXTURE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -56,6 +57,7 @@ public:
   using websock_worker::skip_lws_binding;
   using websock_worker::timers;
   using websock_worker::wake_pipe;
+  using websock_worker::whole_messages;
   using websock_worker::ws_to_bus_queue;
 };
 
@@ -72,12 +74,12 @@ protected:
 
   /// Builds `worker`; the host is "roam.example", the path "/roam", the port 8080.
   void make_worker(std::uint32_t first_delay = 2, std::uint32_t largest_delay = 60,
-                   bool without_lws_binding = false);
+                   bool without_lws_binding = false, bool only_whole_messages = false);
 
   /// Makes a worker whose connection attempt runs, and forgets the records so far.
   void make_connecting_worker();
   /// Makes a worker whose connection is established, and forgets the records so far.
-  void make_connected_worker();
+  void make_connected_worker(bool only_whole_messages = false);
 
   /// Forgets calls and log lines. Status messages stay in their queue.
   static void forget_records();
@@ -89,12 +91,17 @@ protected:
   /// Takes the texts of everything in the queue.
   static std::vector<std::string> take_all(message_queue_t &queue);
   std::vector<std::string> take_to_bus() { return take_all(ws_to_bus); }
+  /// What the receive buffer holds.
+  std::string received_so_far() const;
 
   /// The whole line of the module "websock-worker" with this message.
   static std::string line(const std::string &message);
   static std::string line_of(const std::string &module, const std::string &message);
   /// "websock-roaming->handler:number\n", as a whole line.
   static std::string trace_line(const std::string &handler, int number);
+  /// The lines of a received piece: one that is not the last, and the last of a message.
+  static std::string incomplete_line(int remaining);
+  static std::string final_line(std::size_t length);
   /// The whole line of a dump of up to 31 bytes below 0x80.
   static std::string dump_line(const std::string &bytes);
   /// The call that a push makes while the connection is established.

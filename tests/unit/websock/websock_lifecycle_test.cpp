@@ -52,11 +52,21 @@ TEST_F(WebsockLifecycleTest, ConstructorLeavesTheWorkerReadyAndUnconnected) {
   EXPECT_EQ(worker->current_delay, 7u);
   EXPECT_EQ(worker->initial_delay, 7u);
   EXPECT_EQ(worker->max_delay, 90u);
+  EXPECT_FALSE(worker->whole_messages);
   EXPECT_THAT(fake_lws::calls(), IsEmpty());
   EXPECT_THAT(take_to_bus(), IsEmpty());
 }
 
-// From the base's timers on, the 25 members lie one behind the other in the designed order.
+// Built with the designed nine arguments, it keeps what an empty last fragment ends.
+TEST_F(WebsockLifecycleTest, WholeMessagesAreOffUnlessAskedFor) {
+  worker = std::make_unique<open_websock_worker>(&bus_to_ws, &ws_to_bus, "roam.example", "/roam",
+                                                 8080, &run_flag, 2, 60, false);
+  EXPECT_FALSE(worker->whole_messages);
+  make_worker(2, 60, false, true);
+  EXPECT_TRUE(worker->whole_messages);
+}
+
+// From the base's timers on, the 25 designed members lie one behind the other, others after them.
 TEST_F(WebsockLifecycleTest, MembersLieInTheOrderOfTheirDeclaration) {
   make_worker();
   const open_websock_worker &w = *worker;
@@ -85,7 +95,8 @@ TEST_F(WebsockLifecycleTest, MembersLieInTheOrderOfTheirDeclaration) {
                                              &w.ping_timeout_handler,
                                              &w.current_delay,
                                              &w.initial_delay,
-                                             &w.max_delay};
+                                             &w.max_delay,
+                                             &w.whole_messages};
   EXPECT_TRUE(std::is_sorted(members.begin(), members.end(), std::less<const void *>()));
 }
 
