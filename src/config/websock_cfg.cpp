@@ -76,6 +76,11 @@ bool read_log_level(websock_cfg_t &cfg, char *value) {
   return true;
 }
 
+bool read_whole_messages(websock_cfg_t &cfg, char *value) {
+  cfg.whole_messages = unsigned_number(value, 10) != 0;
+  return true;
+}
+
 const struct {
   const char *text;
   bool (*read)(websock_cfg_t &cfg, char *value);
@@ -85,6 +90,7 @@ const struct {
     {"max_connection_delay=", read_max_delay},
     {"ap_location=", read_location},
     {"log_level=", read_log_level},
+    {"whole_messages=", read_whole_messages},
 };
 
 bool read_line(websock_cfg_t &cfg, char *line) {

@@ -31,6 +31,8 @@ struct websock_cfg_t {
   std::int32_t cfg_mode;
   /// A file was named that could not be opened or held a URL with a wrong scheme.
   bool cfg_file_failed;
+  /// An empty last fragment ends a message, and a lost connection's partial message is forgotten.
+  bool whole_messages;
 };
 
 /// Fills the record from the options "f:d:p:P:", then from the file that -f named, whose URL

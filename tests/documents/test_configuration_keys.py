@@ -2,17 +2,19 @@
 
 import re
 
+import pytest
+
 from manual import checkout, manual_page, plain
 
 keys = re.findall(r'\{"(\w+=)", read_\w+\}', (checkout / "src/config/websock_cfg.cpp").read_text())
 
 
-# The parser's source names five keys, which the other tests of this file compare with.
+# The parser's source names six keys, which the other tests of this file compare with.
 def test_the_sources_were_read():
-    assert len(keys) == 5
+    assert len(keys) == 6
 
 
-# vemk.conf(5) lists the five keys in the parser's order, each with its "=".
+# vemk.conf(5) lists the six keys in the parser's order, each with its "=".
 def test_the_manual_describes_every_key():
     described = [key for key, _ in manual_page("vemk.conf.5").items("Keys", "Ic")]
     assert described == keys
@@ -24,7 +26,13 @@ def test_the_manual_names_no_unknown_key():
     assert set(re.findall(r"\b[a-z]+_[a-z_]+=", text)) == set(keys)
 
 
-# examples/vemk.conf sets the five keys once each, in the parser's order.
+# examples/vemk.conf sets the six keys once each, in the parser's order.
 def test_the_example_shows_every_key():
     text = (checkout / "examples/vemk.conf").read_text()
     assert re.findall(r"^(\w+=)", text, re.MULTILINE) == keys
+
+
+# The files that the Debian and the OpenWrt package install set whole_messages=1.
+@pytest.mark.parametrize("file", ["examples/vemk.conf", "packaging/openwrt/vemk/files/vemk.conf"])
+def test_the_packages_deliver_whole_messages(file):
+    assert "whole_messages=1" in (checkout / file).read_text().splitlines()

@@ -31,6 +31,7 @@ config_model full_record() {
   model.log_level = 13;
   model.cfg_mode = 14;
   model.cfg_file_failed = true;
+  model.whole_messages = true;
   return model;
 }
 

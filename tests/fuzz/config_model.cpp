@@ -147,6 +147,8 @@ bool config_model::read_line(const std::string &line) {
     process_level = log_level;
     module_mask = log_level;
   }
+  if (const auto number = value_of("whole_messages="))
+    whole_messages = unsigned_of(*number) != 0;
   return true;
 }
 
@@ -220,6 +222,7 @@ void expect_same(const config_model &model, const websock_cfg_t &cfg) {
   expect_equal("log_level", model.log_level, cfg.log_level);
   expect_equal("cfg_mode", model.cfg_mode, cfg.cfg_mode);
   expect_equal("cfg_file_failed", model.cfg_file_failed, cfg.cfg_file_failed);
+  expect_equal("whole_messages", model.whole_messages, cfg.whole_messages);
   expect_equal("g_log_level", model.process_level, g_log_level);
   expect_equal("the log", model.logged, fake_log::messages("websock-cfg"));
 }
@@ -236,6 +239,7 @@ websock_cfg_t record_of(const config_model &model) {
   cfg.log_level = model.log_level;
   cfg.cfg_mode = model.cfg_mode;
   cfg.cfg_file_failed = model.cfg_file_failed;
+  cfg.whole_messages = model.whole_messages;
   return cfg;
 }
 

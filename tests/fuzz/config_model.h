@@ -23,6 +23,7 @@ struct config_model {
   std::uint32_t log_level = 0;
   std::int32_t cfg_mode = 0;
   bool cfg_file_failed = false;
+  bool whole_messages = false;
 
   std::uint32_t process_level = 0;
   std::uint32_t module_mask = 0;

@@ -73,6 +73,7 @@ TEST_F(CommandLineTest, NoOptionsClearTheRecordButNotItsLogLevel) {
   cfg.log_level = 4;
   cfg.cfg_mode = 5;
   cfg.cfg_file_failed = true;
+  cfg.whole_messages = true;
   g_log_level = 6;
 
   parse({});
@@ -86,6 +87,7 @@ TEST_F(CommandLineTest, NoOptionsClearTheRecordButNotItsLogLevel) {
   EXPECT_EQ(4u, cfg.log_level);
   EXPECT_EQ(3, cfg.cfg_mode);
   EXPECT_FALSE(cfg.cfg_file_failed);
+  EXPECT_FALSE(cfg.whole_messages);
   EXPECT_EQ(6u, g_log_level);
 }
 

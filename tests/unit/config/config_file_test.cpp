@@ -77,9 +77,10 @@ TEST_F(ConfigFileTest, EmptyFileGivesTheDefaultLocationOnly) {
   EXPECT_FALSE(cfg.url_valid);
   EXPECT_EQ(0u, cfg.initial_connection_delay);
   EXPECT_EQ(0u, cfg.max_connection_delay);
+  EXPECT_FALSE(cfg.whole_messages);
 }
 
-// URL, both delays, location and log level arrive in their fields, the level in g_log_level too.
+// Every key's value arrives in its field, the log level in g_log_level too.
 TEST_F(ConfigFileTest, EveryKeyIsStored) {
   EXPECT_TRUE(read("# a comment\n"
                    "\n"
@@ -87,7 +88,8 @@ TEST_F(ConfigFileTest, EveryKeyIsStored) {
                    "initial_connection_delay=5\n"
                    "max_connection_delay=300\n"
                    "ap_location=floor 3, west\n"
-                   "log_level=9\n"));
+                   "log_level=9\n"
+                   "whole_messages=1\n"));
   EXPECT_STREQ("192.0.2.7", cfg.host);
   EXPECT_EQ(8080, cfg.port);
   EXPECT_STREQ("/roam", cfg.path);
@@ -97,12 +99,13 @@ TEST_F(ConfigFileTest, EveryKeyIsStored) {
   EXPECT_STREQ("floor 3, west", cfg.ap_location);
   EXPECT_EQ(9u, cfg.log_level);
   EXPECT_EQ(9u, g_log_level);
+  EXPECT_TRUE(cfg.whole_messages);
 }
 
 // A second file without keys changes the location to "default-domain" and g_log_level to 0 only.
 TEST_F(ConfigFileTest, FieldsOfAbsentKeysKeepTheirValues) {
   ASSERT_TRUE(read("roam_service_url=h:1/p\ninitial_connection_delay=5\nmax_connection_delay=6\n"
-                   "ap_location=here\nlog_level=8\n"));
+                   "ap_location=here\nlog_level=8\nwhole_messages=1\n"));
   ASSERT_TRUE(read("unknown=1\n"));
   EXPECT_STREQ("h", cfg.host);
   EXPECT_EQ(1, cfg.port);
@@ -111,6 +114,7 @@ TEST_F(ConfigFileTest, FieldsOfAbsentKeysKeepTheirValues) {
   EXPECT_EQ(5u, cfg.initial_connection_delay);
   EXPECT_EQ(6u, cfg.max_connection_delay);
   EXPECT_EQ(8u, cfg.log_level);
+  EXPECT_TRUE(cfg.whole_messages);
   EXPECT_STREQ("default-domain", cfg.ap_location);
   EXPECT_EQ(0u, g_log_level);
 }
@@ -266,13 +270,14 @@ TEST_F(ConfigFileTest, ModuleKeepsItsMaskWithoutALogLevelLine) {
   EXPECT_THAT(fake_log::lines(), ElementsAre(refusal("wss")));
 }
 
-// All five keys in upper or mixed case are read; the values keep their case.
+// All six keys in upper or mixed case are read; the values keep their case.
 TEST_F(ConfigFileTest, KeysIgnoreCase) {
   const websock_cfg_t got = read_fresh("ROAM_SERVICE_URL=H:80/P\n"
                                        "Initial_Connection_Delay=1\n"
                                        "MAX_CONNECTION_DELAY=2\n"
                                        "AP_Location=Here\n"
-                                       "LOG_level=3\n");
+                                       "LOG_level=3\n"
+                                       "Whole_Messages=1\n");
   EXPECT_TRUE(got.url_valid);
   EXPECT_STREQ("H", got.host);
   EXPECT_STREQ("/P", got.path);
@@ -280,6 +285,7 @@ TEST_F(ConfigFileTest, KeysIgnoreCase) {
   EXPECT_EQ(2u, got.max_connection_delay);
   EXPECT_STREQ("Here", got.ap_location);
   EXPECT_EQ(3u, got.log_level);
+  EXPECT_TRUE(got.whole_messages);
 }
 
 // A blank or "#" before the key, a blank before "=" or another key: nothing is set.
@@ -295,13 +301,14 @@ TEST_F(ConfigFileTest, LinesThatMatchNoKeyAreIgnored) {
   }
 }
 
-// Each of the five keys on two lines takes the second value, also where that is empty.
+// Each of the six keys on two lines takes the second value, also where that is empty.
 TEST_F(ConfigFileTest, LastLineOfAKeyCounts) {
   const websock_cfg_t got = read_fresh("roam_service_url=a:1/a\nroam_service_url=b:2/b\n"
                                        "initial_connection_delay=1\ninitial_connection_delay=2\n"
                                        "max_connection_delay=3\nmax_connection_delay=\n"
                                        "ap_location=first\nap_location=second\n"
-                                       "log_level=1\nlog_level=2\n");
+                                       "log_level=1\nlog_level=2\n"
+                                       "whole_messages=1\nwhole_messages=\n");
   EXPECT_STREQ("b", got.host);
   EXPECT_EQ(2, got.port);
   EXPECT_STREQ("/b", got.path);
@@ -310,6 +317,7 @@ TEST_F(ConfigFileTest, LastLineOfAKeyCounts) {
   EXPECT_STREQ("second", got.ap_location);
   EXPECT_EQ(2u, got.log_level);
   EXPECT_EQ(2u, g_log_level);
+  EXPECT_FALSE(got.whole_messages);
 }
 
 // "010" is 10, "0x10" 0, "5s" 5, "" 0, "-1" and all beyond 32 bits 4294967295.
@@ -370,6 +378,14 @@ TEST_F(ConfigFileTest, LogLevelIsDecimalOrHexadecimal) {
     EXPECT_EQ(expected.number, got.log_level) << expected.value;
     EXPECT_EQ(expected.number, g_log_level) << expected.value;
   }
+}
+
+// 0 and what has no digits in front are off, every other decimal number is on.
+TEST_F(ConfigFileTest, WholeMessagesAreOnForEveryNumberBut0) {
+  for (const char *value : {"0", "00", "-0", "", "on", "yes", "true", "0x1", "x1", " 0"})
+    EXPECT_FALSE(read_fresh("whole_messages=" + std::string(value) + "\n").whole_messages) << value;
+  for (const char *value : {"1", "01", "2", "10", "1x", " 1", "+1", "-1", "4294967296"})
+    EXPECT_TRUE(read_fresh("whole_messages=" + std::string(value) + "\n").whole_messages) << value;
 }
 
 // "ap_location=" gives "", with a line end and without one.

@@ -46,7 +46,7 @@ TEST_F(BridgeTest, WorkersAreBuiltStartedJoinedAndDestroyedInOrder) {
                           "~ipc_worker", "~websock_worker"));
 }
 
-// It gets the first and second queue, host, path, port, &url_valid, 5, 300 and a last false.
+// It gets the first and second queue, host, path, port, &url_valid, 5, 300 and twice false.
 TEST_F(BridgeTest, WebSocketWorkerGetsQueuesUrlFlagAndDelays) {
   run_bridge(cfg, bus_run_flag, first_queue, second_queue);
   const fake_workers::websock_arguments_t arguments = fake_workers::websock_arguments();
@@ -59,6 +59,15 @@ TEST_F(BridgeTest, WebSocketWorkerGetsQueuesUrlFlagAndDelays) {
   EXPECT_EQ(5u, arguments.first_delay);
   EXPECT_EQ(300u, arguments.largest_delay);
   EXPECT_FALSE(arguments.without_lws_binding);
+  EXPECT_FALSE(arguments.only_whole_messages);
+}
+
+// Its last argument is the configuration's whole_messages.
+TEST_F(BridgeTest, WebSocketWorkerIsAskedForWholeMessages) {
+  cfg.whole_messages = true;
+  run_bridge(cfg, bus_run_flag, first_queue, second_queue);
+  EXPECT_TRUE(fake_workers::websock_arguments().only_whole_messages);
+  EXPECT_FALSE(fake_workers::websock_arguments().without_lws_binding);
 }
 
 // It gets the first and second queue, module identifier 2 and the address of its own run flag.

@@ -39,7 +39,7 @@ websock_worker::websock_worker(message_queue_t *from_bus, message_queue_t *to_bu
                                std::string server_host, std::string server_path,
                                std::int32_t server_port, const bool *keep_running_flag,
                                std::uint32_t first_delay, std::uint32_t largest_delay,
-                               bool without_lws_binding)
+                               bool without_lws_binding, bool only_whole_messages)
     : abstract_worker(keep_running_flag, "websock-roaming") {
   record("websock_worker");
   last_websock = {from_bus,
@@ -51,7 +51,8 @@ websock_worker::websock_worker(message_queue_t *from_bus, message_queue_t *to_bu
                   *keep_running_flag,
                   first_delay,
                   largest_delay,
-                  without_lws_binding};
+                  without_lws_binding,
+                  only_whole_messages};
   if (websock_throws)
     throw std::runtime_error("websock_worker");
 }

@@ -20,6 +20,7 @@ struct websock_arguments_t {
   std::uint32_t first_delay;
   std::uint32_t largest_delay;
   bool without_lws_binding;
+  bool only_whole_messages;
 };
 
 struct ipc_arguments_t {
