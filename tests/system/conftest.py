@@ -145,6 +145,23 @@ def make_frame_bridge(make_daemon, bus):
 
 
 @pytest.fixture
+def make_asked_bridge(make_daemon, bus, place):
+    """The same with a service that sends what a message from the bus asks it for."""
+    services = []
+
+    def make(service_type, **settings):
+        services.append(service_type(place).start())
+        bus.listen()
+        daemon = make_daemon().start(config_text(services[-1].url, **settings))
+        bus.wait_until_connected()
+        return bridge_t(daemon, bus, services[-1])
+
+    yield make
+    for made in services:
+        made.stop()
+
+
+@pytest.fixture
 def networks():
     made = wired_networks()
     yield made

@@ -1,4 +1,4 @@
-"""Reverse proxies between the daemon and a roaming service."""
+"""Programs of others that listen, and among them reverse proxies in front of a roaming service."""
 
 import random
 import socket
@@ -22,22 +22,24 @@ def free_port():
                 pass
 
 
-class proxy:
+class listening_program:
     """One program in the foreground of its own folder; ended by its process ID with `stop`.
 
-    `idle_seconds` is how long a connection may be silent before the proxy ends it.
+    `command` returns its command line, given the file in which the program finds what `config`
+    returns.
     """
 
     program = None
 
-    def __init__(self, place, server_port, idle_seconds=60):
-        self.folder = place.folder / "proxy"
+    def __init__(self, place):
+        self.folder = place.folder / self.program
         self.folder.mkdir()
         self.log_file = self.folder / "log"
-        self.server_port = server_port
-        self.idle_seconds = idle_seconds
         self.port = free_port()
         self.process = None
+
+    def config(self):
+        return ""
 
     @property
     def url(self):
@@ -62,6 +64,15 @@ class proxy:
             self.process.terminate()
             self.process.wait(20)
             self.process = None
+
+
+class proxy(listening_program):
+    """`idle_seconds` is how long a connection may be silent before the proxy ends it."""
+
+    def __init__(self, place, server_port, idle_seconds=60):
+        super().__init__(place)
+        self.server_port = server_port
+        self.idle_seconds = idle_seconds
 
 
 class haproxy(proxy):
