@@ -3,7 +3,7 @@ SHELL := /bin/bash
 # Most tests wait for a peer or a delay rather than compute.
 TEST_JOBS ?= 16
 
-.PHONY: build run test browser-test target target-size target-static packages package \
+.PHONY: build run test browser-test test-go target target-size target-static packages package \
   package-test pictures sanitize analyze coverage mutants fuzz soak clean
 
 packages:
@@ -24,6 +24,18 @@ browser-test: build
 	scripts/install-packages.sh scripts/packages-browser.txt
 	VEMK_BUILD_DIR=build PYTHONDONTWRITEBYTECODE=1 \
 	  /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/browser
+
+# Services on Go's WebSocket libraries, from Debian's packages and without a network.
+GO_ENVIRONMENT := GO111MODULE=off GOPATH=/usr/share/gocode GOCACHE=$(CURDIR)/build-go/cache \
+  GOROOT= GOFLAGS=
+test-go: build
+	scripts/install-packages.sh scripts/packages-go.txt
+	for library in gorilla nhooyr; do \
+	  $(GO_ENVIRONMENT) /usr/bin/go build -o build-go/$$library \
+	    tests/go/service.go tests/go/$$library.go || exit; \
+	done
+	VEMK_BUILD_DIR=build VEMK_GO_DIR=build-go PYTHONDONTWRITEBYTECODE=1 \
+	  /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/go
 
 # As for MIPS under emulation; the native companions are the other ends of the system tests.
 target: packages

@@ -44,6 +44,7 @@ folders = {
     "coverage": "The report on coverage",
     "mutants": "The report on mutants",
     "browser": "The console in a browser",
+    "go": "Services in Go",
     "documents": "Manuals and other documents",
     "packaging": "Packages",
     "device_build": "The build for a device",
