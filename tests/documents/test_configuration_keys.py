@@ -32,6 +32,13 @@ def test_the_example_shows_every_key():
     assert re.findall(r"^(\w+=)", text, re.MULTILINE) == keys
 
 
+# vemkctl check-config knows the six keys, in the parser's order.
+def test_the_check_knows_every_key():
+    header = (checkout / "tools/vemkctl/config_findings.h").read_text()
+    table = re.search(r"config_key_names\{([^}]*)\}", header)[1]
+    assert [f"{key}=" for key in re.findall(r'"(\w+)"', table)] == keys
+
+
 # The files that the Debian and the OpenWrt package install set whole_messages=1.
 @pytest.mark.parametrize("file", ["examples/vemk.conf", "packaging/openwrt/vemk/files/vemk.conf"])
 def test_the_packages_deliver_whole_messages(file):

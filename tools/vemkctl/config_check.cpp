@@ -103,6 +103,16 @@ void add_delay_findings(const websock_cfg_t &cfg, config_findings_t &found) {
             ", which counts as 2 but does not grow at first; give the first delay in seconds");
 }
 
+void add_whole_messages_note(const websock_cfg_t &cfg, config_findings_t &found) {
+  if (cfg.whole_messages)
+    return;
+  found.findings.push_back(
+      {found.source_lines[static_cast<std::size_t>(config_key::whole_messages)],
+       "without whole_messages=1 a message that the service ends with an empty fragment, as many "
+       "do, sticks to the front of the next one; add whole_messages=1",
+       false, true});
+}
+
 std::string category_names(std::uint32_t level) {
   const std::pair<std::uint32_t, const char *> categories[] = {
       {log_category_error, "error"},
@@ -148,6 +158,7 @@ std::string settings_text(const websock_cfg_t &cfg) {
   add("first delays", windows_text(cfg));
   add("log", category_names(cfg.log_level) + " (" + hexadecimal(cfg.log_level) + ")");
   add("location", printable(cfg.ap_location));
+  add("whole messages", cfg.whole_messages ? "yes" : "no");
   return text;
 }
 
@@ -158,7 +169,9 @@ std::string findings_text(const std::string &file, std::vector<finding_t> findin
   std::string text;
   for (const finding_t &finding : findings) {
     const std::string line = finding.line == 0 ? "" : std::to_string(finding.line) + ":";
-    const char *const severity = finding.about_service && is_unusable ? " error: " : " warning: ";
+    const char *const severity = finding.is_note                        ? " note: "
+                                 : finding.about_service && is_unusable ? " error: "
+                                                                        : " warning: ";
     text.append(file).append(":").append(line).append(severity).append(finding.text).append("\n");
   }
   return text;
@@ -184,6 +197,7 @@ config_check_t check_config(const std::string &file_name) {
 
   add_delay_findings(cfg, found);
   const std::size_t count = found.findings.size();
+  add_whole_messages_note(cfg, found);
   const std::string warnings =
       count == 0 ? "" : ", with " + std::to_string(count) + (count == 1 ? " warning" : " warnings");
   return {count == 0 ? config_verdict::usable : config_verdict::usable_with_warnings,

@@ -157,6 +157,9 @@ private:
     case config_key::log_level:
       add_if(line, prefix, log_level_fault(value));
       break;
+    case config_key::whole_messages:
+      add_if(line, prefix, whole_messages_fault(value));
+      break;
     }
     take_source(line, key);
   }

@@ -17,14 +17,26 @@ struct finding_t {
   std::string text;
   /// It may be why the daemon would not connect.
   bool about_service;
+  /// Worth knowing, and nothing is wrong: it changes no verdict.
+  bool is_note = false;
 };
 
-enum class config_key { service_url, initial_delay, max_delay, location, log_level };
+enum class config_key {
+  service_url,
+  initial_delay,
+  max_delay,
+  location,
+  log_level,
+  whole_messages
+};
 
 /// The keys as the daemon knows them, in the order of config_key.
-constexpr std::array<std::string_view, 5> config_key_names{
-    "roam_service_url", "initial_connection_delay", "max_connection_delay", "ap_location",
-    "log_level"};
+constexpr std::array<std::string_view, 6> config_key_names{"roam_service_url",
+                                                           "initial_connection_delay",
+                                                           "max_connection_delay",
+                                                           "ap_location",
+                                                           "log_level",
+                                                           "whole_messages"};
 
 struct config_findings_t {
   std::vector<finding_t> findings;

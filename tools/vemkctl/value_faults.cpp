@@ -168,6 +168,16 @@ fault_t log_level_fault(std::string_view value) {
   return {};
 }
 
+fault_t whole_messages_fault(std::string_view value) {
+  const std::string text(value);
+  const std::uint32_t number = unsigned_number(text.c_str(), 10);
+  if (auto fault = number_fault(text, 10, number == 0 ? "0" : "1"))
+    return fault;
+  if (number > 1)
+    return quoted(value) + " counts as 1; write 1";
+  return {};
+}
+
 fault_t location_fault(std::string_view value) {
   if (value.size() != without_blanks_around(value).size())
     return "blanks around the value are part of it; remove them";

@@ -20,6 +20,8 @@ std::optional<std::string> delay_fault(std::string_view value);
 
 std::optional<std::string> log_level_fault(std::string_view value);
 
+std::optional<std::string> whole_messages_fault(std::string_view value);
+
 std::optional<std::string> location_fault(std::string_view value);
 
 /// The URL's text as the daemon splits it.

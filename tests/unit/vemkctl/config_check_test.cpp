@@ -57,9 +57,10 @@ protected:
   temporary_folder folder;
 };
 
-// The whole report: host, port, path, both delays, the first five windows, log mask, location.
+// The whole report: service, both delays, the first five windows, log mask, location, yes or no.
 TEST_F(ConfigCheckTest, TellsWhatTheDaemonUses) {
-  const config_check_t result = check(good + "ap_location=lobby west\nlog_level=0x0D\n");
+  const config_check_t result =
+      check(good + "ap_location=lobby west\nlog_level=0x0D\nwhole_messages=1\n");
   EXPECT_EQ(result.verdict, config_verdict::usable);
   EXPECT_EQ(result.report, folder.file("vemk.conf") +
                                ": usable; the daemon uses\n"
@@ -70,7 +71,62 @@ TEST_F(ConfigCheckTest, TellsWhatTheDaemonUses) {
                                "  maximum delay   60 s\n"
                                "  first delays    [1;3) [2;6) [4;12) [8;24) [16;48) seconds\n"
                                "  log             error, info, debug (0x0D)\n"
-                               "  location        lobby west\n");
+                               "  location        lobby west\n"
+                               "  whole messages  yes\n");
+}
+
+// Without whole_messages, and with 0, a note says what becomes of messages; the file is usable.
+TEST_F(ConfigCheckTest, WholeMessagesAreRecommended) {
+  const std::string file = folder.file("vemk.conf");
+  const config_check_t absent = check(good);
+  EXPECT_EQ(absent.verdict, config_verdict::usable);
+  EXPECT_THAT(absent.report,
+              AllOf(StartsWith(file +
+                               ": note: without whole_messages=1 a message that the service "
+                               "ends with an empty fragment, as many do, sticks to the "
+                               "front of the next one; add whole_messages=1\n" +
+                               file + ": usable; the daemon uses\n"),
+                    HasSubstr("  whole messages  no\n")));
+  const config_check_t off = check(good + "whole_messages=0\n");
+  EXPECT_EQ(off.verdict, config_verdict::usable);
+  EXPECT_THAT(off.report, StartsWith(file + ":4: note: without whole_messages=1 "));
+}
+
+// With whole_messages=1 there is no note.
+TEST_F(ConfigCheckTest, WholeMessagesNeedNoNote) {
+  EXPECT_THAT(check(good + "whole_messages=1\n").report,
+              AllOf(Not(HasSubstr("note:")), HasSubstr("  whole messages  yes\n")));
+}
+
+// Beside warnings the note is not counted, and a file that is not usable brings none.
+TEST_F(ConfigCheckTest, NoteIsNoWarning) {
+  const config_check_t result = check(good + "ap_location= x\n");
+  EXPECT_EQ(result.verdict, config_verdict::usable_with_warnings);
+  EXPECT_THAT(result.report, AllOf(HasSubstr(": note: without whole_messages=1"),
+                                   HasSubstr(": usable, with 1 warning; the daemon uses\n")));
+  EXPECT_THAT(check("whole_messages=0\n").report, Not(HasSubstr("note:")));
+}
+
+// Words and an empty value count as 0, other numbers and signs as what they are: 1.
+TEST_F(ConfigCheckTest, WholeMessagesAre0Or1) {
+  const std::pair<const char *, const char *> cases[] = {
+      {"", "whole_messages: it has no value and counts as 0; give a number"},
+      {"yes", "'yes' is no number and counts as 0"},
+      {"0x1", "'0x1' has 'x1' behind the number and counts as 0"},
+      {"1 ", "'1 ' has ' ' behind the number and counts as 1"},
+      {" 1", "' 1' has blanks or a sign before the number and counts as 1"},
+      {"-1", "'-1' has a sign and counts as 1"},
+      {"4294967296", "'4294967296' is beyond 32 bits and counts as 1"},
+      {"2", "'2' counts as 1; write 1"},
+      {"10", "'10' counts as 1; write 1"},
+  };
+  for (const auto &[value, text] : cases)
+    EXPECT_THAT(findings(std::string("whole_messages=") + value + "\n"),
+                ElementsAre(HasSubstr(text)));
+  for (const char *value : {"0", "1", "00", "01"})
+    EXPECT_THAT(findings(std::string("whole_messages=") + value + "\n"), IsEmpty());
+  EXPECT_THAT(findings("whole_mesages=1\n"),
+              ElementsAre(EndsWith("did you mean whole_messages=?")));
 }
 
 // Without their keys the log shows nothing (0x00) and the location is default-domain.

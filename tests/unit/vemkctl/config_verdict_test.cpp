@@ -114,6 +114,8 @@ private:
       return joined(
           {key("log_level"), usually("0x05", {"0x", "0X0F", "16", "0xg", "0F", "5 ", "-1", ""})});
     case 4:
+      if (one_in(3))
+        return joined({key("whole_messages"), usually("1", {"0", "2", "", "yes", "-1", " 1"})});
       return one_in(2) ? long_line() : "# a comment";
     case 5:
       return one_in(3) ? garbage() : "";
@@ -158,7 +160,7 @@ protected:
     static const std::regex plain_line(
         R"(|#[^\r]*|;[^\r]*|roam_service_url=(ws://)?[A-Za-z0-9.]+:[0-9]{1,5}/[!-~]*|)"
         R"((initial|max)_connection_delay=[0-9]{1,10}|ap_location=[^\r]*|)"
-        R"(log_level=([0-9]|1[0-5]|0x0[0-9A-F]))",
+        R"(log_level=([0-9]|1[0-5]|0x0[0-9A-F])|whole_messages=[01])",
         std::regex::icase);
     std::istringstream lines(file);
     for (std::string line; std::getline(lines, line);) {
