@@ -4,7 +4,7 @@ SHELL := /bin/bash
 TEST_JOBS ?= 16
 
 .PHONY: build run test browser-test test-go target target-size target-static packages package \
-  package-test pictures sanitize analyze coverage mutants fuzz soak clean
+  package-test pictures sanitize analyze coverage mutants fuzz soak bench-classify clean
 
 packages:
 	scripts/install-packages.sh
@@ -116,6 +116,12 @@ MINUTES ?= 30
 soak: build
 	VEMK_BUILD_DIR=$${VEMK_BUILD_DIR:-build} \
 	  /usr/bin/python3 tests/soak/soak.py --minutes $(MINUTES) $(if $(SEED),--seed $(SEED))
+
+# What it costs to look at a message from the bus, and what it would cost to parse each.
+bench-classify: packages
+	cmake --preset default
+	cmake --build --preset default --target bench_classify
+	build/bench_classify
 
 # A Debian package for this machine; the date in it is that of the last change, so that it can be
 # made again byte by byte.

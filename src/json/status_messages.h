@@ -19,7 +19,8 @@ enum class bus_message_kind {
 };
 
 /// Recognises a message by its members "service" and "cmd", in any letter case. The data is read
-/// as a zero-terminated string.
+/// as a zero-terminated string, and parsed only when it holds the service's name or a backslash,
+/// which can spell it.
 bus_message_kind classify_bus_message(const buffer_info_t &message);
 
 /// Builds the status message, "connected" or "disconnected", and pushes it into the queue. Without

@@ -1,5 +1,6 @@
-/// The input is a message from the bus. Whether it is kept, and what answers it, is held against
-/// the JSON library's own view of it, while connected and while not.
+/// The input is a message from the bus, and then the value of a message's service. Whether the
+/// message is kept, and what answers it, is held against the JSON library's own view of it, which
+/// parses every text, while connected and while not.
 
 #include <cstdint>
 #include <memory>
@@ -40,9 +41,12 @@ void handle(const buffer_info_t &message, bool connected) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   using namespace vemk::fuzz;
-  const auto message = size == 0 ? std::make_shared<vemk::buffer_info_t>()
-                                 : buffer_of(std::string(data, data + size));
-  for (const bool connected : {true, false})
+  const std::string text(data, data + size);
+  const auto message = size == 0 ? std::make_shared<vemk::buffer_info_t>() : buffer_of(text);
+  const auto as_service = buffer_of(R"({"cmd":"status","service":")" + text + R"("})");
+  for (const bool connected : {true, false}) {
     handle(*message, connected);
+    handle(*as_service, connected);
+  }
   return 0;
 }

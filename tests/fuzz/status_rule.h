@@ -1,4 +1,5 @@
-/// Which messages from the bus are the daemon's own, asked of the JSON library directly.
+/// Which messages from the bus are the daemon's own, asked of the JSON library directly, which
+/// parses every one of them.
 #ifndef VEMK_TESTS_FUZZ_STATUS_RULE_H
 #define VEMK_TESTS_FUZZ_STATUS_RULE_H
 

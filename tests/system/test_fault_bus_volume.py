@@ -6,7 +6,7 @@ As designed a message leaves for the server every 100 ms; a hundred thousand wou
 import pytest
 
 from harness.preloaded import short_pauses
-from harness.process_memory import pss_kib
+from harness.process_memory import peak_kib, pss_kib
 from harness.round_trip import passes_both_ways
 from harness.vemk_daemon import config_text
 from harness.waiting import wait_until
@@ -95,4 +95,19 @@ def test_a_message_of_64_mebibytes_arrives_and_leaves_no_memory_behind(start, bu
     assert server.wait_for_payloads(1, seconds=90) == [message]
     wait_for_pss_below(daemon, before + 2000)
     assert passes_both_ways(bus, server, "after the long message")
+    assert len(server.handshakes) == 1
+
+
+# Fault, on the bus: 1 MiB of JSON for the service, "[{},{},...]", which takes 280 MB when parsed.
+# Seen: it arrives byte for byte, and the daemon's peak is not 32 MiB above what it was before.
+def test_json_that_is_not_the_daemons_own_takes_no_memory(start, bus, server):
+    # Every message was parsed to see whether it is a status request, and a device has less memory.
+    bus.listen()
+    daemon = start()
+    bus.wait_until_connected()
+    before = peak_kib(daemon.pid)
+    message = b"[" + b"{}," * ((1 << 20) // 3 - 1) + b"{}]"
+    bus.send(message)
+    assert server.wait_for_payloads(1, seconds=60) == [message]
+    assert peak_kib(daemon.pid) < before + (32 << 10)
     assert len(server.handshakes) == 1

@@ -13,7 +13,16 @@ def pss_kib(pid):
 
 def address_space_bytes(pid):
     """What RLIMIT_AS limits."""
+    return status_kib(pid, "VmSize") * 1024
+
+
+def peak_kib(pid):
+    """The most that was resident at any time."""
+    return status_kib(pid, "VmHWM")
+
+
+def status_kib(pid, field):
     for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines():
-        if line.startswith("VmSize:"):
-            return int(line.split()[1]) * 1024
-    raise ValueError(f"process {pid} has no VmSize")
+        if line.startswith(f"{field}:"):
+            return int(line.split()[1])
+    raise ValueError(f"process {pid} has no {field}")

@@ -254,11 +254,85 @@ TEST_F(StatusMessagesTest, LongMessagesAreRecognisedToo) {
             bus_message_kind::foreign);
 }
 
+// No text without the service's name in any letter case and without a backslash is parsed.
+// Every message was: 1 MiB of "[{},{},...]", which is nobody's request, took 280 MB and on a slow
+// processor longer than the clock check allows, which ended the daemon.
+TEST_F(StatusMessagesTest, ForeignTextIsNotParsed) {
+  using std::string_literals::operator""s;
+  for (const std::string &text : {
+           ""s,
+           "status"s,
+           "[{},{},{}]"s,
+           R"({"service":"roam","cmd":"status"})"s,
+           R"({"service":"internal_ipc","cmd":"status"})"s,
+           R"({"service":"internal-ip","cmd":"c"})"s,
+           R"({"service":"internal-","cmd":"ipc"})"s,
+           R"({"service":"nternal-ipc","cmd":"status"})"s,
+           "{\"service\":\"internal-\xC4\xB1pc\",\"cmd\":\"status\"}"s,
+           "internal-internal-ip"s,
+           "-ipc internal"s,
+           "{\"service\":\"internal\0-ipc\",\"cmd\":\"status\"}"s,
+           "\0{\"service\":\"internal-ipc\",\"cmd\":\"status\"}"s,
+           "{}\0\\"s,
+       }) {
+    SCOPED_TRACE(text);
+    wrapped_json::reset();
+    EXPECT_EQ(kind_of(text), bus_message_kind::foreign);
+    EXPECT_EQ(wrapped_json::texts_parsed(), 0u);
+  }
+}
+
+// A text with the service's name in any letter case or a backslash, before any NUL, is parsed.
+TEST_F(StatusMessagesTest, TextThatCanBeOfTheServiceIsParsed) {
+  using std::string_literals::operator""s;
+  const struct {
+    std::string text;
+    bus_message_kind kind;
+  } forms[] = {
+      {R"({"service":"internal-ipc"})"s, bus_message_kind::internal},
+      {R"({"service":"INTERNAL-ipc"})"s, bus_message_kind::internal},
+      {R"({"cmd":"status","service":"iNtErNaL-IpC"})"s, bus_message_kind::status_request},
+      {R"({'service':'internal-ipc','cmd':'status'})"s, bus_message_kind::status_request},
+      {"/* { */{\"service\":/**/\"internal-ipc\"// }\n}"s, bus_message_kind::internal},
+      {R"({"nan":NaN,"inf":-Infinity,"service":"internal-ipc"})"s, bus_message_kind::internal},
+      {R"({"service":"internal-ipc"}, or nearly)"s, bus_message_kind::internal},
+      {"{\"service\":\"internal-ipc\"}\0["s, bus_message_kind::internal},
+      {"{\"service\":\"internal-ipc\",\"bytes\":\"\xFF\x80\"}"s, bus_message_kind::internal},
+      {R"({"service":"\u0069nternal-ipc"})"s, bus_message_kind::internal},
+      {R"({"service":"internal-ip\u0043","cmd":"status"})"s, bus_message_kind::status_request},
+      {R"({"service":"\u0049\u006E\u0074\u0065\u0072\u006e\u0061\u006c\u002d\u0069\u0070\u0063"})"s,
+       bus_message_kind::internal},
+      {R"({"\u0073ervice":"internal-ipc"})"s, bus_message_kind::internal},
+      {R"({"service":"internal\u002dipc\u0000, or nearly"})"s, bus_message_kind::internal},
+      {R"({"service":"roam","service":"internal\u002dipc"})"s, bus_message_kind::internal},
+      {R"({"service":"internal\u002dipc","service":"roam"})"s, bus_message_kind::foreign},
+      {R"({"service":"internal\/ipc"})"s, bus_message_kind::foreign},
+      {R"({"service":"\ud800internal-ipc"})"s, bus_message_kind::foreign},
+      {R"({"service":"internal\u005cu002dipc"})"s, bus_message_kind::foreign},
+      {R"({"service":"roam","text":"internal-ipc"})"s, bus_message_kind::foreign},
+      {R"({"internal-ipc":"service"})"s, bus_message_kind::foreign},
+      {R"({"service":"an internal-ipc"})"s, bus_message_kind::foreign},
+      {R"([{"service":"internal-ipc"}])"s, bus_message_kind::foreign},
+      {R"({"service":{"service":"internal-ipc"}})"s, bus_message_kind::foreign},
+      {"internal-ipc"s, bus_message_kind::foreign},
+      {"internal-internal-ipc"s, bus_message_kind::foreign},
+      {"[\"a\\\\b\"]"s, bus_message_kind::foreign},
+      {"\\"s, bus_message_kind::foreign},
+  };
+  for (const auto &[text, kind] : forms) {
+    SCOPED_TRACE(text);
+    wrapped_json::reset();
+    EXPECT_EQ(kind_of(text), kind);
+    EXPECT_EQ(wrapped_json::texts_parsed(), 1u);
+  }
+}
+
 // Each of the five ways through the check calls json_object_put once.
 TEST_F(StatusMessagesTest, ParsedTextIsReleasedOnEveryPath) {
   for (const char *text :
        {R"({"service":"internal-ipc","cmd":"status"})", R"({"service":"internal-ipc"})",
-        R"({"service":"internal-ipc","cmd":"x"})", R"({"service":"x"})", "{}"}) {
+        R"({"service":"internal-ipc","cmd":"x"})", R"({"service":"x","text":"internal-ipc"})",
+        R"({"text":"internal-ipc"})"}) {
     SCOPED_TRACE(text);
     wrapped_json::reset();
     kind_of(text);

@@ -12,6 +12,7 @@ using vemk::wrapped_json::call;
 
 std::array<int, static_cast<std::size_t>(call::count)> calls_to_failure;
 std::vector<std::string> calls;
+std::size_t parsed = 0;
 std::size_t made = 0;
 std::vector<const void *> alive;
 
@@ -24,6 +25,7 @@ bool fails(call kind) {
 
 extern "C" {
 
+json_object *__real_json_tokener_parse(const char *text);
 json_object *__real_json_object_new_object();
 json_object *__real_json_object_new_array();
 json_object *__real_json_object_new_string(const char *value);
@@ -35,6 +37,11 @@ int __real_json_object_put(json_object *object);
 char *__real_strdup(const char *text);
 void __real_free(void *block);
 void *__real_realloc(void *block, size_t size);
+
+json_object *__wrap_json_tokener_parse(const char *text) {
+  ++parsed;
+  return __real_json_tokener_parse(text);
+}
 
 json_object *__wrap_json_object_new_object() {
   return fails(call::new_object) ? nullptr : __real_json_object_new_object();
@@ -96,6 +103,7 @@ namespace vemk::wrapped_json {
 void reset() {
   calls_to_failure.fill(0);
   calls.clear();
+  parsed = 0;
   made = 0;
   alive.clear();
 }
@@ -106,6 +114,10 @@ void fail(call kind, int nth) {
 
 std::vector<std::string> record() {
   return calls;
+}
+
+std::size_t texts_parsed() {
+  return parsed;
 }
 
 std::size_t texts_made() {

@@ -1,4 +1,4 @@
-/// The allocating calls of the JSON layer under a test's control.
+/// The JSON layer's calls of the library and for memory, under a test's control.
 #ifndef VEMK_TESTS_UNIT_JSON_WRAPPED_JSON_H
 #define VEMK_TESTS_UNIT_JSON_WRAPPED_JSON_H
 
@@ -31,6 +31,9 @@ void fail(call kind, int nth = 1);
 /// The ways in which values were put into arrays and objects and the roots released, in order:
 /// "object_add key", "array_add", "array_put 3", "put" or "put null".
 std::vector<std::string> record();
+
+/// How many texts have been given to the parser since reset().
+std::size_t texts_parsed();
 
 /// How many copies strdup has made since reset(), and how many of them have not been freed.
 std::size_t texts_made();

@@ -101,7 +101,8 @@ auto a_status_without_a_member(const std::string &cmd) {
 // Seen: its copy: "append:95 Can't alloc memory" and no message; a smart pointer or the queue:
 // std::bad_alloc out of the worker "ipc"; its dump or its look-up: the exact message.
 TEST_F(MessageWayTest, UpAShortMessageArrivesExactOrNotAtAll) {
-  const std::string message = R"({"service":"roam","cmd":"status"})";
+  // The name in it is what has it looked up.
+  const std::string message = R"({"service":"roam","cmd":"internal-ipc"})";
   const auto outcomes = run_up(message);
   for (const outcome_t &outcome : outcomes) {
     SCOPED_TRACE(description(outcome));
