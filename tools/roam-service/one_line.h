@@ -6,8 +6,8 @@
 
 namespace vemk {
 
-/// Writes `message` as one line and flushes it. Control characters come out as \n, \r, \t or \xNN;
-/// the backslash and bytes above 0x7f stay as they are. Returns false when the stream took not all.
+/// Writes `message` as on_one_line() has it, and flushes it. Returns false when the stream took not
+/// all.
 bool write_one_line(std::FILE *stream, std::string_view message);
 
 } // namespace vemk

@@ -5,6 +5,8 @@
 
 #include <json-c/json.h>
 
+#include "terminal_text/terminal_text.h"
+
 namespace vemk {
 
 namespace {
@@ -26,34 +28,20 @@ std::string as_hex(std::string_view message) {
   return line;
 }
 
-void append_escaped(std::string &line, char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  switch (c) {
-  case '\n':
-    line += "\\n";
-    return;
-  case '\r':
-    line += "\\r";
-    return;
-  case '\t':
-    line += "\\t";
-    return;
-  default:
-    break;
-  }
-  if (byte >= 0x20 && byte != 0x7f) {
-    line += c;
-    return;
-  }
-  line += "\\x";
-  append_hex(line, byte);
-}
-
-std::string as_text(std::string_view message) {
+/// The library leaves U+0080 to U+009F as they are, and a terminal would obey them. In UTF-8
+/// another byte always follows 0xc2.
+std::string with_c1_escaped(std::string_view json) {
   std::string line;
-  line.reserve(message.size());
-  for (const char c : message)
-    append_escaped(line, c);
+  line.reserve(json.size());
+  for (std::size_t i = 0; i < json.size(); ++i) {
+    const bool is_c1 = json[i] == '\xc2' && static_cast<unsigned char>(json[i + 1]) < 0xa0;
+    if (is_c1) {
+      line += "\\u00";
+      append_hex(line, static_cast<unsigned char>(json[++i]));
+    } else {
+      line += json[i];
+    }
+  }
   return line;
 }
 
@@ -70,31 +58,8 @@ std::string as_json(std::string_view message, int from_module) {
     json_object_object_add(object.get(), "text", json_string(message));
   else
     json_object_object_add(object.get(), "hex", json_string(as_hex(message)));
-  return json_object_to_json_string_ext(object.get(),
-                                        JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
-}
-
-// Bytes that follow the first of a sequence, and the bounds of the second one; 0xff: no sequence.
-struct utf8_lead_t {
-  unsigned following;
-  unsigned char lowest_second;
-  unsigned char highest_second;
-};
-
-constexpr unsigned no_sequence = 0xff;
-
-utf8_lead_t utf8_lead(unsigned char byte) {
-  if (byte < 0x80)
-    return {0, 0, 0};
-  if (byte < 0xc2 || byte > 0xf4)
-    return {no_sequence, 0, 0};
-  if (byte < 0xe0)
-    return {1, 0x80, 0xbf};
-  if (byte < 0xf0)
-    return {2, static_cast<unsigned char>(byte == 0xe0 ? 0xa0 : 0x80),
-            static_cast<unsigned char>(byte == 0xed ? 0x9f : 0xbf)};
-  return {3, static_cast<unsigned char>(byte == 0xf0 ? 0x90 : 0x80),
-          static_cast<unsigned char>(byte == 0xf4 ? 0x8f : 0xbf)};
+  return with_c1_escaped(json_object_to_json_string_ext(
+      object.get(), JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE));
 }
 
 std::string string_member(json_object *object, const char *key) {
@@ -110,29 +75,13 @@ std::string string_member(json_object *object, const char *key) {
 std::string format_message(std::string_view message, message_format format, int from_module) {
   switch (format) {
   case message_format::text:
-    return as_text(message);
+    return on_one_line(message);
   case message_format::hex:
     return as_hex(message);
   case message_format::json:
     return as_json(message, from_module);
   }
   return {};
-}
-
-bool is_utf8(std::string_view bytes) {
-  for (std::size_t i = 0; i < bytes.size();) {
-    const utf8_lead_t lead = utf8_lead(static_cast<unsigned char>(bytes[i]));
-    if (lead.following == no_sequence || bytes.size() - i <= lead.following)
-      return false;
-    for (unsigned k = 1; k <= lead.following; ++k) {
-      const auto byte = static_cast<unsigned char>(bytes[i + k]);
-      if (byte < (k == 1 ? lead.lowest_second : 0x80) ||
-          byte > (k == 1 ? lead.highest_second : 0xbf))
-        return false;
-    }
-    i += 1 + lead.following;
-  }
-  return true;
 }
 
 std::optional<bool> connected_status(std::string_view message) {

@@ -12,16 +12,11 @@ namespace vemk {
 
 /// The message in the given format, without a line end.
 ///
-/// text: the bytes, control bytes escaped as \n, \r, \t or \xNN; backslashes and bytes from 0x80 on
-///   as they are, so it reads well but does not tell every two messages apart.
+/// text: as on_one_line() has it, so it reads well but does not tell every two messages apart.
 /// hex: two lower-case digits a byte.
 /// json: an object of the sender's module, the length in bytes, and "text" when the message is
-/// valid
-///   UTF-8 or else "hex".
+///   valid UTF-8 or else "hex".
 std::string format_message(std::string_view message, message_format format, int from_module);
-
-/// Strict: no overlong forms, no surrogates, nothing beyond U+10FFFF.
-bool is_utf8(std::string_view bytes);
 
 /// What a status message of the daemon says: connected or not; nothing for any other message.
 std::optional<bool> connected_status(std::string_view message);

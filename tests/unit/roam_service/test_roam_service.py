@@ -44,6 +44,17 @@ def test_prints_a_message_as_one_line_and_leaves_high_bytes_and_backslashes(serv
     within_limit(work())
 
 
+# U+009B in UTF-8 and 0x9b alone come out as \xNN; letters with such bytes inside stay.
+def test_prints_c1_control_characters_escaped(service):
+    async def work():
+        async with service.connect() as client:
+            await client.send("\u009b2J À€😀\u00a0")
+            assert await service.next_line() == "\\xc2\\x9b2J À€😀\u00a0\n".encode()
+            await client.send(b"\x9b2J \xc3\x80 \xff")
+            assert await service.next_line() == b"\\x9b2J \xc3\x80 \xff\n"
+    within_limit(work())
+
+
 # Three fragments and an empty last one are one line, and the next message another.
 def test_joins_fragments_with_an_empty_last_one(service):
     async def work():

@@ -361,10 +361,13 @@ TEST_F(ConfigCheckTest, PipeIsLeftAlone) {
   EXPECT_THROW(check_config(path), io_error);
 }
 
-// Escape comes out as "\x1b" in findings and values.
+// Escape comes out as "\x1b" in findings and values, and U+009B as "\xc2\x9b".
 TEST_F(ConfigCheckTest, ControlBytesReachNoTerminal) {
   const std::string report = check("\x1b[31m=1\n" + good + "ap_location=\x1b[2J\n").report;
   EXPECT_THAT(report, AllOf(Not(HasSubstr("\x1b")), HasSubstr("location        \\x1b[2J\n")));
+  const std::string c1 = check("\xc2\x9bH=1\n" + good + "ap_location=\xc3\x80\xc2\x9bH\n").report;
+  EXPECT_THAT(
+      c1, AllOf(Not(HasSubstr("\xc2\x9b")), HasSubstr("location        \xc3\x80\\xc2\\x9bH\n")));
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "terminal_text/terminal_text.h"
 #include "vemkctl/message_format.h"
 
 namespace vemk {
@@ -24,6 +25,31 @@ TEST(TextFormatTest, EscapesOnlyWhatWouldBreakTheLineOrTheTerminal) {
   EXPECT_EQ(text(""), "");
 }
 
+// U+0080 to U+009F come out as \xNN for each byte, in UTF-8 and as bytes of their own.
+// They stayed, and a message could clear the screen or retitle the terminal with 0x9b or 0x9d.
+TEST(TextFormatTest, EscapesC1ControlCharacters) {
+  EXPECT_EQ(text("\xc2\x9bH"), "\\xc2\\x9bH");
+  EXPECT_EQ(text("\xc2\x80\xc2\x9f"), "\\xc2\\x80\\xc2\\x9f");
+  EXPECT_EQ(text("\x80 \x9bH \x9f"), "\\x80 \\x9bH \\x9f");
+}
+
+// Letters whose second, third or fourth byte is 0x80 to 0x9f stay as they are, as does U+00A0.
+TEST(TextFormatTest, LeavesUtf8WithSuchBytesInside) {
+  for (const char *letters : {"\xc2\xa0", "\xc3\x80", "\xc3\x9f", "\xe2\x82\xac", "\xed\x9f\xbf",
+                              "\xf0\x9f\x98\x80", "\xf4\x8f\xbf\xbf", "a\xc3\x9bz"})
+    EXPECT_EQ(text(letters), letters);
+}
+
+// After an overlong form, a surrogate or a cut sequence such a byte stands alone.
+TEST(TextFormatTest, EscapesSuchBytesInBrokenUtf8) {
+  EXPECT_EQ(text("\xc1\x9b"), "\xc1\\x9b");
+  EXPECT_EQ(text("\xe0\x82\x9b"), "\xe0\\x82\\x9b");
+  EXPECT_EQ(text("\xed\xa0\x80"), "\xed\xa0\\x80");
+  EXPECT_EQ(text("\xe2\x9bm"), "\xe2\\x9bm");
+  EXPECT_EQ(text("\xc3\xc2\x9b"), "\xc3\\xc2\\x9b");
+  EXPECT_EQ(text("\xff\x9b\xf0\x9f"), "\xff\\x9b\xf0\\x9f");
+}
+
 // "000fa5ff" for four bytes, nothing for none.
 TEST(HexFormatTest, WritesTwoLowerCaseDigitsAByte) {
   EXPECT_EQ(format_message(std::string("\0\x0f\xa5\xff", 4), message_format::hex, 2), "000fa5ff");
@@ -36,6 +62,15 @@ TEST(JsonFormatTest, HoldsValidUtf8AsText) {
   EXPECT_EQ(json(std::string("a\0b", 3)), R"({"from":2,"length":3,"text":"a\u0000b"})");
   EXPECT_EQ(json("\xc3\xa4"), "{\"from\":2,\"length\":2,\"text\":\"\xc3\xa4\"}");
   EXPECT_EQ(json(""), R"({"from":2,"length":0,"text":""})");
+}
+
+// U+0080 to U+009F are \u0080 to \u009f, which read back as the same message.
+TEST(JsonFormatTest, EscapesC1ControlCharacters) {
+  EXPECT_EQ(json("\xc2\x9bH"), R"({"from":2,"length":3,"text":"\u009bH"})");
+  EXPECT_EQ(json("\\\xc2\x80\xc2\x9f\xc2\xa0"),
+            "{\"from\":2,\"length\":7,\"text\":\"\\\\\\u0080\\u009f\xc2\xa0\"}");
+  EXPECT_EQ(json("\xc3\x9b\xe2\x82\xac"),
+            "{\"from\":2,\"length\":5,\"text\":\"\xc3\x9b\xe2\x82\xac\"}");
 }
 
 // Bytes that are no UTF-8 are "hex" instead of "text".
