@@ -4,10 +4,15 @@ SHELL := /bin/bash
 TEST_JOBS ?= 16
 
 .PHONY: build run test browser-test test-go target target-size target-static packages package \
-  package-test pictures sanitize analyze coverage mutants fuzz soak bench-classify clean
+  package-test pictures sanitize analyze coverage mutants fuzz soak bench-classify unpacked \
+  clean
 
 packages:
 	scripts/install-packages.sh
+
+# Programs for the tests, which would run as services of the machine if they were installed.
+unpacked: packages
+	scripts/unpack-packages.sh build-unpacked
 
 build: packages
 	cmake --preset default
@@ -16,7 +21,7 @@ build: packages
 run: build
 	scripts/demo.sh build
 
-test: build
+test: build unpacked
 	ctest --test-dir build --output-on-failure -j $(TEST_JOBS)
 
 # The console in a headless browser, which `make test` does without.
@@ -38,7 +43,7 @@ test-go: build
 	  /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/go
 
 # As for MIPS under emulation; the native companions are the other ends of the system tests.
-target: packages
+target: packages unpacked
 	scripts/install-packages.sh scripts/packages-target.txt
 	scripts/target-env.sh build-mips-env
 	cmake --preset default
@@ -71,7 +76,7 @@ target-static: packages
 
 # The unit and system tests and the fuzz corpus under AddressSanitizer with
 # UndefinedBehaviorSanitizer, then under ThreadSanitizer.
-sanitize: packages
+sanitize: packages unpacked
 	for preset in asan tsan; do \
 	  cmake --preset $$preset && cmake --build --preset $$preset \
 	  && ctest --test-dir build-$$preset --output-on-failure -j $(TEST_JOBS) -R '^(unit|system|fuzz)\.' \

@@ -23,15 +23,6 @@ else
 fi
 
 echo "Installing:$missing"
-# Installing a web server or a proxy for the tests must not put one into service. Where the machine
-# has a policy of its own on that, it stays.
-policy=/usr/sbin/policy-rc.d
-if [ ! -e "$policy" ]; then
-  trap '$as_root rm -f "$policy"' EXIT
-  trap 'exit 1' HUP INT TERM
-  printf '#!/bin/sh\nexit 101\n' | $as_root tee "$policy" >/dev/null
-  $as_root chmod 755 "$policy"
-fi
 # DPKG_FRONTEND settings go through env, because sudo drops the caller's environment.
 $as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq update
 # shellcheck disable=SC2086  # the list is meant to be split

@@ -17,60 +17,22 @@ readonly target_list=$scripts/packages-mipsel.txt
 readonly tool_packages=(g++-mipsel-linux-gnu qemu-user)
 # Left out of the machine's package status, so that apt always fetches these and their own parts.
 readonly tool_pattern='(mipsel|mipsen|qemu-user|libcapstone4|liburing2)'
-readonly fetch_attempts=5
+# shellcheck source-path=SCRIPTDIR
+. "$scripts/unpacking.sh"
 
 [ $# -eq 1 ] || {
   echo "usage: target-env.sh FOLDER" >&2
   exit 2
 }
-mkdir -p "$1"
-folder=$(cd "$1" && pwd)
-readonly folder sysroot=$folder/sysroot tools=$folder/tools
+open_folder "$1" "$target_list"
+if is_complete; then
+  exit 0
+fi
+readonly sysroot=$folder/sysroot tools=$folder/tools
 multiarch=$(gcc -print-multiarch)
 readonly multiarch tool_libraries=$tools/usr/lib/$multiarch
 
-# ---- apt with a state of its own ----
-
-# Makes the view $1 of the package archive, for architecture $2, with the status on its input.
-make_view() {
-  local view=$folder/apt/$1
-  mkdir -p "$view/lists/partial" "$view/archives/partial"
-  cat >"$view/status"
-  cat >"$view.conf" <<CONFIGURATION
-APT::Architecture "$2";
-#clear APT::Architectures;
-APT::Architectures { "$2"; };
-APT::Install-Recommends "false";
-APT::Sandbox::User "root";
-APT::Keep-Downloaded-Packages "true";
-Acquire::Languages "none";
-Acquire::Retries "$fetch_attempts";
-Dir::State "$view";
-Dir::State::lists "$view/lists";
-Dir::State::status "$view/status";
-Dir::Cache "$view";
-Dir::Cache::archives "$view/archives";
-#clear APT::Update::Post-Invoke;
-#clear DPkg::Post-Invoke;
-CONFIGURATION
-}
-
-# Fetches packages, and what they depend on, with the view $1.
-fetch() {
-  local view=$1 attempt
-  shift
-  for ((attempt = 1; attempt <= fetch_attempts; attempt++)); do
-    if APT_CONFIG=$folder/apt/$view.conf apt-get -qq update &&
-      APT_CONFIG=$folder/apt/$view.conf \
-        apt-get -qq -y --download-only install "$@" >"$folder/apt/$view.log"; then
-      return
-    fi
-    sleep "$attempt"
-  done
-  echo "target-env: cannot fetch: $*" >&2
-  echo "target-env: check that apt-get update works on this machine, then run this again" >&2
-  return 1
-}
+# ---- the packages ----
 
 fetch_packages() {
   local packages host_fetch
@@ -79,7 +41,7 @@ fetch_packages() {
       /var/lib/dpkg/status
   )
   make_view target mipsel </dev/null
-  mapfile -t packages < <(sed 's/#.*//; /^ *$/d' "$target_list")
+  mapfile -t packages < <(names_in "$target_list")
   fetch host "${tool_packages[@]}" &
   host_fetch=$!
   fetch target "${packages[@]}"
@@ -120,45 +82,27 @@ unpack_sysroot() {
   done
 }
 
-# Makes FOLDER/bin/$1, which runs $2 with the arguments $3 in front of its caller's.
-make_command() {
-  printf '#!/bin/sh\nLD_LIBRARY_PATH=%s exec %s %s "$@"\n' \
-    "$tool_libraries" "$tools/usr/bin/$2" "$3" >"$folder/bin/$1"
-  chmod +x "$folder/bin/$1"
-}
-
 make_commands() {
   local name
-  mkdir -p "$folder/bin"
   for name in gcc g++; do
-    make_command "mipsel-$name" "mipsel-linux-gnu-$name" "--sysroot=$sysroot"
+    make_command "mipsel-$name" "$tools/usr/bin/mipsel-linux-gnu-$name" "$tool_libraries" \
+      "--sysroot=$sysroot"
   done
   for name in ar nm objdump ranlib readelf size strip; do
-    make_command "mipsel-$name" "mipsel-linux-gnu-$name" ''
+    make_command "mipsel-$name" "$tools/usr/bin/mipsel-linux-gnu-$name" "$tool_libraries"
   done
   # The emulator needs the search path of its own libraries; the emulated program must not see it.
-  make_command qemu qemu-mipsel "-U LD_LIBRARY_PATH -L $sysroot"
+  make_command qemu "$tools/usr/bin/qemu-mipsel" "$tool_libraries" "-U LD_LIBRARY_PATH -L $sysroot"
 }
 
-# ---- once for each version of the lists ----
-
-wanted=$(cat "$0" "$target_list" <(echo "$folder") | sha256sum)
-readonly wanted stamp=$folder/made-from
-exec 9>"$folder/lock"
-flock 9
-if [ "$(cat "$stamp" 2>/dev/null)" = "$wanted" ]; then
-  exit 0
-fi
+# ---- all of it ----
 
 echo "target-env: making $folder"
-rm -rf "$stamp" "${folder:?}"/{apt,bin,sysroot,tools}
+rm -rf "${folder:?}"/{made-from,apt,bin,sysroot,tools}
 fetch_packages
 unpack_tools &
 tools_unpacked=$!
 unpack_sysroot
 wait "$tools_unpacked"
 make_commands
-(cd "$folder/apt" && printf '%s\n' host/archives/*.deb target/archives/*.deb) \
-  >"$folder/versions.txt"
-rm -rf "$folder/apt"
-echo "$wanted" >"$stamp"
+set_complete

@@ -1,8 +1,15 @@
-"""Programs of others that listen, and among them reverse proxies in front of a roaming service."""
+"""Programs of others that listen, and among them reverse proxies in front of a roaming service.
 
+Environment: VEMK_UNPACKED_DIR, the folder that scripts/unpack-packages.sh has made.
+"""
+
+import os
+import pathlib
 import random
 import socket
 import subprocess
+
+import pytest
 
 from harness.waiting import wait_until
 
@@ -20,6 +27,14 @@ def free_port():
                 return port
             except OSError:
                 pass
+
+
+def unpacked(program):
+    """A program whose package is not installed, because it would come with a service."""
+    folder = pathlib.Path(os.environ.get("VEMK_UNPACKED_DIR") or "build-unpacked").absolute()
+    if not (folder / "bin" / program).exists():
+        pytest.fail(f"{folder} holds no bin/{program}: run scripts/unpack-packages.sh {folder}")
+    return str(folder / "bin" / program)
 
 
 class listening_program:
@@ -80,7 +95,7 @@ class haproxy(proxy):
     backend_gone = 503
 
     def command(self, config_file):
-        return ["/usr/sbin/haproxy", "-db", "-f", str(config_file)]
+        return [unpacked("haproxy"), "-db", "-f", str(config_file)]
 
     def config(self):
         return f"""
@@ -102,7 +117,8 @@ class nginx(proxy):
     backend_gone = 502
 
     def command(self, config_file):
-        return ["/usr/sbin/nginx", "-p", str(self.folder), "-e", "stderr", "-c", str(config_file)]
+        return [unpacked("nginx"), "-p", str(self.folder), "-e", "stderr", "-c",
+                str(config_file)]
 
     def config(self):
         temporary = "".join(f"    {kind}_temp_path {self.folder}/{kind};\n" for kind in
