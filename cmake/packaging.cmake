@@ -29,7 +29,8 @@ and roam-service, a roaming service to test against.")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # The daemon stops an earlier instance with /bin/kill.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS procps)
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS bash-completion)
+# A TLS tunnel for the connection, see docs/tls.md.
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "bash-completion, stunnel4")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${debian}/conffiles ${debian}/postinst ${debian}/prerm ${debian}/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)

@@ -1,5 +1,9 @@
 """Whether a bridge works."""
 
+utf8 = "Größe, 漢字, 🛰"
+every_byte = bytes(range(256))
+long_text = "".join(chr(0x20 + i % 95) for i in range(200 * 1024))
+
 
 def passes_both_ways(bus, server, word):
     """Sends one message each way; the last to arrive must be these two, unaltered."""
@@ -11,3 +15,14 @@ def passes_both_ways(bus, server, word):
     bus.wait_for_payloads(arrived_down + 1)
     return server.payloads()[arrived_up:] == [up] and \
         bus.payloads()[arrived_down:] == [down.encode()]
+
+
+def assert_all_kinds_pass(bus, server):
+    """Empty, UTF-8 and 200 KiB messages up; UTF-8, all bytes and 200 KiB down; a ping."""
+    up = [b"", utf8.encode(), long_text.encode(), b"after"]
+    for message in up:
+        bus.send(message)
+    server.send_many([utf8, every_byte, long_text, "after"])
+    server.ping()
+    assert server.wait_for_payloads(len(up)) == up
+    assert bus.wait_for_payloads(4) == [utf8.encode(), every_byte, long_text.encode(), b"after"]
