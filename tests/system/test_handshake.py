@@ -6,13 +6,13 @@ from harness.raw_server import opcode_text, upgrade
 from harness.vemk_daemon import config_text
 
 
-# Host and Origin without the port, version 13, "websock-roaming", and no extensions.
+# Host is the bare host, Origin "http://" and that host, both without the port; version 13, "websock-roaming", and no extensions.
 def test_request_names_host_path_and_subprotocol(make_bridge):
     daemon, bus, server = make_bridge()
     handshake = server.handshakes[0]
     assert handshake.path == "/roam"
     assert handshake.headers["Host"] == "127.0.0.1"
-    assert handshake.headers["Origin"].endswith("127.0.0.1")
+    assert handshake.headers["Origin"] == "http://127.0.0.1"
     assert handshake.headers["Sec-WebSocket-Protocol"] == "websock-roaming"
     assert handshake.headers["Sec-WebSocket-Version"] == "13"
     assert "Sec-WebSocket-Extensions" not in handshake.headers

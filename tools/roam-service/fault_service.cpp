@@ -1,5 +1,6 @@
 #include "fault_service.h"
 
+#include "admission.h"
 #include "console.h"
 
 #include <algorithm>
@@ -136,7 +137,9 @@ void fault_service::come_back() {
 void fault_service::process_request(connection &visitor, const http_request_t &request) {
   if (page && page->accept(visitor, request))
     return;
-  if (request.target != options.path)
+  if (is_from_elsewhere(request.find("origin"), request.header("host")))
+    refuse(visitor, elsewhere_status, elsewhere_reason);
+  else if (request.target != options.path)
     refuse(visitor, "404 Not Found", "only path " + options.path + " is served");
   else if (!is_upgrade(request))
     refuse(visitor, "426 Upgrade Required", "only WebSocket connections are served");

@@ -40,10 +40,10 @@ bool parse_header(std::string_view line, http_request_t &request) {
   const size_t colon = line.find(':');
   if (colon == 0 || colon == std::string_view::npos)
     return false;
-  std::string &value = request.headers[lower_case(line.substr(0, colon))];
-  if (!value.empty())
-    value += ", ";
-  value += trimmed(line.substr(colon + 1));
+  const auto [place, is_first] = request.headers.try_emplace(lower_case(line.substr(0, colon)),
+                                                             trimmed(line.substr(colon + 1)));
+  if (!is_first)
+    place->second.append(", ").append(trimmed(line.substr(colon + 1)));
   return true;
 }
 
@@ -62,12 +62,31 @@ bool is_port_or_empty(std::string_view text) {
          (text.front() == ':' && text.find_first_not_of("0123456789", 1) == std::string_view::npos);
 }
 
+bool is_host_name(std::string_view text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char letter) {
+    return std::isalnum(letter) != 0 || letter == '-' || letter == '.' || letter == '_';
+  });
+}
+
+std::optional<std::string> shortest_ipv6(const std::string &text) {
+  in6_addr address{};
+  char result[INET6_ADDRSTRLEN];
+  if (inet_pton(AF_INET6, text.c_str(), &address) != 1)
+    return std::nullopt;
+  return inet_ntop(AF_INET6, &address, result, sizeof result);
+}
+
 } // namespace
 
 const std::string &http_request_t::header(const std::string &lower_case_name) const {
   static const std::string none;
   const auto found = headers.find(lower_case_name);
   return found == headers.end() ? none : found->second;
+}
+
+std::optional<std::string> http_request_t::find(const std::string &lower_case_name) const {
+  const auto found = headers.find(lower_case_name);
+  return found == headers.end() ? std::nullopt : std::optional(found->second);
 }
 
 std::optional<http_request_t> parse_request(std::string_view head) {
@@ -120,16 +139,22 @@ bool is_loopback_address(const std::string &address) {
   return inet_pton(AF_INET6, address.c_str(), &ipv6) == 1 && IN6_IS_ADDR_LOOPBACK(&ipv6);
 }
 
+std::optional<std::string> host_of(std::string_view host_and_port) {
+  const bool in_brackets = !host_and_port.empty() && host_and_port.front() == '[';
+  const size_t end = std::min(host_and_port.find(in_brackets ? ']' : ':'), host_and_port.size());
+  const std::string_view host = host_and_port.substr(0, end);
+  if (!in_brackets)
+    return is_host_name(host) && is_port_or_empty(host_and_port.substr(end))
+               ? std::optional(lower_case(host))
+               : std::nullopt;
+  const bool is_complete =
+      end < host_and_port.size() && is_port_or_empty(host_and_port.substr(end + 1));
+  return is_complete ? shortest_ipv6(std::string(host.substr(1))) : std::nullopt;
+}
+
 bool is_loopback_host(const std::string &host) {
-  if (!host.empty() && host.front() == '[') {
-    const size_t end = host.find(']');
-    return end != std::string::npos && is_loopback_address(host.substr(1, end - 1)) &&
-           is_port_or_empty(std::string_view(host).substr(end + 1));
-  }
-  const size_t colon = std::min(host.find(':'), host.size());
-  const std::string name = lower_case(host.substr(0, colon));
-  return (name == "localhost" || is_loopback_address(name)) &&
-         is_port_or_empty(std::string_view(host).substr(colon));
+  const auto name = host_of(host);
+  return name && (*name == "localhost" || is_loopback_address(*name));
 }
 
 } // namespace vemk

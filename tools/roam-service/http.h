@@ -17,6 +17,8 @@ struct http_request_t {
 
   /// Returns an empty text for a header that is not there.
   const std::string &header(const std::string &lower_case_name) const;
+  /// Tells a header that is not there from an empty one.
+  std::optional<std::string> find(const std::string &lower_case_name) const;
 };
 
 /// Reads a request head, up to and without its empty line. Returns nothing when it is none.
@@ -37,6 +39,10 @@ std::string http_answer(const std::string &status, const std::string &content_ty
 
 /// Whether a numeric IP address is one of this machine's loopback addresses.
 bool is_loopback_address(const std::string &address);
+
+/// The host of "HOST" or "HOST:PORT" as it can be compared: a name in lower case, an IPv6 address
+/// without its brackets and in its shortest form. Returns nothing when the text is neither.
+std::optional<std::string> host_of(std::string_view host_and_port);
 
 /// Whether a Host header names this machine by a loopback name or address, with or without a port.
 bool is_loopback_host(const std::string &host);

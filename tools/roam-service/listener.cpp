@@ -68,6 +68,13 @@ std::string host_and_port(const std::string &address, int port) {
   return host + ":" + std::to_string(port);
 }
 
+std::string peer_of(int connected_socket) {
+  sockaddr_storage other{};
+  socklen_t length = sizeof other;
+  getpeername(connected_socket, reinterpret_cast<sockaddr *>(&other), &length);
+  return text_of(other);
+}
+
 listener::listener(std::string bind_address, int port)
     : address(std::move(bind_address)), bound_port(port) {
   open();

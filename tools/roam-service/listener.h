@@ -8,6 +8,9 @@ namespace vemk {
 /// "ADDRESS:PORT", as a URL has it.
 std::string host_and_port(const std::string &address, int port);
 
+/// The address of a connected socket's other end, or "an unknown address".
+std::string peer_of(int connected_socket);
+
 /// The socket that connections are accepted from. It can be closed for a while and opened again on
 /// the same port.
 ///

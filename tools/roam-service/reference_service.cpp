@@ -25,6 +25,15 @@ std::string header(lws *library, lws_token_indexes token) {
   return value;
 }
 
+/// Tells a header that is not there from an empty one.
+std::optional<std::string> find_header(lws *library, lws_token_indexes token) {
+  std::string value = header(library, token);
+  std::string first(value.size() + 1, '\0');
+  const int length =
+      lws_hdr_copy_fragment(library, first.data(), static_cast<int>(first.size()), token, 0);
+  return length < 0 ? std::nullopt : std::optional(std::move(value));
+}
+
 } // namespace
 
 reference_service::reference_service(const service_options_t &service_options,
@@ -93,6 +102,13 @@ int reference_service::library_callback(lws *library, lws_callback_reasons reaso
                                         void *data, size_t length) {
   auto *service = static_cast<reference_service *>(lws_context_user(lws_get_context(library)));
   switch (reason) {
+  case LWS_CALLBACK_FILTER_NETWORK_CONNECTION:
+    return service->process_network_connection(
+        *static_cast<const lws_filter_network_conn_args *>(user));
+  case LWS_CALLBACK_SERVER_NEW_CLIENT_INSTANTIATED:
+    return service->process_client_instantiated(library);
+  case LWS_CALLBACK_WSI_DESTROY:
+    return service->process_destroyed(library);
   case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
     return service->process_upgrade_request(library);
   case LWS_CALLBACK_ESTABLISHED:
@@ -112,7 +128,30 @@ int reference_service::library_callback(lws *library, lws_callback_reasons reaso
   }
 }
 
+int reference_service::process_network_connection(
+    const lws_filter_network_conn_args &accepted) const {
+  return addresses.has_room_for(peer_of(accepted.accept_fd)) ? 0 : 1;
+}
+
+int reference_service::process_client_instantiated(lws *library) {
+  const auto [visitor, is_new] = visitors.emplace(library, peer_of(lws_get_socket_fd(library)));
+  if (is_new)
+    addresses.add(visitor->second);
+  return 0;
+}
+
+int reference_service::process_destroyed(lws *library) {
+  const auto visitor = visitors.find(library);
+  if (visitor == visitors.end())
+    return 0;
+  addresses.remove(visitor->second);
+  visitors.erase(visitor);
+  return 0;
+}
+
 int reference_service::process_upgrade_request(lws *library) const {
+  if (is_from_elsewhere(find_header(library, WSI_TOKEN_ORIGIN), header(library, WSI_TOKEN_HOST)))
+    return refuse(library, elsewhere_status, elsewhere_reason);
   if (header(library, WSI_TOKEN_GET_URI) != options.path)
     return refuse(library, "404 Not Found", "only path " + options.path + " is served");
   if (!list_contains(header(library, WSI_TOKEN_PROTOCOL), daemon_subprotocol))

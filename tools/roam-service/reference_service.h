@@ -1,6 +1,7 @@
 #ifndef VEMK_ROAM_SERVICE_REFERENCE_SERVICE_H
 #define VEMK_ROAM_SERVICE_REFERENCE_SERVICE_H
 
+#include "admission.h"
 #include "reference_connection.h"
 #include "service_options.h"
 
@@ -48,6 +49,9 @@ public:
 private:
   static int library_callback(lws *library, lws_callback_reasons reason, void *user, void *data,
                               size_t length);
+  int process_network_connection(const lws_filter_network_conn_args &accepted) const;
+  int process_client_instantiated(lws *library);
+  int process_destroyed(lws *library);
   int process_upgrade_request(lws *library) const;
   int process_established(lws *library);
   int process_receive(lws *library, std::string_view piece);
@@ -65,6 +69,8 @@ private:
   lws_context *context = nullptr;
   lws_vhost *vhost = nullptr;
   std::map<lws *, reference_connection> connections;
+  std::map<lws *, std::string> visitors; // all connections' addresses, established or not
+  address_limit addresses;
   bool leaving = false;
 };
 

@@ -71,8 +71,14 @@ int server::wait_ms(std::chrono::milliseconds longest_wait) const {
 void server::accept_one() {
   std::string peer;
   const int accepted = door.accept(peer);
-  if (accepted >= 0)
-    all.push_back(std::make_unique<connection>(accepted, ++last_number, peer));
+  if (accepted < 0)
+    return;
+  if (!addresses.has_room_for(peer)) {
+    close(accepted);
+    return;
+  }
+  addresses.add(peer);
+  all.push_back(std::make_unique<connection>(accepted, ++last_number, peer));
 }
 
 void server::serve(connection &one, short happened) {
@@ -106,8 +112,10 @@ void server::send_output(connection &one) {
 
 void server::remove_gone() {
   for (const auto &one : all)
-    if (one->gone())
+    if (one->gone()) {
       events.gone(*one);
+      addresses.remove(one->peer());
+    }
   all.erase(std::remove_if(all.begin(), all.end(), [](const auto &one) { return one->gone(); }),
             all.end());
 }

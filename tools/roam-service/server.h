@@ -1,6 +1,7 @@
 #ifndef VEMK_ROAM_SERVICE_SERVER_H
 #define VEMK_ROAM_SERVICE_SERVER_H
 
+#include "admission.h"
 #include "connection.h"
 #include "http.h"
 #include "listener.h"
@@ -33,7 +34,7 @@ struct server_events_t {
 ///   std::system_error when the wake-up descriptor cannot be had.
 class server {
 public:
-  /// While there are so many, no more are accepted.
+  /// While there are so many, no more are accepted. One address can have a part of them only.
   static constexpr size_t most_connections = 200;
 
   server(const std::string &bind_address, int port, server_events_t owner_events);
@@ -64,6 +65,7 @@ private:
   listener door;
   const int wake_event;
   std::vector<std::unique_ptr<connection>> all;
+  address_limit addresses;
   unsigned int last_number = 0;
 };
 

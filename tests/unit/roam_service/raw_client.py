@@ -12,6 +12,12 @@ def request_bytes(path, headers):
     return ("\r\n".join(lines) + "\r\n\r\n").encode()
 
 
+def upgrade_bytes(port, *lines):
+    """The request that opens a daemon's WebSocket, with more header lines at its end."""
+    request = request_bytes("/roam", upgrade_headers(port))
+    return request[:-2] + b"".join(line.encode() + b"\r\n" for line in lines) + b"\r\n"
+
+
 def upgrade_headers(port, subprotocol="websock-roaming", **more):
     headers = {"Host": f"127.0.0.1:{port}", "Upgrade": "websocket", "Connection": "Upgrade",
                "Sec-WebSocket-Version": "13", "Sec-WebSocket-Key": "AAAAAAAAAAAAAAAAAAAAAA==",
@@ -21,7 +27,10 @@ def upgrade_headers(port, subprotocol="websock-roaming", **more):
 
 
 def exchange(port, request):
-    """Sends a request and returns the status code, the header lines and the body."""
+    """Sends a request and returns the status code, the header lines and the body.
+
+    Raises ConnectionError when there is no answer, however the connection ends.
+    """
     with socket.create_connection(("127.0.0.1", port), LIMIT) as link:
         link.sendall(request)
         answer = b""
@@ -29,6 +38,8 @@ def exchange(port, request):
             answer += piece
             if answer.startswith(b"HTTP/1.1 101"):
                 break
+    if not answer:
+        raise ConnectionError("the connection ended without an answer")
     head, _, body = answer.partition(b"\r\n\r\n")
     lines = head.decode().split("\r\n")
     headers = {name.lower(): value for name, value in (line.split(": ", 1) for line in lines[1:])}
@@ -36,9 +47,9 @@ def exchange(port, request):
 
 
 class RawClient:
-    def __init__(self, port):
-        self.link = socket.create_connection(("127.0.0.1", port), LIMIT)
-        self.link.sendall(request_bytes("/roam", upgrade_headers(port)))
+    def __init__(self, port, from_address="127.0.0.1"):
+        self.link = socket.create_connection(("127.0.0.1", port), LIMIT, (from_address, 0))
+        self.link.sendall(upgrade_bytes(port))
         self.file = self.link.makefile("rb")
         self.head = b""
         while not self.head.endswith(b"\r\n\r\n"):

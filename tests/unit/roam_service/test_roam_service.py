@@ -1,15 +1,29 @@
 """roam-service as its users see it: a real process, and WebSocket clients of another make."""
 import asyncio
+import contextlib
 import os
 import signal
 import socket
+import time
 
 import pytest
 import websockets
 
+from raw_client import RawClient, exchange, upgrade_bytes
 from service_process import LIMIT, Service, run_to_its_end, within_limit
 
 MIB = 1024 * 1024
+
+
+def wait_until_accepted(port):
+    """Connects until the service lets the connection in."""
+    deadline = time.monotonic() + LIMIT
+    while time.monotonic() < deadline:
+        with contextlib.suppress(ConnectionError):
+            if exchange(port, upgrade_bytes(port))[0] == 101:
+                return
+        time.sleep(0.05)
+    raise AssertionError("no connection was let in")
 
 
 # With the console another server is at work than without.
@@ -174,6 +188,59 @@ def test_picks_its_subprotocol_from_a_list(service):
         async with service.connect(subprotocols=["other", "websock-roaming"]) as client:
             assert client.subprotocol == "websock-roaming"
     within_limit(work())
+
+
+# Another host, "null", an empty, doubled or malformed Origin, and one without a Host: 403.
+#
+# Browsers let a page of any site open a WebSocket to anywhere, and such a page got what is sent to
+# the daemons. It cannot leave its Origin out, though.
+@pytest.mark.parametrize("host, origins", [
+    ("127.0.0.1:{port}", ["https://evil.example"]), ("127.0.0.1:{port}", ["http://localhost:{port}"]),
+    ("127.0.0.1:{port}", ["http://127.0.0.1.evil.example"]), ("127.0.0.1", ["http://127.0.0.11"]),
+    ("127.0.0.1", ["http://evil.example:127"]), ("127.0.0.1", ["http://evil.example/127.0.0.1"]),
+    ("127.0.0.1", ["http://127.0.0.1@evil.example"]), ("127.0.0.1", ["http://127.0.0.1/"]),
+    ("127.0.0.1", ["http://127.0.0.1:port"]), ("127.0.0.1", ["127.0.0.1"]),
+    ("127.0.0.1", ["://127.0.0.1"]), ("127.0.0.1", ["null"]), ("null", ["null"]), ("127.0.0.1", [""]),
+    ("127.0.0.1", ["http://127.0.0.1", "https://evil.example"]),
+    ("127.0.0.1", ["https://evil.example", "http://127.0.0.1"]), ("127.0.0.1", ["", "https://evil.example"]),
+    ("127.0.0.1", ["http://127.0.0.1 https://evil.example"]),
+    ("[::1]:{port}", ["http://[::2]"]), ("[::1]", ["http://::1"]), ("[::1", ["http://[::1"]),
+    ("[roam]", ["http://[roam]"]), ("", ["http://"]), ("a, b", ["http://a, b"])])
+def test_a_page_of_another_host_is_refused(service, host, origins):
+    lines = [f"Origin: {origin}".format(port=service.port) for origin in origins]
+    request = upgrade_bytes(service.port, *lines).replace(
+        f"127.0.0.1:{service.port}".encode(), host.format(port=service.port).encode(), 1)
+    assert exchange(service.port, request)[0] == 403
+    service.wait_for_note("refused a connection: its Origin is of another host")
+
+
+# As the daemon sends it, without ports, and in any case, port, scheme or spelling of an IPv6 address.
+@pytest.mark.parametrize("host, origin", [
+    ("127.0.0.1", "http://127.0.0.1"), ("127.0.0.1:{port}", "http://127.0.0.1:{port}"),
+    ("127.0.0.1:{port}", "http://127.0.0.1"), ("127.0.0.1:{port}", "https://127.0.0.1:1"),
+    ("Roam.example", "HTTP://rOAM.EXAMPLE:80"), ("my_roam-1", "http://my_roam-1"),
+    ("[::1]:{port}", "http://[::1]:{port}"), ("[2001:DB8::A]", "http://[2001:db8:0:0::a]:80")])
+def test_an_origin_of_the_own_host_is_accepted(service, host, origin):
+    request = upgrade_bytes(service.port, f"Origin: {origin}".format(port=service.port)).replace(
+        f"127.0.0.1:{service.port}".encode(), host.format(port=service.port).encode(), 1)
+    assert exchange(service.port, request)[0] == 101
+
+
+# Of 33 connections from one address the last is closed; another address, and one in place, pass.
+#
+# 200 connections from one address, which need not say a word, shut everybody else out.
+def test_one_address_cannot_take_all_connections(service):
+    with contextlib.ExitStack() as open_ones:
+        silent = [open_ones.enter_context(socket.create_connection(("127.0.0.1", service.port)))
+                  for _ in range(31)]
+        open_ones.enter_context(RawClient(service.port))
+        with socket.create_connection(("127.0.0.1", service.port), LIMIT) as one_too_many:
+            assert one_too_many.recv(1) == b""
+        service.wait_for_note("refused a connection: 127.0.0.1 has 32 already")
+        with RawClient(service.port, from_address="127.0.0.2") as other:
+            assert b" 101 " in other.head
+        silent.pop().close()
+        wait_until_accepted(service.port)
 
 
 # With --path /elsewhere that path is served and printed, and /roam refused.
