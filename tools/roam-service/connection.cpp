@@ -9,7 +9,7 @@ namespace vemk {
 namespace {
 
 constexpr size_t chunk_bytes = 64 * 1024;
-constexpr size_t longest_request_bytes = 16 * 1024;
+constexpr std::string_view request_end = "\r\n\r\n";
 constexpr std::chrono::seconds request_patience{10};
 constexpr std::chrono::seconds close_patience{1};
 
@@ -35,6 +35,13 @@ std::shared_ptr<const outgoing_t> make_outgoing(opcode_t kind, std::string_view 
   result->frame_count = fragments;
   result->beginning = payload.substr(0, recorded_bytes);
   return result;
+}
+
+size_t outgoing_t::memory_bytes() const {
+  // Two texts, this with its count of owners, and its place in the queue.
+  return bytes.capacity() + beginning.capacity() + sizeof *this +
+         sizeof(std::shared_ptr<outgoing_t>) + sizeof(service_clock::time_point) +
+         4 * allocation_bytes;
 }
 
 connection::connection(int socket_descriptor, unsigned int number, std::string peer_address)
@@ -88,7 +95,7 @@ std::deque<std::shared_ptr<const outgoing_t>> connection::send_due(service_clock
     sent_of_first += static_cast<size_t>(length);
     if (sent_of_first < bytes.size())
       return sent;
-    queued_bytes -= bytes.size();
+    queued_bytes -= output.front().what->memory_bytes();
     sent_of_first = 0;
     sent.push_back(std::move(output.front().what));
     output.pop_front();
@@ -102,17 +109,21 @@ void connection::drop_if_overdue(service_clock::time_point now) {
     stage = stage_t::gone;
 }
 
-std::optional<std::string> connection::take_request() {
+bool connection::request_too_long() const {
   if (stage != stage_t::request)
+    return false;
+  const size_t end = input.find(request_end);
+  // Without its end it is longer by a byte at least.
+  const size_t length = end == std::string::npos ? input.size() + 1 : end + request_end.size();
+  return length > longest_request_bytes;
+}
+
+std::optional<std::string> connection::take_request() {
+  const size_t end = input.find(request_end);
+  if (stage != stage_t::request || end == std::string::npos)
     return std::nullopt;
-  const size_t end = input.find("\r\n\r\n");
-  if (end == std::string::npos) {
-    if (input.size() > longest_request_bytes)
-      stage = stage_t::gone;
-    return std::nullopt;
-  }
   std::string head = input.substr(0, end);
-  input.erase(0, end + 4);
+  input.erase(0, end + request_end.size());
   return head;
 }
 
@@ -148,8 +159,7 @@ void connection::accept_upgrade(std::string http_answer) {
 bool connection::send(std::shared_ptr<const outgoing_t> message, std::chrono::milliseconds delay) {
   if (!open())
     return !gone();
-  // One message always fits, so that the limit bounds the queue and not the message.
-  if (queued_bytes > 0 && queued_bytes + message->bytes.size() > most_queued_bytes) {
+  if (!may_queue(queued_bytes, message->memory_bytes())) {
     stage = stage_t::gone;
     return false;
   }
@@ -172,7 +182,7 @@ void connection::reset() {
 }
 
 void connection::queue(std::shared_ptr<const outgoing_t> what, std::chrono::milliseconds delay) {
-  queued_bytes += what->bytes.size();
+  queued_bytes += what->memory_bytes();
   output.push_back({std::move(what), service_clock::now() + delay});
 }
 

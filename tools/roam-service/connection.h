@@ -2,6 +2,7 @@
 #define VEMK_ROAM_SERVICE_CONNECTION_H
 
 #include "frames.h"
+#include "send_limit.h"
 
 #include <chrono>
 #include <cstddef>
@@ -22,6 +23,9 @@ struct outgoing_t {
   size_t payload_bytes = 0;
   size_t frame_count = 1;
   std::string beginning; // of the payload
+
+  /// What it takes to keep this in a queue.
+  size_t memory_bytes() const;
 };
 
 /// Encodes a message; the record of its beginning has at most `recorded_bytes`.
@@ -41,7 +45,7 @@ constexpr size_t recorded_bytes = 1024;
 /// Errors: a connection that has failed or ended is gone(), and of no more use.
 class connection {
 public:
-  static constexpr size_t most_queued_bytes = 256U * 1024 * 1024;
+  static constexpr size_t longest_request_bytes = 16U * 1024;
 
   connection(int socket_descriptor, unsigned int number, std::string peer_address);
   ~connection();
@@ -71,6 +75,8 @@ public:
   /// To be called when the socket says that the other end is gone, or to waste no time on it.
   void lose() { stage = stage_t::gone; }
 
+  /// Whether the request head has, or will have, more than `longest_request_bytes`.
+  bool request_too_long() const;
   /// The request head once it is complete, without its empty line; returned once.
   std::optional<std::string> take_request();
   /// The next message. A close frame is answered before it is returned.
@@ -113,7 +119,7 @@ private:
   message_reader reader;
   std::deque<queued_t> output;
   size_t sent_of_first = 0;
-  size_t queued_bytes = 0;
+  size_t queued_bytes = 0; // of memory
 };
 
 } // namespace vemk

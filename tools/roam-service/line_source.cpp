@@ -102,7 +102,7 @@ void line_source::end_line() {
                  longest_line_bytes);
   } else {
     const std::lock_guard<std::mutex> guard(mutex);
-    waiting_bytes += line.size();
+    waiting_bytes += sizeof(std::string) + line.size();
     lines.push_back(std::move(line));
   }
   line = std::string();

@@ -15,20 +15,24 @@ std::shared_ptr<outgoing_message_t> make_outgoing_message(std::string_view bytes
   return message;
 }
 
+size_t outgoing_message_t::memory_bytes() const {
+  // The block, this with its count of owners, and its place in the queue.
+  return block.capacity() + sizeof *this + sizeof(std::shared_ptr<outgoing_message_t>) +
+         3 * allocation_bytes;
+}
+
 reference_connection::reference_connection(lws *library_connection, std::string peer_address)
     : library(library_connection), address(std::move(peer_address)) {}
 
 bool reference_connection::queue(std::shared_ptr<outgoing_message_t> message) {
   if (given_up)
     return true;
-  // One message always fits, so that the limit bounds the queue and not the message.
-  const size_t queued_before = queued_bytes + in_flight_bytes;
-  if (queued_before > 0 && queued_before + message->length > most_queued_bytes) {
+  if (!may_queue(queued_bytes + in_flight_bytes, message->memory_bytes())) {
     given_up = true;
     waiting = {};
     return false;
   }
-  queued_bytes += message->length;
+  queued_bytes += message->memory_bytes();
   waiting.push(std::move(message));
   lws_callback_on_writable(library);
   return true;
@@ -42,8 +46,8 @@ bool reference_connection::send_next() {
     return true;
   const auto message = std::move(waiting.front());
   waiting.pop();
-  queued_bytes -= message->length;
-  in_flight_bytes = message->length;
+  in_flight_bytes = message->memory_bytes();
+  queued_bytes -= in_flight_bytes;
   // The library keeps what the socket does not take, and is writeable again when that is out.
   const int written =
       lws_write(library, message->block.data() + LWS_PRE, message->length, message->kind);

@@ -1,6 +1,8 @@
 #ifndef VEMK_ROAM_SERVICE_REFERENCE_CONNECTION_H
 #define VEMK_ROAM_SERVICE_REFERENCE_CONNECTION_H
 
+#include "send_limit.h"
+
 #include <cstddef>
 #include <libwebsockets.h>
 #include <memory>
@@ -18,6 +20,9 @@ struct outgoing_message_t {
   std::vector<unsigned char> block;
   size_t length;
   lws_write_protocol kind;
+
+  /// What it takes to keep this in a queue.
+  size_t memory_bytes() const;
 };
 
 std::shared_ptr<outgoing_message_t> make_outgoing_message(std::string_view bytes,
@@ -30,7 +35,6 @@ std::shared_ptr<outgoing_message_t> make_outgoing_message(std::string_view bytes
 /// Errors: reported by the results below; after a false the connection is of no more use.
 class reference_connection {
 public:
-  static constexpr size_t most_queued_bytes = 256U * 1024 * 1024;
   static constexpr size_t longest_message_bytes = 256U * 1024 * 1024;
 
   reference_connection(lws *library_connection, std::string peer_address);
@@ -55,7 +59,7 @@ private:
   lws *const library;
   const std::string address;
   std::queue<std::shared_ptr<outgoing_message_t>> waiting;
-  size_t queued_bytes = 0;
+  size_t queued_bytes = 0; // of memory
   // Given to the library, which may still hold a part of it; counts until the next writeable event.
   size_t in_flight_bytes = 0;
   bool given_up = false;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <system_error>
@@ -94,6 +95,13 @@ void server::serve(connection &one, short happened) {
 }
 
 void server::take_input(connection &one) {
+  if (one.request_too_long()) {
+    std::fprintf(stderr,
+                 "roam-service: refused a connection: its request is longer than %zu bytes\n",
+                 connection::longest_request_bytes);
+    one.answer(http_answer("431 Request Header Fields Too Large", "text/plain",
+                           "the request is too long\n"));
+  }
   if (const auto head = one.take_request()) {
     if (const auto request = parse_request(*head))
       events.request(one, *request);

@@ -14,6 +14,13 @@ PROGRAM = [*shlex.split(os.environ.get("VEMK_RUNNER", "")),
 LIMIT = 30
 
 
+def owns_its_memory():
+    """Whether the process's memory is the program's own: not an emulator's or a sanitizer's."""
+    with open(PROGRAM[-1], "rb") as file:
+        program = file.read()
+    return len(PROGRAM) == 1 and b"libasan" not in program and b"libtsan" not in program
+
+
 class Service:
     """A running roam-service whose output lines are taken one by one."""
 
@@ -47,6 +54,11 @@ class Service:
             return sum(text in note for note in self.notes) >= count
         with self.note_came:
             assert self.note_came.wait_for(seen, LIMIT), (text, self.notes)
+
+    def peak_mib(self):
+        """The most memory that the process has held so far."""
+        with open(f"/proc/{self.process.pid}/status", encoding="ascii") as file:
+            return next(int(line.split()[1]) for line in file if line.startswith("VmHWM")) // 1024
 
     def type(self, data):
         self.process.stdin.write(data)

@@ -10,7 +10,7 @@ import pytest
 import websockets
 
 from raw_client import RawClient, exchange, upgrade_bytes
-from service_process import LIMIT, Service, run_to_its_end, within_limit
+from service_process import LIMIT, Service, owns_its_memory, run_to_its_end, within_limit
 
 MIB = 1024 * 1024
 
@@ -241,6 +241,34 @@ def test_one_address_cannot_take_all_connections(service):
             assert b" 101 " in other.head
         silent.pop().close()
         wait_until_accepted(service.port)
+
+
+# A request head of 20,000 bytes opens no connection, in one piece or in two.
+#
+# The limit was looked at only while the head's end had not arrived.
+@pytest.mark.parametrize("first_piece", [20000, 10000])
+def test_a_request_head_that_is_too_long_is_refused(service, first_piece):
+    request = upgrade_bytes(service.port, "X-Long: " + "x" * 20000)
+    with socket.create_connection(("127.0.0.1", service.port), LIMIT) as link:
+        answer = b""
+        with contextlib.suppress(ConnectionError):
+            link.sendall(request[:first_piece])
+            link.sendall(request[first_piece:])
+            answer = link.recv(65536)
+    assert b" 101 " not in answer
+
+
+# Up to 4,000,000 empty lines that a daemon does not read: it is dropped by 256 MiB of memory.
+#
+# The limit counted payload, and an empty message takes some 100 bytes to keep.
+@pytest.mark.skipif(not owns_its_memory(), reason="an emulator's or a sanitizer's memory")
+def test_unread_messages_count_by_the_memory_that_they_take(service):
+    with RawClient(service.port):
+        service.wait_for_note("daemon connected")
+        before = service.peak_mib()
+        service.type(b"\n" * 4000000)
+        service.wait_for_note("does not read")
+        assert service.peak_mib() - before < 256 + 32
 
 
 # With --path /elsewhere that path is served and printed, and /roam refused.

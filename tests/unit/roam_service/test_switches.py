@@ -1,5 +1,6 @@
 """Each switch and incident of roam-service does what its help says."""
 import asyncio
+import contextlib
 import socket
 import struct
 import time
@@ -7,8 +8,8 @@ import time
 import pytest
 import websockets
 
-from raw_client import (OP_CLOSE, OP_CONTINUATION, OP_PING, OP_PONG, OP_TEXT, RawClient)
-from service_process import Service, run_to_its_end, within_limit
+from raw_client import (OP_CLOSE, OP_CONTINUATION, OP_PING, OP_PONG, OP_TEXT, RawClient, upgrade_bytes)
+from service_process import Service, owns_its_memory, run_to_its_end, within_limit
 
 SHORT = 0.4
 
@@ -69,6 +70,37 @@ def test_fragments_sends_a_message_in_so_many_frames(start, count, pieces):
         for index, piece in enumerate(pieces):
             kind = OP_CONTINUATION if index else OP_TEXT
             assert client.frame() == (index == count - 1, kind, piece)
+
+
+# 4,000,000 pings whose pongs a daemon does not read: it is dropped by 256 MiB of memory.
+#
+# A pong counted as its 2 bytes and took some 100, so that 50 MB of pings made 800 MB of pongs.
+@pytest.mark.skipif(not owns_its_memory(), reason="an emulator's or a sanitizer's memory")
+def test_unread_pongs_count_by_the_memory_that_they_take(start):
+    service = start("--console")
+    with RawClient(service.port) as client:
+        before = service.peak_mib()
+        pings = bytes([0x80 | OP_PING, 0x80, 0, 0, 0, 0]) * 10000
+        with contextlib.suppress(ConnectionError):
+            for _ in range(400):
+                client.link.sendall(pings)
+        service.wait_for_note("does not read")
+        assert service.peak_mib() - before < 256 + 32
+
+
+# A request head of 16,384 bytes is served, in one piece or in two; one byte more is answered 431.
+@pytest.mark.parametrize("first_piece", [16385, 16381, 100])
+def test_the_limit_of_a_request_head_counts_its_bytes_however_they_arrive(start, first_piece):
+    service = start("--console")
+    filler = 16384 - len(upgrade_bytes(service.port, "X-Long: "))
+    for too_much, status in ((0, b" 101 "), (1, b" 431 ")):
+        request = upgrade_bytes(service.port, "X-Long: " + "x" * (filler + too_much))
+        with socket.create_connection(("127.0.0.1", service.port), 10) as link:
+            link.sendall(request[:first_piece])
+            time.sleep(0.1)
+            link.sendall(request[first_piece:])
+            assert status in link.recv(100)
+    service.wait_for_note("refused a connection: its request is longer than 16384 bytes")
 
 
 # With --fragments 3 a pong is one frame.
