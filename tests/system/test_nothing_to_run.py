@@ -37,12 +37,13 @@ def test_host_path_and_port_options_alone_start_nothing(start, server):
     assert daemon.process.returncode == 0
 
 
-# The process that the PID file names gets SIGTERM before the status 0.
-def test_no_configuration_file_still_ends_an_earlier_daemon(start, place):
+# The process that the PID file names gets SIGTERM before the status 0; so it does of "vemk status".
+@pytest.mark.parametrize("arguments", [[], ["status"]], ids=["bare", "status"])
+def test_no_configuration_file_still_ends_an_earlier_daemon(start, place, arguments):
     earlier = subprocess.Popen(["sleep", "600"])
     try:
         place.pid_file.write_text(f"{earlier.pid}\n")
-        assert start(arguments=[]).process.returncode == 0
+        assert start(arguments=arguments).process.returncode == 0
         assert earlier.wait(20) == -signal.SIGTERM
     finally:
         earlier.kill()
