@@ -107,6 +107,13 @@ def test_stack_and_buffers_are_guarded(build):
     assert "__snprintf_chk" in symbols
 
 
+# "vemk VERSION", CMake's, stands once in the stripped program, whatever the linker left out.
+def test_tells_its_version(build):
+    version = re.search(r"CMAKE_PROJECT_VERSION:\w+=(\S+)", build.cache())[1]
+    build.stripped_size()
+    assert (build.folder / "stripped").read_bytes().count(f"vemk {version}\0".encode()) == 1
+
+
 # At most 120 KiB stripped.
 def test_stripped_program_is_within_its_budget(build):
     assert build.stripped_size() <= max_size
