@@ -68,7 +68,8 @@ void ipc_worker::send_to_bus(const buffer_info_t &buffer) {
 }
 
 void ipc_worker::send_to_bus(const std::shared_ptr<buffer_info_t> &buffer) {
-  send_to_bus(*buffer);
+  if (buffer)
+    send_to_bus(*buffer);
 }
 
 void ipc_worker::forward_bus_message(const void *message) {

@@ -39,7 +39,7 @@ public:
   ~ipc_worker() override;
 
 protected:
-  /// Sends the buffer onto the bus; an empty one is dropped.
+  /// Sends the buffer onto the bus; an empty one, or none, is dropped.
   void send_to_bus(const buffer_info_t &buffer);
   void send_to_bus(const std::shared_ptr<buffer_info_t> &buffer);
 

@@ -174,7 +174,7 @@ int websock_worker::process_client_writeable(lws *wsi, void *, void *) {
 }
 
 void websock_worker::from_queue_send(lws *wsi, const std::shared_ptr<buffer_info_t> &message) {
-  if (!keep_own_message(*message))
+  if (!keep_own_message(message))
     lws_send(wsi, message->data, message->length, LWS_WRITE_TEXT);
 }
 

@@ -173,14 +173,16 @@ void websock_worker::wait_before_connect() {
   log_debug(websock_log_module, "Delay before connection: %d sec\n", static_cast<int>(delay));
   timers.delay_with_callback(delay, [this] {
     bus_to_ws_queue->take(
-        [this](const std::shared_ptr<buffer_info_t> &message) { keep_own_message(*message); });
+        [this](const std::shared_ptr<buffer_info_t> &message) { keep_own_message(message); });
   });
 }
 
-bool websock_worker::keep_own_message(const buffer_info_t &message) {
+bool websock_worker::keep_own_message(const std::shared_ptr<buffer_info_t> &message) {
+  if (!message)
+    return true;
   log_debug(websock_log_module, "%s->From queue\n", log_name);
-  message.dump();
-  return handle_status_request(message);
+  message->dump();
+  return handle_status_request(*message);
 }
 
 void websock_worker::queue_connected_status() {

@@ -120,8 +120,8 @@ protected:
   // Status messages.
 
   /// Logs a message taken from the first queue and handles it if it is the daemon's own. Returns
-  /// false when it is for the roaming service.
-  bool keep_own_message(const buffer_info_t &message);
+  /// false when it is for the roaming service. A null pointer is dropped.
+  bool keep_own_message(const std::shared_ptr<buffer_info_t> &message);
 
   void queue_connected_status();
   void queue_disconnected_status();

@@ -8,6 +8,16 @@ namespace {
 
 void do_nothing() {}
 
+/// Removes the front item into `item`. False when there is none.
+bool pop_front(message_queue_t &queue, std::shared_ptr<buffer_info_t> &item) {
+  const std::lock_guard<std::mutex> guard(queue.lock);
+  if (queue.items.empty())
+    return false;
+  item = queue.items.front();
+  queue.items.pop_front();
+  return true;
+}
+
 } // namespace
 
 message_queue_t::message_queue_t() : notify(do_nothing) {}
@@ -20,17 +30,14 @@ void message_queue_t::push(const std::shared_ptr<buffer_info_t> &item) {
 }
 
 std::shared_ptr<buffer_info_t> message_queue_t::try_pop() {
-  const std::lock_guard<std::mutex> guard(lock);
-  if (items.empty())
-    return nullptr;
-  std::shared_ptr<buffer_info_t> item = items.front();
-  items.pop_front();
+  std::shared_ptr<buffer_info_t> item;
+  pop_front(*this, item);
   return item;
 }
 
 bool message_queue_t::take(const std::function<void(std::shared_ptr<buffer_info_t>)> &handler) {
-  const std::shared_ptr<buffer_info_t> item = try_pop();
-  if (!item)
+  std::shared_ptr<buffer_info_t> item;
+  if (!pop_front(*this, item))
     return false;
   handler(item);
   return true;

@@ -35,12 +35,13 @@ struct message_queue_t {
   /// Appends the item, then calls `notify` if it holds a target.
   void push(const std::shared_ptr<buffer_info_t> &item);
 
-  /// Removes and returns the front item; a null pointer at once when there is none.
+  /// Removes and returns the front item; a null pointer at once when there is none. Only take()
+  /// tells an empty queue from a null pointer in it.
   std::shared_ptr<buffer_info_t> try_pop();
 
   /// Removes the front item, if there is one, and calls `handler` with it after `lock` has been
-  /// released. Returns whether there was one. An item taken for an empty handler is lost and
-  /// std::bad_function_call thrown.
+  /// released. Returns whether there was one; a null pointer is an item, too. An item taken for an
+  /// empty handler is lost and std::bad_function_call thrown.
   bool take(const std::function<void(std::shared_ptr<buffer_info_t>)> &handler);
 
   /// Replaces `notify`. After the return the old target is neither running nor called again.

@@ -387,10 +387,12 @@ TEST_F(IpcWorkerTest, QueuedMessageIsSentWithConstantAndLength) {
               ElementsAre("GetMsgFromQueueNoWait", "MsgSend " + payload + " 3 6"));
 }
 
-// Null data or length 0: the step returns false and MsgSend is not called; no line.
+// Null data, length 0 or no buffer: the step returns false and MsgSend is not called; no line.
 TEST_F(IpcWorkerTest, EmptyQueuedMessagesAreDropped) {
   ws_to_bus.push(std::make_shared<buffer_info_t>());
   ws_to_bus.push(message(""));
+  ws_to_bus.push(nullptr);
+  EXPECT_FALSE(worker->run_once());
   EXPECT_FALSE(worker->run_once());
   EXPECT_FALSE(worker->run_once());
   EXPECT_TRUE(worker->run_once());

@@ -221,6 +221,24 @@ TEST_F(WebsockDelayTest, WaitLogsAndDumpsWhatItTakes) {
                           line("websock-roaming->From queue\n"), dump_line("lost")));
 }
 
+// Null pointers from the first queue are dropped without a line, while waiting and connected.
+TEST_F(WebsockDelayTest, ItemWithoutAMessageIsDropped) {
+  make_worker(2, 60);
+  bus_to_ws.push(nullptr);
+  worker->wait_before_connect();
+  EXPECT_TRUE(bus_to_ws.items.empty());
+  EXPECT_THAT(fake_log::lines(), ElementsAre(line("Generate delay into [1;3) range\n"),
+                                             line("Delay before connection: 1 sec\n")));
+  worker.reset();
+  make_connected_worker();
+  bus_to_ws.push(nullptr);
+  fake_lws::clear_calls();
+  fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE);
+  EXPECT_TRUE(bus_to_ws.items.empty());
+  EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_callback_on_writable wsi1"));
+  EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
 // The first queue's mutex is free while the wait answers a request from it.
 TEST_F(WebsockDelayTest, QueueIsUnlockedWhileItsMessageIsHandled) {
   make_worker(2, 60);

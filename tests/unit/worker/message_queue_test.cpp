@@ -239,6 +239,19 @@ TEST_F(MessageQueueTest, HandlerRunsWithoutTheLockAndMayUseTheQueue) {
   EXPECT_EQ("a", text_of(queue.try_pop()));
 }
 
+// A null pointer between two messages: the handler gets it, and take returns true as for them.
+// It was taken out of the queue without the handler's knowledge, and counted as an empty queue.
+TEST_F(MessageQueueTest, TakenNullPointerIsAnItemLikeAnyOther) {
+  queue.push(message("a"));
+  queue.push(nullptr);
+  queue.push(message("b"));
+  std::vector<std::string> taken;
+  while (queue.take([&](const item_t &item) { taken.push_back(text_of(item)); })) {
+  }
+  EXPECT_THAT(taken, ElementsAre("a", "nothing", "b"));
+  EXPECT_TRUE(queue.items.empty());
+}
+
 // 1 holder is left after a handler that keeps nothing, 2 after one that does.
 TEST_F(MessageQueueTest, ItemIsReleasedAfterTheHandlerUnlessItKeepsIt) {
   const item_t item = message("a");
