@@ -51,7 +51,8 @@ int writeable_wakeup::observe(lws *wsi, lws_callback_reasons reason) {
     return LWS_CALLBACK_CLOSED;
   case LWS_CALLBACK_CLOSED_CLIENT_HTTP:
     // All that is told of a server that accepts the connection and never answers the handshake.
-    return LWS_CALLBACK_CLOSED_HTTP;
+    // An attempt that was reported as an error is not reported in this way as well.
+    return LWS_CALLBACK_CLIENT_CONNECTION_ERROR;
   case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
   case LWS_CALLBACK_WSI_DESTROY:
     if (wsi == connection)

@@ -1,8 +1,8 @@
 /// The differences between releases of libwebsockets, all in one place.
 ///
-/// The worker is written against API 2.0. Later releases report the end of a client connection with
-/// reasons of their own, ignore the time limit of lws_service, and allow other threads only to wake
-/// the service thread.
+/// The worker is written against API 2.0. Later releases report the end of a client connection, and
+/// of an attempt at one, with reasons of their own, ignore the time limit of lws_service, and allow
+/// other threads only to wake the service thread.
 #ifndef VEMK_WEBSOCK_LWS_RELEASE_H
 #define VEMK_WEBSOCK_LWS_RELEASE_H
 

@@ -275,7 +275,8 @@ int websock_model::reason_of_release(int reason, std::size_t wsi) {
     call("lws_callback_on_writable " + name_of(known_connection));
   if (reason == client_closed)
     return LWS_CALLBACK_CLOSED;
-  return reason == closed_client_http ? static_cast<int>(LWS_CALLBACK_CLOSED_HTTP) : reason;
+  return reason == closed_client_http ? static_cast<int>(LWS_CALLBACK_CLIENT_CONNECTION_ERROR)
+                                      : reason;
 }
 
 void websock_model::established(std::size_t wsi) {

@@ -72,14 +72,14 @@ class hanging_up_server(failing_server):
             fault(self, connection, None)
 
 
-def refused_course(port, handler="process_client_connection_error:41"):
-    """What the worker logs of an attempt that ends in `handler`, library lines left out."""
+def refused_course(port):
+    """What the worker logs of an attempt that fails, library lines left out."""
     return ["Generate delay into [0;1) range",
             "Delay before connection: 0 sec",
             "websock-roaming-> _connect: Try to establish connect with server "
             f"127.0.0.1:{port}/roam",
             "websock-roaming->Connected",
-            f"websock-roaming->{handler}",
+            "websock-roaming->process_client_connection_error:41",
             "websock-roaming->Stopping",
             "websock-roaming->process_protocol_destroy:31"]
 

@@ -82,13 +82,14 @@ TEST_F(LwsReleaseTest, ProxyVariablesAreRemovedAndOthersStay) {
 
 #if LWS_LIBRARY_VERSION_NUMBER >= 4000000
 
-// Reason 45, all that is told of an unanswered handshake, counts as reason 5: "process_closed:76".
+// Reason 45, all that is told of an unanswered handshake, gives "process_client_connection_error:41".
+// It was logged as "process_closed:76", as if there had been a connection.
 TEST_F(LwsReleaseTest, ServerThatAcceptsAndNeverAnswersIsNoticed) {
   make_connecting_worker();
   EXPECT_EQ(fake_lws::deliver(LWS_CALLBACK_CLOSED_CLIENT_HTTP), 0);
   EXPECT_TRUE(worker->closed);
   EXPECT_FALSE(worker->keep_running(&run_flag));
-  EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("process_closed", 76)));
+  EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("process_client_connection_error", 41)));
 }
 
 // The protocol allows at least 1 MiB per write to the socket, not the library's 4096 bytes.
