@@ -18,7 +18,17 @@ namespace {
 // More than a socket takes at once.
 constexpr std::size_t max_send_size = 16 * 1024 * 1024;
 
+// For the connection to one address, and for the answer to the handshake.
+constexpr unsigned patience_seconds = 20;
+
 } // namespace
+
+void wait_for_slow_servers(lws_context_creation_info &info) {
+  info.timeout_secs = patience_seconds;
+  // This one ends the whole attempt. The one above has to come first, as it leads to the host's
+  // next address, and it would not at the default, which is 20 seconds too.
+  info.connect_timeout_secs = patience_seconds + 1;
+}
 
 void lift_send_limit(lws_protocols &protocol) {
   protocol.tx_packet_size = max_send_size;
@@ -68,6 +78,8 @@ int writeable_wakeup::observe(lws *wsi, lws_callback_reasons reason) {
 }
 
 #elif LWS_LIBRARY_VERSION_NUMBER < 2001000
+
+void wait_for_slow_servers(lws_context_creation_info &) {}
 
 void lift_send_limit(lws_protocols &) {}
 

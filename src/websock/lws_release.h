@@ -21,6 +21,12 @@ using lws_protocol_callback = int (*)(lws *wsi, lws_callback_reasons reason, voi
 /// no other thread exists.
 void ignore_proxy_environment();
 
+/// Gives a server 20 seconds to accept the connection, and as many again to answer the handshake.
+/// That is API 2.0's own limit; later releases have one of 5 seconds, which a service that is
+/// overloaded after an outage may never meet. A host's next address is tried when one is silent for
+/// that long, on releases that try more than the first.
+void wait_for_slow_servers(lws_context_creation_info &info);
+
 /// Lets a frame leave as fast as the socket takes it. Without this, releases that have the setting
 /// hand 4096 bytes to the socket per service call: a message of some megabytes would take longer
 /// than the watchdog allows, and never arrive.

@@ -125,6 +125,7 @@ bool websock_worker::_connect() {
   creation_info.protocols = protocols;
   creation_info.gid = static_cast<decltype(creation_info.gid)>(-1);
   creation_info.uid = static_cast<decltype(creation_info.uid)>(-1);
+  wait_for_slow_servers(creation_info);
   lws_set_log_level(library_log_levels, log_hook);
   context = lws_create_context(&creation_info);
   if (context == nullptr) {

@@ -104,9 +104,18 @@ creation_info_t copy_of(const lws_context_creation_info &info) {
   expected.gid = info.gid;
   expected.uid = info.uid;
   expected.protocols = info.protocols;
+#if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+  const unsigned timeouts[] = {info.timeout_secs, info.connect_timeout_secs};
+  expected.timeout_secs = timeouts[0];
+  expected.connect_timeout_secs = timeouts[1];
+#else
+  const unsigned timeouts[] = {0, 0};
+#endif
   return {info.port,
           static_cast<int>(info.gid),
           static_cast<int>(info.uid),
+          timeouts[0],
+          timeouts[1],
           all_bytes_equal(info, expected),
           info.protocols[0].name == nullptr ? "" : info.protocols[0].name,
           info.protocols[0],

@@ -55,11 +55,13 @@ struct connect_info_t {
 };
 
 /// lws_context_creation_info with entry 0 of its protocols. `rest_is_zero` covers the other
-/// fields, `is_terminated` the whole of entry 1.
+/// fields, `is_terminated` the whole of entry 1. API 2.0 has no time-outs; they are 0 there.
 struct creation_info_t {
   int port;
   int gid;
   int uid;
+  unsigned timeout_secs;
+  unsigned connect_timeout_secs;
   bool rest_is_zero;
   std::string protocol_name;
   lws_protocols protocol;

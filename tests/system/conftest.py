@@ -104,9 +104,9 @@ def make_trial(make_daemon, bus):
     """Starts a daemon with a server that accepts it once and then shows it the faults."""
     made = []
 
-    def make(faults, server_type=failing_server):
+    def make(faults, server_type=failing_server, **start_options):
         made.append(server_type(faults))
-        return handshake_trial(make_daemon, bus, made[-1])
+        return handshake_trial(make_daemon, bus, made[-1], start_options)
 
     yield make
     for server in made:

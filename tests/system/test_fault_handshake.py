@@ -10,7 +10,8 @@ import pytest
 from harness.bus_peer import connected
 from harness.handshake_faults import (answers, changed_upgrade, courses_of, failing_server, finish,
                                       hanging_up_server, refused_course, reset)
-from harness.raw_server import http_head, opcode_text, upgrade_lines
+from harness.keepalive import established, fast_clock
+from harness.raw_server import http_head, opcode_text, upgrade, upgrade_lines
 from harness.vemk_daemon import config_text
 from harness.waiting import wait_until
 
@@ -105,11 +106,11 @@ def test_server_that_hangs_up_is_tried_again(make_trial, server_type):
     trial.heal()
 
 
-def connect_through(behaviour, make_daemon, make_raw_server, bus):
+def connect_through(behaviour, make_daemon, make_raw_server, bus, **start_options):
     """The server of a daemon that is connected by it and passes a message on either way."""
     server = make_raw_server(behaviour)
     bus.listen()
-    daemon = make_daemon().start(config_text(server.url, log_level=15))
+    daemon = make_daemon().start(config_text(server.url, log_level=15), **start_options)
     bus.wait_until_connected()
     bus.send(b"up")
     assert server.wait_for_frames(opcode_text, 1)[0].payload == b"up"
@@ -131,6 +132,22 @@ def test_handshake_in_one_byte_pieces_connects(make_daemon, make_raw_server, bus
 
     connect_through(trickle, make_daemon, make_raw_server, bus)
     assert bus.payloads() == [b"down"]
+
+
+# Fault, before the connection: a server that answers the handshake after 8 seconds.
+# Seen: it connects at the first attempt, and messages flow both ways.
+def test_answer_after_eight_seconds_connects(make_daemon, make_raw_server, bus):
+    """The library gave the attempt up after 5 seconds, and the next, for as long as the service
+    was that slow."""
+    clock = fast_clock(4)
+
+    def hesitate(server, connection, request):
+        time.sleep(8 / 4 if clock else 8)
+        upgrade(server, connection, request)
+
+    daemon = connect_through(hesitate, make_daemon, make_raw_server, bus, **clock)
+    began = daemon.lines_with("websock-roaming->Connected")[0].time
+    assert established(daemon) - began > 6
 
 
 # Fault, before the connection: the handshake answer and the first frame in the same segment.

@@ -1,9 +1,10 @@
 """Servers that cannot be reached or refuse: the daemon goes on trying."""
 
-import contextlib
 import socket
 
-from harness.raw_server import refuse
+from harness.handshake_faults import attempt_seconds
+from harness.keepalive import fast_clock
+from harness.raw_server import deaf_listener, refuse
 from harness.vemk_daemon import config_text
 
 
@@ -67,21 +68,14 @@ def test_server_that_refuses_the_upgrade_is_tried_again(make_daemon, make_raw_se
     assert announced_only(bus, "disconnected")
 
 
-# A full backlog drops the SYN: trace 41 after the library's limit, and another attempt.
+# A full backlog drops the SYN: trace 41 after 20 s, and another attempt.
 def test_connection_request_without_answer_is_tried_again(make_daemon, bus):
-    # A listener with a full backlog drops every further connection request.
-    with contextlib.ExitStack() as sockets:
-        listener = sockets.enter_context(socket.socket())
-        listener.bind(("127.0.0.1", 0))
-        listener.listen(0)
-        for _ in range(4):
-            waiting = sockets.enter_context(socket.socket())
-            waiting.setblocking(False)
-            waiting.connect_ex(listener.getsockname())
+    with deaf_listener(("127.0.0.1", 0)) as (host, port):
         bus.listen()
-        url = f"ws://127.0.0.1:{listener.getsockname()[1]}/roam"
-        daemon = make_daemon().start(config_text(url, log_level=15))
+        config = config_text(f"ws://{host}:{port}/roam", log_level=15)
+        daemon = make_daemon().start(config, **fast_clock(10))
         daemon.wait_for_lines("process_client_connection_error:41", 1, seconds=60)
+        assert 19.9 < attempt_seconds(daemon)[0] < 30
         daemon.wait_for_lines("Try to establish connect with server", 2)
         assert announced_only(bus, "disconnected")
 

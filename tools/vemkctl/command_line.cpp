@@ -89,7 +89,7 @@ void add_listen(CLI::App &app, options_t &options) {
 
 void add_status(CLI::App &app, options_t &options) {
   auto *status = app.add_subcommand("status", "Ask the daemon for its connection to the service");
-  add_timeout(status, options, "How long to wait for the answer (default 10)");
+  add_timeout(status, options, "How long to wait for the answer (default 30)");
   status->footer("Prints connected or disconnected.\n"
                  "Exit status 0 connected, 1 disconnected, 2 no answer in time.");
 }
@@ -128,13 +128,17 @@ command chosen_command(const CLI::App &app) {
   return name == "status" ? command::status : command::rejoin;
 }
 
-// Longer than the 5 seconds for which the daemon waits for a server's handshake: a request that
-// arrives meanwhile is answered when the daemon gives that attempt up.
 constexpr double default_timeout_seconds = 10;
 
+// Longer than the 20 seconds for which the daemon waits for a server's handshake: a request that
+// arrives meanwhile is answered when the daemon gives that attempt up.
+constexpr double default_status_timeout_seconds = 30;
+
 void set_default_timeout(options_t &options) {
-  if (options.timeout_seconds == 0 && options.what != command::listen)
-    options.timeout_seconds = default_timeout_seconds;
+  if (options.timeout_seconds != 0 || options.what == command::listen)
+    return;
+  options.timeout_seconds =
+      options.what == command::status ? default_status_timeout_seconds : default_timeout_seconds;
 }
 
 } // namespace

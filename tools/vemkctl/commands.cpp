@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unistd.h>
@@ -145,21 +146,46 @@ int no_answer(const options_t &options, const std::string &folder) {
   return exit_timeout;
 }
 
+/// Waits until the deadline for what `wait` returns something true for; a person at a terminal is
+/// told what is waited for when it takes long.
+template<typename wait_t>
+auto wait_and_tell(bus_deadline deadline, const std::string &what, wait_t wait) {
+  auto result = wait(std::min(deadline, deadline_after(1)));
+  if (result || std::chrono::steady_clock::now() >= deadline)
+    return result;
+  if (isatty(STDERR_FILENO) != 0)
+    write_note("waiting for " + what);
+  return wait(deadline);
+}
+
+std::optional<bool> receive_status(bus_listener &listener, bus_deadline deadline) {
+  while (const auto message = listener.receive(deadline)) {
+    if (const auto connected = connected_status(*message))
+      return connected;
+  }
+  return std::nullopt;
+}
+
 int run_status(const options_t &options, const std::string &folder) {
   const bus_deadline deadline = deadline_after(options.timeout_seconds);
   bus_listener listener(folder, options.module_id);
   bus_sender sender(folder, options.module_id);
-  if (!listener.wait_until_subscribed(deadline) || !sender.send(status_request, deadline))
+  const std::string module = module_in(options, folder);
+  const bool is_there =
+      wait_and_tell(deadline, module + " to come onto the bus",
+                    [&](bus_deadline end) { return listener.wait_until_subscribed(end); });
+  if (!is_there || !sender.send(status_request, deadline))
     return no_answer(options, folder);
-  while (const auto message = listener.receive(deadline)) {
-    const auto connected = connected_status(*message);
-    if (!connected)
-      continue;
-    const std::string_view word = *connected ? "connected\n" : "disconnected\n";
-    write_output(word.data(), word.size());
-    return *connected ? exit_done : exit_disconnected;
-  }
-  return no_answer(options, folder);
+  const auto connected =
+      wait_and_tell(deadline,
+                    "an answer of " + module +
+                        "; it gives none while it tries to connect, for 20 seconds or more",
+                    [&](bus_deadline end) { return receive_status(listener, end); });
+  if (!connected)
+    return no_answer(options, folder);
+  const std::string_view word = *connected ? "connected\n" : "disconnected\n";
+  write_output(word.data(), word.size());
+  return *connected ? exit_done : exit_disconnected;
 }
 
 int run_check_config(const options_t &options) {

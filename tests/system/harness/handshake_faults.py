@@ -84,6 +84,17 @@ def refused_course(port):
             "websock-roaming->process_protocol_destroy:31"]
 
 
+def attempt_seconds(daemon):
+    """How long each of the failed attempts took, of those that got under way."""
+    began, seconds = 0.0, []
+    for line in daemon.log_lines():
+        if line.text == "websock-roaming->Connected":
+            began = line.time
+        elif line.text == "websock-roaming->process_client_connection_error:41":
+            seconds.append(line.time - began)
+    return seconds
+
+
 def courses_of(daemon):
     """The worker's own lines and the library's, each as one list per attempt."""
     own, library = [], []
@@ -103,11 +114,11 @@ def courses_of(daemon):
 class handshake_trial:
     """A daemon that was connected, meets a failing_server's faults and is connected again."""
 
-    def __init__(self, make_daemon, bus, server):
+    def __init__(self, make_daemon, bus, server, start_options):
         self.bus = bus
         self.server = server
         bus.listen()
-        self.daemon = make_daemon().start(config_text(server.url, log_level=15))
+        self.daemon = make_daemon().start(config_text(server.url, log_level=15), **start_options)
         bus.wait_until_connected()
         self.descriptors = self.daemon.descriptor_count()
         self.announced = len(bus.statuses())
@@ -122,14 +133,14 @@ class handshake_trial:
         # Two at the end of the first connection, two for every failed attempt.
         announced = self.bus.wait_for_statuses(self.announced + 2 * (faults + 1))
         assert set(announced[self.announced:]) == {"disconnected"}
-        assert self.bus.run("status", "--timeout", "20").stdout == b"disconnected\n"
+        assert self.bus.run("status").stdout == b"disconnected\n"
         return endured_t(self.daemon, self.server, courses[1:faults + 1],
                          library_lines[1:faults + 1])
 
     def heal(self):
         self.server.behave()
         self.bus.wait_for_last_status("connected", after=self.announced)
-        assert self.bus.run("status", "--timeout", "20").stdout == b"connected\n"
+        assert self.bus.run("status").stdout == b"connected\n"
         self.bus.send(b"up again")
         assert self.server.wait_for_frames(opcode_text, 1)[0].payload == b"up again"
         self.server.send_text_frame(b"down again")

@@ -1,6 +1,7 @@
 """The daemon's keepalive at a faster clock, where minutes of it pass in seconds, and its lines."""
 
 import collections
+import os
 import re
 
 event_t = collections.namedtuple("event_t", "time what")
@@ -16,7 +17,12 @@ patterns = {
 
 
 def fast_clock(speed):
-    """What to start a daemon with; its log's time stamps are of its own clock."""
+    """What to start a daemon with; its log's time stamps are of its own clock.
+
+    Nothing under an emulator, which does not bear what is preloaded: the time passes as it does.
+    """
+    if os.environ.get("VEMK_RUNNER"):
+        return {}
     return {"preload": "preload/fast_clock.so", "environment": {"FAST_CLOCK": str(speed)}}
 
 

@@ -2,6 +2,7 @@
 
 import base64
 import collections
+import contextlib
 import hashlib
 import socket
 import threading
@@ -21,6 +22,20 @@ def silent(server, connection, request):
 def refuse(server, connection, request):
     connection.sendall(b"HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\nConnection: close\r\n\r\n")
     connection.close()
+
+
+@contextlib.contextmanager
+def deaf_listener(address):
+    """A listener with a full backlog, which drops every further connection request; its address."""
+    with contextlib.ExitStack() as sockets:
+        listener = sockets.enter_context(socket.socket())
+        listener.bind(address)
+        listener.listen(0)
+        for _ in range(4):
+            waiting = sockets.enter_context(socket.socket())
+            waiting.setblocking(False)
+            waiting.connect_ex(listener.getsockname())
+        yield listener.getsockname()
 
 
 def upgrade_lines(request):

@@ -83,11 +83,12 @@ TEST(CommandLineTest, ListenTakesItsOptions) {
   EXPECT_EQ(options_of({"listen", "--format", "hex"}).format, message_format::hex);
 }
 
-// status waits 10 seconds; rejoin --module 4 means module 4.
+// status waits 30 seconds, longer than an attempt to connect; rejoin 10; --module 4 means module 4.
 TEST(CommandLineTest, StatusAndRejoinHaveDefaults) {
   EXPECT_EQ(options_of({"status"}).what, command::status);
-  EXPECT_EQ(options_of({"status"}).timeout_seconds, 10);
+  EXPECT_EQ(options_of({"status"}).timeout_seconds, 30);
   EXPECT_EQ(options_of({"rejoin"}).what, command::rejoin);
+  EXPECT_EQ(options_of({"rejoin"}).timeout_seconds, 10);
   EXPECT_EQ(options_of({"rejoin", "--module", "4"}).module_id, 4);
 }
 

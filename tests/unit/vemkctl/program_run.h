@@ -6,9 +6,11 @@
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>
+#include <pty.h>
 #include <spawn.h>
 #include <string>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 #include <vector>
 
@@ -18,17 +20,23 @@
 
 namespace vemk {
 
+enum class error_stream { pipe, terminal };
+
 /// Starts the program with its standard streams on files in a folder of the test's own, except for
-/// standard error, which is a pipe. The destructor waits for the program's end.
+/// standard error, which is a pipe or a terminal. The destructor waits for the program's end.
 class program_run {
 public:
   program_run(const std::string &folder, std::vector<std::string> arguments,
-              const std::string &input = "", const std::string &output_file = "")
+              const std::string &input = "", const std::string &output_file = "",
+              error_stream errors = error_stream::pipe)
       : output_path(output_file.empty() ? unused_file(folder) : output_file) {
     const std::string input_path = unused_file(folder);
     std::ofstream(input_path, std::ios::binary) << input;
     int ends[2];
-    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    if (errors == error_stream::terminal)
+      open_terminal(ends);
+    else
+      EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
     error_end = ends[0];
 
     posix_spawn_file_actions_t files;
@@ -84,6 +92,17 @@ public:
   void signal(int number) { kill(process, number); }
 
 private:
+  /// The end that is read, and the end that is a terminal; it changes nothing that passes.
+  static void open_terminal(int (&ends)[2]) {
+    EXPECT_EQ(openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr), 0);
+    for (const int end : ends)
+      EXPECT_EQ(fcntl(end, F_SETFD, FD_CLOEXEC), 0);
+    termios settings{};
+    EXPECT_EQ(tcgetattr(ends[1], &settings), 0);
+    cfmakeraw(&settings);
+    EXPECT_EQ(tcsetattr(ends[1], TCSANOW, &settings), 0);
+  }
+
   static std::string unused_file(const std::string &folder) {
     static int files = 0;
     return folder + "/stream" + std::to_string(++files);

@@ -1,7 +1,9 @@
 // The real program against a module in this process.
 
+#include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -216,6 +218,27 @@ TEST_F(VemkctlProgramTest, StatusEndsWithTwoWithoutAnAnswer) {
   EXPECT_THAT(without_module.next_note(), StartsWith("vemkctl: no answer from module 2 in " + bus));
   EXPECT_EQ(without_module.exit_status(), 2);
   EXPECT_EQ(without_module.output(), "");
+}
+
+// After a second: on a terminal what it waits for, to a pipe nothing; then the answer as ever.
+TEST_F(VemkctlProgramTest, StatusTellsAPersonWhatItWaitsFor) {
+  {
+    program_run run(folder, {"status", "--timeout", "1.1"}, "", "", error_stream::terminal);
+    EXPECT_EQ(run.next_note(), "vemkctl: waiting for module 2 in " + bus + " to come onto the bus");
+    EXPECT_THAT(run.next_note(), StartsWith("vemkctl: no answer from module 2"));
+  }
+  fake_module module([](const std::string &) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    return std::vector<std::string>{connected};
+  });
+  const std::string note = "vemkctl: waiting for an answer of module 2 in " + bus +
+                           "; it gives none while it tries to connect, for 20 seconds or more";
+  for (const auto errors : {error_stream::terminal, error_stream::pipe}) {
+    program_run run(folder, {"status"}, "", "", errors);
+    EXPECT_EQ(run.next_note(), errors == error_stream::terminal ? note : "");
+    EXPECT_EQ(run.next_note(), "");
+    EXPECT_EQ(run.output(), "connected\n");
+  }
 }
 
 // The module's loop flag goes to 0 without a message for it; status 0.

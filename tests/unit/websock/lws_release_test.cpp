@@ -82,7 +82,7 @@ TEST_F(LwsReleaseTest, ProxyVariablesAreRemovedAndOthersStay) {
 
 #if LWS_LIBRARY_VERSION_NUMBER >= 4000000
 
-// Reason 45, all that is told of an unanswered handshake, gives "process_client_connection_error:41".
+// Reason 45 of a handshake without an answer logs "process_client_connection_error:41".
 // It was logged as "process_closed:76", as if there had been a connection.
 TEST_F(LwsReleaseTest, ServerThatAcceptsAndNeverAnswersIsNoticed) {
   make_connecting_worker();
@@ -90,6 +90,16 @@ TEST_F(LwsReleaseTest, ServerThatAcceptsAndNeverAnswersIsNoticed) {
   EXPECT_TRUE(worker->closed);
   EXPECT_FALSE(worker->keep_running(&run_flag));
   EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("process_client_connection_error", 41)));
+}
+
+// The library waits 20 s for a handshake, and more for an address, so that it tries the next one.
+// It gave up after its own 5 s, so that a service that took 8 s to answer was never connected.
+TEST_F(LwsReleaseTest, ServerHasTwentySecondsForTheHandshake) {
+  make_worker();
+  worker->_connect();
+  const fake_lws::creation_info_t info = fake_lws::creation_infos().at(0);
+  EXPECT_EQ(info.timeout_secs, 20u);
+  EXPECT_GT(info.connect_timeout_secs, info.timeout_secs);
 }
 
 // The protocol allows at least 1 MiB per write to the socket, not the library's 4096 bytes.

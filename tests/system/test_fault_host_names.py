@@ -1,0 +1,37 @@
+"""Names of the service that a hosts file of the daemon's own resolves."""
+
+import pytest
+
+from harness.keepalive import fast_clock
+from harness.raw_server import deaf_listener
+from harness.round_trip import passes_both_ways
+from harness.vemk_daemon import config_text
+
+
+@pytest.fixture
+def start(place, make_daemon, bus):
+    """Starts a daemon whose service has this name, port and addresses."""
+    hosts_file = place.folder / "hosts"
+    place.binds.append((hosts_file, "/etc/hosts"))
+    bus.listen()
+
+    def make(name, port, addresses=("127.0.0.1",), **start_options):
+        hosts_file.write_text("".join(f"{address} {name}\n" for address in addresses))
+        config = config_text(f"ws://{name}:{port}/roam", log_level=15)
+        return make_daemon().start(config, **start_options)
+
+    return make
+
+
+# Fault, before the connection: the service's name has two addresses, and the first is silent.
+# Seen: after 20 s the same attempt goes on to the second address; it connects, and messages pass
+# both ways.
+def test_next_address_is_tried_when_one_is_silent(start, bus, server):
+    server.stop()
+    server.host = "127.0.0.3"
+    server.start()
+    with deaf_listener(("127.0.0.2", server.port)):
+        daemon = start("roaming.example", server.port, ["127.0.0.2", "127.0.0.3"], **fast_clock(10))
+        bus.wait_until_connected()
+        assert passes_both_ways(bus, server, "at the second address")
+    assert len(daemon.lines_with("Try to establish connect")) == 1
