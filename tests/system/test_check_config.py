@@ -12,6 +12,10 @@ connects = [
     ("complete", "roam_service_url=ws://127.0.0.1:{port}/roam\n" + delays, 0),
     ("no_scheme", "ROAM_SERVICE_URL=127.0.0.1:{port}/\n" + delays, 0),
     ("carriage_returns", "roam_service_url=ws://127.0.0.1:{port}/roam\r\n" + delays, 1),
+    # The wait is drawn from -2 to 2 seconds, and a number below 1 is none.
+    ("negative_delay", "roam_service_url=ws://127.0.0.1:{port}/roam\n"
+     "initial_connection_delay=-5\nmax_connection_delay=2\n", 1),
+    ("comment_behind_the_path", "roam_service_url=ws://127.0.0.1:{port}/roam#test\n" + delays, 1),
     ("text_behind_port", "roam_service_url=ws://127.0.0.1:{port}x/\n" + delays, 1),
     ("port_beyond_16_bits", "roam_service_url=ws://127.0.0.1:{port_and_65536}/\n" + delays, 1),
     ("refused_scheme_after_it",
@@ -59,7 +63,7 @@ def check(place, server, companion_folder):
     return run
 
 
-# Seven files with verdict 0 or 1, an odd port among them: the daemon connects with each.
+# Nine files with verdict 0 or 1, an odd port among them: the daemon connects with each.
 @pytest.mark.parametrize("template, expected", named(connects))
 def test_usable_means_that_the_daemon_connects(check, make_daemon, server, template, expected):
     text, verdict = check(template)

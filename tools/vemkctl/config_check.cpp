@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <optional>
 #include <sys/stat.h>
 #include <utility>
@@ -26,6 +27,16 @@ namespace {
 
 constexpr std::size_t windows_shown = 5;
 
+/// Seconds; beyond it the delay was probably given in milliseconds.
+constexpr std::int64_t longest_plausible_wait = 600;
+
+constexpr std::int64_t largest_number = std::numeric_limits<std::int32_t>::max();
+
+/// As the daemon takes it when it draws a wait.
+bool is_negative(std::uint32_t delay) {
+  return delay > largest_number;
+}
+
 std::string printable(const char *text) {
   return format_message(text, message_format::text, 0);
 }
@@ -40,6 +51,7 @@ std::string hexadecimal(std::uint32_t value) {
 struct file_content_t {
   std::string bytes;
   std::string fault;
+  bool everybody_may_write = false;
 };
 
 file_content_t read_file(const std::string &name) {
@@ -56,7 +68,7 @@ file_content_t read_file(const std::string &name) {
   if (!file)
     return {"", std::string("cannot be opened: ") + std::strerror(errno) +
                     "; see that the daemon's user may read it, and check it as that user"};
-  return {{std::istreambuf_iterator<char>(file), {}}, ""};
+  return {{std::istreambuf_iterator<char>(file), {}}, "", (status.st_mode & S_IWOTH) != 0};
 }
 
 /// Why a daemon with this configuration would not connect.
@@ -91,7 +103,7 @@ void add_delay_findings(const websock_cfg_t &cfg, config_findings_t &found) {
   else if (largest == 1)
     add(config_key::max_delay, "the largest delay is 1, so the daemon tries again without a wait; "
                                "give the largest delay in seconds");
-  else if (initial > largest)
+  else if (initial > largest && !is_negative(initial))
     add(config_key::initial_delay, "the initial delay " + std::to_string(initial) +
                                        " is above the maximum " + std::to_string(largest) +
                                        ", so only the first wait has it; give one below it");
@@ -101,6 +113,20 @@ void add_delay_findings(const websock_cfg_t &cfg, config_findings_t &found) {
                                                               "the initial delay is 0"
                                                             : "the initial delay is 0") +
             ", which counts as 2 but does not grow at first; give the first delay in seconds");
+  const std::int64_t longest = delay_windows(initial, largest, 1).front().high - 1;
+  if (longest > longest_plausible_wait && !is_negative(initial))
+    add(config_key::initial_delay,
+        "the first wait can be " + std::to_string(std::min(longest, largest_number)) +
+            " seconds; delays are in seconds, not in milliseconds: give the seconds that are "
+            "meant");
+}
+
+void add_log_finding(const websock_cfg_t &cfg, config_findings_t &found) {
+  if ((cfg.log_level & log_category_debug) != 0)
+    found.findings.push_back({found.source_lines[static_cast<std::size_t>(config_key::log_level)],
+                              "the debugging category, 8, puts the contents of messages into the "
+                              "log; leave it out once the fault is found",
+                              false});
 }
 
 void add_whole_messages_note(const websock_cfg_t &cfg, config_findings_t &found) {
@@ -130,10 +156,26 @@ std::string category_names(std::uint32_t level) {
 
 std::string windows_text(const websock_cfg_t &cfg) {
   std::string text;
+  bool below = false;
+  bool beyond = false;
   for (const auto &window :
-       delay_windows(cfg.initial_connection_delay, cfg.max_connection_delay, windows_shown))
+       delay_windows(cfg.initial_connection_delay, cfg.max_connection_delay, windows_shown)) {
     text += to_text(window) + " ";
-  return text + "seconds";
+    below = below || window.low < 0;
+    beyond = beyond || window.high - 1 > largest_number;
+  }
+  text += "seconds";
+  if (below || beyond)
+    text += std::string("; ") + (below ? "below 1 " : "") + (below && beyond ? "and " : "") +
+            (beyond ? "beyond 2147483647 " : "") + "there is no wait";
+  return text;
+}
+
+std::string initial_delay_text(std::uint32_t delay) {
+  const std::string given = std::to_string(delay);
+  return is_negative(delay)
+             ? std::to_string(static_cast<std::int32_t>(delay)) + " s (from " + given + ")"
+             : given + " s";
 }
 
 std::string port_text(std::int32_t port) {
@@ -153,7 +195,7 @@ std::string settings_text(const websock_cfg_t &cfg) {
     add("port", port_text(cfg.port));
     add("path", printable(cfg.path));
   }
-  add("initial delay", std::to_string(cfg.initial_connection_delay) + " s");
+  add("initial delay", initial_delay_text(cfg.initial_connection_delay));
   add("maximum delay", std::to_string(cfg.max_connection_delay) + " s");
   add("first delays", windows_text(cfg));
   add("log", category_names(cfg.log_level) + " (" + hexadecimal(cfg.log_level) + ")");
@@ -190,12 +232,18 @@ config_check_t check_config(const std::string &file_name) {
   websock_cfg_t cfg{};
   read_config_file(cfg, file_name.c_str());
   config_findings_t found = find_in_config(content.bytes);
+  if (content.everybody_may_write)
+    found.findings.push_back({0,
+                              "everybody may write this file, and so choose the service that the "
+                              "daemon trusts; close it with chmod o-w",
+                              false});
   const auto reason = why_unusable(cfg, found.findings);
   if (reason)
     return {config_verdict::unusable,
             findings_text(file, found.findings, true) + file + ": not usable: " + *reason + "\n"};
 
   add_delay_findings(cfg, found);
+  add_log_finding(cfg, found);
   const std::size_t count = found.findings.size();
   add_whole_messages_note(cfg, found);
   const std::string warnings =

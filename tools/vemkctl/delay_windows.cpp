@@ -1,6 +1,7 @@
 #include "vemkctl/delay_windows.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace vemk {
 
@@ -9,10 +10,10 @@ std::vector<delay_window_t> delay_windows(std::uint32_t initial_delay, std::uint
   std::vector<delay_window_t> windows;
   std::uint32_t delay = initial_delay;
   while (windows.size() < count) {
-    // The daemon halves the delay as a signed number.
-    const auto low = delay == 0 ? 1 : static_cast<std::int32_t>(delay) / 2;
-    const std::uint32_t span = delay == 0 ? 2 : delay;
-    windows.push_back({static_cast<std::uint32_t>(low), static_cast<std::uint32_t>(low) + span});
+    // rand() % -5 gives 0 to 4, as rand() % 5 does.
+    const std::int64_t number = delay == 0 ? 2 : static_cast<std::int32_t>(delay);
+    const std::int64_t low = number / 2;
+    windows.push_back({low, low + std::abs(number)});
     delay = std::min(delay == 0 ? 2 : 2 * delay, max_delay);
   }
   return windows;

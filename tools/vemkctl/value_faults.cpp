@@ -1,6 +1,7 @@
 #include "vemkctl/value_faults.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -85,6 +86,16 @@ fault_t missing_part(const service_url_t &url) {
   return {};
 }
 
+/// Resolvers read other forms of such an address differently, or ask name servers for it.
+fault_t address_fault(std::string_view host) {
+  in_addr address{};
+  if (host.find_first_not_of("0123456789.") != std::string_view::npos ||
+      inet_pton(AF_INET, std::string(host).c_str(), &address) == 1)
+    return {};
+  return "host " + quoted(host) + " is all digits and dots, but not an IPv4 address; write four " +
+         "numbers from 0 to 255, without leading zeros";
+}
+
 fault_t host_fault(std::string_view host) {
   if (auto fault = service_fault(host, 1))
     return fault;
@@ -93,7 +104,7 @@ fault_t host_fault(std::string_view host) {
            "write it in its ASCII form (xn--...)";
   if (!std::all_of(host.begin(), host.end(), is_host_character))
     return "host " + quoted(host) + " holds what no host name has; see that it is the host alone";
-  return {};
+  return address_fault(host);
 }
 
 fault_t port_fault(const std::string &text) {
@@ -108,6 +119,13 @@ fault_t port_fault(const std::string &text) {
 }
 
 fault_t path_fault(std::string_view path) {
+  const std::size_t sign = path.find('#');
+  if (sign != std::string_view::npos && sign > 0 && is_blank(path[sign - 1]))
+    return "path " + quoted(path) + " ends in a comment, which is part of it; give the comment a " +
+           "line of its own";
+  if (sign != std::string_view::npos)
+    return "path " + quoted(path) + " holds a '#', and many servers refuse that; write %23 for " +
+           "it, or give a comment a line of its own";
   if (has_blank(path) || std::any_of(path.begin(), path.end(), is_control))
     return "path " + quoted(path) +
            " holds blanks or control characters, and many servers refuse that; write %20 for a " +

@@ -1,3 +1,4 @@
+#include <initializer_list>
 #include <string>
 #include <sys/stat.h>
 #include <utility>
@@ -60,7 +61,7 @@ protected:
 // The whole report: service, both delays, the first five windows, log mask, location, yes or no.
 TEST_F(ConfigCheckTest, TellsWhatTheDaemonUses) {
   const config_check_t result =
-      check(good + "ap_location=lobby west\nlog_level=0x0D\nwhole_messages=1\n");
+      check(good + "ap_location=lobby west\nlog_level=0x05\nwhole_messages=1\n");
   EXPECT_EQ(result.verdict, config_verdict::usable);
   EXPECT_EQ(result.report, folder.file("vemk.conf") +
                                ": usable; the daemon uses\n"
@@ -70,7 +71,7 @@ TEST_F(ConfigCheckTest, TellsWhatTheDaemonUses) {
                                "  initial delay   2 s\n"
                                "  maximum delay   60 s\n"
                                "  first delays    [1;3) [2;6) [4;12) [8;24) [16;48) seconds\n"
-                               "  log             error, info, debug (0x0D)\n"
+                               "  log             error, info (0x05)\n"
                                "  location        lobby west\n"
                                "  whole messages  yes\n");
 }
@@ -251,6 +252,33 @@ TEST_F(ConfigCheckTest, OddHostsAndPathsAreWarnedOf) {
   expect_warning(url + "h:80x/\n" + good_delays, "1: warning: port: '80x' has 'x' behind");
 }
 
+// 256.300.1.1, 192.0.2, 192.0.2.7. and 010.0.2.7 are no IPv4 addresses; 1.2.3.4.example is a name.
+TEST_F(ConfigCheckTest, NumbersThatAreNoAddressAreWarnedOf) {
+  // 256.300.1.1 was called usable, and the daemon asked name servers for it for ever.
+  for (const char *host : {"256.300.1.1", "192.0.2", "192.0.2.7.", "010.0.2.7", "1"})
+    expect_warning("roam_service_url=ws://" + std::string(host) + ":80/\n" + good_delays,
+                   "1: warning: host '" + std::string(host) +
+                       "' is all digits and dots, but not an IPv4 address; write four numbers from "
+                       "0 to 255, without leading zeros\n");
+  EXPECT_EQ(check("roam_service_url=ws://1.2.3.4.example:80/\n" + good_delays).verdict,
+            config_verdict::usable);
+}
+
+// "/roam # test" is a comment that became path, "/roam#test" a '#' in the path.
+TEST_F(ConfigCheckTest, NumberSignInThePathIsWarnedOf) {
+  // Behind a blank the warning was of the blank alone, and of "/roam#test" there was none; servers
+  // answer both with 400 or 404.
+  const std::string url = "roam_service_url=ws://h:80/";
+  expect_warning(url + "roam # test\n" + good_delays,
+                 "1: warning: path 'roam # test' ends in a comment, which is part of it; give the "
+                 "comment a line of its own\n");
+  expect_warning(url + "roam\t#\n" + good_delays, "1: warning: path 'roam\\t#' ends in a comment");
+  expect_warning(
+      url + "roam#test\n" + good_delays,
+      "1: warning: path 'roam#test' holds a '#', and many servers refuse that; write %23 "
+      "for it, or give a comment a line of its own\n");
+}
+
 // Each odd delay is named with its value: "5s" is 5, "-5" is 4294967291.
 TEST_F(ConfigCheckTest, NumbersThatAreNotPlainAreNamedWithWhatTheyCountAs) {
   EXPECT_THAT(findings("max_connection_delay=\nmax_connection_delay=ten\n"),
@@ -300,6 +328,65 @@ TEST_F(ConfigCheckTest, DelaysThatDoNotWorkTogetherAreWarnedOf) {
   expect_warning(delays("1", "1"), "3: warning: the largest delay is 1");
   expect_warning(good_url, " warning: without max_connection_delay=");
   expect_warning(good_url, " warning: without initial_connection_delay=");
+}
+
+// From 402 seconds on, and not at 401, the first wait is said to be possibly above 600 seconds.
+TEST_F(ConfigCheckTest, DelaysThatLookLikeMillisecondsAreWarnedOf) {
+  // 5000 and 60000 were taken without a word, and a device came back after up to two hours.
+  expect_warning(good_url + "initial_connection_delay=5000\nmax_connection_delay=60000\n",
+                 "2: warning: the first wait can be 7499 seconds; delays are in seconds, not in "
+                 "milliseconds: give the seconds that are meant\n");
+  const auto with_first = [this](const char *delay) {
+    return check(good_url + "initial_connection_delay=" + delay + "\nmax_connection_delay=7200\n");
+  };
+  EXPECT_EQ(with_first("401").verdict, config_verdict::usable);
+  EXPECT_THAT(with_first("402").report, HasSubstr("2: warning: the first wait can be 602 seconds"));
+}
+
+// The windows of -5 are [-2;3), then that of the maximum, with "below 1 there is no wait".
+TEST_F(ConfigCheckTest, NegativeDelaysAreShownAsTheDaemonTakesThem) {
+  // The window stood there as [4294967294;4294967289), which nobody can read, and which is not the
+  // range of the numbers either: the remainder of a division by -5 is not negative.
+  const std::string file = good_url + "initial_connection_delay=-5\nmax_connection_delay=60\n";
+  EXPECT_THAT(check(file).report,
+              AllOf(HasSubstr("2: warning: initial_connection_delay: '-5' has a sign"),
+                    HasSubstr("  initial delay   -5 s (from 4294967291)\n"),
+                    HasSubstr("  first delays    [-2;3) [30;90) [30;90) [30;90) [30;90) seconds; "
+                              "below 1 there is no wait\n")));
+  EXPECT_THAT(check(file).report, Not(HasSubstr("milliseconds")));
+}
+
+// Beyond 2147483647, where the daemon's number turns negative, "there is no wait".
+TEST_F(ConfigCheckTest, WaitsBeyond31BitsAreSaidToBeNone) {
+  EXPECT_THAT(
+      check(good_url + "initial_connection_delay=2147483647\nmax_connection_delay=2\n").report,
+      HasSubstr("  first delays    [1073741823;3221225470) [1;3) [1;3) [1;3) [1;3) seconds; "
+                "beyond 2147483647 there is no wait\n"));
+}
+
+// "0x0F" and 8 are said to put the contents of messages into the log; 7 is not.
+TEST_F(ConfigCheckTest, LogThatShowsTheContentsOfMessagesIsWarnedOf) {
+  // A device's log was copied into a report, with everything that its service had sent.
+  for (const char *level : {"8", "0x0F", "0X0f"})
+    expect_warning(good + "log_level=" + level + "\n",
+                   "4: warning: the debugging category, 8, puts the contents of messages into the "
+                   "log; leave it out once the fault is found\n");
+  EXPECT_EQ(check(good + "log_level=7\n").verdict, config_verdict::usable);
+}
+
+// A file of mode 0602 is warned of as a whole, also one that is not usable; 0660 is not.
+TEST_F(ConfigCheckTest, FileThatEverybodyMayWriteIsWarnedOf) {
+  const auto report_with = [this](const std::string &bytes, mode_t mode) {
+    const std::string path = folder.write("vemk.conf", bytes);
+    EXPECT_EQ(chmod(path.c_str(), mode), 0);
+    return check_config(path).report;
+  };
+  const std::string warning = folder.file("vemk.conf") +
+                              ": warning: everybody may write this file, and so choose the service "
+                              "that the daemon trusts; close it with chmod o-w\n";
+  EXPECT_THAT(report_with(good, 0602), AllOf(StartsWith(warning), HasSubstr("with 1 warning;")));
+  EXPECT_THAT(report_with("# nothing\n", 0666), StartsWith(warning));
+  EXPECT_THAT(report_with(good, 0660), HasSubstr(": usable; "));
 }
 
 // A second maximum on line 5 is in use, with a warning that names line 3.

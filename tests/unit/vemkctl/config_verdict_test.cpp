@@ -72,16 +72,16 @@ private:
   }
 
   std::string url_line() {
-    return joined(
-        {key("roam_service_url"),
-         usually("ws://", {"", "", "wss://", "WS://", "://", "http://", " ws://", "ws:///", "ws:/",
-                           "\"ws://"}),
-         usually("192.0.2.7", {"", " ", "name.example", "a b", "h/roam", "[::1]", "h\xC3\xB6st",
-                               "+x", "u:p@h", "\r", "h\r", std::string("\0", 1), "h\x01"}),
-         usually(":8080", {"", ":", ":0", ":70000", ":65536", ":-1", ":80x", ": 80", ":x",
-                           ":99999999999", ":-65536", ":+80"}),
-         usually("/roam", {"", "/", "/a b", "/a://b", "/a:1/", "//", "/\xC3\xB6", "/\r",
-                           "/roam # comment"})});
+    return joined({key("roam_service_url"),
+                   usually("ws://", {"", "", "wss://", "WS://", "://", "http://", " ws://",
+                                     "ws:///", "ws:/", "\"ws://"}),
+                   usually("192.0.2.7", {"", " ", "name.example", "256.300.1.1", "a b", "h/roam",
+                                         "[::1]", "h\xC3\xB6st", "+x", "u:p@h", "\r", "h\r",
+                                         std::string("\0", 1), "h\x01"}),
+                   usually(":8080", {"", ":", ":0", ":70000", ":65536", ":-1", ":80x", ": 80", ":x",
+                                     ":99999999999", ":-65536", ":+80"}),
+                   usually("/roam", {"", "/", "/a b", "/a://b", "/a:1/", "//", "/\xC3\xB6", "/\r",
+                                     "/roam # comment", "/roam#x"})});
   }
 
   std::string number() {
@@ -158,9 +158,9 @@ protected:
   /// Nothing in it that anyone would want to be told.
   static bool is_plain(const std::string &file) {
     static const std::regex plain_line(
-        R"(|#[^\r]*|;[^\r]*|roam_service_url=(ws://)?[A-Za-z0-9.]+:[0-9]{1,5}/[!-~]*|)"
+        R"(|#[^\r]*|;[^\r]*|roam_service_url=(ws://)?[A-Za-z0-9.]+:[0-9]{1,5}/[!-"$-~]*|)"
         R"((initial|max)_connection_delay=[0-9]{1,10}|ap_location=[^\r]*|)"
-        R"(log_level=([0-9]|1[0-5]|0x0[0-9A-F])|whole_messages=[01])",
+        R"(log_level=([0-7]|0x0[0-7])|whole_messages=[01])",
         std::regex::icase);
     std::istringstream lines(file);
     for (std::string line; std::getline(lines, line);) {
