@@ -1,10 +1,8 @@
 #include "zandor_log/line_sink.h"
 
-#include <cerrno>
 #include <memory>
 #include <spdlog/pattern_formatter.h>
 #include <string_view>
-#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -33,14 +31,14 @@ bool line_sink::write_to_file(std::string_view line) {
   if (!file)
     return false;
   if (file->write_line(line)) {
-    file_failure_noted = false;
+    noted_fault.clear();
     return true;
   }
-  if (!file_failure_noted) {
-    const std::string reason = std::generic_category().message(errno);
+  if (file->fault() != noted_fault) {
     error_writer.write(STDERR_FILENO, program + ": cannot open the log file " + file_path + ": " +
-                                          reason + "; logging to standard error until it can\n");
-    file_failure_noted = true;
+                                          file->fault() +
+                                          "; logging to standard error until it can\n");
+    noted_fault = file->fault();
   }
   return false;
 }

@@ -1,9 +1,11 @@
 #include "zandor_log/log_file.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -12,6 +14,25 @@ namespace {
 
 // Others may rotate the file again and again between the opening and the lock.
 constexpr std::chrono::milliseconds settle_patience{200};
+
+std::string octal(mode_t mode) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
+  return text;
+}
+
+// Only root can make a device, and several of them are for everybody.
+bool may_be_trusted(const struct stat &status) noexcept {
+  return S_ISCHR(status.st_mode) || ((status.st_uid == geteuid() || status.st_uid == 0) &&
+                                     (status.st_mode & (S_IWGRP | S_IWOTH)) == 0);
+}
+
+std::string why_distrusted(const struct stat &status) {
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+    return "others may write it (mode " + octal(status.st_mode) + ")";
+  return "it belongs to user " + std::to_string(status.st_uid) + ", not to user " +
+         std::to_string(geteuid());
+}
 
 } // namespace
 
@@ -39,13 +60,24 @@ bool log_file::write_line(std::string_view line) {
   }
 }
 
-bool log_file::open_if_closed() noexcept {
+bool log_file::open_if_closed() {
   if (descriptor >= 0)
     return true;
   // O_NONBLOCK: a FIFO without a reader must not hold up the program.
-  const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW;
   descriptor = open(path.c_str(), flags, 0600);
-  return descriptor >= 0;
+  if (descriptor < 0) {
+    const int error = errno;
+    open_fault = is_link() ? "it is a symbolic link" : std::generic_category().message(error);
+    return false;
+  }
+  // Behind the descriptor it cannot become another file between the look and the write.
+  struct stat status {};
+  if (fstat(descriptor, &status) == 0 && may_be_trusted(status))
+    return true;
+  close_if_open();
+  open_fault = why_distrusted(status);
+  return false;
 }
 
 void log_file::close_if_open() noexcept {
@@ -57,8 +89,13 @@ void log_file::close_if_open() noexcept {
 bool log_file::is_still_at_path() const noexcept {
   struct stat opened {};
   struct stat at_path {};
-  return fstat(descriptor, &opened) == 0 && stat(path.c_str(), &at_path) == 0 &&
+  return fstat(descriptor, &opened) == 0 && lstat(path.c_str(), &at_path) == 0 &&
          opened.st_dev == at_path.st_dev && opened.st_ino == at_path.st_ino;
+}
+
+bool log_file::is_link() const noexcept {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 bool log_file::is_full_for(std::string_view line) const noexcept {

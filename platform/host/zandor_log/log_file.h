@@ -16,6 +16,10 @@ namespace vemk {
 /// file that has been renamed or removed meanwhile opens the path again. A lock that cannot be had
 /// costs the rotation, not the line.
 ///
+/// The path is not followed when it is a symbolic link, and what others own or may write is not
+/// taken over: the lines would end up in a file, or before eyes, that nobody meant. Only a device
+/// may be open to others.
+///
 /// Threading: none of its own; one call at a time.
 /// Ownership: owns its descriptor.
 /// Errors: see write_line().
@@ -29,19 +33,24 @@ public:
   log_file(const log_file &) = delete;
   log_file &operator=(const log_file &) = delete;
 
-  /// Writes `line`, which ends with a line end. Returns false, with the reason in errno and nothing
-  /// written, when the path cannot be opened; each call tries again. A line that an open file does
-  /// not take (a full disk) is lost.
+  /// Writes `line`, which ends with a line end. Returns false, with nothing written and the reason
+  /// in fault(), when the path cannot be opened or may not be trusted; each call tries again. A
+  /// line that an open file does not take (a full disk) is lost. Throws std::bad_alloc.
   bool write_line(std::string_view line);
 
+  /// Why the last write_line() returned false; it may be read until the next one.
+  const std::string &fault() const { return open_fault; }
+
 private:
-  bool open_if_closed() noexcept;
+  bool open_if_closed();
   void close_if_open() noexcept;
   bool is_still_at_path() const noexcept;
+  bool is_link() const noexcept;
   bool is_full_for(std::string_view line) const noexcept;
   bool rotate() const;
 
   const std::string path;
+  std::string open_fault;
   int descriptor = -1;
   line_writer writer;
 };

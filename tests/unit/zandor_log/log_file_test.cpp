@@ -2,7 +2,6 @@
 
 #include "child_process.h"
 
-#include <cerrno>
 #include <chrono>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -12,6 +11,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace vemk {
@@ -102,22 +102,84 @@ TEST_F(LogFileTest, FollowsARotationByAnotherProcess) {
   EXPECT_EQ(file_content(path), "new\n");
 }
 
-// It is false with ENOENT while the folder is missing, and the line is kept once it exists.
+// It is false with "No such file or directory" while there is no folder; then the line is kept.
 TEST_F(LogFileTest, APathThatCannotBeOpenedIsReportedAndTriedAgain) {
   log_file file(folder.file("missing/log"));
   EXPECT_FALSE(file.write_line("lost\n"));
-  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(file.fault(), "No such file or directory");
   ASSERT_EQ(mkdir(folder.file("missing").c_str(), 0700), 0);
   EXPECT_TRUE(file.write_line("kept\n"));
   EXPECT_EQ(file_content(folder.file("missing/log")), "kept\n");
 }
 
-// It is false with ENXIO and does not wait for a reader.
+// It is false with "No such device or address" and does not wait for a reader.
 TEST_F(LogFileTest, AFifoThatNobodyReadsIsReportedAtOnce) {
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   log_file file(path);
   EXPECT_FALSE(file.write_line("lost\n"));
-  EXPECT_EQ(errno, ENXIO);
+  EXPECT_EQ(file.fault(), "No such device or address");
+}
+
+// It is false with "it is a symbolic link", whether there is a file behind the link or not.
+TEST_F(LogFileTest, ASymbolicLinkIsNotFollowed) {
+  // In a folder that others may write, a link at the log's name made root write into any file.
+  const std::string victim = folder.file("victim");
+  ASSERT_EQ(symlink(victim.c_str(), path.c_str()), 0);
+  log_file file(path);
+  EXPECT_FALSE(file.write_line("lost\n"));
+  EXPECT_EQ(file.fault(), "it is a symbolic link");
+  EXPECT_FALSE(file_exists(victim));
+  ASSERT_TRUE(log_file(victim).write_line("before\n"));
+  EXPECT_FALSE(file.write_line("lost\n"));
+  EXPECT_EQ(file_content(victim), "before\n");
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  EXPECT_TRUE(file.write_line("kept\n"));
+  EXPECT_EQ(file_content(path), "kept\n");
+}
+
+// A link to the open file itself, put in its place, is noticed with the next line.
+TEST_F(LogFileTest, ALinkInThePlaceOfTheOpenFileIsNotFollowed) {
+  log_file file(path);
+  ASSERT_TRUE(file.write_line("before\n"));
+  ASSERT_EQ(rename(path.c_str(), older(1).c_str()), 0);
+  ASSERT_EQ(symlink(older(1).c_str(), path.c_str()), 0);
+  EXPECT_FALSE(file.write_line("lost\n"));
+  EXPECT_EQ(file_content(older(1)), "before\n");
+}
+
+// Modes 0666, 0620 and 0602 are refused by their number and get no line; 0644 does.
+TEST_F(LogFileTest, AFileThatOthersMayWriteIsNotTakenOver) {
+  // Whoever had put such a file there could alter the log, and hold its lock.
+  ASSERT_TRUE(log_file(path).write_line("before\n"));
+  const std::pair<mode_t, const char *> refused[] = {
+      {0666, "0666"}, {0620, "0620"}, {0602, "0602"}};
+  for (const auto &[mode, digits] : refused) {
+    ASSERT_EQ(chmod(path.c_str(), mode), 0);
+    log_file file(path);
+    EXPECT_FALSE(file.write_line("lost\n"));
+    EXPECT_EQ(file.fault(), "others may write it (mode " + std::string(digits) + ")");
+  }
+  ASSERT_EQ(chmod(path.c_str(), 0644), 0);
+  EXPECT_TRUE(log_file(path).write_line("after\n"));
+  EXPECT_EQ(file_content(path), "before\nafter\n");
+}
+
+// It is false with "it belongs to user 65534, not to user 0", for a FIFO with a reader as well.
+TEST_F(LogFileTest, AFileOfAnotherUserIsNotTakenOver) {
+  if (geteuid() != 0)
+    GTEST_SKIP() << "only root can give a file away";
+  const std::string fifo = folder.file("fifo");
+  ASSERT_TRUE(log_file(path).write_line("before\n"));
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+  for (const std::string &name : {path, fifo}) {
+    ASSERT_EQ(chown(name.c_str(), 65534, 65534), 0);
+    log_file file(name);
+    EXPECT_FALSE(file.write_line("lost\n"));
+    EXPECT_EQ(file.fault(), "it belongs to user 65534, not to user 0");
+  }
+  close(reader);
+  EXPECT_EQ(file_content(path), "before\n");
 }
 
 // Lines for /dev/full are lost and the calls return true.

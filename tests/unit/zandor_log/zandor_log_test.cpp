@@ -201,6 +201,30 @@ TEST_F(ZandorLogTest, LinesGoToStandardErrorWhileTheFileCannotBeOpened) {
   EXPECT_EQ(without_timestamp(file_content(late + "/log")), "|7|case> three\n");
 }
 
+// One note for each reason that follows another: a mode of 0666, then a symbolic link.
+TEST_F(ZandorLogTest, FileThatMayNotBeTrustedIsNamedWithItsReason) {
+  ASSERT_EQ(close(creat(path.c_str(), 0600)), 0);
+  ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+  const auto result = run_in_child([this] {
+    start_log_to(path);
+    log_text("one\n");
+    log_text("two\n");
+    unlink(path.c_str());
+    if (symlink("/dev/null", path.c_str()) == 0)
+      log_text("three\n");
+  });
+  EXPECT_EQ(result.status, 0);
+  const std::string note = "vemk: cannot open the log file " + path + ": ";
+  EXPECT_THAT(result.error_output,
+              MatchesRegex(note +
+                           "others may write it [(]mode 0666[)]; logging to standard error until "
+                           "it can\n.{23}[|]7[|]case> one\n.{23}[|]7[|]case> two\n" +
+                           note +
+                           "it is a symbolic link; logging to standard error until it can\n"
+                           ".{23}[|]7[|]case> three\n"));
+  EXPECT_EQ(file_content(path), "");
+}
+
 // With /dev/full as the file the lines are lost, nothing is said and the status is 0.
 TEST_F(ZandorLogTest, AFullDiskDoesNotStopTheProgram) {
   const auto result = run_in_child([] {
