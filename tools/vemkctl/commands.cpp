@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -31,6 +32,25 @@ bus_deadline deadline_after(double seconds) {
   const std::chrono::duration<double> time(seconds);
   return std::chrono::steady_clock::now() +
          std::chrono::duration_cast<std::chrono::steady_clock::duration>(time);
+}
+
+/// Waits for the folder as the commands wait for the module: either may come later than they do.
+std::string find_bus_folder(const options_t &options, bus_deadline deadline) {
+  // Shorter than the time for which a module that has made the folder waits for listeners.
+  constexpr std::chrono::milliseconds pause{10};
+  const bool is_told_at_once =
+      (options.what == command::listen || isatty(STDERR_FILENO) != 0) && !options.quiet;
+  for (bool is_first = true;; is_first = false) {
+    try {
+      return open_bus_folder(options.bus_folder, bus_role::client);
+    } catch (const bus_folder_missing &missing) {
+      if (is_first && is_told_at_once)
+        write_note(missing.what() + std::string("; waiting for it"));
+      if (std::chrono::steady_clock::now() >= deadline)
+        throw;
+    }
+    std::this_thread::sleep_for(pause);
+  }
 }
 
 std::string module_in(const options_t &options, const std::string &folder) {
@@ -82,26 +102,32 @@ void send_lines(const options_t &options, const std::function<void(std::string_v
 
 [[noreturn]] void not_taken(const options_t &options, const std::string &folder) {
   throw bus_error(module_in(options, folder) + " did not take it in time; see that the module " +
-                  "runs and uses this bus folder, or name another with --bus");
+                  "runs and uses this bus folder, or name another with --bus DIR or " +
+                  "MODULE_BUS_DIR");
 }
 
-int run_send(const options_t &options, const std::string &folder) {
-  bus_sender sender(folder, options.module_id);
+int run_send(const options_t &options) {
+  const auto in_time = [&] { return deadline_after(options.timeout_seconds); };
+  std::string folder;
+  std::optional<bus_sender> sender;
   const auto send = [&](std::string_view message) {
-    if (!sender.send(message, deadline_after(options.timeout_seconds)))
+    if (!sender) {
+      folder = find_bus_folder(options, in_time());
+      sender.emplace(folder, options.module_id);
+    }
+    if (!sender->send(message, in_time()))
       not_taken(options, folder);
   };
   if (options.lines)
     send_lines(options, send);
   else
     send(whole_input(options));
-  if (!sender.wait_until_taken(deadline_after(options.timeout_seconds)))
+  if (sender && !sender->wait_until_taken(in_time()))
     not_taken(options, folder);
   return exit_done;
 }
 
-int run_rejoin(const options_t &options, const std::string &folder) {
-  const bus_deadline deadline = deadline_after(options.timeout_seconds);
+int run_rejoin(const options_t &options, const std::string &folder, bus_deadline deadline) {
   bus_sender sender(folder, options.module_id);
   if (!sender.send_leave(deadline) || !sender.wait_until_taken(deadline))
     not_taken(options, folder);
@@ -116,13 +142,12 @@ void note_losses(const options_t &options, std::uint64_t lost, std::uint64_t &to
   told = lost;
 }
 
-int run_listen(const options_t &options, const std::string &folder) {
-  const bus_deadline deadline = deadline_after(options.timeout_seconds);
+int run_listen(const options_t &options, const std::string &folder, bus_deadline deadline) {
   bus_listener listener(folder, options.module_id);
   if (!listener.wait_until_subscribed(deadline)) {
     if (!options.quiet)
       write_note(module_in(options, folder) + " was not on the bus; see that it runs and uses " +
-                 "this bus folder, or name another with --bus");
+                 "this bus folder, or name another with --bus DIR or MODULE_BUS_DIR");
     return exit_timeout;
   }
   if (!options.quiet)
@@ -142,7 +167,7 @@ int run_listen(const options_t &options, const std::string &folder) {
 int no_answer(const options_t &options, const std::string &folder) {
   write_note("no answer from " + module_in(options, folder) +
              " in time; see that the daemon runs and uses this bus folder, or name another " +
-             "with --bus");
+             "with --bus DIR or MODULE_BUS_DIR");
   return exit_timeout;
 }
 
@@ -166,8 +191,7 @@ std::optional<bool> receive_status(bus_listener &listener, bus_deadline deadline
   return std::nullopt;
 }
 
-int run_status(const options_t &options, const std::string &folder) {
-  const bus_deadline deadline = deadline_after(options.timeout_seconds);
+int run_status(const options_t &options, const std::string &folder, bus_deadline deadline) {
   bus_listener listener(folder, options.module_id);
   bus_sender sender(folder, options.module_id);
   const std::string module = module_in(options, folder);
@@ -202,25 +226,39 @@ int run_check_config(const options_t &options) {
   return exit_unusable;
 }
 
+/// The commands that have one time for all they do.
+int run_until(bus_deadline deadline, const options_t &options) {
+  const std::string folder = find_bus_folder(options, deadline);
+  switch (options.what) {
+  case command::listen:
+    return run_listen(options, folder, deadline);
+  case command::status:
+    return run_status(options, folder, deadline);
+  case command::rejoin:
+    return run_rejoin(options, folder, deadline);
+  case command::send:
+  case command::check_config:
+    break;
+  }
+  return exit_usage;
+}
+
 } // namespace
 
 int run_command(const options_t &options) {
   if (options.what == command::check_config)
     return run_check_config(options);
-  const std::string folder = open_bus_folder(options.bus_folder, bus_role::client);
-  switch (options.what) {
-  case command::send:
-    return run_send(options, folder);
-  case command::listen:
-    return run_listen(options, folder);
-  case command::status:
-    return run_status(options, folder);
-  case command::rejoin:
-    return run_rejoin(options, folder);
-  case command::check_config:
-    break;
+  if (options.what == command::send)
+    return run_send(options);
+  try {
+    return run_until(deadline_after(options.timeout_seconds), options);
+  } catch (const bus_folder_missing &missing) {
+    if (options.what == command::rejoin)
+      throw;
+    if (options.what == command::status)
+      write_note(missing.what());
+    return exit_timeout;
   }
-  return exit_usage;
 }
 
 void write_output(const char *data, std::size_t length) {

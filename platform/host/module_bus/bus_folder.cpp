@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -43,27 +44,44 @@ std::string octal(mode_t mode) {
   return text;
 }
 
-void make_or_trust(const std::string &path, bus_role role) {
+/// What keeps a process from using a folder; empty texts if nothing does.
+struct folder_fault_t {
+  std::string what;
+  std::string remedy;
+  bool is_missing = false;
+};
+
+folder_fault_t fault_of(const std::string &path, bus_role role) {
   const std::string folder = "bus folder " + path;
-  if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
-    throw bus_error(folder + " cannot be made: " + std::strerror(errno) +
-                    "; make it with mkdir -p -m 700, or " + name_another);
+  if (role == bus_role::module && mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
+    return {folder + " cannot be made: " + std::strerror(errno),
+            std::string("make it with mkdir -p -m 700, or ") + name_another};
   struct stat status {};
-  if (lstat(path.c_str(), &status) != 0)
-    throw bus_error(folder + " cannot be read: " + std::strerror(errno) + "; " + name_another);
+  const bool is_readable = lstat(path.c_str(), &status) == 0;
+  if (!is_readable && role == bus_role::client && errno == ENOENT)
+    return {folder + " is not there", std::string("see that the module runs, or ") + name_another,
+            true};
+  if (!is_readable)
+    return {folder + " cannot be read: " + std::strerror(errno), name_another};
   if (S_ISLNK(status.st_mode))
-    throw bus_error(folder + " is a symbolic link; name the folder that it leads to with " +
-                    "MODULE_BUS_DIR (vemkctl: --bus)");
+    return {folder + " is a symbolic link",
+            "name the folder that it leads to with MODULE_BUS_DIR (vemkctl: --bus)"};
   if (!S_ISDIR(status.st_mode))
-    throw bus_error(folder + " is not a folder; " + name_another);
+    return {folder + " is not a folder", name_another};
   const bool root_client = geteuid() == 0 && role == bus_role::client;
   if (status.st_uid != geteuid() && !root_client)
-    throw bus_error(folder + " belongs to user " + std::to_string(status.st_uid) +
-                    ", not to user " + std::to_string(geteuid()) + "; run as that user, or " +
-                    name_another);
+    return {folder + " belongs to user " + std::to_string(status.st_uid) + ", not to user " +
+                std::to_string(geteuid()),
+            std::string("run as that user, or ") + name_another};
   if ((status.st_mode & 077) != 0)
-    throw bus_error(folder + " is open to other users (mode " + octal(status.st_mode) +
-                    "); close it with chmod 700, or " + name_another);
+    return {folder + " is open to other users (mode " + octal(status.st_mode) + ")",
+            std::string("close it with chmod 700, or ") + name_another};
+  return {};
+}
+
+bool could_be_made(const std::string &path) {
+  const std::string parent = std::filesystem::path(path).parent_path().string();
+  return faccessat(AT_FDCWD, parent.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
 }
 
 std::string socket_path(const std::string &folder, int module_id, const char *suffix) {
@@ -86,15 +104,18 @@ std::string open_bus_folder(const std::string &named, bus_role role) {
 }
 
 std::string first_usable_folder(const std::vector<std::string> &folders, bus_role role) {
+  std::string refused;
   for (std::size_t i = 0;; ++i) {
     std::string path = plain_absolute(folders[i]);
-    try {
-      make_or_trust(path, role);
+    const folder_fault_t fault = fault_of(path, role);
+    if (fault.what.empty())
       return path;
-    } catch (const bus_error &) {
-      if (i + 1 == folders.size())
-        throw;
-    }
+    const bool is_last = i + 1 == folders.size();
+    if (fault.is_missing && (is_last || could_be_made(path)))
+      throw bus_folder_missing(fault.what + refused + "; " + fault.remedy);
+    if (is_last)
+      throw bus_error(fault.what + "; " + fault.remedy);
+    refused += ", and " + fault.what;
   }
 }
 

@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,10 +30,20 @@ protected:
     std::filesystem::remove_all(base);
   }
 
-  std::string refusal(const std::string &folder, bus_role role = bus_role::module) {
+  static std::string refusal(const std::string &folder, bus_role role = bus_role::module) {
     try {
       open_bus_folder(folder, role);
     } catch (const bus_error &error) {
+      return error.what();
+    }
+    return "accepted";
+  }
+
+  /// What a client is told that has to wait for one of the folders.
+  static std::string missing(const std::vector<std::string> &folders) {
+    try {
+      first_usable_folder(folders, bus_role::client);
+    } catch (const bus_folder_missing &error) {
       return error.what();
     }
     return "accepted";
@@ -52,6 +63,41 @@ TEST_F(BusFolderTest, IsMadeForItsUserAlone) {
   const std::string folder = base + "/bus";
   EXPECT_EQ(open_bus_folder(folder, bus_role::module), folder);
   EXPECT_EQ(mode_of(folder), 0700U);
+}
+
+// A client is told "is not there", and how to name another; the folder is not made.
+TEST_F(BusFolderTest, IsNeverMadeByAClient) {
+  // A look at another user's daemon left a bus folder behind, in which nobody ever answered.
+  const std::string folder = base + "/bus";
+  EXPECT_EQ(missing({folder}), "bus folder " + folder +
+                                   " is not there; see that the module runs, or name another with "
+                                   "MODULE_BUS_DIR (vemkctl: --bus)");
+  EXPECT_FALSE(std::filesystem::exists(folder));
+  open_bus_folder(folder, bus_role::module);
+  EXPECT_EQ(open_bus_folder(folder, bus_role::client), folder);
+}
+
+// Of a list a client takes the folder that a module of its user would use, there or not yet.
+TEST_F(BusFolderTest, OfAClientIsThatOfAModuleOfItsUser) {
+  const std::string first = base + "/first";
+  const std::string own = base + "/own";
+  const std::string impossible = base + "/missing/bus";
+  open_bus_folder(own, bus_role::module);
+  EXPECT_EQ(first_usable_folder({impossible, own}, bus_role::client), own);
+  EXPECT_THAT(missing({first, own}), HasSubstr(first + " is not there; see"));
+  open_bus_folder(first, bus_role::module);
+  EXPECT_EQ(first_usable_folder({first, own}, bus_role::client), first);
+}
+
+// Both are named: that of the user is not there, and the system's cannot be used.
+TEST_F(BusFolderTest, IsNamedToAClientWithTheOneBeforeItThatCannotBeUsed) {
+  const std::string open_to_all = base + "/open";
+  std::filesystem::create_directory(open_to_all);
+  ASSERT_EQ(chmod(open_to_all.c_str(), 0777), 0);
+  EXPECT_EQ(missing({open_to_all, base + "/own"}),
+            "bus folder " + base + "/own is not there, and bus folder " + open_to_all +
+                " is open to other users (mode 0777); see that the module runs, or name another "
+                "with MODULE_BUS_DIR (vemkctl: --bus)");
 }
 
 // Module and client open the same folder again without a complaint.

@@ -7,6 +7,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "fake_module.h"
 #include "program_run.h"
@@ -14,7 +15,9 @@
 namespace vemk {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
@@ -45,6 +48,9 @@ protected:
     unsetenv("MODULE_BUS_DIR");
     std::filesystem::remove_all(folder);
   }
+
+  /// As a module leaves it behind.
+  void make_bus_folder() const { ASSERT_EQ(mkdir(bus.c_str(), 0700), 0); }
 
   /// What the module gets from one run that has to succeed.
   std::vector<std::string> sent(const std::vector<std::string> &arguments,
@@ -112,11 +118,57 @@ TEST_F(VemkctlProgramTest, SendRefusesWhatIsLongerThan64Mebibytes) {
 
 // "did not take it in time" with module and folder, and status 3.
 TEST_F(VemkctlProgramTest, SendSaysSoWhenNobodyTakesTheMessage) {
+  make_bus_folder();
   program_run run(folder, {"send", "--timeout", "0.2", "text"});
   EXPECT_EQ(run.next_note(), "vemkctl: module 2 in " + bus +
                                  " did not take it in time; see that the module runs and uses "
-                                 "this bus folder, or name another with --bus");
+                                 "this bus folder, or name another with --bus DIR or "
+                                 "MODULE_BUS_DIR");
   EXPECT_EQ(run.exit_status(), 3);
+}
+
+// Each says in time that the folder is not there, and how to name another; it is not there then.
+TEST_F(VemkctlProgramTest, NoCommandMakesTheBusFolder) {
+  // `vemkctl status` of another user made that user's folder, and said "no answer" ever after.
+  const std::pair<std::vector<std::string>, int> cases[] = {
+      {{"send", "text"}, 3}, {{"rejoin"}, 3}, {{"listen"}, 2}, {{"status"}, 2}};
+  for (auto [command, status] : cases) {
+    command.insert(command.end(), {"--timeout", "0.1"});
+    program_run run(folder, command);
+    EXPECT_THAT(run.next_note(), StartsWith("vemkctl: bus folder " + bus +
+                                            " is not there; see that the module runs, or name "
+                                            "another with MODULE_BUS_DIR (vemkctl: --bus)"));
+    EXPECT_EQ(run.next_note(), "");
+    EXPECT_EQ(run.exit_status(), status) << command.front();
+  }
+  EXPECT_FALSE(std::filesystem::exists(bus));
+  program_run quiet(folder, {"listen", "--quiet", "--timeout", "0.1"});
+  EXPECT_EQ(quiet.next_note(), "");
+  EXPECT_EQ(quiet.exit_status(), 2);
+}
+
+// Started before there is a folder, each command does its work once a module has made one.
+TEST_F(VemkctlProgramTest, EachCommandWaitsForTheBusFolder) {
+  const auto answer = [](const std::string &) { return std::vector<std::string>{connected}; };
+  program_run listener(folder, {"listen", "--count", "1", "--timeout", "20"});
+  EXPECT_THAT(listener.next_note(), EndsWith("; waiting for it"));
+  program_run status(folder, {"status"});
+  program_run sender(folder, {"send", "text"});
+  fake_module module(answer);
+  EXPECT_EQ(listener.next_note(), "vemkctl: listening to module 2 in " + bus);
+  EXPECT_EQ(status.exit_status(), 0);
+  EXPECT_EQ(sender.exit_status(), 0);
+  // The answers to these two may have come before the listener did.
+  EXPECT_EQ(program_run(folder, {"send", "again"}).exit_status(), 0);
+  EXPECT_EQ(listener.exit_status(), 0);
+  module.stop();
+  std::filesystem::remove_all(bus);
+
+  program_run rejoin(folder, {"rejoin"});
+  fake_module dropped(silence);
+  EXPECT_EQ(rejoin.exit_status(), 0);
+  dropped.stop();
+  EXPECT_TRUE(dropped.dropped);
 }
 
 // With mode 0755 listen, status and rejoin end with "chmod 700" and status 3.
@@ -158,6 +210,7 @@ TEST_F(VemkctlProgramTest, ListenEndsWithTwoWhenTheTimeIsUp) {
 
 // "module 2 in FOLDER was not on the bus" and status 2.
 TEST_F(VemkctlProgramTest, ListenSaysThatTheModuleWasNotThere) {
+  make_bus_folder();
   program_run run(folder, {"listen", "--timeout", "0.2"});
   EXPECT_THAT(run.next_note(), StartsWith("vemkctl: module 2 in " + bus + " was not on the bus"));
   EXPECT_EQ(run.exit_status(), 2);
@@ -220,8 +273,15 @@ TEST_F(VemkctlProgramTest, StatusEndsWithTwoWithoutAnAnswer) {
   EXPECT_EQ(without_module.output(), "");
 }
 
-// After a second: on a terminal what it waits for, to a pipe nothing; then the answer as ever.
+// On a terminal a missing folder at once, a module after a second; to a pipe the answer alone.
 TEST_F(VemkctlProgramTest, StatusTellsAPersonWhatItWaitsFor) {
+  {
+    program_run run(folder, {"status", "--timeout", "0.1"}, "", "", error_stream::terminal);
+    EXPECT_THAT(run.next_note(),
+                AllOf(HasSubstr(bus + " is not there"), EndsWith("; waiting for it")));
+    EXPECT_THAT(run.next_note(), HasSubstr(bus + " is not there"));
+  }
+  ASSERT_EQ(mkdir(bus.c_str(), 0700), 0);
   {
     program_run run(folder, {"status", "--timeout", "1.1"}, "", "", error_stream::terminal);
     EXPECT_EQ(run.next_note(), "vemkctl: waiting for module 2 in " + bus + " to come onto the bus");
