@@ -3,6 +3,10 @@
 As designed a message leaves for the server every 100 ms; a hundred thousand would take three hours.
 """
 
+import contextlib
+import socket
+import struct
+
 import pytest
 
 from harness.preloaded import short_pauses
@@ -110,4 +114,74 @@ def test_json_that_is_not_the_daemons_own_takes_no_memory(start, bus, server):
     bus.send(message)
     assert server.wait_for_payloads(1, seconds=60) == [message]
     assert peak_kib(daemon.pid) < before + (32 << 10)
+    assert len(server.handshakes) == 1
+
+
+# What a peer says first, by hand: the greeting of ZMTP 3 and its command READY.
+greeting = b"\xff" + bytes(8) + b"\x7f\x03\0NULL" + bytes(48)
+ready = b"\x05READY\x0bSocket-Type\0\0\0"
+gibibyte = 1 << 30
+
+
+def peer_that_sends(socket_type, blocks):
+    """A function that sends them to a socket file until it is stopped, and returns the bytes."""
+
+    def send_to(path):
+        kind = ready + bytes([len(socket_type)]) + socket_type
+        sent = 0
+        with socket.socket(socket.AF_UNIX) as peer:
+            peer.settimeout(60)
+            peer.connect(str(path))
+            peer.sendall(greeting + bytes([4, len(kind)]) + kind)
+            # A message that overtakes the other side's READY ends the connection.
+            answer = peer.makefile("rb")
+            answer.read(len(greeting))
+            answer.read(answer.read(2)[1])
+            with contextlib.suppress(BrokenPipeError, ConnectionResetError):
+                for block in blocks():
+                    peer.sendall(block)
+                    sent += len(block)
+        return sent
+
+    return send_to
+
+
+def one_frame():
+    yield b"\x02" + struct.pack(">Q", gibibyte)
+    for _ in range(gibibyte >> 20):
+        yield bytes(1 << 20)
+
+
+def three_million_parts():
+    for _ in range(30):
+        yield b"\x01\x01D" * 100000
+
+
+def parts_of_32_mebibytes():
+    for _ in range(10):
+        yield b"\x03" + struct.pack(">Q", 32 << 20) + bytes(32 << 20)
+
+
+def subscriptions():
+    for i in range(100000):
+        yield b"\0\xdd\x01" + b"%020d" % i + bytes(200)
+
+
+# Fault, on the bus: a peer's frame of 1 GiB, 3 million parts, 320 MiB in parts, or subscriptions.
+# Seen: the peer is cut off, the daemon's memory never grows by 16 MiB, and the others are served.
+@pytest.mark.parametrize("peer, at_inbox", [
+    pytest.param(peer_that_sends(b"DEALER", one_frame), True, id="frame"),
+    pytest.param(peer_that_sends(b"DEALER", three_million_parts), True, id="parts"),
+    pytest.param(peer_that_sends(b"DEALER", parts_of_32_mebibytes), True, id="large_parts"),
+    pytest.param(peer_that_sends(b"SUB", one_frame), False, id="frame_of_a_listener"),
+    pytest.param(peer_that_sends(b"SUB", three_million_parts), False, id="parts_of_a_listener"),
+    pytest.param(peer_that_sends(b"SUB", subscriptions), False, id="subscriptions"),
+])
+def test_a_peer_without_measure_costs_no_memory(make_bridge, peer, at_inbox):
+    daemon, bus, server = make_bridge()
+    assert passes_both_ways(bus, server, "before")
+    before = peak_kib(daemon.pid)
+    sent = peer(bus.inbox_file if at_inbox else bus.outlet_file)
+    assert passes_both_ways(bus, server, "after the peer")
+    assert peak_kib(daemon.pid) < before + 16 * 1024, f"{sent} bytes were sent"
     assert len(server.handshakes) == 1

@@ -127,6 +127,14 @@ std::string outlet_path(const std::string &folder, int module_id) {
   return socket_path(folder, module_id, ".out");
 }
 
+std::string inner_inbox_path(const std::string &folder, int module_id) {
+  return socket_path(folder, module_id, ".i");
+}
+
+std::string inner_outlet_path(const std::string &folder, int module_id) {
+  return socket_path(folder, module_id, ".o");
+}
+
 std::string lock_path(const std::string &folder, int module_id) {
   return folder + "/" + std::to_string(module_id) + ".lock";
 }

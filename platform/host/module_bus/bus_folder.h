@@ -41,10 +41,13 @@ std::string open_bus_folder(const std::string &named, bus_role role);
 ///   that it would be is not there. REQUIRES: `folders` is not empty.
 std::string first_usable_folder(const std::vector<std::string> &folders, bus_role role);
 
-/// Paths of a module in the folder: where it takes messages, where it sends them, its lock.
-/// Errors: bus_error when the folder's path is too long for a socket address.
+/// Paths of a module in the folder: where it takes messages, where it sends them, the sockets of
+/// the messaging library behind these two, which no other process may use, and its lock. Errors:
+/// bus_error when the folder's path is too long for a socket address.
 std::string inbox_path(const std::string &folder, int module_id);
 std::string outlet_path(const std::string &folder, int module_id);
+std::string inner_inbox_path(const std::string &folder, int module_id);
+std::string inner_outlet_path(const std::string &folder, int module_id);
 std::string lock_path(const std::string &folder, int module_id);
 
 } // namespace vemk

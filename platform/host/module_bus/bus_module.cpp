@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <limits>
 #include <random>
 #include <string_view>
 #include <sys/file.h>
@@ -31,15 +32,29 @@ constexpr int inbox_messages = 256;
 // About 200 MiB of pieces for a listener that does not read; 64 MiB need a third of them.
 constexpr int outlet_pieces = 200000;
 
-// Without these the messaging library ends the process while it sets itself up: it takes ten, and
-// another thread of the process may take some at the same time.
-constexpr std::size_t needed_descriptors = 16;
+// Without these the messaging library ends the process while it sets itself up: it takes ten, the
+// gate four, and another thread of the process may take some at the same time.
+constexpr std::size_t needed_descriptors = 20;
+
+// A kind byte comes before the payload.
+constexpr frame_limits_t inbox_limits{max_payload_bytes + 1,
+                                      std::numeric_limits<std::uint64_t>::max()};
+
+// A listener greets, says what it is and subscribes, in some 130 bytes. Each subscription costs the
+// library a multiple of its bytes, and they add up.
+constexpr frame_limits_t outlet_limits{1024, 64 * 1024};
 
 constexpr int leave_linger_ms = 100;
 constexpr milliseconds settle_time{100};
 
-void bind(zmq::socket_t &socket, const std::string &path) {
+// The library looks at the size of a frame before it takes memory for it. It lets this process in
+// only: the other ones come through the gate.
+void bind(zmq::socket_t &socket, const std::string &path, const frame_limits_t &limits) {
+  const pid_t own = getpid();
   try {
+    socket.set(zmq::sockopt::maxmsgsize, static_cast<std::int64_t>(limits.frame_bytes));
+    if (zmq_setsockopt(socket.handle(), ZMQ_IPC_FILTER_PID, &own, sizeof own) != 0)
+      throw zmq::error_t();
     socket.bind("ipc://" + path);
   } catch (const zmq::error_t &error) {
     throw bus_error("cannot bind the bus socket " + path + ": " + error.what() +
@@ -96,6 +111,8 @@ void *make_record(const char *payload, std::size_t length) {
 
 module_claim::module_claim(const std::string &folder, int module_id)
     : inbox(inbox_path(folder, module_id)), outlet(outlet_path(folder, module_id)),
+      inner_inbox(inner_inbox_path(folder, module_id)),
+      inner_outlet(inner_outlet_path(folder, module_id)),
       lock(open(lock_path(folder, module_id).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
                 0600)) {
   if (lock < 0)
@@ -119,8 +136,8 @@ module_claim::module_claim(const std::string &folder, int module_id)
 }
 
 module_claim::~module_claim() {
-  unlink(inbox.c_str());
-  unlink(outlet.c_str());
+  for (const std::string *path : {&inbox, &outlet, &inner_inbox, &inner_outlet})
+    unlink(path->c_str());
   close(lock);
 }
 
@@ -133,8 +150,10 @@ bus_module::bus_module(const std::string &folder, int module_id)
   outlet.set(zmq::sockopt::xpub_verbose, true);
   for (auto *socket : {&inbox, &outlet})
     socket->set(zmq::sockopt::linger, leave_linger_ms);
-  bind(inbox, claim.inbox);
-  bind(outlet, claim.outlet);
+  bind(inbox, claim.inner_inbox, inbox_limits);
+  bind(outlet, claim.inner_outlet, outlet_limits);
+  gate.emplace(std::vector<gate_door_t>{{claim.inbox, claim.inner_inbox, inbox_limits},
+                                        {claim.outlet, claim.inner_outlet, outlet_limits}});
   settle();
 }
 

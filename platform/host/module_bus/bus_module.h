@@ -8,6 +8,7 @@
 
 #include <zmq.hpp>
 
+#include "module_bus/bus_gate.h"
 #include "module_bus/bus_wire.h"
 
 namespace vemk {
@@ -25,6 +26,8 @@ public:
 
   const std::string inbox;
   const std::string outlet;
+  const std::string inner_inbox;
+  const std::string inner_outlet;
 
 private:
   const int lock;
@@ -32,9 +35,13 @@ private:
 
 /// A module that has joined the bus: its inbox and its outlet.
 ///
-/// Threading: all calls on one thread. The messaging library has a thread of its own meanwhile.
+/// Beyond the whole messages that wait to be taken, a peer costs it at most one of the largest
+/// size. A message of several parts ends its sender's connection.
+///
+/// Threading: all calls on one thread. The messaging library and the gate have threads of their own
+///   meanwhile.
 /// Ownership: owns sockets, their files and the module's lock, and gives all of them back before
-///   the destructor returns, which takes 100 ms at the most for messages still on their way.
+///   the destructor returns, which takes 200 ms at the most for messages still on their way.
 /// Errors: the constructor throws bus_error; the other calls do not throw.
 class bus_module {
 public:
@@ -59,8 +66,10 @@ private:
   bool send_frame(frame_header_t header, const char *piece, std::size_t piece_bytes);
 
   // Destroyed from below: the sockets, then the context, which waits until nothing of the library
-  // is left that could touch the files of the next join, then the claim.
+  // is left that could touch the files of the next join, then the gate, through which the library's
+  // last words go, then the claim.
   module_claim claim;
+  std::optional<bus_gate> gate;
   zmq::context_t context;
   zmq::socket_t inbox;
   zmq::socket_t outlet;

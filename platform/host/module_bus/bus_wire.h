@@ -1,5 +1,7 @@
 /// What travels between a module and its peers. All numbers are little-endian, of fixed width.
 ///
+/// Each message is one part; a peer that sends several is cut off.
+///
 /// Inbox, peer to module: one kind byte, then the payload. The module answers each with one byte
 /// once it has taken the message, which is how a sender learns that nothing was lost.
 ///

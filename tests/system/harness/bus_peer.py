@@ -22,6 +22,7 @@ class bus_peer:
     def __init__(self, place):
         self.program = [str(place.companion_folder / "vemkctl"), "--bus", str(place.bus_folder)]
         self.inbox_file = place.bus_folder / "2.in"
+        self.outlet_file = place.bus_folder / "2.out"
         self.received = []
         self.notes = []
         self.listener = None

@@ -175,10 +175,12 @@ TEST_F(BusFolderTest, PathIsAbsoluteSoThatItNeverNamesASocketOutsideTheFileSyste
   EXPECT_EQ(folder, base + "/@bus");
 }
 
-// Module 2 in /run/bus has 2.in, 2.out and 2.lock.
+// Module 2 in /run/bus has 2.in, 2.out and 2.lock, and for itself 2.i and 2.o.
 TEST_F(BusFolderTest, HoldsTheSocketsAndTheLockOfAModule) {
   EXPECT_EQ(inbox_path("/run/bus", 2), "/run/bus/2.in");
   EXPECT_EQ(outlet_path("/run/bus", 2), "/run/bus/2.out");
+  EXPECT_EQ(inner_inbox_path("/run/bus", 2), "/run/bus/2.i");
+  EXPECT_EQ(inner_outlet_path("/run/bus", 2), "/run/bus/2.o");
   EXPECT_EQ(lock_path("/run/bus", 2), "/run/bus/2.lock");
 }
 

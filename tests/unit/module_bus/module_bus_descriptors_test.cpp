@@ -47,5 +47,21 @@ TEST_F(ModuleBusDescriptorsTest, AJoinWithoutDescriptorsFailsAndALaterOneSucceed
   EXPECT_EQ(join(), 0);
 }
 
+// A sender and a listener are served on when the limit is lowered below what is open.
+TEST_F(ModuleBusDescriptorsTest, ALimitBelowWhatIsOpenHoldsNobodyUp) {
+  // A daemon whose limit is lowered keeps its place on the bus; poll() would refuse to wait then.
+  ASSERT_EQ(join(), 0);
+  bus_sender sender(folder, daemon_module);
+  bus_listener listener(folder, daemon_module);
+  ASSERT_TRUE(subscribe(listener));
+  ASSERT_TRUE(sender.send("before", in(soon)));
+  EXPECT_EQ(next_payload(), "before");
+  const descriptor_limit limit(4);
+  ASSERT_TRUE(sender.send("up", in(soon)));
+  EXPECT_EQ(next_payload(), "up");
+  ASSERT_EQ(send("down"), 0);
+  EXPECT_EQ(listener.receive(in(soon)), "down");
+}
+
 } // namespace
 } // namespace vemk
