@@ -82,6 +82,21 @@ def test_garbage_in_place_of_the_answer_is_tried_again(make_trial):
     trial.heal()
 
 
+# Fault, before the connection: a handshake answer that is right but for its size: a cookie of 4000
+# bytes, or 300 short header lines.
+# Seen: the attempt is logged "websock-roaming->process_client_connection_error:41" and the
+# library's "Ran out of header data space"; the bus hears "disconnected" only, the next attempt
+# follows; it connects when the answer is of an ordinary size.
+def test_handshake_answer_that_is_too_large_is_tried_again(make_trial):
+    short_lines = [b"X-%d: a" % number for number in range(300)]
+    trial = make_trial([with_line(b"Set-Cookie: " + b"a" * 4000),
+                        changed_upgrade(lambda lines: lines + short_lines)])
+    endured = trial.endure()
+    assert endured.courses == [refused_course(endured.server.port)] * 2
+    assert all("1: Ran out of header data space" in lines for lines in endured.library_lines)
+    trial.heal()
+
+
 # Fault, before the connection: a handshake cut at eight places, from its first byte to the last
 # but one, by FIN and by RST.
 # Seen: the attempt is logged "websock-roaming->process_client_connection_error:41"; the bus hears

@@ -35,3 +35,23 @@ def test_next_address_is_tried_when_one_is_silent(start, bus, server):
         bus.wait_until_connected()
         assert passes_both_ways(bus, server, "at the second address")
     assert len(daemon.lines_with("Try to establish connect")) == 1
+
+
+# Fault, before the connection: the service's name has 111 bytes, of which the library makes a
+# request without an "Upgrade" that a server could see.
+# Seen: each attempt is logged "websock-roaming->process_client_connection_error:41" and the
+# library's "got bad HTTP response '400'"; the bus hears "disconnected" only, and "vemkctl
+# check-config" warns; with a name of 110 bytes it connects, without a warning.
+def test_name_of_more_than_110_bytes_never_connects(start, bus, server):
+    name = (3 * ("a" * 39 + "."))[:111]
+    daemon = start(name, server.port)
+    daemon.wait_for_lines("got bad HTTP response '400'", 2)
+    daemon.wait_for_lines("process_client_connection_error:41", 2)
+    assert set(bus.statuses()) == {"disconnected"}
+    warning = b"warning: the host has 111 bytes"
+    assert warning in bus.run("check-config", daemon.config_file).stdout
+    daemon.stop()
+    daemon = start(name[1:], server.port)
+    bus.wait_until_connected()
+    assert passes_both_ways(bus, server, "with a long name")
+    assert b"the host has" not in bus.run("check-config", daemon.config_file).stdout

@@ -18,6 +18,9 @@ namespace vemk {
 namespace {
 
 constexpr std::int32_t largest_port = 65535;
+// libwebsockets 4.1.6 has 127 bytes for a line of its request, "Origin: http://" and line end
+// included, and leaves out the line end of a longer one, which hides the line behind it.
+constexpr std::size_t longest_host = 110;
 constexpr std::uint32_t every_log_category =
     log_category_error | log_category_warning | log_category_info | log_category_debug;
 
@@ -99,6 +102,10 @@ fault_t address_fault(std::string_view host) {
 fault_t host_fault(std::string_view host) {
   if (auto fault = service_fault(host, 1))
     return fault;
+  if (host.size() > longest_host)
+    return "the host has " + std::to_string(host.size()) + " bytes, and with more than " +
+           std::to_string(longest_host) + " libwebsockets 4.1.6 makes a request that servers " +
+           "refuse; give a shorter name, or an address";
   if (!is_ascii(host))
     return "host " + quoted(host) + " is not all ASCII, and most resolvers will not find it; " +
            "write it in its ASCII form (xn--...)";

@@ -279,6 +279,17 @@ TEST_F(ConfigCheckTest, NumberSignInThePathIsWarnedOf) {
       "for it, or give a comment a line of its own\n");
 }
 
+// A host of 110 bytes is good, one of 111 a warning: the library spoils the request for it.
+// It was called usable, and no server ever accepted the daemon's handshake.
+TEST_F(ConfigCheckTest, HostsThatTheLibrarySpoilsAreWarnedOf) {
+  const auto file_with_host = [](std::size_t length) {
+    return "roam_service_url=ws://" + std::string(length, 'h') + ":80/\n" + good_delays;
+  };
+  EXPECT_EQ(check(file_with_host(110)).verdict, config_verdict::usable);
+  expect_warning(file_with_host(111),
+                 "1: warning: the host has 111 bytes, and with more than 110 ");
+}
+
 // Each odd delay is named with its value: "5s" is 5, "-5" is 4294967291.
 TEST_F(ConfigCheckTest, NumbersThatAreNotPlainAreNamedWithWhatTheyCountAs) {
   EXPECT_THAT(findings("max_connection_delay=\nmax_connection_delay=ten\n"),
