@@ -5,17 +5,27 @@ if(NOT DEFINED CMAKE_POSITION_INDEPENDENT_CODE)
 endif()
 include(CheckPIESupported)
 check_pie_supported()
+# A compiler that would only warn of a flag that it does not use lacks it too.
+include(CheckCXXCompilerFlag)
+set(CMAKE_REQUIRED_FLAGS -Werror)
+check_cxx_compiler_flag(-fstack-clash-protection VEMK_HAS_STACK_CLASH_PROTECTION)
+unset(CMAKE_REQUIRED_FLAGS)
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wformat=2 -Wundef
   -Wcast-align -fstack-protector-strong)
 if(VEMK_WERROR)
   add_compile_options(-Werror)
 endif()
-# _FORTIFY_SOURCE needs the optimiser, and the sanitizers intercept the same functions.
-if(NOT VEMK_SANITIZE)
-  add_compile_options($<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+if(VEMK_HAS_STACK_CLASH_PROTECTION)
+  add_compile_options(-fstack-clash-protection)
 endif()
-add_link_options(-Wl,-z,relro,-z,now)
+# _FORTIFY_SOURCE needs the optimiser, and the sanitizers intercept the same functions. A toolchain's
+# own value makes way, unless it stands behind -Wp: that one is read after all others, so it stays.
+if(NOT VEMK_SANITIZE AND NOT "${CMAKE_C_FLAGS} ${CMAKE_CXX_FLAGS}" MATCHES "-Wp,[^ ]*_FORTIFY_SOURCE")
+  add_compile_options("$<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
+endif()
+# Compilers for MIPS ask for an executable stack unless they are told otherwise.
+add_link_options(-Wl,-z,relro,-z,now,-z,$<IF:$<BOOL:${VEMK_EXECUTABLE_STACK}>,execstack,noexecstack>)
 
 # For the device: what nothing refers to is left out, no library is named that is not used, and the
 # program offers no symbols of its own, which MIPS would reach through a table and list by name.

@@ -55,12 +55,15 @@ class device_build:
         folder.mkdir(parents=True)
         self.stubs = [self.make_stub("bus"), self.make_stub("log")]
         self.build_folder = folder / "build"
-        status, output = configure(
-            tools, self.build_folder, "-DVEMK_PLATFORM=device",
-            "-DVEMK_PLATFORM_LIBRARIES=" + ";".join(str(stub) for stub in self.stubs))
-        assert status == 0, output
-        run(tools.cmake, "--build", self.build_folder, "--parallel", "2")
         self.program = self.build_folder / "vemk"
+        self.build("-DVEMK_PLATFORM=device",
+                   "-DVEMK_PLATFORM_LIBRARIES=" + ";".join(str(stub) for stub in self.stubs))
+
+    def build(self, *definitions):
+        """Builds the program, or again what other definitions change of it."""
+        status, output = configure(self.tools, self.build_folder, *definitions)
+        assert status == 0, output
+        run(self.tools.cmake, "--build", self.build_folder, "--parallel", "2")
 
     def make_stub(self, name):
         """Compiles stub_NAME.c to libdevice_NAME.so and returns the library's path."""
@@ -80,6 +83,10 @@ class device_build:
     def undefined_symbols(self):
         symbols = re.findall(r" UND (\S+)", self.readelf("--dyn-syms"))
         return {symbol.split("@")[0] for symbol in symbols}
+
+    def stack_flags(self):
+        """What the program asks for its stack: R, W and E."""
+        return re.search(r"GNU_STACK(?: +0x\w+){5} +(\S+)", self.readelf("-l"))[1]
 
     def stripped_size(self):
         return stripped_size(self.tools, self.program, self.folder)

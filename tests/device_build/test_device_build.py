@@ -9,7 +9,7 @@ import re
 
 import pytest
 
-from device_build import configure, device_build, tools_t
+from device_build import configure, device_build, run, tools_t
 
 # What the C and C++ libraries consist of; the dynamic loader is one of them on some processors.
 language_libraries = {"libc", "libm", "libstdc++", "libgcc_s", "libatomic", "ld"}
@@ -114,6 +114,21 @@ def test_tells_its_version(build):
     assert (build.folder / "stripped").read_bytes().count(f"vemk {version}\0".encode()) == 1
 
 
+# The program header GNU_STACK has the flags RW.
+# Compilers for MIPS ask for RWE, and so did the program.
+def test_stack_is_not_executable(build):
+    assert build.stack_flags() == "RW"
+
+
+# With VEMK_EXECUTABLE_STACK=ON the flags are RWE.
+def test_stack_is_executable_where_the_kernel_needs_that(build):
+    build.build("-DVEMK_EXECUTABLE_STACK=ON")
+    try:
+        assert build.stack_flags() == "RWE"
+    finally:
+        build.build("-DVEMK_EXECUTABLE_STACK=OFF")
+
+
 # At most 120 KiB stripped.
 def test_stripped_program_is_within_its_budget(build):
     assert build.stripped_size() <= max_size
@@ -125,6 +140,19 @@ def test_platform_without_libraries_is_refused():
     status, output = configure(tools, folder, "-DVEMK_PLATFORM=device")
     assert status != 0
     assert "needs VEMK_PLATFORM_LIBRARIES: the device's bus and log" in " ".join(output.split())
+
+
+# Flags with _FORTIFY_SOURCE=3, plain or behind -Wp, compile without a warning.
+# The build's own value came on top of the toolchain's: a warning for each file, and an error where
+# warnings are errors.
+@pytest.mark.parametrize("flag", ["-D_FORTIFY_SOURCE=3", "-Wp,-D_FORTIFY_SOURCE=3"])
+def test_the_toolchain_may_set_another_fortification(flag):
+    folder = work_folder / "fortified"
+    status, output = configure(tools, folder, "-DVEMK_PLATFORM=device",
+                               "-DVEMK_PLATFORM_LIBRARIES=unused", f"-DCMAKE_CXX_FLAGS={flag}")
+    assert status == 0, output
+    run(tools.cmake, "--build", folder, "--target",
+        "src/CMakeFiles/libvemk.dir/config/number.cpp.o")
 
 
 # VEMK_PLATFORM=router fails with "it takes host or device".
