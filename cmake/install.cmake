@@ -4,7 +4,13 @@ include(GNUInstallDirs)
 set(VEMK_CONFIGURATION_DIR ${CMAKE_INSTALL_FULL_SYSCONFDIR}/vemk)
 
 install(TARGETS vemk RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(FILES examples/vemk.conf DESTINATION ${VEMK_CONFIGURATION_DIR})
+# The example works beside roam-service. Installed, it names no service: on another machine whoever
+# took that port would be the service.
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS examples/vemk.conf)
+file(READ examples/vemk.conf configuration)
+string(REPLACE "\nroam_service_url=" "\n#roam_service_url=" configuration "${configuration}")
+file(WRITE ${CMAKE_BINARY_DIR}/vemk.conf "${configuration}")
+install(FILES ${CMAKE_BINARY_DIR}/vemk.conf DESTINATION ${VEMK_CONFIGURATION_DIR})
 
 set(manuals vemk.8 vemk.conf.5)
 if(VEMK_PLATFORM STREQUAL "host")
@@ -26,6 +32,7 @@ if(VEMK_PLATFORM STREQUAL "host")
   endif()
 
   set(VEMK_DAEMON ${CMAKE_INSTALL_FULL_SBINDIR}/vemk)
+  set(VEMK_VEMKCTL ${CMAKE_INSTALL_FULL_BINDIR}/vemkctl)
   configure_file(packaging/systemd/vemk.service.in vemk.service @ONLY)
   install(FILES ${CMAKE_BINARY_DIR}/vemk.service DESTINATION lib/systemd/system)
 endif()

@@ -24,12 +24,27 @@ wait_for_line() {
   done
 }
 
+# Becomes the command of the unit's key $1. A shell takes the line apart as systemd does, but for the
+# prefix "-" and "$$", which stands for "$".
+become() {
+  local line
+  line=$(sed -n "s/^$1=-\{0,1\}//p" /usr/lib/systemd/system/vemk.service | sed 's/\$\$/$/g')
+  echo "$1: $line"
+  eval "exec $line"
+}
+
+config=/etc/vemk/vemk.conf
 out=$(mktemp -d)
-exec_start=$(sed -n 's/^ExecStart=//p' /usr/lib/systemd/system/vemk.service)
-echo "ExecStart: $exec_start"
-# The line is split as systemd does; it has no quotes.
-# shellcheck disable=SC2086
-$exec_start 2>"$out/vemk" &
+if (become ExecCondition) 2>"$out/condition"; then
+  fail "the unit starts with the configuration as it was installed"
+fi
+cat "$out/condition"
+grep -q "put roam_service_url=ws://HOST:PORT/PATH into $config" "$out/condition" ||
+  fail "nothing says what is missing"
+
+sed -i 's/^#roam_service_url=/roam_service_url=/' "$config"
+(become ExecCondition) || fail "the unit does not start with a URL"
+(become ExecStart) 2>"$out/vemk" &
 daemon=$!
 wait_for_status disconnected
 

@@ -2,6 +2,7 @@
 
 import os
 import re
+import shlex
 import shutil
 import subprocess
 from pathlib import Path
@@ -47,20 +48,71 @@ def test_a_workstation_gets_everything(workstation):
     }
 
 
+@pytest.fixture(scope="module")
+def unit(workstation):
+    """Returns a function that gives the values of a key of the installed unit, in their order."""
+    text = (workstation / PREFIX.lstrip("/") / "lib/systemd/system/vemk.service").read_text()
+    return lambda key: re.findall(rf"^{key}=(.*)$", text, re.M)
+
+
+def command_of(line, workstation, configuration=None):
+    """The words of a unit's command line, as systemd takes it apart, with the installation's paths."""
+    words = shlex.split(line.replace("$$", "$"))
+    installed = f"{ETC}/vemk/vemk.conf"
+    return [str(configuration or workstation / installed.lstrip("/")) if word == installed else
+            str(workstation / word.lstrip("/")) if word.startswith(f"{PREFIX}/") else word
+            for word in words]
+
+
 # ExecStart is an executable of the installation, -f and an installed file.
-def test_the_unit_starts_what_is_installed(workstation):
-    unit = (workstation / PREFIX.lstrip("/") / "lib/systemd/system/vemk.service").read_text()
-    program, option, configuration = re.search(r"^ExecStart=(.*)$", unit, re.M)[1].split()
-    assert os.access(workstation / program.lstrip("/"), os.X_OK)
+def test_the_unit_starts_what_is_installed(workstation, unit):
+    program, option, configuration = command_of(*unit("ExecStart"), workstation)
+    assert os.access(program, os.X_OK)
     assert option == "-f"
-    assert (workstation / configuration.lstrip("/")).is_file()
+    assert Path(configuration).is_file()
+
+
+# Its URL is a comment: installed as it was, the daemon trusted whoever listened on 127.0.0.1:8080.
+def test_the_installed_configuration_names_no_service(workstation):
+    installed = (workstation / ETC.lstrip("/") / "vemk/vemk.conf").read_text()
+    example = (SOURCE / "examples/vemk.conf").read_text()
+    assert installed == example.replace("\nroam_service_url=", "\n#roam_service_url=")
+    assert installed != example
+
+
+# No file, no URL, an empty, commented or indented one: status 1, and what to do on standard error.
+# Status 1 of a condition makes systemd skip the start without calling it a failure.
+@pytest.mark.parametrize("text", [None, "", "roam_service_url=\n", "#roam_service_url=ws://h:1/\n",
+                                  " roam_service_url=ws://h:1/\n", "as installed"])
+def test_the_unit_is_skipped_without_a_url(workstation, unit, tmp_path, text):
+    configuration = tmp_path / "vemk.conf"
+    if text == "as installed":
+        configuration = workstation / ETC.lstrip("/") / "vemk/vemk.conf"
+    elif text is not None:
+        configuration.write_text(text)
+    result = subprocess.run(command_of(*unit("ExecCondition"), workstation, configuration),
+                            capture_output=True, text=True)
+    assert result.returncode == 1
+    assert result.stdout == ""
+    assert result.stderr.splitlines()[-1] == (
+        f"vemk: not started: put roam_service_url=ws://HOST:PORT/PATH into {configuration}, "
+        "then run: systemctl restart vemk")
+
+
+# A URL in any letter case, and one in a later line, meet the unit's condition without a word.
+@pytest.mark.parametrize("text", ["ROAM_SERVICE_URL=h:1/\n", "log_level=1\nRoam_Service_Url=x"])
+def test_the_unit_is_started_with_a_url(workstation, unit, tmp_path, text):
+    configuration = tmp_path / "vemk.conf"
+    configuration.write_text(text)
+    result = subprocess.run(command_of(*unit("ExecCondition"), workstation, configuration),
+                            capture_output=True, text=True)
+    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
 
 
 # Restart=on-failure, so that status 0 is final and 255 is not.
-def test_the_unit_restarts_failures_only(workstation):
-    unit = (workstation / PREFIX.lstrip("/") / "lib/systemd/system/vemk.service").read_text()
-    assert re.findall(r"^Restart=.*$", unit, re.M) == ["Restart=on-failure"]
-    assert "SuccessExitStatus" not in unit and "RestartPreventExitStatus" not in unit
+def test_the_unit_restarts_failures_only(unit):
+    assert unit("Restart") == ["on-failure"]
+    assert not unit("SuccessExitStatus") and not unit("RestartPreventExitStatus")
 
 
 def make(work, *arguments):
