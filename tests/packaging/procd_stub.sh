@@ -1,9 +1,10 @@
 #!/bin/sh
 # Stands in for the shell library of a system with procd: reads an init script, does an action of it
 # as rc.common would, and prints what it asks procd for, one call a line.
-# Usage: procd_stub.sh INIT_SCRIPT ACTION
+# Usage: procd_stub.sh INIT_SCRIPT ACTION UCI_FILE
 initscript=$1
 action=$2
+uci_file=$3
 
 record() { printf '%s\n' "$*"; }
 procd_open_instance() { record open_instance "$@"; }
@@ -11,9 +12,22 @@ procd_set_param() { record "$@"; }
 procd_append_param() { record append "$@"; }
 procd_close_instance() { record close_instance; }
 procd_add_reload_trigger() { record reload_trigger "$@"; }
+procd_add_jail() { record jail "$@"; }
+procd_add_jail_mount() { record mount "$@"; }
+procd_add_jail_mount_rw() { record mount_rw "$@"; }
+
+# The values of a file with one section, one a line.
+uci_values() { sed -n "s/^[[:space:]]*$1 $2 '\(.*\)'\$/\1/p" "$uci_file"; }
+config_load() { [ "$1" = vemk ]; }
+config_get() { uci_value=$(uci_values option "$3"); eval "$1=\${uci_value:-\$4}"; }
+config_get_bool() { config_get "$@"; }
+config_list_foreach() {
+  for uci_value in $(uci_values list "$2"); do "$3" "$uci_value"; done
+}
 
 # What rc.common does with procd's actions where the script says nothing else.
-rc_procd() { record begin; "$@"; record end; }
+service_triggers() { :; }
+rc_procd() { record begin; "$@"; service_triggers; record end; }
 start() { rc_procd start_service; }
 stop() { record kill; }
 reload() {

@@ -24,10 +24,11 @@ def act(request, tmp_path):
     assert text.count("CONFIG=/etc/vemk/vemk.conf\n") == 1
     script.write_text(text.replace("CONFIG=/etc/vemk/vemk.conf\n", f"CONFIG={path}\n"))
 
-    def run(action, configuration=URL):
+    def run(action, configuration=URL, options=(FILES / "vemk.config").read_text()):
         if configuration is not None:
             path.write_text(configuration)
-        result = subprocess.run([*request.param.split(), STUB, script, action],
+        (tmp_path / "uci").write_text(options)
+        result = subprocess.run([*request.param.split(), STUB, script, action, tmp_path / "uci"],
                                 capture_output=True, text=True, check=True)
         calls = [line.replace(str(path), "CONFIG") for line in result.stdout.splitlines()]
         return calls, result.stderr.replace(str(path), "CONFIG")
@@ -35,20 +36,18 @@ def act(request, tmp_path):
     return run
 
 
-INSTANCE = [
-    "begin",
-    "open_instance",
-    "command /usr/sbin/vemk -f CONFIG",
-    "respawn 3600 5 0",
-    "file CONFIG",
-    "stdout 1",
-    "stderr 1",
-    "close_instance",
-    "end",
-]
+def instance(user="vemk", jail=()):
+    """What procd is told of the instance that runs as `user`, with the calls for its jail."""
+    return ["begin", "open_instance", "command /usr/sbin/vemk -f CONFIG", "respawn 3600 5 0",
+            "file CONFIG", "stdout 1", "stderr 1", f"user {user}", "no_new_privs 1", *jail,
+            "close_instance", "reload_trigger vemk", "end"]
 
 
-# /usr/sbin/vemk -f CONFIG, respawn 3600 5 0, the file watched, both outputs logged.
+INSTANCE = instance()
+
+
+# vemk -f CONFIG, respawn 3600 5 0, the file watched, both outputs logged, as user vemk.
+# It ran as root, and stopped whatever process somebody had written into its PID file.
 def test_starts_one_instance_that_is_restarted_without_a_limit(act):
     assert act("start") == (INSTANCE, "")
 
@@ -89,13 +88,35 @@ def test_knows_the_url_in_any_letter_case(act, line):
 ])
 def test_does_not_start_without_a_url_and_says_what_to_do(act, configuration):
     assert act("start", configuration) == (
-        ["begin", "end"],
+        ["begin", "reload_trigger vemk", "end"],
         "vemk: not started: put roam_service_url=ws://HOST:PORT/PATH into CONFIG\n")
 
 
 # The device's vemk.conf has its URL commented out.
 def test_does_not_start_with_the_configuration_as_it_is_shipped(act):
-    assert act("start", (FILES / "vemk.conf").read_text())[0] == ["begin", "end"]
+    assert act("start", (FILES / "vemk.conf").read_text())[0] == (
+        ["begin", "reload_trigger vemk", "end"])
+
+
+# Option user of /etc/config/vemk names another user.
+def test_runs_as_another_user_where_that_is_asked_for(act):
+    options = "config service 'service'\n\toption user 'bus'\n"
+    assert act("start", options=options) == (instance("bus"), "")
+
+
+# Option jail '1': the daemon's own files, and what the lists path and path_rw name; killed after 1 s.
+def test_the_jail_shows_what_the_platforms_libraries_open(act):
+    options = "".join(f"\t{line}\n" for line in (
+        "option jail '1'", "list path '/etc/bus.conf'", "list path_rw '/var/run/bus'",
+        "list path_rw '/tmp/log'"))
+    assert act("start", options=options)[0] == instance(jail=(
+        "jail vemk log ronly", "mount CONFIG /etc/TZ /etc/hosts /etc/resolv.conf",
+        "mount /etc/bus.conf", "mount_rw /var/run/bus", "mount_rw /tmp/log", "term_timeout 1"))
+
+
+# Without /etc/config/vemk: user vemk, no jail.
+def test_needs_no_options(act):
+    assert act("start", options="") == (INSTANCE, "")
 
 
 # The device's vemk.conf and examples/vemk.conf have the same keys.

@@ -121,11 +121,15 @@ def make(work, *arguments):
                f"WORK={work}", f"CMAKE_COMMAND={CMAKE}", *arguments)
 
 
+VENDOR = ["VEMK_PLATFORM_PACKAGES=+some-bus +some-log",
+          "VEMK_PLATFORM_LIBRARIES=some_bus;some_log"]
+
+
 @pytest.fixture(scope="module")
 def device(tmp_path_factory):
     work = tmp_path_factory.mktemp("device")
-    make(work, "prepare")
-    make(work, "configure", "VEMK_PLATFORM_LIBRARIES=some_bus;some_log")
+    make(work, "prepare", *VENDOR)
+    make(work, "configure", *VENDOR)
     # Linking takes a device's libraries; where a program goes does not depend on what is in it.
     shutil.copy(BUILD / "vemk", work / "build/vemk")
     make(work, "install")
@@ -142,13 +146,16 @@ def test_a_device_gets_the_daemon_with_its_configuration_and_manuals(device):
     }
 
 
-# Three files; the configuration is the package's own, the script executable.
-def test_the_openwrt_package_has_the_daemon_its_init_script_and_its_own_configuration(device):
-    assert files_below(device / "root") == {
-        "/usr/sbin/vemk", "/etc/init.d/vemk", "/etc/vemk/vemk.conf"}
-    assert (device / "root/etc/vemk/vemk.conf").read_bytes() == (
-        PACKAGE / "files/vemk.conf").read_bytes()
-    assert os.access(device / "root/etc/init.d/vemk", os.X_OK)
+# Four files; the two configurations are the package's own, the script can be executed.
+# The daemon's user can read the daemon's configuration.
+def test_the_openwrt_package_has_the_daemon_its_init_script_and_its_own_configurations(device):
+    root = device / "root"
+    assert files_below(root) == {
+        "/usr/sbin/vemk", "/etc/init.d/vemk", "/etc/config/vemk", "/etc/vemk/vemk.conf"}
+    for installed, source in [("etc/vemk/vemk.conf", "vemk.conf"), ("etc/config/vemk", "vemk.config")]:
+        assert (root / installed).read_bytes() == (PACKAGE / "files" / source).read_bytes()
+    assert (root / "etc/vemk/vemk.conf").stat().st_mode & 0o777 == 0o644
+    assert os.access(root / "etc/init.d/vemk", os.X_OK)
 
 
 # CMake gets MinSizeRel, the platform "device" and the two named libraries.
@@ -159,11 +166,52 @@ def test_the_openwrt_package_is_built_small_over_the_named_libraries(device):
         assert f"\n{entry}\n" in cache
 
 
-# The project's version, three dependencies and /etc/vemk/vemk.conf as configuration.
+# The project's version, a named libwebsockets, the vendor's packages, the user, both configurations.
 def test_the_openwrt_package_says_what_it_is(tmp_path):
     version = re.search(r"project\(vemk VERSION (\S+)", (SOURCE / "CMakeLists.txt").read_text())[1]
-    assert make(tmp_path, "print").splitlines() == [
+    assert make(tmp_path, "print", *VENDOR).splitlines() == [
         f"version {version}",
-        "depends +libwebsockets +libjson-c +libstdcpp",
-        "conffiles /etc/vemk/vemk.conf",
+        "depends +libwebsockets-mbedtls +libjson-c +libstdcpp +some-bus +some-log",
+        "user vemk:vemk",
+        "conffiles /etc/config/vemk /etc/vemk/vemk.conf",
     ]
+
+
+# Without the vendor's packages or libraries a build fails and names the variable; a scan does not.
+# Two names stood there that no feed had, so that the linker failed.
+@pytest.mark.parametrize("missing", [0, 1])
+def test_the_openwrt_package_needs_to_know_the_vendors_libraries(tmp_path, missing):
+    variables = [VENDOR[1 - missing]]
+    make(tmp_path, "print", *variables)
+    with pytest.raises(subprocess.CalledProcessError) as failure:
+        make(tmp_path, "prepare", *variables)
+    name = VENDOR[missing].split("=")[0]
+    assert f"{name} is not set: see the comment in vemk/Makefile" in failure.value.stderr
+    assert not (tmp_path / "build").exists()
+
+
+@pytest.fixture
+def installed_version(tmp_path):
+    """Returns a function that runs test-version.sh over a program with that version in it."""
+    script = tmp_path / "test-version.sh"
+    text = (PACKAGE / "test-version.sh").read_text()
+    assert text.count(" /usr/sbin/vemk ") == 1
+    script.write_text(text.replace(" /usr/sbin/vemk ", f" {tmp_path}/vemk "))
+
+    def run(in_program, asked_for, package="vemk"):
+        (tmp_path / "vemk").write_bytes(b"\x7fELF\0" + in_program.encode() + b"\0\1other\0")
+        return subprocess.run(["sh", script, package, asked_for], capture_output=True, text=True)
+
+    return run
+
+
+# The test of that tree's CI finds "vemk 1.0.1" by strings; --version would end the daemon with 255.
+def test_the_openwrt_version_test_finds_the_version_in_the_program(installed_version):
+    result = installed_version("vemk 1.0.1", "1.0.1")
+    assert (result.returncode, result.stdout) == (0, "vemk 1.0.1\n")
+
+
+# Versions 1.0.10 and 1.0.0, and a program without one, are not 1.0.1.
+@pytest.mark.parametrize("in_program", ["vemk 1.0.10", "vemk 1.0.0", ""])
+def test_the_openwrt_version_test_accepts_no_other_version(installed_version, in_program):
+    assert installed_version(in_program, "1.0.1").returncode != 0

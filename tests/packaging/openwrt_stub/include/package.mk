@@ -10,6 +10,7 @@ install:
 print:
 	@echo 'version $$(PKG_VERSION)'
 	@echo 'depends $$(call depends_of,$$(Package/$(1)))'
+	@echo 'user $$(patsubst USERID:=%,%,$$(filter USERID:=%,$$(Package/$(1))))'
 	@echo 'conffiles $$(strip $$(Package/$(1)/conffiles))'
 endef
 
