@@ -44,6 +44,7 @@ grep -q "put roam_service_url=ws://HOST:PORT/PATH into $config" "$out/condition"
 
 sed -i 's/^#roam_service_url=/roam_service_url=/' "$config"
 (become ExecCondition) || fail "the unit does not start with a URL"
+(become ExecStartPre) || fail "vemkctl check-config finds fault with the installed configuration"
 (become ExecStart) 2>"$out/vemk" &
 daemon=$!
 wait_for_status disconnected

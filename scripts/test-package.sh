@@ -18,7 +18,7 @@ check_statically() {
   lintian --allow-root --fail-on error,warning --display-info --pedantic "$package"
   step "shellcheck"
   shellcheck "$here"/test-package*.sh "$here"/../packaging/debian/{postinst,prerm,postrm}
-  shellcheck --shell sh "$here"/../packaging/openwrt/vemk/files/vemk.init
+  shellcheck --shell sh "$here"/../packaging/openwrt/vemk/{files/vemk.init,test.sh,test-version.sh}
   shellcheck "$(dirname "$package")/completions/vemkctl"
 }
 

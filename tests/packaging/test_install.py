@@ -109,6 +109,24 @@ def test_the_unit_is_started_with_a_url(workstation, unit, tmp_path, text):
     assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
 
 
+# A URL without a port: the line before the start names it, and its status decides nothing.
+# The daemon ends with status 0 then, and the journal said no more than "Deactivated successfully".
+def test_the_unit_says_what_is_wrong_with_the_configuration(workstation, unit, tmp_path):
+    configuration = tmp_path / "vemk.conf"
+    configuration.write_text("log_level=1\nroam_service_url=ws://roaming.example/roam\n")
+    line, = unit("ExecStartPre")
+    assert line.startswith("-/")
+    command = command_of(line[1:], workstation, configuration)
+    result = subprocess.run(command, capture_output=True, text=True)
+    assert result.returncode == 2
+    assert f"{configuration}:2: error: the URL has no port" in result.stdout
+
+
+# One limit, above the 0.9 GB that the most expensive message of 16 MiB takes.
+def test_the_unit_states_how_much_memory_the_daemon_may_take(unit):
+    assert unit("MemoryMax") == ["1G"]
+
+
 # Restart=on-failure, so that status 0 is final and 255 is not.
 def test_the_unit_restarts_failures_only(unit):
     assert unit("Restart") == ["on-failure"]
