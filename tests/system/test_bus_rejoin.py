@@ -1,6 +1,5 @@
 """The bus drops the daemon: it joins again, and the connection to the server is not touched."""
 
-from harness.waiting import wait_until
 
 
 # Three rejoins: messages pass both ways after each, over the one connection, no descriptor more.
@@ -24,6 +23,4 @@ def test_traffic_goes_on_after_each_rejoin(make_bridge):
     assert bus.payloads() == [b"down 1", b"down 2", b"down 3"]
     assert set(bus.statuses()[announced:]) == {"connected"}
     assert len(server.handshakes) == 1
-    wait_until(lambda: daemon.descriptor_count() == descriptors,
-               f"the {descriptors} descriptors of before",
-               details=lambda: f"there are {daemon.descriptor_count()}")
+    daemon.wait_for_descriptors(descriptors)

@@ -35,8 +35,7 @@ def test_twenty_rejoins_with_messages_both_ways(make_bridge):
     assert len(down) > len(traffic.sent_down) // 2
     assert set(bus.statuses()[announced:]) <= {"connected"}
     assert len(server.handshakes) == 1
-    wait_until(lambda: daemon.descriptor_count() == descriptors,
-               f"the {descriptors} descriptors of before")
+    daemon.wait_for_descriptors(descriptors)
 
 
 # Fault, on the bus: two listeners, one of which is killed.
@@ -135,5 +134,4 @@ def test_a_sender_killed_over_a_large_message_leaves_no_half_of_it(make_bridge):
     assert [payload for payload in server.payloads() if len(payload) < 100] == behind
     assert all(payload == message for payload in server.payloads() if len(payload) > 100)
     assert passes_both_ways(bus, server, "after the killed senders")
-    wait_until(lambda: daemon.descriptor_count() == descriptors,
-               f"the {descriptors} descriptors of before")
+    daemon.wait_for_descriptors(descriptors)

@@ -54,8 +54,7 @@ def test_no_descriptors_for_a_reconnect(make_bridge):
     limit_descriptors(daemon, enough)
     bus.wait_for_last_status("connected", after=len(bus.statuses()))
     assert passes_both_ways(bus, server, "with descriptors again")
-    wait_until(lambda: daemon.descriptor_count() == before, f"the {before} descriptors of before",
-               details=lambda: f"there are {daemon.descriptor_count()}")
+    daemon.wait_for_descriptors(before)
 
 
 # Fault, in the process: too few descriptors are left to join again when the bus drops the daemon.
@@ -73,5 +72,4 @@ def test_too_few_descriptors_for_a_rejoin(make_bridge):
     assert passes_both_ways(bus, server, "back on the bus")
     assert daemon.log_text().count("cannot join the bus") == 1
     assert len(server.handshakes) == 1
-    wait_until(lambda: daemon.descriptor_count() == before, f"the {before} descriptors of before",
-               details=lambda: f"there are {daemon.descriptor_count()}")
+    daemon.wait_for_descriptors(before)

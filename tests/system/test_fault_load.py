@@ -21,4 +21,4 @@ def test_ten_thousand_messages_each_way_arrive_in_order(make_daemon, bus, server
     assert server.wait_for_payloads(len(up), seconds=90) == up
     assert len(server.handshakes) == 1
     assert bus.run("status", "--timeout", "20").stdout == b"connected\n"
-    assert daemon.descriptor_count() == descriptors
+    daemon.wait_for_descriptors(descriptors)

@@ -30,4 +30,4 @@ def test_three_pings_find_the_network_lost(make_wired_bridge, networks, outage):
     bus.wait_for_last_status("connected")
     assert len(server.handshakes) == 2
     assert passes_both_ways(bus, server, "with the network back")
-    assert daemon.descriptor_count() == descriptors
+    daemon.wait_for_descriptors(descriptors)

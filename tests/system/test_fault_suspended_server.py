@@ -58,7 +58,7 @@ def test_server_suspended_for_two_pings_is_kept(start, bus, service):
     assert daemon.lines_with(three_pings_missing) == []
     assert passes_both_ways(bus, service, "resumed")
     assert bus.statuses()[announced:] == []
-    assert daemon.descriptor_count() == descriptors
+    daemon.wait_for_descriptors(descriptors)
 
 
 # Fault, while connected: the server is suspended for more than three pings, after which its kernel
@@ -84,4 +84,4 @@ def test_server_suspended_for_three_pings_is_dropped_and_found_again(start, bus,
     assert service.wait_for_payloads(5) == up
     assert len(daemon.lines_with(three_pings_missing)) == 1
     assert passes_both_ways(bus, service, "resumed")
-    assert daemon.descriptor_count() == descriptors
+    daemon.wait_for_descriptors(descriptors)

@@ -1,6 +1,6 @@
 """A server that closes again and again is noticed at once and costs the daemon nothing."""
 
-from harness.waiting import slowdown, wait_until
+from harness.waiting import slowdown
 
 own_threads = ["ipc", "main", "websock-roaming"]
 
@@ -22,6 +22,4 @@ def test_ten_closes_in_a_row_are_noticed_within_a_second(make_bridge):
         torn_down = daemon.wait_for_lines("websock-roaming->Stopping", lost)[lost - 1]
         assert closed - 0.1 < noticed.time <= torn_down.time < closed + 1 * slowdown
     assert daemon.own_thread_names() == own_threads
-    wait_until(lambda: daemon.descriptor_count() == descriptors,
-               f"the {descriptors} descriptors that were open after the first connection",
-               details=lambda: f"there are {daemon.descriptor_count()}")
+    daemon.wait_for_descriptors(descriptors)
