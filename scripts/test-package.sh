@@ -123,7 +123,7 @@ if [ "${1-}" = --inside ]; then
   exit
 fi
 
-[ $# -eq 1 ] || fail "name one package, as in: test-package.sh build-package/vemk_1.0.0-1_amd64.deb"
+[ $# -eq 1 ] || fail "name one package, as in: test-package.sh build-package/vemk_VERSION-1_amd64.deb"
 [ -f "$1" ] || fail "there is no package $1; make it with: make package"
 [ "$(id -u)" -eq 0 ] || fail "this needs root: sudo $0 $1"
 package=$(realpath "$1")
