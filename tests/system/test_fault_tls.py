@@ -60,6 +60,7 @@ def test_both_ends_are_more_patient_than_the_daemon():
 
 def refuses_all(daemon, bus, server):
     daemon.wait_for_lines("process_client_connection_error:41", 3)
+    bus.wait_for_statuses(1)
     return server.handshakes == [] and set(bus.statuses()) == {"disconnected"}
 
 
