@@ -11,8 +11,8 @@ namespace vemk {
 
 constexpr std::size_t config_text_size = 256;
 
-/// Texts are NUL-terminated. Numbers are what strtoul and atoi give where long has 32 bits: one too
-/// large becomes the largest.
+/// The order of the fields is fixed; a new one goes to the end. Texts are NUL-terminated. Numbers
+/// are what strtoul and atoi give where long has 32 bits: one too large becomes the largest.
 struct websock_cfg_t {
   /// Location (domain) of this access point.
   char ap_location[config_text_size];
@@ -28,8 +28,10 @@ struct websock_cfg_t {
   std::uint32_t max_connection_delay;
   /// Mask of log categories.
   std::uint32_t log_level;
+  /// By design without a use: 3 once the options are parsed.
   std::int32_t cfg_mode;
-  /// A file was named that could not be opened or held a URL with a wrong scheme.
+  /// By design without a use: a file was named that could not be opened or held a URL with a wrong
+  /// scheme.
   bool cfg_file_failed;
   /// An empty last fragment ends a message, and a lost connection's partial message is forgotten.
   bool whole_messages;

@@ -11,6 +11,9 @@ namespace vemk {
 /// A JSON value that answers questions about itself. A missing key, a wrong type or an index out of
 /// range gives null or 0, never an error.
 ///
+/// The daemon calls get_string() and is_null(). The other operations are by design without a use:
+/// they make the reader whole for code to come.
+///
 /// Threading: one thread at a time, as the value itself.
 /// Ownership: a reader that parsed its text owns the value; any other one borrows it and is valid
 ///   only as long as the reader or the object that it came from.

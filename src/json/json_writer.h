@@ -10,6 +10,9 @@ namespace vemk {
 
 /// Builds a JSON object or array, member by member, and serialises it.
 ///
+/// The daemon builds root objects only. Child writers and values added later are by design without
+/// a use: they make the writer whole for code to come.
+///
 /// All string arguments are zero-terminated, not null, and copied.
 ///
 /// Threading: one thread at a time for a root writer and its children.

@@ -4,6 +4,8 @@
 /// emitter writes a message when its category bit is set in the module's mask: one line that reads
 /// timestamp, "|PID|MODULE> ", message. Formats are printf's and carry their own line end.
 ///
+/// log_warning() and log_vprint() are by design without a use.
+///
 /// Threading: any thread may call the emitters and log_set_level; one process-wide mutex keeps the
 ///   parts of a line together. log_module_init is for static initialisers.
 /// Errors: a mutex that cannot be locked throws std::system_error; writing reports nothing.

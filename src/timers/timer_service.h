@@ -25,6 +25,8 @@ struct timer_entry {
 /// that reads the clock must be called at least every 10 seconds; cancel_timers() and
 /// sleep_seconds() do not read it.
 ///
+/// wait_while(), wait_next() and sleep_seconds() are by design without a use.
+///
 /// Threading: none of its own; everything, callbacks included, runs on the thread that calls.
 ///   Not thread-safe.
 /// Ownership: keeps a copy of each callback until it fires or is cancelled.

@@ -130,10 +130,14 @@ protected:
   /// for the roaming service.
   bool handle_status_request(const buffer_info_t &message);
 
+  // The order of the members is fixed; a new one goes to the end.
+
+  /// By design without a use: the daemon always passes false.
   bool skip_lws_binding;
   const char *log_name;
   message_queue_t *bus_to_ws_queue;
   message_queue_t *ws_to_bus_queue;
+  /// By design without a use: 3.
   std::int32_t mode;
   lws_context *context;
   lws_protocol_callback protocol_callback;
@@ -141,6 +145,7 @@ protected:
   std::string host;
   std::string path;
   std::int32_t port;
+  /// By design without a use: opened by the constructor, closed by the destructor.
   int wake_pipe[2];
   /// The message being received. Without `whole_messages` it survives a reconnect.
   std::shared_ptr<buffer_info_t> rx_buffer;
@@ -151,6 +156,7 @@ protected:
   bool alive;
   /// Written by the worker's thread, read by the bus thread in request_writeable().
   std::atomic<bool> connected;
+  /// By design without a use: set when the connection errs, closes or is destroyed.
   bool closed;
   timespec last_ping;
   std::function<void()> ping_timeout_handler;

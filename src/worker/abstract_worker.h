@@ -13,6 +13,8 @@ namespace vemk {
 /// One thread that runs a supervision loop for ever: set up, work in small steps while allowed,
 /// tear down, pause, set up again. Derived classes supply the four operations.
 ///
+/// The order of the virtual operations and of the members is fixed.
+///
 /// Threading: construction, start(), join() and destruction on the owner's thread; the four
 ///   operations, `running` and `timers` only on the worker's own. `*run_flag` is read without
 ///   synchronisation, so it is set before start().
