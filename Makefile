@@ -3,9 +3,8 @@ SHELL := /bin/bash
 # Most tests wait for a peer or a delay rather than compute.
 TEST_JOBS ?= 16
 
-.PHONY: build run test browser-test test-go target target-size target-static packages package \
-  package-test pictures sanitize analyze coverage mutants fuzz soak bench-classify unpacked \
-  clean
+# No target is a file.
+.PHONY: $(shell sed -n 's/^\([a-z][a-z-]*\):.*/\1/p' $(firstword $(MAKEFILE_LIST)))
 
 packages:
 	scripts/install-packages.sh
@@ -141,6 +140,10 @@ package: packages
 package-test: package
 	scripts/install-packages.sh scripts/packages-package-test.txt
 	scripts/test-package.sh build-package/vemk_*.deb
+
+# Every behaviour with the test that shows it, in build/behaviours.md, and docs/faults.md.
+behaviours:
+	scripts/list-behaviours.py
 
 # After a change in docs/pictures.
 pictures:

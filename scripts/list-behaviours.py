@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Lists what the tests show: docs/behaviours.md, and docs/faults.md for the fault matrix.
+"""Lists what the tests show: build/behaviours.md, and docs/faults.md for the fault matrix.
 
 Both are made of the comment directly above each test. Its first line is the behaviour in one
 sentence. A row of the fault matrix begins with "Fault, GROUP:" and tells after "Seen:" what the
 bus, the server and the log must show; both may take several lines.
 
-Usage: list-behaviours.py [--check]     --check writes nothing and fails when a list is stale
+Usage: list-behaviours.py [--check]     --check writes nothing and fails when docs/faults.md is stale
 """
 
 import argparse
@@ -59,10 +59,10 @@ cpp_test = re.compile(r"^(?:TYPED_)?TEST(?:_[FP])?\(\s*(\w+),\s*(\w+)\)", re.MUL
 behaviours_intro = """\
 # What the daemon does, and the test that shows it
 
-Made by `scripts/list-behaviours.py` from the comment above each test; `make test` fails when it is
-stale. A test `Suite.Name` is run with `ctest --test-dir build -R 'unit.*Suite.Name'`; one in a Python
-file `test_FILE.py` with `ctest --test-dir build -R FILE`. The tests that injure the daemon on purpose
-are in [faults.md](faults.md).
+Made by `make behaviours` from the comment above each test. A test `Suite.Name` is run with
+`ctest --test-dir build -R 'unit.*Suite.Name'`; one in a Python file `test_FILE.py` with
+`ctest --test-dir build -R FILE`. The tests that injure the daemon on purpose are in
+[faults.md](../docs/faults.md).
 """
 
 faults_intro = """\
@@ -171,15 +171,15 @@ def faults(found):
 
 
 def difference(file, text):
-    old = file.read_text() if file.exists() else ""
-    return list(difflib.unified_diff(old.split("\n"), text.split("\n"), f"{file.name} as it is",
-                                     f"{file.name} as the tests have it", n=0, lineterm=""))
+    return list(difflib.unified_diff(file.read_text().split("\n"), text.split("\n"),
+                                     f"{file.name} as it is", f"{file.name} as the tests have it",
+                                     n=0, lineterm=""))
 
 
 def main():
-    parser = argparse.ArgumentParser(description="Makes docs/behaviours.md and docs/faults.md.")
+    parser = argparse.ArgumentParser(description="Makes build/behaviours.md and docs/faults.md.")
     parser.add_argument("--check", action="store_true",
-                        help="write nothing, and fail when a list is stale")
+                        help="write nothing, and fail when docs/faults.md is stale")
     check = parser.parse_args().check
     found = list(all_tests())
     complaints = [(test, complaint(test)) for test in found]
@@ -188,18 +188,17 @@ def main():
             print(f"{test.file.relative_to(checkout)}: {test.name} {text}", file=sys.stderr)
     if any(text for _, text in complaints):
         sys.exit(1)
-    stale = False
-    for file, text in ((checkout / "docs/behaviours.md", behaviours(found)),
-                       (checkout / "docs/faults.md", faults(found))):
-        if not check:
-            file.write_text(text)
-            continue
-        lines = difference(file, text)
-        if lines:
-            stale = True
-            print("\n".join(lines[:40]), file=sys.stderr)
-            print(f"docs/{file.name} is stale: run scripts/list-behaviours.py", file=sys.stderr)
-    sys.exit(1 if stale else 0)
+    fault_list = checkout / "docs/faults.md"
+    if not check:
+        fault_list.write_text(faults(found))
+        behaviour_list = checkout / "build/behaviours.md"
+        behaviour_list.parent.mkdir(exist_ok=True)
+        behaviour_list.write_text(behaviours(found))
+        return
+    lines = difference(fault_list, faults(found))
+    if lines:
+        print("\n".join(lines[:40]), file=sys.stderr)
+        sys.exit("docs/faults.md is stale: run make behaviours")
 
 
 if __name__ == "__main__":
