@@ -1,5 +1,7 @@
 """The bus drops the daemon: it joins again, and the connection to the server is not touched."""
 
+# Test: 4 s
+
 
 
 # Three rejoins: messages pass both ways after each, over the one connection, no descriptor more.

@@ -1,5 +1,7 @@
 """What vemkctl check-config says of a file is what the daemon then does with it."""
 
+# Test: 10 s
+
 import subprocess
 import time
 

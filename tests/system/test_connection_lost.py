@@ -1,5 +1,7 @@
 """The server ends the connection: the daemon announces it twice, reconnects, announces that."""
 
+# Test: 9 s
+
 import pytest
 
 lost_and_found = ["disconnected", "disconnected", "connected"]

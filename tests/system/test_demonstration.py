@@ -1,4 +1,8 @@
 """The demonstration with a terminal: it stays up, passes typed lines on, and ends with Ctrl-C."""
+
+# Test: 4 s, native only
+# It runs the programs of the build folder as they are, without an emulator in front.
+
 import os
 import pathlib
 import pty

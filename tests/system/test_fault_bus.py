@@ -1,5 +1,7 @@
 """Dropped off the bus again and again, and listeners of all kinds."""
 
+# Test: 20 s
+
 import signal
 import time
 

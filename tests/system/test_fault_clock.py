@@ -1,5 +1,7 @@
 """A monotonic clock that steps while the daemon waits to connect, and a wall clock set back."""
 
+# Test: 18 s, native only
+
 import re
 import sysconfig
 

@@ -1,5 +1,7 @@
 """The server ends the connection with a close frame, a FIN or a RST."""
 
+# Test: 28 s
+
 import struct
 
 from harness.bus_peer import disconnected

@@ -1,5 +1,7 @@
 """The connection ends in the middle of a message: what was received of it comes out later, once."""
 
+# Test: 20 s
+
 from harness.frame_server import close_frame, frame, opcode_continuation, pattern, text
 from harness.healing import fault_watch
 from harness.raw_server import opcode_text

@@ -1,5 +1,7 @@
 """More pings and pongs from the server than the daemon asked for."""
 
+# Test: 11 s
+
 from harness.bus_peer import status_request
 from harness.frame_server import frame, text
 from harness.healing import fault_watch

@@ -1,5 +1,7 @@
 """Frames that break the protocol, strange ones that do not, and frames in pieces."""
 
+# Test: 24 s
+
 from harness.frame_server import close_frame, frame, opcode_binary, opcode_continuation, text
 from harness.healing import expect_refused, fault_watch
 from harness.raw_server import opcode_close, opcode_ping, opcode_pong

@@ -1,6 +1,8 @@
 """Answers to the opening request that begin well and do not end in a WebSocket, and odd ones that
 do."""
 
+# Test: 42 s
+
 import random
 import socket
 import time

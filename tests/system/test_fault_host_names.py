@@ -1,5 +1,7 @@
 """Names of the service that a hosts file of the daemon's own resolves."""
 
+# Test: 4 s, native only
+
 import pytest
 
 from harness.keepalive import fast_clock

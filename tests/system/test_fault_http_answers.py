@@ -1,5 +1,7 @@
 """A server that answers the opening request as a web server does, and not with a WebSocket."""
 
+# Test: 31 s
+
 from harness.handshake_faults import answers, finish, refused_course
 from harness.raw_server import http_head, upgrade
 

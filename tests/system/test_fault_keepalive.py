@@ -3,6 +3,8 @@
 All times are of the daemon's log, which its faster clock stamps.
 """
 
+# Test: 27 s, native only
+
 import re
 
 from harness.frame_server import frame

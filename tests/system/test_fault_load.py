@@ -1,5 +1,7 @@
 """Many messages at forty times the daemon's pace."""
 
+# Test: 33 s, native only
+
 from harness.keepalive import fast_clock
 from harness.vemk_daemon import config_text
 

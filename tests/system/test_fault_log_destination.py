@@ -1,5 +1,8 @@
 """A log that cannot be written, and standard descriptors that are closed."""
 
+# Test: 11 s, native only
+# An emulator does not bear the loss of descriptors.
+
 import os
 import subprocess
 

@@ -1,5 +1,7 @@
 """Ten minutes of pings; all times are of the daemon's log, which its faster clock stamps."""
 
+# Test: 36 s, native only
+
 from harness.healing import fault_watch
 from harness.keepalive import established, keepalive_events, start_fast, words
 from harness.raw_server import opcode_ping

@@ -1,5 +1,7 @@
 """The network between daemon and server is lost, for minutes of the daemon's time."""
 
+# Test: 33 s, native only, own networks
+
 import pytest
 
 from harness.keepalive import fast_clock, keepalive_events, since_last

@@ -1,5 +1,8 @@
 """No memory at one request of a message's way, and a limit that leaves none for a long message."""
 
+# Test: 10 s, native only, not under a sanitizer
+# The sanitizers manage the memory themselves.
+
 import resource
 
 import pytest

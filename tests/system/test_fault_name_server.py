@@ -1,5 +1,7 @@
 """A name server that is slow or silent when the daemon looks its server up."""
 
+# Test: 24 s, own networks
+
 import pytest
 
 from harness.name_server import name_server

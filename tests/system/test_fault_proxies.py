@@ -1,5 +1,7 @@
 """A reverse proxy stands between the daemon and the roaming service."""
 
+# Test: 34 s
+
 import collections
 
 import pytest

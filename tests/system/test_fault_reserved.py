@@ -1,5 +1,7 @@
 """Frames with a reserved bit or opcode set."""
 
+# Test: 18 s
+
 from harness.frame_server import frame, text
 from harness.healing import expect_refused
 from harness.raw_server import opcode_ping

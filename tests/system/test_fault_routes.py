@@ -1,5 +1,7 @@
 """No way to the server when the daemon starts: a missing network, a black hole, a deaf firewall."""
 
+# Test: 16 s, own networks
+
 import pytest
 
 from harness.bus_peer import status_request

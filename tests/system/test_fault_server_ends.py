@@ -1,5 +1,7 @@
 """Three servers of independent implementations end the connection, each in its own ways."""
 
+# Test: 29 s
+
 from harness.independent_servers import server
 from harness.round_trip import passes_both_ways
 

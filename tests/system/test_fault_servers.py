@@ -1,5 +1,7 @@
 """Three servers of independent implementations: the daemon connects to each and bridges."""
 
+# Test: 26 s
+
 import pytest
 
 from harness.independent_servers import server

@@ -1,5 +1,7 @@
 """The network between daemon and server is away for a second, while messages go both ways."""
 
+# Test: 10 s, own networks
+
 import time
 
 import pytest

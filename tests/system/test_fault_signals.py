@@ -1,5 +1,7 @@
 """SIGTERM at any moment of a daemon's life, and the other signals."""
 
+# Test: 10 s
+
 import concurrent.futures
 import functools
 import os

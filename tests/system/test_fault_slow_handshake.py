@@ -1,5 +1,7 @@
 """A server that keeps the connection open and never comes to the end of its answer."""
 
+# Test: 9 s
+
 import time
 
 from harness.handshake_faults import answers, attempt_seconds, refused_course

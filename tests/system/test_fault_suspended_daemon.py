@@ -1,5 +1,7 @@
 """The daemon is suspended with SIGSTOP while connected, for less and for more than 10 seconds."""
 
+# Test: 25 s
+
 import signal
 import time
 

@@ -3,6 +3,8 @@
 The daemon's clock goes faster, so that its pings follow each other in seconds.
 """
 
+# Test: 22 s, native only
+
 import pytest
 
 from harness.healing import lost_and_found

@@ -1,5 +1,7 @@
 """A TLS tunnel before the daemon and a TLS proxy before the service, as docs/tls.md has them."""
 
+# Test: 20 s
+
 import collections
 import re
 

@@ -1,5 +1,7 @@
 """Two daemons started at the same instant, and one that is replaced while messages flow."""
 
+# Test: 13 s
+
 import random
 import signal
 import time

@@ -1,5 +1,7 @@
 """A thousand messages from the bus while the server closes and reopens every second."""
 
+# Test: 25 s
+
 import threading
 import time
 

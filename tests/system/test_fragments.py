@@ -1,5 +1,7 @@
 """Messages that the server sends in several frames."""
 
+# Test: 8 s
+
 from harness.frame_server import frame, opcode_continuation, pattern, text
 from harness.healing import fault_watch
 from harness.raw_server import opcode_ping

@@ -1,5 +1,7 @@
 """The request that opens the connection, and configurations that lead to it."""
 
+# Test: 7 s
+
 import pytest
 
 from harness.raw_server import opcode_text, upgrade

@@ -1,5 +1,7 @@
 """Messages of service "internal-ipc" stay inside the daemon; status requests are answered."""
 
+# Test: 8 s
+
 import pytest
 
 from harness.bus_peer import connected, disconnected

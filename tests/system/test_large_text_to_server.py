@@ -1,5 +1,7 @@
 """Messages from the bus that are larger than a thread's stack."""
 
+# Test: 6 s
+
 import pytest
 
 from harness.frame_server import pattern

@@ -1,5 +1,7 @@
 """What the log looks like at each mask."""
 
+# Test: 5 s
+
 import re
 
 import pytest

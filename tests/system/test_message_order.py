@@ -1,5 +1,7 @@
 """Fifty messages each way at the same time keep their order."""
 
+# Test: 6 s
+
 
 # Fifty up and fifty down at once arrive in order and once each.
 def test_fifty_messages_each_way_stay_in_order(make_bridge):

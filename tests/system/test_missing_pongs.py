@@ -1,5 +1,9 @@
 """A server that answers no ping is given up after the third, some 90 s after the handshake."""
 
+# Test: 95 s, emulated only
+# The keepalive takes its time where the daemon's clock cannot be made faster; elsewhere
+# test_fault_keepalive.py shows it.
+
 from harness.raw_server import opcode_ping, upgrade
 from harness.vemk_daemon import config_text
 

@@ -1,5 +1,7 @@
 """Starts without a usable configuration: the exit status, and nothing else started."""
 
+# Test: 2 s
+
 import signal
 import subprocess
 

@@ -1,5 +1,7 @@
 """Proxy variables of the caller's shell do not divert the connection."""
 
+# Test: 1 s
+
 from harness.raw_server import silent
 from harness.vemk_daemon import config_text
 

@@ -1,5 +1,7 @@
 """The daemon and the reference service of this repository understand each other."""
 
+# Test: 1 s
+
 import pytest
 
 from harness.reference_service import reference_service

@@ -1,5 +1,7 @@
 """One daemon at a time: a start ends the process that the PID file names."""
 
+# Test: 5 s
+
 import os
 import pathlib
 import signal

@@ -1,5 +1,7 @@
 """Pings of the server."""
 
+# Test: 2 s
+
 
 # Two pings of the server get their pongs on the one connection.
 def test_pings_of_the_server_are_answered(make_bridge):

@@ -1,5 +1,7 @@
 """Servers that cannot be reached or refuse: the daemon goes on trying."""
 
+# Test: 12 s
+
 import socket
 
 from harness.handshake_faults import attempt_seconds

@@ -1,5 +1,7 @@
 """A server that accepts the TCP connection and does not get on with the handshake."""
 
+# Test: 11 s
+
 import pytest
 
 from harness.bus_peer import status_request

@@ -1,5 +1,8 @@
 """Threads with 128 KiB of stack each, which is what small C libraries give them."""
 
+# Test: 6 s, not under a sanitizer
+# The sanitizers keep tables of their own on every thread's stack.
+
 import pathlib
 
 import pytest

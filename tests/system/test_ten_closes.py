@@ -1,5 +1,7 @@
 """A server that closes again and again is noticed at once and costs the daemon nothing."""
 
+# Test: 9 s
+
 from harness.waiting import slowdown
 
 own_threads = ["ipc", "main", "websock-roaming"]

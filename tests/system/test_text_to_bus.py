@@ -1,5 +1,7 @@
 """Messages from the server reach the bus byte for byte."""
 
+# Test: 2 s
+
 import pytest
 
 messages = [

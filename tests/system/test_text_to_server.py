@@ -1,5 +1,7 @@
 """Messages from the bus reach the server byte for byte, each as one text frame."""
 
+# Test: 5 s
+
 import pytest
 
 from harness.raw_server import opcode_ping, opcode_text, upgrade

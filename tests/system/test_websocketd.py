@@ -1,5 +1,7 @@
 """websocketd as the service: its messages of 8,193 bytes and more end with an empty fragment."""
 
+# Test: 6 s
+
 from harness.asked_services import padded, websocketd
 
 
