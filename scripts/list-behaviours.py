@@ -101,6 +101,16 @@ def python_tests(file):
             yield test_t(file, "", node.name, comment_above(text.split("\n"), first - 1, "#"))
 
 
+def imported_tests(file):
+    """The test modules and test functions that a Python file imports."""
+    for node in ast.walk(ast.parse(file.read_text())):
+        if isinstance(node, (ast.Import, ast.ImportFrom)):
+            names = [alias.name for alias in node.names]
+            names.append(getattr(node, "module", None) or "")
+            yield from (name for name in names
+                        if any(part.startswith("test_") for part in name.split(".")))
+
+
 def all_tests():
     for file in sorted(tests.rglob("*_test.cpp")):
         yield from cpp_tests(file)
@@ -132,6 +142,18 @@ def complaint(test):
     if folder_of(test) not in folders:
         return "is in a folder that has no heading in this script"
     return None
+
+
+def complaints(found):
+    """What is wrong with the tests, and with the files that would run those of another file."""
+    for test in found:
+        text = complaint(test)
+        if text:
+            yield f"{test.file.relative_to(checkout)}: {test.name} {text}"
+    for file in sorted(tests.rglob("test_*.py")):
+        for name in imported_tests(file):
+            yield (f"{file.relative_to(checkout)}: imports {name}, and imported tests run a second "
+                   "time: move what both files need to a module without tests")
 
 
 def cell(text):
@@ -182,12 +204,9 @@ def main():
                         help="write nothing, and fail when docs/faults.md is stale")
     check = parser.parse_args().check
     found = list(all_tests())
-    complaints = [(test, complaint(test)) for test in found]
-    for test, text in complaints:
-        if text:
-            print(f"{test.file.relative_to(checkout)}: {test.name} {text}", file=sys.stderr)
-    if any(text for _, text in complaints):
-        sys.exit(1)
+    wrong = list(complaints(found))
+    if wrong:
+        sys.exit("\n".join(wrong))
     fault_list = checkout / "docs/faults.md"
     if not check:
         fault_list.write_text(faults(found))

@@ -85,6 +85,14 @@ def trace_lines():
     return found
 
 
+def listing_texts():
+    """The fixed lines of a message's listing, which is built as one text."""
+    source = (checkout / "src/worker/buffer_dump.cpp").read_text()
+    return [string_value(text).strip()
+            for text in re.findall(r"constexpr char \w+\[\] = " + literals, source)
+            if " " in string_value(text)]
+
+
 def pattern_of(text):
     """What a printf format may come out as: words, or words in capitals that stand for them."""
     pieces = re.split(r"(%[usdx])", text)

@@ -4,7 +4,8 @@ import re
 
 import pytest
 
-from manual import checkout, literals, log_lines, manual_page, pattern_of, string_value, trace_lines
+from manual import (checkout, listing_texts, literals, log_lines, manual_page, pattern_of,
+                    string_value, trace_lines)
 
 sections = {"error": "Errors", "warning": "Warnings", "info": "Information", "debug": "Debugging"}
 page = manual_page("vemk.8")
@@ -15,14 +16,6 @@ def documented(section):
     """Each line of a section with the module that its description begins with."""
     return [(text, module.removeprefix(".Em ").removesuffix(" ."))
             for text, module in page.items(section, "Li")]
-
-
-def listing_texts():
-    """The fixed lines of a message's listing, which is built as one text."""
-    source = (checkout / "src/worker/buffer_dump.cpp").read_text()
-    return [string_value(text).strip()
-            for text in re.findall(r"constexpr char \w+\[\] = " + literals, source)
-            if " " in string_value(text)]
 
 
 # vemk(8) has each format of the sources, under its category and with its module.

@@ -5,8 +5,7 @@ import re
 
 import pytest
 
-from manual import checkout, log_lines, pattern_of, trace_lines
-from test_log_lines import listing_texts
+from manual import checkout, listing_texts, log_lines, pattern_of, trace_lines
 
 stamp = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\|\d+\|([a-z-]+)> (.*)")
 quoted = [(document.name, *stamp.fullmatch(line).groups())
