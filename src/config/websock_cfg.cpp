@@ -3,12 +3,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
 #include <strings.h>
 #include <unistd.h>
 
+#include "config/config_keys.h"
 #include "config/number.h"
 #include "config/service_url.h"
 #include "log/log_module.h"
@@ -81,17 +83,18 @@ bool read_whole_messages(websock_cfg_t &cfg, char *value) {
   return true;
 }
 
-const struct {
+constexpr struct {
   const char *text;
   bool (*read)(websock_cfg_t &cfg, char *value);
 } keys[] = {
-    {"roam_service_url=", read_service_url},
-    {"initial_connection_delay=", read_initial_delay},
-    {"max_connection_delay=", read_max_delay},
-    {"ap_location=", read_location},
-    {"log_level=", read_log_level},
-    {"whole_messages=", read_whole_messages},
+    {text_of(config_key::service_url), read_service_url},
+    {text_of(config_key::initial_delay), read_initial_delay},
+    {text_of(config_key::max_delay), read_max_delay},
+    {text_of(config_key::location), read_location},
+    {text_of(config_key::log_level), read_log_level},
+    {text_of(config_key::whole_messages), read_whole_messages},
 };
+static_assert(std::size(keys) == config_key_count, "each key needs its reader");
 
 bool read_line(websock_cfg_t &cfg, char *line) {
   for (const auto &key : keys) {

@@ -1,0 +1,35 @@
+/// The keys of the configuration file. The daemon, its tools, its tests and the documents' tests
+/// take their names from here.
+#ifndef VEMK_CONFIG_CONFIG_KEYS_H
+#define VEMK_CONFIG_CONFIG_KEYS_H
+
+#include <cstddef>
+
+namespace vemk {
+
+/// A new key goes to the end.
+enum class config_key {
+  service_url,
+  initial_delay,
+  max_delay,
+  location,
+  log_level,
+  whole_messages,
+};
+
+/// By config_key: a line sets the key that it begins with, in any letter case. In lower case; the
+/// "=" at the end keeps each from being the beginning of another.
+constexpr const char *config_key_texts[] = {
+    "roam_service_url=", "initial_connection_delay=", "max_connection_delay=", "ap_location=",
+    "log_level=",        "whole_messages=",
+};
+
+constexpr std::size_t config_key_count = sizeof config_key_texts / sizeof *config_key_texts;
+
+constexpr const char *text_of(config_key key) {
+  return config_key_texts[static_cast<std::size_t>(key)];
+}
+
+} // namespace vemk
+
+#endif
