@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "config/config_keys.h"
 #include "config/websock_cfg.h"
 #include "log/log_module.h"
 #include "vemkctl/commands.h"

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstddef>
+#include <iterator>
 #include <numeric>
 #include <optional>
 #include <strings.h>
@@ -49,15 +51,23 @@ std::size_t edit_distance(std::string_view from, std::string_view to) {
   return row.back();
 }
 
+/// Without the "=".
+std::string name_of(config_key key) {
+  std::string name = text_of(key);
+  name.pop_back();
+  return name;
+}
+
 /// The key that a misspelt one may stand for.
-std::optional<std::string_view> nearest_key(const std::string &word) {
-  const auto distance = [&](std::string_view key) { return edit_distance(word, key); };
-  const auto nearest = std::min_element(
-      config_key_names.begin(), config_key_names.end(),
-      [&](std::string_view a, std::string_view b) { return distance(a) < distance(b); });
-  if (distance(*nearest) > std::max<std::size_t>(2, nearest->size() / 4))
+std::optional<config_key> nearest_key(const std::string &word) {
+  const auto distance = [&](const char *text) { return edit_distance(word + "=", text); };
+  const auto *const nearest =
+      std::min_element(std::begin(config_key_texts), std::end(config_key_texts),
+                       [&](const char *a, const char *b) { return distance(a) < distance(b); });
+  const auto key = static_cast<config_key>(nearest - config_key_texts);
+  if (distance(*nearest) > std::max<std::size_t>(2, name_of(key).size() / 4))
     return {};
-  return *nearest;
+  return key;
 }
 
 class config_reader {
@@ -130,10 +140,9 @@ private:
 
   void check_piece(const config_piece_t &piece) {
     const std::string_view seen = piece.seen();
-    for (std::size_t i = 0; i < config_key_names.size(); ++i) {
-      const std::string key = std::string(config_key_names[i]) + "=";
-      if (strncasecmp(std::string(seen.substr(0, key.size())).c_str(), key.c_str(), key.size()) ==
-          0)
+    for (std::size_t i = 0; i < config_key_count; ++i) {
+      const std::string_view key = config_key_texts[i];
+      if (strncasecmp(std::string(seen.substr(0, key.size())).c_str(), key.data(), key.size()) == 0)
         return check_value(piece.line, static_cast<config_key>(i),
                            without_line_end(seen.substr(key.size())));
     }
@@ -143,24 +152,9 @@ private:
   }
 
   void check_value(unsigned long line, config_key key, std::string_view value) {
-    const std::string prefix = std::string(config_key_names[static_cast<std::size_t>(key)]) + ": ";
-    switch (key) {
-    case config_key::service_url:
+    if (key == config_key::service_url)
       return check_url(line, value);
-    case config_key::initial_delay:
-    case config_key::max_delay:
-      add_if(line, prefix, delay_fault(value));
-      break;
-    case config_key::location:
-      add_if(line, prefix, location_fault(value));
-      break;
-    case config_key::log_level:
-      add_if(line, prefix, log_level_fault(value));
-      break;
-    case config_key::whole_messages:
-      add_if(line, prefix, whole_messages_fault(value));
-      break;
-    }
+    add_if(line, name_of(key) + ": ", value_fault(key, value));
     take_source(line, key);
   }
 
@@ -184,8 +178,8 @@ private:
   void take_source(unsigned long line, config_key key) {
     const unsigned long earlier = std::exchange(source_line(key), line);
     if (earlier != 0)
-      add(line, std::string(config_key_names[static_cast<std::size_t>(key)]) + "= is on line " +
-                    std::to_string(earlier) + " too, and this later one counts; keep one of them");
+      add(line, std::string(text_of(key)) + " is on line " + std::to_string(earlier) +
+                    " too, and this later one counts; keep one of them");
   }
 
   void check_ignored(unsigned long line, std::string_view text) {
@@ -198,18 +192,18 @@ private:
     const std::string_view before = text.substr(0, sign);
     const std::string word = lower_case(without_blanks_around(before));
     const auto key = nearest_key(word);
-    if (key && word == *key && sign != std::string_view::npos)
+    if (key && word == name_of(*key) && sign != std::string_view::npos)
       add(line,
           "blanks before the key or before '=' make the daemon ignore the line; write " +
-              std::string(*key) + "= in the first column",
-          is_url(*key));
+              std::string(text_of(*key)) + " in the first column",
+          key == config_key::service_url);
     else if (key && sign != std::string_view::npos)
       add(line,
           quoted(without_blanks_around(before)) +
               " is no key, and the line is ignored; did "
               "you mean " +
-              std::string(*key) + "=?",
-          is_url(*key));
+              text_of(*key) + "?",
+          key == config_key::service_url);
     else if (sign != std::string_view::npos)
       add(line, quoted(without_blanks_around(before)) +
                     " is no key, and the line is ignored; begin it with # if it is a comment");
@@ -217,8 +211,6 @@ private:
       add(line, quoted(trimmed) + " is neither KEY=VALUE nor a comment, and the line is ignored; "
                                   "begin it with # if it is a comment");
   }
-
-  static bool is_url(std::string_view key) { return key == config_key_names[0]; }
 
   void tell_unread(const std::vector<config_piece_t> &pieces, std::size_t first) {
     const auto has_text = [](const config_piece_t &piece) {

@@ -3,10 +3,11 @@
 #define VEMKCTL_CONFIG_FINDINGS_H
 
 #include <array>
-#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "config/config_keys.h"
 
 namespace vemk {
 
@@ -21,27 +22,10 @@ struct finding_t {
   bool is_note = false;
 };
 
-enum class config_key {
-  service_url,
-  initial_delay,
-  max_delay,
-  location,
-  log_level,
-  whole_messages
-};
-
-/// The keys as the daemon knows them, in the order of config_key.
-constexpr std::array<std::string_view, 6> config_key_names{"roam_service_url",
-                                                           "initial_connection_delay",
-                                                           "max_connection_delay",
-                                                           "ap_location",
-                                                           "log_level",
-                                                           "whole_messages"};
-
 struct config_findings_t {
   std::vector<finding_t> findings;
   /// Where each key's value comes from, by config_key; 0: from no line.
-  std::array<unsigned long, config_key_names.size()> source_lines;
+  std::array<unsigned long, config_key_count> source_lines;
 };
 
 /// Only looks; what the daemon makes of the file is for its own parser to say.

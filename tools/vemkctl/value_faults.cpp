@@ -143,31 +143,7 @@ fault_t path_fault(std::string_view path) {
   return {};
 }
 
-} // namespace
-
-std::uint16_t connected_port(std::int32_t port) {
-  return static_cast<std::uint16_t>(port);
-}
-
-fault_t service_fault(std::string_view host, std::int32_t port) {
-  if (connected_port(port) == 0)
-    return "port " + std::to_string(port) + (port == 0 ? "" : " counts as 0, which") +
-           " is no port to connect to; give one from 1 to 65535";
-  if (host.empty())
-    return "the URL has no host; write ws://HOST:PORT/PATH";
-  if (host.front() == '[')
-    return "host " + quoted(host) + " begins an IPv6 address, whose colons end the host; give a " +
-           "name or an IPv4 address";
-  if (has_blank(host) || std::any_of(host.begin(), host.end(), is_control))
-    return "host " + quoted(host) + " holds blanks or control characters, and no name has them; " +
-           "remove them";
-  // The WebSocket library takes a local socket's path behind a '+'.
-  if (host.front() != '+' && host.find('/') != std::string_view::npos)
-    return "host " + quoted(host) + " holds a '/', and no name has one; write the port before " +
-           "the path: ws://HOST:PORT/PATH";
-  return {};
-}
-
+/// Of a number of seconds.
 fault_t delay_fault(std::string_view value) {
   const std::string text(value);
   const std::uint32_t delay = unsigned_number(text.c_str(), 10);
@@ -211,6 +187,48 @@ fault_t location_fault(std::string_view value) {
   if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') &&
       value.back() == value.front())
     return "the quotation marks are part of the value; remove them";
+  return {};
+}
+
+} // namespace
+
+std::uint16_t connected_port(std::int32_t port) {
+  return static_cast<std::uint16_t>(port);
+}
+
+fault_t service_fault(std::string_view host, std::int32_t port) {
+  if (connected_port(port) == 0)
+    return "port " + std::to_string(port) + (port == 0 ? "" : " counts as 0, which") +
+           " is no port to connect to; give one from 1 to 65535";
+  if (host.empty())
+    return "the URL has no host; write ws://HOST:PORT/PATH";
+  if (host.front() == '[')
+    return "host " + quoted(host) + " begins an IPv6 address, whose colons end the host; give a " +
+           "name or an IPv4 address";
+  if (has_blank(host) || std::any_of(host.begin(), host.end(), is_control))
+    return "host " + quoted(host) + " holds blanks or control characters, and no name has them; " +
+           "remove them";
+  // The WebSocket library takes a local socket's path behind a '+'.
+  if (host.front() != '+' && host.find('/') != std::string_view::npos)
+    return "host " + quoted(host) + " holds a '/', and no name has one; write the port before " +
+           "the path: ws://HOST:PORT/PATH";
+  return {};
+}
+
+fault_t value_fault(config_key key, std::string_view value) {
+  switch (key) {
+  case config_key::service_url:
+    break;
+  case config_key::initial_delay:
+  case config_key::max_delay:
+    return delay_fault(value);
+  case config_key::location:
+    return location_fault(value);
+  case config_key::log_level:
+    return log_level_fault(value);
+  case config_key::whole_messages:
+    return whole_messages_fault(value);
+  }
   return {};
 }
 

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "config/config_keys.h"
+
 namespace vemk {
 
 /// The port that a connection is made to: the WebSocket library keeps 16 bits of the number.
@@ -15,14 +17,8 @@ std::uint16_t connected_port(std::int32_t port);
 /// Why a connection to this host and port can never come about, if so.
 std::optional<std::string> service_fault(std::string_view host, std::int32_t port);
 
-/// A number of seconds.
-std::optional<std::string> delay_fault(std::string_view value);
-
-std::optional<std::string> log_level_fault(std::string_view value);
-
-std::optional<std::string> whole_messages_fault(std::string_view value);
-
-std::optional<std::string> location_fault(std::string_view value);
+/// None for the URL, which may have several: see url_faults().
+std::optional<std::string> value_fault(config_key key, std::string_view value);
 
 /// The URL's text as the daemon splits it.
 struct url_faults_t {
