@@ -129,26 +129,36 @@ bool config_model::read_file(const std::optional<std::string> &bytes) {
 }
 
 bool config_model::read_line(const std::string &line) {
-  const auto value_of = [&line](const std::string &key) -> std::optional<std::string> {
-    if (!begins_with(line, key))
-      return std::nullopt;
-    return line.substr(key.size());
-  };
-  if (const auto url = value_of("roam_service_url="))
-    return read_url(*url);
-  if (const auto delay = value_of("initial_connection_delay="))
-    initial_connection_delay = unsigned_of(*delay);
-  if (const auto delay = value_of("max_connection_delay="))
-    max_connection_delay = unsigned_of(*delay);
-  if (const auto location = value_of("ap_location="))
-    ap_location = without_line_end(*location);
-  if (const auto level = value_of("log_level=")) {
-    log_level = begins_with(*level, "0x") ? unsigned_of(level->substr(2), 16) : unsigned_of(*level);
+  for (std::size_t i = 0; i < config_key_count; ++i) {
+    const std::string key = config_key_texts[i];
+    if (begins_with(line, key))
+      return read_value(static_cast<config_key>(i), line.substr(key.size()));
+  }
+  return true;
+}
+
+bool config_model::read_value(config_key key, const std::string &value) {
+  switch (key) {
+  case config_key::service_url:
+    return read_url(value);
+  case config_key::initial_delay:
+    initial_connection_delay = unsigned_of(value);
+    break;
+  case config_key::max_delay:
+    max_connection_delay = unsigned_of(value);
+    break;
+  case config_key::location:
+    ap_location = without_line_end(value);
+    break;
+  case config_key::log_level:
+    log_level = begins_with(value, "0x") ? unsigned_of(value.substr(2), 16) : unsigned_of(value);
     process_level = log_level;
     module_mask = log_level;
+    break;
+  case config_key::whole_messages:
+    whole_messages = unsigned_of(value) != 0;
+    break;
   }
-  if (const auto number = value_of("whole_messages="))
-    whole_messages = unsigned_of(*number) != 0;
   return true;
 }
 

@@ -1,4 +1,5 @@
-/// What the configuration record must hold, worked out without the daemon's code.
+/// What the configuration record must hold, worked out without the daemon's code; they share the
+/// keys' names alone.
 #ifndef VEMK_TESTS_FUZZ_CONFIG_MODEL_H
 #define VEMK_TESTS_FUZZ_CONFIG_MODEL_H
 
@@ -7,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "config/config_keys.h"
 #include "config/websock_cfg.h"
 
 namespace vemk::fuzz {
@@ -39,6 +41,7 @@ struct config_model {
 
 private:
   bool read_line(const std::string &line);
+  bool read_value(config_key key, const std::string &value);
   bool read_url(const std::string &value);
 };
 
