@@ -13,14 +13,18 @@ from manual import checkout, manual_page, plain
 
 folder = os.environ.get("VEMK_COMPANION_DIR") or checkout / "build"
 keys = re.findall(r'"(\w+=)"', (checkout / "src/config/config_keys.h").read_text())
+documents = sorted([checkout / "README.md", *checkout.glob("man/*.[1-8]"),
+                    *checkout.glob("docs/*.md")])
 
 
-# The header of the keys names six, which the other tests of this file compare with.
+# The header names as many keys as the parser has readers; the tests below compare with them.
 def test_the_sources_were_read():
-    assert len(keys) == 6
+    parser = (checkout / "src/config/websock_cfg.cpp").read_text()
+    readers = re.findall(r"\{text_of\(config_key::\w+\), read_\w+\}", parser)
+    assert len(keys) == len(readers) > 0
 
 
-# vemk.conf(5) lists the six keys in the parser's order, each with its "=".
+# vemk.conf(5) lists the keys in the parser's order, each with its "=".
 def test_the_manual_describes_every_key():
     described = [key for key, _ in manual_page("vemk.conf.5").items("Keys", "Ic")]
     assert described == keys
@@ -32,10 +36,22 @@ def test_the_manual_names_no_unknown_key():
     assert set(re.findall(r"\b[a-z]+_[a-z_]+=", text)) == set(keys)
 
 
-# examples/vemk.conf sets the six keys once each, in the parser's order.
-def test_the_example_shows_every_key():
-    text = (checkout / "examples/vemk.conf").read_text()
-    assert re.findall(r"^(\w+=)", text, re.MULTILINE) == keys
+# No other word of that form stands in another manual, the README or docs/.
+@pytest.mark.parametrize("file", documents, ids=lambda file: file.name)
+def test_no_document_names_an_unknown_key(file):
+    assert set(re.findall(r"\b[a-z]+_[a-z_]+=", plain(file.read_text()))) <= set(keys)
+
+
+# README's table, both samples and both fuzz dictionaries have each key once, in the parser's order.
+@pytest.mark.parametrize("file, line_of_key", [
+    ("README.md", r"^\| `(\w+=)` \|"),
+    ("examples/vemk.conf", r"^(\w+=)"),
+    ("packaging/openwrt/vemk/files/vemk.conf", r"^#?(\w+=)"),
+    ("tests/fuzz/dictionaries/config_file.dict", r'^"(\w+=)"$'),
+    ("tests/fuzz/dictionaries/command_line.dict", r'^"(\w+=)"$'),
+])
+def test_every_list_has_every_key(file, line_of_key):
+    assert re.findall(line_of_key, (checkout / file).read_text(), re.MULTILINE) == keys
 
 
 # vemkctl check-config calls "colour" "no key" in a file that has every key as well, and no other.
