@@ -20,8 +20,12 @@ enum class config_key {
 /// By config_key: a line sets the key that it begins with, in any letter case. In lower case; the
 /// "=" at the end keeps each from being the beginning of another.
 constexpr const char *config_key_texts[] = {
-    "roam_service_url=", "initial_connection_delay=", "max_connection_delay=", "ap_location=",
-    "log_level=",        "whole_messages=",
+    "roam_service_url=",         // [ws://]HOST:PORT/PATH
+    "initial_connection_delay=", // seconds
+    "max_connection_delay=",     // seconds
+    "ap_location=",              // text
+    "log_level=",                // mask of log categories
+    "whole_messages=",           // 0: no
 };
 
 constexpr std::size_t config_key_count = sizeof config_key_texts / sizeof *config_key_texts;
