@@ -221,18 +221,21 @@ bool config_model::read_options(const std::vector<std::string> &options, const s
 }
 
 void expect_same(const config_model &model, const websock_cfg_t &cfg) {
-  expect_equal("ap_location", model.ap_location, text_of(cfg.ap_location));
-  expect_equal("host", model.host, text_of(cfg.host));
-  expect_equal("path", model.path, text_of(cfg.path));
-  expect_equal("port", model.port, cfg.port);
-  expect_equal("url_valid", model.url_valid, cfg.url_valid);
+  // Each field by name, so that a new one that is not compared does not compile.
+  const auto &[ap_location, host, path, port, url_valid, initial_connection_delay,
+               max_connection_delay, log_level, cfg_mode, cfg_file_failed, whole_messages] = cfg;
+  expect_equal("ap_location", model.ap_location, text_of(ap_location));
+  expect_equal("host", model.host, text_of(host));
+  expect_equal("path", model.path, text_of(path));
+  expect_equal("port", model.port, port);
+  expect_equal("url_valid", model.url_valid, url_valid);
   expect_equal("initial_connection_delay", model.initial_connection_delay,
-               cfg.initial_connection_delay);
-  expect_equal("max_connection_delay", model.max_connection_delay, cfg.max_connection_delay);
-  expect_equal("log_level", model.log_level, cfg.log_level);
-  expect_equal("cfg_mode", model.cfg_mode, cfg.cfg_mode);
-  expect_equal("cfg_file_failed", model.cfg_file_failed, cfg.cfg_file_failed);
-  expect_equal("whole_messages", model.whole_messages, cfg.whole_messages);
+               initial_connection_delay);
+  expect_equal("max_connection_delay", model.max_connection_delay, max_connection_delay);
+  expect_equal("log_level", model.log_level, log_level);
+  expect_equal("cfg_mode", model.cfg_mode, cfg_mode);
+  expect_equal("cfg_file_failed", model.cfg_file_failed, cfg_file_failed);
+  expect_equal("whole_messages", model.whole_messages, whole_messages);
   expect_equal("g_log_level", model.process_level, g_log_level);
   expect_equal("the log", model.logged, fake_log::messages("websock-cfg"));
 }
