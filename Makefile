@@ -7,7 +7,7 @@ TEST_JOBS ?= 16
 .PHONY: $(shell sed -n 's/^\([a-z][a-z-]*\):.*/\1/p' $(firstword $(MAKEFILE_LIST)))
 
 packages:
-	scripts/install-packages.sh
+	scripts/install-packages.sh build run test
 
 # Programs for the tests, which would run as services of the machine if they were installed.
 unpacked: packages
@@ -25,7 +25,7 @@ test: build unpacked
 
 # The console in a headless browser, which `make test` does without.
 browser-test: build
-	scripts/install-packages.sh scripts/packages-browser.txt
+	scripts/install-packages.sh browser
 	VEMK_BUILD_DIR=build PYTHONDONTWRITEBYTECODE=1 \
 	  /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/browser
 
@@ -33,7 +33,7 @@ browser-test: build
 GO_ENVIRONMENT := GO111MODULE=off GOPATH=/usr/share/gocode GOCACHE=$(CURDIR)/build-go/cache \
   GOROOT= GOFLAGS=
 test-go: build
-	scripts/install-packages.sh scripts/packages-go.txt
+	scripts/install-packages.sh go
 	for library in gorilla nhooyr; do \
 	  $(GO_ENVIRONMENT) /usr/bin/go build -o build-go/$$library \
 	    tests/go/service.go tests/go/$$library.go || exit; \
@@ -43,7 +43,7 @@ test-go: build
 
 # As for MIPS under emulation; the native companions are the other ends of the system tests.
 target: packages unpacked
-	scripts/install-packages.sh scripts/packages-target.txt
+	scripts/install-packages.sh target
 	scripts/target-env.sh build-mips-env
 	cmake --preset default
 	cmake --build --preset default --target vemkctl roam-service
@@ -56,13 +56,13 @@ target: packages unpacked
 	ctest --test-dir build-mips --output-on-failure -j $(TEST_JOBS)
 
 target-size: packages
-	scripts/install-packages.sh scripts/packages-target.txt
+	scripts/install-packages.sh target
 	scripts/target-env.sh build-mips-env
 	scripts/target-size.py --write docs/target.md
 
 # Without a shared library, an FPU or glibc: as near to a device as can be run here.
 target-static: packages
-	scripts/install-packages.sh scripts/packages-target.txt scripts/packages-static.txt
+	scripts/install-packages.sh target static
 	scripts/static-env.sh build-static-env
 	cmake --preset default
 	cmake --build --preset default --target vemkctl roam-service
@@ -84,7 +84,7 @@ sanitize: packages unpacked
 
 # Both compilers' warnings as errors, then the analysers.
 analyze: packages
-	scripts/install-packages.sh scripts/packages-analyze.txt
+	scripts/install-packages.sh analyze
 	cmake --preset default
 	cmake --build --preset default
 	cmake --preset clang
@@ -94,7 +94,7 @@ analyze: packages
 # Which lines and branches of src/ the unit tests execute, and one system test that lets the daemon
 # come to its own end: a daemon that is ended by a signal writes no counters.
 coverage: packages
-	scripts/install-packages.sh scripts/packages-coverage.txt
+	scripts/install-packages.sh coverage
 	cmake --preset default
 	cmake --build --preset default --target vemkctl roam-service
 	cmake --preset coverage
@@ -110,7 +110,7 @@ mutants: packages
 # Every fuzz target for so many seconds, two at a time.
 SECONDS ?= 60
 fuzz: packages
-	scripts/install-packages.sh scripts/packages-fuzz.txt
+	scripts/install-packages.sh fuzz
 	cmake --preset fuzz
 	cmake --build --preset fuzz
 	scripts/run-fuzzers.py build-fuzz --seconds $(SECONDS)
@@ -130,7 +130,7 @@ bench-classify: packages
 # A Debian package for this machine; the date in it is that of the last change, so that it can be
 # made again byte by byte.
 package: packages
-	scripts/install-packages.sh scripts/packages-package.txt
+	scripts/install-packages.sh package
 	cmake -S . -B build-package -G Ninja -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF
 	cmake --build build-package
 	rm -f build-package/vemk_*.deb
@@ -138,7 +138,7 @@ package: packages
 	ls -l build-package/vemk_*.deb
 
 package-test: package
-	scripts/install-packages.sh scripts/packages-package-test.txt
+	scripts/install-packages.sh package-test
 	scripts/test-package.sh build-package/vemk_*.deb
 
 # Every behaviour with the test that shows it, in build/behaviours.md, and docs/faults.md.
@@ -147,7 +147,7 @@ behaviours:
 
 # After a change in docs/pictures.
 pictures:
-	scripts/install-packages.sh scripts/packages-pictures.txt
+	scripts/install-packages.sh pictures
 	scripts/make-pictures.sh
 
 clean:

@@ -1,12 +1,11 @@
 #!/bin/sh
-# Installs the packages of packages.txt that this machine does not have yet.
-# Usage: install-packages.sh [LIST ...]    (default: packages.txt beside this script)
+# Installs those packages of sections of packages.txt that this machine does not have yet.
+# Usage: install-packages.sh SECTION ...
 set -eu
 
-[ $# -gt 0 ] || set -- "$(dirname "$0")/packages.txt"
-
+packages=$("$(dirname "$0")/list-packages.sh" "$@")
 missing=
-for package in $(sed 's/#.*//' "$@"); do
+for package in $packages; do
   status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) || status=
   [ "$status" = installed ] || missing="$missing $package"
 done

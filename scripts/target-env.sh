@@ -4,7 +4,7 @@
 #
 # FOLDER/bin gets the cross tools (mipsel-g++, mipsel-readelf ...) and qemu, which runs a program
 # for MIPS; FOLDER/sysroot gets the target's libraries; FOLDER/versions.txt lists the packages.
-# A folder that is complete and made from the same lists stays as it is.
+# A folder that is complete and made from the same packages stays as it is.
 #
 # Everything is a Debian package, fetched and verified by apt but unpacked instead of installed:
 # the machine's own package database and its list of architectures are not touched, because the
@@ -13,7 +13,6 @@ set -euo pipefail
 
 scripts=$(cd "$(dirname "$0")" && pwd)
 readonly scripts
-readonly target_list=$scripts/packages-mipsel.txt
 readonly tool_packages=(g++-mipsel-linux-gnu qemu-user)
 # Left out of the machine's package status, so that apt always fetches these and their own parts.
 readonly tool_pattern='(mipsel|mipsen|qemu-user|libcapstone4|liburing2)'
@@ -24,7 +23,7 @@ readonly tool_pattern='(mipsel|mipsen|qemu-user|libcapstone4|liburing2)'
   echo "usage: target-env.sh FOLDER" >&2
   exit 2
 }
-open_folder "$1" "$target_list"
+open_folder "$1" mipsel
 if is_complete; then
   exit 0
 fi
@@ -35,13 +34,12 @@ readonly multiarch tool_libraries=$tools/usr/lib/$multiarch
 # ---- the packages ----
 
 fetch_packages() {
-  local packages host_fetch
+  local host_fetch
   make_view host "$(dpkg --print-architecture)" < <(
     awk -v "tool=^Package: [^\n]*$tool_pattern" 'BEGIN { RS = ""; ORS = "\n\n" } $0 !~ tool' \
       /var/lib/dpkg/status
   )
   make_view target mipsel </dev/null
-  mapfile -t packages < <(names_in "$target_list")
   fetch host "${tool_packages[@]}" &
   host_fetch=$!
   fetch target "${packages[@]}"

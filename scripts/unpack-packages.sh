@@ -1,15 +1,15 @@
 #!/bin/bash
-# Unpacks the packages of packages-unpacked.txt, which would enable services if they were installed.
+# Unpacks the packages of packages.txt's [unpacked], which would enable services if installed.
 # Usage: unpack-packages.sh FOLDER
 #
 # FOLDER/bin gets their programs, FOLDER/root their files and those of packages that they depend on
-# and that are not installed; FOLDER/versions.txt lists all of these. Packages of the list are
-# fetched whether or not they are installed. A folder stays as it is when it is made from the same
-# list and its programs find their libraries.
+# and that are not installed; FOLDER/versions.txt lists all of these. Packages of the section
+# are fetched whether or not they are installed. A folder stays as it is when it is made from the
+# same section and its programs find their libraries.
 set -euo pipefail
 
 scripts=$(cd "$(dirname "$0")" && pwd)
-readonly scripts list=$scripts/packages-unpacked.txt
+readonly scripts
 # shellcheck source-path=SCRIPTDIR
 . "$scripts/unpacking.sh"
 
@@ -17,7 +17,7 @@ readonly scripts list=$scripts/packages-unpacked.txt
   echo "usage: unpack-packages.sh FOLDER" >&2
   exit 2
 }
-open_folder "$1" "$list"
+open_folder "$1" unpacked
 multiarch=$(gcc -print-multiarch)
 readonly root=$folder/root archives=$folder/apt/host/archives
 readonly libraries=$root/usr/lib/$multiarch:$root/lib/$multiarch
@@ -42,7 +42,6 @@ fi
 
 echo "unpack-packages: making $folder"
 rm -rf "${folder:?}"/{made-from,programs,apt,bin,root}
-mapfile -t packages < <(names_in "$list")
 make_view host "$(dpkg --print-architecture)" </var/lib/dpkg/status
 fetch host "${packages[@]}"
 mkdir "$root"

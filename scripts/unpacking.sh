@@ -5,12 +5,15 @@
 readonly fetch_attempts=5
 
 # Makes `folder` the folder $1, which this process alone works in, and `wanted` the mark of what it
-# is made from: the calling script, this one and the list $2.
+# is made from: the calling script, this one and `packages`, those of the section $2.
 open_folder() {
+  local listed
+  listed=$("$(dirname "${BASH_SOURCE[0]}")/list-packages.sh" "$2")
+  mapfile -t packages <<<"$listed"
   mkdir -p "$1"
   folder=$(cd "$1" && pwd)
-  wanted=$(cat "$0" "${BASH_SOURCE[0]}" "$2" <(echo "$folder") | sha256sum)
-  readonly folder wanted
+  wanted=$(cat "$0" "${BASH_SOURCE[0]}" <(printf '%s\n' "${packages[@]}" "$folder") | sha256sum)
+  readonly packages folder wanted
   exec 9>"$folder/lock"
   flock 9
 }
@@ -22,9 +25,6 @@ set_complete() {
   rm -rf "$folder/apt"
   echo "$wanted" >"$folder/made-from"
 }
-
-# The package names of a list.
-names_in() { sed 's/#.*//; /^ *$/d' "$1"; }
 
 # Makes the view $1 of the package archive, for architecture $2, with the status on its input.
 make_view() {

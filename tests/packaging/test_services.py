@@ -12,12 +12,17 @@ PACKAGE_FILES = Path("/var/lib/dpkg/info")
 BASE = ("required", "important", "standard")
 
 
-def lists():
-    """Those that the Makefile installs; install-packages.sh alone stands for packages.txt."""
+def list_packages(*sections):
+    return subprocess.run([SOURCE / "scripts/list-packages.sh", *sections],
+                          capture_output=True, text=True)
+
+
+def listed_packages():
+    """Those of the sections that the Makefile installs."""
     makefile = (SOURCE / "Makefile").read_text()
-    more = re.findall(r"(scripts/packages[\w-]*\.txt)",
-                      " ".join(re.findall(r"install-packages\.sh (.*)", makefile)))
-    return sorted({"scripts/packages.txt", *more})
+    found = list_packages(*" ".join(re.findall(r"install-packages\.sh (.*)", makefile)).split())
+    assert found.returncode == 0, found.stderr
+    return found.stdout.split()
 
 
 def installed(names):
@@ -54,12 +59,19 @@ def enabled_by(package):
     return units | {name for name in scripts if not hidden_from_systemd(name)}
 
 
-# No package of the Makefile's lists, nor what it depends on, enables a unit or an init script.
+# No package that the Makefile installs, nor what it depends on, enables a unit or an init script.
 # nginx and haproxy were installed for the tests once, and ran on the machine from its next boot on.
 def test_the_lists_put_no_service_onto_the_machine():
-    listed = installed({name for file in lists()
-                        for name in re.sub("#.*", "", (SOURCE / file).read_text()).split()})
-    packages = installed(with_dependencies(listed))
+    packages = installed(with_dependencies(installed(listed_packages())))
     enabled = {package: enabled_by(package) for package, priority in packages.items()
                if priority not in BASE}
     assert {package: names for package, names in enabled.items() if names} == {}
+
+
+# The packages of the named sections are listed and no others; a section that is missing is an error.
+def test_packages_are_listed_by_section():
+    assert list_packages("run", "coverage").stdout == "procps\nutil-linux\ngcovr\n"
+    unknown = list_packages("run", "cover")
+    assert (unknown.returncode, unknown.stdout) == (2, "")
+    assert unknown.stderr.startswith("list-packages.sh: packages.txt has no section [cover]; it has"
+                                     " [build] [run] [test] [unpacked] ")
