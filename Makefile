@@ -13,19 +13,26 @@ packages:
 unpacked: packages
 	scripts/unpack-packages.sh build-unpacked
 
-build: packages
-	cmake --preset default
-	cmake --build --preset default
+# The tests need packages that the programs do without. A folder that has tests keeps them, so that
+# they are still there to run, and Ninja does not forget what their objects were made from.
+configure:
+	scripts/install-packages.sh build run
+	cmake --preset default -DBUILD_TESTING=$(if $(wildcard build/CTestTestfile.cmake),ON,OFF)
+
+build: configure
+	cmake --build --preset default --target vemk vemkctl roam-service
 
 run: build
 	scripts/demo.sh build
 
-test: build unpacked
+test: packages unpacked
+	cmake --preset default
+	cmake --build --preset default
 	ctest --test-dir build --output-on-failure -j $(TEST_JOBS)
 
 # The console in a headless browser, which `make test` does without.
 browser-test: build
-	scripts/install-packages.sh browser
+	scripts/install-packages.sh test browser
 	VEMK_BUILD_DIR=build PYTHONDONTWRITEBYTECODE=1 \
 	  /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/browser
 
@@ -33,7 +40,7 @@ browser-test: build
 GO_ENVIRONMENT := GO111MODULE=off GOPATH=/usr/share/gocode GOCACHE=$(CURDIR)/build-go/cache \
   GOROOT= GOFLAGS=
 test-go: build
-	scripts/install-packages.sh go
+	scripts/install-packages.sh test go
 	for library in gorilla nhooyr; do \
 	  $(GO_ENVIRONMENT) /usr/bin/go build -o build-go/$$library \
 	    tests/go/service.go tests/go/$$library.go || exit; \
@@ -118,19 +125,19 @@ fuzz: packages
 # The daemon under random faults, with both directions loaded; SEED repeats a run.
 MINUTES ?= 30
 soak: build
+	scripts/install-packages.sh test
 	VEMK_BUILD_DIR=$${VEMK_BUILD_DIR:-build} \
 	  /usr/bin/python3 tests/soak/soak.py --minutes $(MINUTES) $(if $(SEED),--seed $(SEED))
 
 # What it costs to look at a message from the bus, and what it would cost to parse each.
-bench-classify: packages
-	cmake --preset default
+bench-classify: configure
 	cmake --build --preset default --target bench_classify
 	build/bench_classify
 
 # A Debian package for this machine; the date in it is that of the last change, so that it can be
 # made again byte by byte.
-package: packages
-	scripts/install-packages.sh package
+package:
+	scripts/install-packages.sh build package
 	cmake -S . -B build-package -G Ninja -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF
 	cmake --build build-package
 	rm -f build-package/vemk_*.deb

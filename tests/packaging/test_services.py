@@ -1,4 +1,4 @@
-"""What the packages that `make` installs put into service on the machine."""
+"""The packages that `make` installs, and what they put into service on the machine."""
 
 import os
 import re
@@ -75,3 +75,12 @@ def test_packages_are_listed_by_section():
     assert (unknown.returncode, unknown.stdout) == (2, "")
     assert unknown.stderr.startswith("list-packages.sh: packages.txt has no section [cover]; it has"
                                      " [build] [run] [test] [unpacked] ")
+
+
+# In a new checkout `make run` installs, configures and builds nothing that only the tests need.
+def test_the_demonstration_does_without_the_tests(tmp_path):
+    commands = subprocess.run(["make", "-n", "-f", SOURCE / "Makefile", "run"], cwd=tmp_path,
+                              capture_output=True, text=True, check=True).stdout
+    assert re.findall(r"install-packages\.sh (.*)", commands) == ["build run"]
+    assert re.findall(r"BUILD_TESTING=(.*)", commands) == ["OFF"]
+    assert re.findall(r"--target (.*)", commands) == ["vemk vemkctl roam-service"]
