@@ -43,3 +43,10 @@ if(VEMK_SANITIZE MATCHES "thread")
   add_library(tsan_suppressions OBJECT ${CMAKE_CURRENT_LIST_DIR}/tsan_suppressions.cpp)
   link_libraries(tsan_suppressions)
 endif()
+
+# vemk_compile_quickly(SOURCE ...): for files that include CLI11, which is all headers. Their code runs
+# once in a program, and to optimise it took more than half of their compile time.
+function(vemk_compile_quickly)
+  set_source_files_properties(${ARGN} PROPERTIES
+    COMPILE_OPTIONS "$<$<CONFIG:RelWithDebInfo>:-Og;-fno-var-tracking>")
+endfunction()
