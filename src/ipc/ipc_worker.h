@@ -12,7 +12,8 @@
 namespace vemk {
 
 /// The thread "ipc": joins the module-messaging bus, copies every message for this module into the
-/// first queue and sends every message of the second queue onto the bus, bytes unchanged.
+/// bus-to-service queue and sends every message of the service-to-bus queue onto the bus, bytes
+/// unchanged.
 ///
 /// It polls: at most one message a step, the bus before the queue, and 100 ms of pause when there
 /// was neither. When the bus drops the module, it leaves and joins again every 300 ms.
@@ -43,7 +44,8 @@ protected:
   void send_to_bus(const buffer_info_t &buffer);
   void send_to_bus(const std::shared_ptr<buffer_info_t> &buffer);
 
-  /// Copies the payload of a bus record into the first queue. The record stays the caller's.
+  /// Copies the payload of a bus record into the bus-to-service queue. The record stays the
+  /// caller's.
   void forward_bus_message(const void *message);
 
 private:

@@ -21,17 +21,18 @@ namespace vemk {
 /// The thread "websock-roaming": owns the one client connection to the roaming service.
 ///
 /// Every init() waits a random delay that grows with each failure, then opens a library context and
-/// a connection; every deinit() destroys them. While connected, messages of the first queue leave
-/// as text frames, one per writeable callback, and received messages go whole into the second
-/// queue. A connection that errs, closes, leaves three pings unanswered or gets no writeable
-/// callback for 60 seconds is torn down and made anew. The second queue also gets a status message
-/// at each change, and the answer to every status request found in the first queue.
+/// a connection; every deinit() destroys them. While connected, messages of the bus-to-service
+/// queue leave as text frames, one per writeable callback, and received messages go whole into the
+/// service-to-bus queue. A connection that errs, closes, leaves three pings unanswered or gets no
+/// writeable callback for 60 seconds is torn down and made anew. The service-to-bus queue also gets
+/// a status message at each change, and the answer to every status request found in the
+/// bus-to-service queue.
 ///
 /// Only one may exist at a time: a second one takes the library's callbacks away from the first.
 ///
 /// Threading: as abstract_worker. The handlers run inside the library's calls: on the worker's
 ///   thread, and on the owner's in the destructor. Only request_writeable() is for the bus thread,
-///   which calls it through the first queue's notify.
+///   which calls it through the bus-to-service queue's notify.
 /// Ownership: owns context, connection and receive buffer; the queues and the run flag are the
 ///   caller's and outlive the worker.
 /// Errors: connection failures are logged and retried for ever, but for a name server that is
@@ -70,7 +71,8 @@ protected:
   /// then doubles that up to the maximum.
   std::uint32_t next_delay();
 
-  /// Waits next_delay() while answering status requests from the first queue and dropping the rest.
+  /// Waits next_delay() while answering status requests from the bus-to-service queue and dropping
+  /// the rest.
   void wait_before_connect();
 
   void stop();
@@ -91,7 +93,7 @@ protected:
   int process_client_receive_pong();
   int process_client_writeable(lws *wsi, void *user, void *in);
 
-  /// Handles one message of the first queue while connected.
+  /// Handles one message of the bus-to-service queue while connected.
   void from_queue_send(lws *wsi, const std::shared_ptr<buffer_info_t> &message);
 
   /// Writes one frame; `data` may be null when `length` is 0. Returns what lws_write returned, or
@@ -119,8 +121,8 @@ protected:
 
   // Status messages.
 
-  /// Logs a message taken from the first queue and handles it if it is the daemon's own. Returns
-  /// false when it is for the roaming service. A null pointer is dropped.
+  /// Logs a message taken from the bus-to-service queue and handles it if it is the daemon's own.
+  /// Returns false when it is for the roaming service. A null pointer is dropped.
   bool keep_own_message(const std::shared_ptr<buffer_info_t> &message);
 
   void queue_connected_status();

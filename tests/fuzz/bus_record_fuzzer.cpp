@@ -1,5 +1,5 @@
 /// The first nine bytes are those of a bus record that are not its length, the rest is its payload.
-/// The record says the truth about its length; the payload must come out of the first queue byte
+/// The record says the truth about its length; the payload must come out of the queue byte
 /// for byte, and must reach the bus byte for byte when it goes the other way.
 
 #include <cstdint>

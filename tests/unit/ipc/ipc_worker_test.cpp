@@ -280,7 +280,7 @@ TEST_F(IpcWorkerTest, CopyIsFollowedByAnUncountedZero) {
   EXPECT_EQ(buffer->data[4], 0);
 }
 
-// Payloads from 1 byte to 4 MiB reach the first queue with exactly their length.
+// Payloads from 1 byte to 4 MiB reach the bus-to-service queue with exactly their length.
 TEST_F(IpcWorkerTest, PayloadsOfEverySizeArrive) {
   for (const std::size_t length : {1u, 12u, 13u, 255u, 256u, 65535u, 65536u, 4194304u}) {
     SCOPED_TRACE(length);
@@ -293,7 +293,7 @@ TEST_F(IpcWorkerTest, PayloadsOfEverySizeArrive) {
   }
 }
 
-// A record of length 0 puts one buffer of length 0 into the first queue.
+// A record of length 0 puts one buffer of length 0 into the bus-to-service queue.
 TEST_F(IpcWorkerTest, MessageOfLengthZeroBecomesAnEmptyBuffer) {
   fake_bus::add_message("");
   EXPECT_FALSE(worker->run_once());
@@ -313,7 +313,7 @@ TEST_F(IpcWorkerTest, RecordIsReleasedAfterItsPayloadWasCopied) {
   EXPECT_EQ(fake_bus::records_in_use(), 0u);
 }
 
-// The push of a bus message runs the first queue's notify once; an idle step does not.
+// The push of a bus message runs the bus-to-service queue's notify once; an idle step does not.
 TEST_F(IpcWorkerTest, EveryForwardedMessageRunsTheHookOnce) {
   int wakeups = 0;
   bus_to_ws.set_notify([&] { ++wakeups; });

@@ -46,7 +46,7 @@ TEST_F(BridgeTest, WorkersAreBuiltStartedJoinedAndDestroyedInOrder) {
                           "~ipc_worker", "~websock_worker"));
 }
 
-// It gets the first and second queue, host, path, port, &url_valid, 5, 300 and twice false.
+// It gets both queues in their order, host, path, port, &url_valid, 5, 300 and twice false.
 TEST_F(BridgeTest, WebSocketWorkerGetsQueuesUrlFlagAndDelays) {
   run_bridge(cfg, bus_run_flag, first_queue, second_queue);
   const fake_workers::websock_arguments_t arguments = fake_workers::websock_arguments();
@@ -70,7 +70,7 @@ TEST_F(BridgeTest, WebSocketWorkerIsAskedForWholeMessages) {
   EXPECT_FALSE(fake_workers::websock_arguments().without_lws_binding);
 }
 
-// It gets the first and second queue, module identifier 2 and the address of its own run flag.
+// It gets both queues in their order, module identifier 2 and the address of its own run flag.
 TEST_F(BridgeTest, BusWorkerGetsTheSameQueuesItsModuleAndItsFlag) {
   run_bridge(cfg, bus_run_flag, first_queue, second_queue);
   const fake_workers::ipc_arguments_t arguments = fake_workers::ipc_arguments();

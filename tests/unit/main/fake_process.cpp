@@ -193,8 +193,8 @@ void __wrap__ZN4vemk15message_queue_tC1Ev(vemk::message_queue_t *queue) {
   if (!state)
     return;
   state->queues.push_back(queue);
-  leave_message(*queue,
-                state->queues.size() == 1 ? "first queue released" : "second queue released");
+  leave_message(*queue, state->queues.size() == 1 ? "bus-to-service queue released"
+                                                  : "service-to-bus queue released");
 }
 }
 

@@ -24,7 +24,7 @@ void record(const std::string &event);
 std::vector<std::string> events();
 
 /// The message queues that were constructed, in order. Each got a message whose release is an
-/// event, "first queue released" or "second queue released".
+/// event, "bus-to-service queue released" or "service-to-bus queue released".
 std::vector<message_queue_t *> queues();
 
 /// The construction of the `nth` queue, counted from 1, throws std::runtime_error.

@@ -76,7 +76,7 @@ TEST_F(StartupTest, CompleteConfigurationRunsTheBridgeAfterEveryStepBeforeIt) {
                           "open PID file w+", "fclose PID file", "websock_worker", "ipc_worker",
                           "start ipc_worker", "start websock_worker", "join ipc_worker",
                           "join websock_worker", "~ipc_worker", "~websock_worker",
-                          "second queue released", "first queue released"));
+                          "service-to-bus queue released", "bus-to-service queue released"));
 }
 
 // Without -f both queues are built and destroyed, PID 123 killed, no worker built; 0 is returned.
@@ -87,8 +87,8 @@ TEST_F(StartupTest, WithoutAFileThePidFileIsReplacedAndNothingElseStarted) {
               ElementsAre("init_zandor_logrotate vemk", "srand 1700000000", "thread name main",
                           "queue", "queue", "level of vemk-main 0", "open PID file r",
                           "system /bin/kill -s TERM 123 2> /dev/null", "fclose PID file",
-                          "open PID file w+", "fclose PID file", "second queue released",
-                          "first queue released"));
+                          "open PID file w+", "fclose PID file", "service-to-bus queue released",
+                          "bus-to-service queue released"));
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
 
@@ -188,7 +188,7 @@ TEST_F(StartupTest, LevelOfTheMainModuleIsZeroWithoutALogLevelLine) {
   EXPECT_THAT(fake_process::events(), Contains("level of vemk-main 0"));
 }
 
-// ~websock_worker, then the second queue, then the first, and the exception leaves the start.
+// ~websock_worker, the service-to-bus queue, the other one, and the exception leaves the start.
 TEST_F(StartupTest, ExceptionOfAWorkersConstructionUnwindsWhatWasBuilt) {
   fake_workers::let_ipc_construction_throw();
   EXPECT_THROW(run_with_file(complete_file), std::runtime_error);
@@ -196,10 +196,10 @@ TEST_F(StartupTest, ExceptionOfAWorkersConstructionUnwindsWhatWasBuilt) {
   ASSERT_GE(events.size(), 5u);
   EXPECT_THAT(std::vector<std::string>(events.end() - 5, events.end()),
               ElementsAre("websock_worker", "ipc_worker", "~websock_worker",
-                          "second queue released", "first queue released"));
+                          "service-to-bus queue released", "bus-to-service queue released"));
 }
 
-// The exception leaves the start with the first queue destroyed and the PID file untouched.
+// The exception leaves the start with the bus-to-service queue destroyed, the PID file untouched.
 TEST_F(StartupTest, ExceptionOfTheSecondQueuesConstructionDestroysTheFirst) {
   fake_process::write_pid_file("123\n");
   fake_process::let_queue_construction_throw(2);
@@ -207,7 +207,7 @@ TEST_F(StartupTest, ExceptionOfTheSecondQueuesConstructionDestroysTheFirst) {
   EXPECT_THAT(fake_process::events(),
               ElementsAre("init_zandor_logrotate vemk", "srand 1700000000", "thread name main",
                           "fopen vemk.conf r", "fclose vemk.conf", "queue",
-                          "first queue released"));
+                          "bus-to-service queue released"));
   EXPECT_EQ("123\n", fake_process::pid_file());
 }
 

@@ -159,7 +159,7 @@ TEST_F(WebsockCallbacksTest, EstablishmentTakesItsStepsInOrder) {
   EXPECT_EQ(fake_log::lines().size(), 2u);
 }
 
-// The first queue's earlier notify is destroyed when the establishment installs a new one.
+// The bus-to-service queue's earlier notify is destroyed when the establishment installs a new one.
 TEST_F(WebsockCallbacksTest, EstablishmentReleasesTheEarlierHook) {
   make_connecting_worker();
   const auto held = std::make_shared<int>(0);
@@ -199,7 +199,7 @@ TEST_F(WebsockCallbacksTest, WriteableIsRequestedOnlyWhileConnected) {
 
 // Receiving.
 
-// One final piece: trace 87, final line with its length, "Send to Queue", dump, second queue.
+// One final piece: trace 87, final line with its length, "Send to Queue", dump, push.
 TEST_F(WebsockCallbacksTest, WholeMessageGoesToTheBus) {
   make_connected_worker();
   EXPECT_EQ(fake_lws::deliver_piece("hello"), 0);
@@ -210,7 +210,7 @@ TEST_F(WebsockCallbacksTest, WholeMessageGoesToTheBus) {
   EXPECT_THAT(fake_lws::calls(), IsEmpty());
 }
 
-// NUL, 0xFF, "%n", UTF-8 and newline reach the second queue unchanged, nothing is added.
+// NUL, 0xFF, "%n", UTF-8 and newline reach the service-to-bus queue unchanged, nothing is added.
 TEST_F(WebsockCallbacksTest, BytesArriveAsTheyAre) {
   make_connected_worker();
   const std::string bytes("\0\xFF%n\xC3\xA4\n\0", 8);
@@ -256,7 +256,7 @@ TEST_F(WebsockCallbacksTest, PieceOfAFragmentWithRestIsIncomplete) {
   EXPECT_EQ(received_so_far(), "x");
 }
 
-// Three messages stand in the second queue in the order of their completion.
+// Three messages stand in the service-to-bus queue in the order of their completion.
 TEST_F(WebsockCallbacksTest, MessagesKeepTheirOrder) {
   make_connected_worker();
   for (const char *text : {"1", "2", "3"})
@@ -275,7 +275,7 @@ TEST_F(WebsockCallbacksTest, QueuedMessageIsNeverWrittenToAgain) {
   EXPECT_EQ(std::string(reinterpret_cast<const char *>(first->data), first->length), "first");
 }
 
-// The push runs the second queue's notify once, after all log lines, before the buffer is replaced.
+// The push runs the queue's notify once, after all log lines, before the buffer is replaced.
 TEST_F(WebsockCallbacksTest, ReceivedMessageRunsTheBusQueuesHook) {
   make_connected_worker();
   int wakeups = 0;
@@ -447,7 +447,7 @@ TEST_F(WebsockCallbacksTest, WriteableCallbackBeforeTheEstablishmentSendsAllTheS
               ElementsAre("lws_write wsi1 5 0", "lws_callback_on_writable wsi1"));
 }
 
-// The first queue's mutex is free while the handler of its message runs.
+// The bus-to-service queue's mutex is free while the handler of its message runs.
 TEST_F(WebsockCallbacksTest, QueueIsUnlockedWhileItsMessageIsHandled) {
   make_connected_worker();
   push_from_bus(status_request);

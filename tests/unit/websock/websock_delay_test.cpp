@@ -221,7 +221,7 @@ TEST_F(WebsockDelayTest, WaitLogsAndDumpsWhatItTakes) {
                           line("websock-roaming->From queue\n"), dump_line("lost")));
 }
 
-// Null pointers from the first queue are dropped without a line, while waiting and connected.
+// Null pointers from the bus-to-service queue are dropped without a line, waiting and connected.
 TEST_F(WebsockDelayTest, ItemWithoutAMessageIsDropped) {
   make_worker(2, 60);
   bus_to_ws.push(nullptr);
@@ -239,7 +239,7 @@ TEST_F(WebsockDelayTest, ItemWithoutAMessageIsDropped) {
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
-// The first queue's mutex is free while the wait answers a request from it.
+// The bus-to-service queue's mutex is free while the wait answers a request from it.
 TEST_F(WebsockDelayTest, QueueIsUnlockedWhileItsMessageIsHandled) {
   make_worker(2, 60);
   push_from_bus(status_request);

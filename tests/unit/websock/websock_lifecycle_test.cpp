@@ -448,7 +448,7 @@ TEST_F(WebsockLifecycleTest, DeinitRemovesTheHookAnnouncesAndDestroysInOrder) {
   EXPECT_EQ(worker->context, nullptr);
 }
 
-// The first queue's notify is destroyed by deinit, with what it holds.
+// The bus-to-service queue's notify is destroyed by deinit, with what it holds.
 TEST_F(WebsockLifecycleTest, DeinitReleasesTheHookThatHeldTheConnection) {
   make_connected_worker();
   const auto held = std::make_shared<int>(0);
