@@ -283,7 +283,7 @@ TEST_F(VemkctlProgramTest, StatusTellsAPersonWhatItWaitsFor) {
   }
   ASSERT_EQ(mkdir(bus.c_str(), 0700), 0);
   {
-    program_run run(folder, {"status", "--timeout", "1.1"}, "", "", error_stream::terminal);
+    program_run run(folder, {"status", "--timeout", "3"}, "", "", error_stream::terminal);
     EXPECT_EQ(run.next_note(), "vemkctl: waiting for module 2 in " + bus + " to come onto the bus");
     EXPECT_THAT(run.next_note(), StartsWith("vemkctl: no answer from module 2"));
   }
