@@ -4,7 +4,8 @@
 A heading "## [1.2.3] - 2026-01-31" begins the entry of a version; brackets and date may be missing.
 What stands below another "##" heading, such as "Unreleased", belongs to the version at hand. Every
 item and paragraph becomes one item. An entry without a date gets that of SOURCE_DATE_EPOCH, which
-makes the outcome the same at every build.
+makes the outcome the same at every build. Of two versions of one day the later is a minute later,
+because a package's entries have to differ in their dates.
 """
 
 import argparse
@@ -13,7 +14,7 @@ import re
 import sys
 import textwrap
 import time
-from datetime import datetime, timezone
+from datetime import datetime, timedelta, timezone
 from email.utils import format_datetime
 from pathlib import Path
 
@@ -46,9 +47,18 @@ def entries(text, version):
     return found
 
 
-def format_entry(entry, options, default_date):
-    version, date, items = entry
-    when = datetime.fromisoformat(date).replace(tzinfo=timezone.utc) if date else default_date
+def dates(found, default_date):
+    """The date of each entry."""
+    result = []
+    for _, date, _ in reversed(found):
+        when = datetime.fromisoformat(date).replace(tzinfo=timezone.utc) if date else default_date
+        same_day = bool(result) and when.date() == result[0].date()
+        result.insert(0, max(when, result[0] + timedelta(minutes=1)) if same_day else when)
+    return result
+
+
+def format_entry(entry, when, options):
+    version, _, items = entry
     lines = [f"vemk ({version}-{options.release}) unstable; urgency=medium", ""]
     for item in items or [f"Release {version}."]:
         plain = re.sub(r"`([^`]*)`", r"\1", item)
@@ -70,7 +80,8 @@ def main():
     seconds = int(os.environ.get("SOURCE_DATE_EPOCH", time.time()))
     default_date = datetime.fromtimestamp(seconds, timezone.utc)
     found = entries(text, options.version)
-    print("\n".join(format_entry(entry, options, default_date) for entry in found), end="")
+    print("\n".join(format_entry(entry, when, options)
+                    for entry, when in zip(found, dates(found, default_date))), end="")
     return 0
 
 

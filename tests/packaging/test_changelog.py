@@ -1,6 +1,7 @@
 """The package's change log, made of CHANGELOG.md."""
 
 import os
+import re
 import subprocess
 from pathlib import Path
 
@@ -51,6 +52,12 @@ vemk (1.1.0-3) unstable; urgency=medium
 
  -- Some Body <a@b.example>  Fri, 02 Jan 1970 00:00:00 +0000
 """
+
+
+# Three versions of 2026-01-31 are of 00:02, 00:01 and 00:00; lintian refuses equal dates.
+def test_versions_of_one_day_follow_each_other(tmp_path):
+    text = "\n".join(f"## [1.{minor}.0] - 2026-01-31\n\n- x\n" for minor in (2, 1, 0))
+    assert re.findall(r" (00:\d\d):00", changelog(tmp_path, text)) == ["00:02", "00:01", "00:00"]
 
 
 # "Unreleased" items come first in the entry of the version being packed.
