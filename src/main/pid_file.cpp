@@ -26,10 +26,10 @@ FILE *open_pid_file(int flags, const char *mode) {
   const int descriptor = open(pid_file_path, flags | O_NOFOLLOW | O_NONBLOCK, permissions);
   if (descriptor < 0)
     return nullptr;
+  // Zeroes, which stay where the call fails, are not those of a regular file.
   struct stat status {};
-  FILE *const file = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)
-                         ? fdopen(descriptor, mode)
-                         : nullptr;
+  fstat(descriptor, &status);
+  FILE *const file = S_ISREG(status.st_mode) ? fdopen(descriptor, mode) : nullptr;
   if (file == nullptr)
     close(descriptor);
   return file;
