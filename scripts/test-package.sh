@@ -72,12 +72,12 @@ check_installation() {
   in_system systemd-analyze security --offline=true --no-pager vemk.service | tail -n 1
 }
 
-check_bridge() {
+check_messages() {
   step "use"
   # A network of its own: the shipped configuration's port is free in it, and nobody else's.
   # shellcheck disable=SC2016  # it expands inside
   unshare --net /bin/bash -c 'ip link set lo up && exec chroot "$1" /bin/bash -s' bash "$system" \
-    <"$here/test-package-bridge.sh"
+    <"$here/test-package-messages.sh"
 }
 
 check_upgrade() {
@@ -113,7 +113,7 @@ inside() {
   work=$1 package=$2 system=$1/system
   make_system
   check_installation
-  check_bridge
+  check_messages
   check_upgrade
   check_removal
 }

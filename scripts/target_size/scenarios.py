@@ -3,7 +3,7 @@
 import asyncio
 import collections
 
-from target_size.bridge import bridge, connected, disconnected
+from target_size.rig import connected, disconnected, rig
 
 settling_seconds = 2
 messages_each_way = 5000
@@ -18,9 +18,9 @@ rest_t = collections.namedtuple("rest_t", "at_start when_connected wake_ups_a_mi
 course_t = collections.namedtuple("course_t", "connected early end note")
 
 
-async def with_bridge(steps, *arguments, **options):
-    """Runs the steps with a started bridge and stops it whatever happens."""
-    made = bridge(*arguments, **options)
+async def with_rig(steps, *arguments, **options):
+    """Runs the steps with a started rig and stops it whatever happens."""
+    made = rig(*arguments, **options)
     try:
         await made.start()
         return await steps(made)
@@ -46,7 +46,7 @@ def rest(machine, minutes):
                       1000 * (after.cpu_seconds - before.cpu_seconds) / minutes)
 
     # A first delay of 8 s to 23 s leaves the time to look before the connection.
-    return asyncio.run(with_bridge(steps, machine, initial_delay=16))
+    return asyncio.run(with_rig(steps, machine, initial_delay=16))
 
 
 def numbered(text):
@@ -87,7 +87,7 @@ def messages(machine, speed):
         await made.sleep(settling_seconds)
         return course_t(before, early, made.memory(), f"{took:.0f} s of the daemon's time")
 
-    return asyncio.run(with_bridge(steps, machine, speed=speed))
+    return asyncio.run(with_rig(steps, machine, speed=speed))
 
 
 def day(machine, speed):
@@ -109,4 +109,4 @@ def day(machine, speed):
         await pinged(pings_a_day)
         return course_t(before, early, made.memory(), f"{made.pings()} pings")
 
-    return asyncio.run(with_bridge(steps, machine, speed=speed))
+    return asyncio.run(with_rig(steps, machine, speed=speed))

@@ -19,7 +19,7 @@ def wait_for_text(browser, name, text, seconds=20):
 
 
 @pytest.fixture
-def bridge(browser, console, daemon, bus):
+def rig(browser, console, daemon, bus):
     bus.listen()
     daemon.start(config_text(console.url))
     bus.wait_until_connected()
@@ -32,7 +32,7 @@ def bridge(browser, console, daemon, bus):
 
 
 # Ctrl-Enter sends the text, and "sent to 1 daemon" is shown.
-def test_a_message_from_the_bus_is_shown_and_one_that_is_typed_arrives_there(browser, bridge, bus):
+def test_a_message_from_the_bus_is_shown_and_one_that_is_typed_arrives_there(browser, rig, bus):
     bus.send(b"hello from the bus")
     wait_for_text(browser, "frames", "hello from the bus")
     find(browser, "send-text").send_keys("hello from the page", Keys.CONTROL, Keys.ENTER)
@@ -41,7 +41,7 @@ def test_a_message_from_the_bus_is_shown_and_one_that_is_typed_arrives_there(bro
 
 
 # A script in an image's tag is shown as text with \x01 and U+FFFD, and does not run.
-def test_markup_in_a_message_stays_text(browser, bridge, bus):
+def test_markup_in_a_message_stays_text(browser, rig, bus):
     bus.send(MARKUP.encode() + b"\x01\xff")
     wait_for_text(browser, "frames", MARKUP + "\\x01\ufffd")
     browser.find_element(By.CSS_SELECTOR, "#frames li.text summary").click()
@@ -51,7 +51,7 @@ def test_markup_in_a_message_stays_text(browser, bridge, bus):
 
 
 # The reset button brings two "disconnected", "connected" and a new row in the table.
-def test_a_reset_makes_the_daemon_connect_again(browser, bridge, bus):
+def test_a_reset_makes_the_daemon_connect_again(browser, rig, bus):
     before = len(bus.statuses())
     number = [browser.find_element(By.CSS_SELECTOR, "#daemons td").text]
     find(browser, "reset-form").find_element(By.TAG_NAME, "button").click()
@@ -63,7 +63,7 @@ def test_a_reset_makes_the_daemon_connect_again(browser, bridge, bus):
 
 
 # A frame that came while paused is counted as waiting and shown afterwards.
-def test_pause_holds_frames_back(browser, bridge, bus):
+def test_pause_holds_frames_back(browser, rig, bus):
     find(browser, "pause").click()
     bus.send(b"while paused")
     wait_for_text(browser, "frames-note", "waiting")
@@ -73,7 +73,7 @@ def test_pause_holds_frames_back(browser, bridge, bus):
 
 
 # 40 tabs reach all 13 controls; a number and a switch are set on the way.
-def test_the_keyboard_alone_reaches_and_works_every_control(browser, bridge, bus):
+def test_the_keyboard_alone_reaches_and_works_every_control(browser, rig, bus):
     browser.execute_script("document.activeElement.blur()")
     wanted = {"send-to", "send-text", "no-pongs", "stop-reading", "fragments", "delay", "fault-to",
               "close-code", "away-seconds", "hide-pings", "pause", "clear", "frames"}
@@ -98,7 +98,7 @@ def test_the_keyboard_alone_reaches_and_works_every_control(browser, bridge, bus
 # At 1280 and 360 pixels nothing is wider than the page; light and dark have their colours.
 @pytest.mark.parametrize("name, width, scheme", [
     ("console", 1280, "light"), ("console-dark", 1280, "dark"), ("console-phone", 360, "light")])
-def test_nothing_sticks_out(browser, bridge, bus, picture, name, width, scheme):
+def test_nothing_sticks_out(browser, rig, bus, picture, name, width, scheme):
     browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {
         "features": [{"name": "prefers-color-scheme", "value": scheme}]})
     browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {

@@ -1,4 +1,4 @@
-"""What is done to the bridge, one function a fault.
+"""What is done to the rig, one function a fault.
 
 A fault gets the soak and a source of random numbers that is its own. It returns when what it did
 is over; the soak then waits for the daemon to heal. `weight` is how often the fault stands in each
@@ -32,11 +32,11 @@ def fault(name, weight=1):
 
 def drop(soak, how, code=None, cut_exactly=False):
     """Ends the connection that is up."""
-    bridge = soak.bridge
-    with bridge.sending_down, bridge.lock:
-        connection = bridge.connection
-        bridge.expect_drop(connection, cut_exactly)
-        bridge.service.drop(connection, how, code)
+    rig = soak.rig
+    with rig.sending_down, rig.lock:
+        connection = rig.connection
+        rig.expect_drop(connection, cut_exactly)
+        rig.service.drop(connection, how, code)
 
 
 @fault("close frame", weight=3)
@@ -58,7 +58,7 @@ def rst(soak, choices):
 def end_at_rest(soak, choices):
     """Nothing is under way, so nothing may be missing afterwards."""
     with soak.traffic.quiet():
-        soak.bridge.probe()
+        soak.rig.probe()
         drop(soak, choices.choice(("fin", "rst", "close")))
 
 
@@ -71,7 +71,7 @@ def end_in_mid_frame(soak, choices):
                    length=len(payload))], payload[:len(payload) // 2], False)
 
     with soak.traffic.quiet(up=False):
-        soak.bridge.send_down(cut, choices.randint(200, 60000))
+        soak.rig.send_down(cut, choices.randint(200, 60000))
         drop(soak, choices.choice(("rst", "fin")))
 
 
@@ -109,18 +109,18 @@ def end_when_read(soak, cut, size, remaining, choices):
     """Sends a cut message, and ends the connection when the daemon is seen to wait for the rest."""
     line = b"Get incomplete packet, remaining len %d" % remaining
     with soak.traffic.quiet(up=False):
-        read = soak.bridge.log.await_line(line)
-        soak.bridge.send_down(cut, size)
-        soak.bridge.wait(read.is_set, "the daemon at the end of a cut message")
+        read = soak.rig.log.await_line(line)
+        soak.rig.send_down(cut, size)
+        soak.rig.wait(read.is_set, "the daemon at the end of a cut message")
         drop(soak, choices.choice(("rst", "fin")), cut_exactly=True)
 
 
 @fault("service refuses for a while")
 def refused(soak, choices):
-    soak.bridge.service.listen(False)
+    soak.rig.service.listen(False)
     drop(soak, "rst")
     wait_disconnected(soak, choices)
-    soak.bridge.service.listen(True)
+    soak.rig.service.listen(True)
 
 
 @fault("HTTP 503 for a while")
@@ -139,66 +139,66 @@ def garbage(soak, choices):
 
 
 def misbehave(soak, choices, mode):
-    soak.bridge.service.behave(mode)
+    soak.rig.service.behave(mode)
     drop(soak, "rst")
     wait_disconnected(soak, choices)
-    soak.bridge.service.behave("upgrade")
+    soak.rig.service.behave("upgrade")
 
 
 @fault("silent accept for a while")
 def silent(soak, choices):
-    soak.bridge.service.behave("silent")
+    soak.rig.service.behave("silent")
     drop(soak, "fin")
-    soak.bridge.wait(lambda: soak.bridge.attempts.get("silent", 0) > 0, "an attempt")
-    soak.bridge.sleep(choices.uniform(1, 4))
-    soak.bridge.service.behave("upgrade")
+    soak.rig.wait(lambda: soak.rig.attempts.get("silent", 0) > 0, "an attempt")
+    soak.rig.sleep(choices.uniform(1, 4))
+    soak.rig.service.behave("upgrade")
 
 
 @fault("connections reset as soon as made")
 def flapping(soak, choices):
-    bridge = soak.bridge
-    made = bridge.connections_made
+    rig = soak.rig
+    made = rig.connections_made
     times = choices.randint(2, 4)
-    bridge.service.behave("reset")
+    rig.service.behave("reset")
     drop(soak, "rst")
-    bridge.wait(lambda: bridge.connections_made >= made + times, "connections to be reset")
-    bridge.service.behave("upgrade")
+    rig.wait(lambda: rig.connections_made >= made + times, "connections to be reset")
+    rig.service.behave("upgrade")
 
 
 def wait_disconnected(soak, choices):
     """Some seconds without a service; a status request is then answered accordingly."""
-    bridge = soak.bridge
-    bridge.sleep(choices.uniform(1, 4))
+    rig = soak.rig
+    rig.sleep(choices.uniform(1, 4))
     with soak.traffic.quiet(down=False):
-        if bridge.ask_status() != "disconnected":
-            bridge.violate('the state is not "disconnected" while there is no service')
+        if rig.ask_status() != "disconnected":
+            rig.violate('the state is not "disconnected" while there is no service')
 
 
 @fault("service stops reading")
 def stops_reading(soak, choices):
-    bridge = soak.bridge
-    connection = bridge.connection
-    bridge.service.read(connection, False)
-    bridge.send_up([choices.randint(1, 2) * 1024 * 1024], one_by_one=True)
-    bridge.sleep(choices.uniform(3, 8))
-    bridge.service.read(connection, True)
+    rig = soak.rig
+    connection = rig.connection
+    rig.service.read(connection, False)
+    rig.send_up([choices.randint(1, 2) * 1024 * 1024], one_by_one=True)
+    rig.sleep(choices.uniform(3, 8))
+    rig.service.read(connection, True)
 
 
 @fault("service suspended")
 def service_suspended(soak, choices):
-    soak.bridge.service.suspend()
+    soak.rig.service.suspend()
     try:
-        soak.bridge.sleep(choices.uniform(2, 6))
+        soak.rig.sleep(choices.uniform(2, 6))
     finally:
-        soak.bridge.service.resume()
+        soak.rig.service.resume()
 
 
 @fault("daemon suspended")
 def daemon_suspended(soak, choices):
-    process = soak.bridge.daemon.process
+    process = soak.rig.daemon.process
     process.send_signal(signal.SIGSTOP)
     try:
-        soak.bridge.sleep(choices.uniform(3, 8))
+        soak.rig.sleep(choices.uniform(3, 8))
     finally:
         process.send_signal(signal.SIGCONT)
 
@@ -211,9 +211,9 @@ def daemon_replaced(soak, choices):
 
 @fault("ping flood")
 def ping_flood(soak, choices):
-    bridge = soak.bridge
-    with bridge.sending_down:
-        bridge.service.write(bridge.connection, [b"".join(
+    rig = soak.rig
+    with rig.sending_down:
+        rig.service.write(rig.connection, [b"".join(
             frame(opcode_ping, b"flood %d" % i) for i in range(choices.randint(200, 1000)))])
 
 
@@ -229,10 +229,10 @@ protocol_errors = {
 
 
 def protocol_error(soak, choices, wire):
-    bridge = soak.bridge
-    with bridge.sending_down, bridge.lock:
-        bridge.expect_drop(bridge.connection)
-        bridge.service.write(bridge.connection, [wire])
+    rig = soak.rig
+    with rig.sending_down, rig.lock:
+        rig.expect_drop(rig.connection)
+        rig.service.write(rig.connection, [wire])
 
 
 for error_name, error_wire in protocol_errors.items():
@@ -246,92 +246,92 @@ def message_in_message(soak, choices):
             [frame(opcode_text, payload, final=False), frame(opcode_text, b"second")], payload,
             False)
 
-    with soak.bridge.sending_down:
-        soak.bridge.send_down(begun_twice, choices.randint(20, 2000))
-        soak.bridge.expect_drop(soak.bridge.connection)
+    with soak.rig.sending_down:
+        soak.rig.send_down(begun_twice, choices.randint(20, 2000))
+        soak.rig.expect_drop(soak.rig.connection)
 
 
 @fault("masked frame")
 def masked(soak, choices):
     with soak.traffic.quiet():
-        soak.bridge.probe()
-        soak.bridge.send_down(sending_styles.masked_frame, choices.randint(20, 500))
-        soak.bridge.probe()
+        soak.rig.probe()
+        soak.rig.send_down(sending_styles.masked_frame, choices.randint(20, 500))
+        soak.rig.probe()
 
 
 @fault("fragments, streams and empty messages")
 def odd_messages(soak, choices):
     for _ in range(choices.randint(5, 10)):
-        soak.bridge.send_down(choices.choice((
+        soak.rig.send_down(choices.choice((
             sending_styles.fragments, sending_styles.fragments_with_pings,
             sending_styles.streamed, sending_styles.empty)))
 
 
 @fault("frames of one byte")
 def frames_of_one_byte(soak, choices):
-    soak.bridge.send_down(sending_styles.many_small_frames, choices.randint(500, 2000))
+    soak.rig.send_down(sending_styles.many_small_frames, choices.randint(500, 2000))
 
 
 @fault("segments of one byte")
 def segments_of_one_byte(soak, choices):
     for _ in range(3):
-        soak.bridge.send_down(sending_styles.fragments, choices.randint(100, 1500), bytewise=True)
+        soak.rig.send_down(sending_styles.fragments, choices.randint(100, 1500), bytewise=True)
 
 
 @fault("burst of tiny messages")
 def burst(soak, choices):
     with soak.traffic.quiet(down=False):
-        soak.bridge.send_up([1] * choices.randint(30, 80))
+        soak.rig.send_up([1] * choices.randint(30, 80))
     for _ in range(choices.randint(100, 300)):
-        soak.bridge.send_down(size=1)
+        soak.rig.send_down(size=1)
 
 
 @fault("large messages")
 def large_messages(soak, choices):
-    soak.bridge.send_up([choices.randint(1, 2) * 1024 * 1024 + choices.randint(0, 9999)],
+    soak.rig.send_up([choices.randint(1, 2) * 1024 * 1024 + choices.randint(0, 9999)],
                         one_by_one=True)
-    soak.bridge.send_down(choices.choice((sending_styles.one_frame, sending_styles.fragments)),
+    soak.rig.send_down(choices.choice((sending_styles.one_frame, sending_styles.fragments)),
                           choices.randint(100, 150) * 1024)
 
 
 @fault("empty message from the bus")
 def empty_from_bus(soak, choices):
     with soak.traffic.quiet(down=False):
-        soak.bridge.probe()
-        soak.bridge.send_up([0], one_by_one=True)
-        soak.bridge.probe()
+        soak.rig.probe()
+        soak.rig.send_up([0], one_by_one=True)
+        soak.rig.probe()
 
 
 @fault("bus dropped and re-joined")
 def rejoin(soak, choices):
-    bridge = soak.bridge
+    rig = soak.rig
     with soak.unheard():
-        bridge.bus.rejoin()
+        rig.bus.rejoin()
 
 
 @fault("listener restarted")
 def listener_restarted(soak, choices):
-    bridge = soak.bridge
+    rig = soak.rig
     with soak.unheard():
-        bridge.bus.stop()
-        bridge.bus.notes.clear()
-        bridge.bus.readers.clear()
-        bridge.bus.listen()
-        bridge.bus.wait_listening()
+        rig.bus.stop()
+        rig.bus.notes.clear()
+        rig.bus.readers.clear()
+        rig.bus.listen()
+        rig.bus.wait_listening()
 
 
 @fault("status request at rest")
 def status_at_rest(soak, choices):
-    bridge = soak.bridge
+    rig = soak.rig
     with soak.traffic.quiet():
-        bridge.probe()
-        bridge.judge_status()
+        rig.probe()
+        rig.judge_status()
         for _ in range(choices.randint(1, 3)):
-            if bridge.ask_status() != "connected":
-                bridge.violate('the state is not "connected" while there is a connection')
+            if rig.ask_status() != "connected":
+                rig.violate('the state is not "connected" while there is a connection')
 
 
 @fault("internal messages")
 def internal_messages(soak, choices):
-    soak.bridge.send_up([None] * 3, odd_lines=[internal_message(choices), status_request,
+    soak.rig.send_up([None] * 3, odd_lines=[internal_message(choices), status_request,
                                                internal_message(choices)])

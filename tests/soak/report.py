@@ -3,7 +3,7 @@
 
 def print_report(run, beside, options):
     """Prints one screen, more when something is wrong; returns the exit status."""
-    violations = run.bridge.violations + beside.violations()
+    violations = run.rig.violations + beside.violations()
     for line in report_lines(run, beside, options, violations):
         print(line)
     if violations:
@@ -11,7 +11,7 @@ def print_report(run, beside, options):
         for violation in list(dict.fromkeys(violations))[:20]:
             print(f"  {violation}")
         print(f"  (during: {run.current})\n\nThe daemon's log ends:")
-        for line in run.bridge.log.last_lines()[-40:]:
+        for line in run.rig.log.last_lines()[-40:]:
             print(f"  {line[:160]}")
         print(f"\nAgain with the same faults: make soak MINUTES={options.minutes:g} "
               f"SEED={options.seed}")
@@ -19,12 +19,12 @@ def print_report(run, beside, options):
 
 
 def report_lines(run, beside, options, violations):
-    bridge, up, down = run.bridge, run.bridge.up, run.bridge.down
+    rig, up, down = run.rig, run.rig.up, run.rig.down
     yield f"--- soak: seed {options.seed}, {run.minutes:.1f} of {options.minutes:g} minutes"
     yield f"faults      {sum(run.injected.values())} of {len(run.injected)} kinds"
     yield from columns(sorted(f"{count} {name}" for name, count in run.injected.items()))
-    yield (f"connections {bridge.connections_made} made, {sum(bridge.attempts.values())} attempts "
-           f"seen, {bridge.pings} pings; longest to heal {run.longest_heal[0]:.1f} s "
+    yield (f"connections {rig.connections_made} made, {sum(rig.attempts.values())} attempts "
+           f"seen, {rig.pings} pings; longest to heal {run.longest_heal[0]:.1f} s "
            f"({run.longest_heal[1]})")
     for name, model in (("to service", up), ("to bus", down)):
         yield (f"{name:11} {model.sent} sent, {model.sent - len(model.exposed)} had to arrive, "

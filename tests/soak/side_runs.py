@@ -4,7 +4,7 @@ import collections
 import threading
 import time
 
-from bridge import bridge, interrupted, soak_failed
+from rig import interrupted, rig, soak_failed
 from sending_styles import large_fragments
 
 # `minutes` is what the whole soak must last for the row to be run.
@@ -119,7 +119,7 @@ class side_run(threading.Thread):
         self.seconds = None
 
     def run(self):
-        side = bridge(*self.folders, seed=self.row.name, pong_rule=self.row.pong_rule,
+        side = rig(*self.folders, seed=self.row.name, pong_rule=self.row.pong_rule,
                       interrupt=self.interrupt)
         try:
             side.bus.wait_listening()

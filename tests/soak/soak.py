@@ -47,7 +47,7 @@ def main():
 def run_soak(options, build_folder, companion_folder):
     parent = os.getppid()
     run = soak_run(build_folder, companion_folder, options.seed, options.minutes * 60)
-    beside = side_runs(build_folder, companion_folder, options.minutes, run.bridge.interrupt)
+    beside = side_runs(build_folder, companion_folder, options.minutes, run.rig.interrupt)
     threading.excepthook = lambda failed: fail(run, failed)
     finished = threading.Event()
     threading.Thread(target=work, args=(run, beside, finished)).start()
@@ -57,7 +57,7 @@ def run_soak(options, build_folder, companion_folder):
             if not finished.wait(1) and os.getppid() != parent:
                 raise KeyboardInterrupt
         except KeyboardInterrupt:
-            run.bridge.interrupt.set()
+            run.rig.interrupt.set()
     return print_report(run, beside, options)
 
 
@@ -66,14 +66,14 @@ def work(run, beside, finished):
         try:
             beside.start()
             run.run()
-            if run.bridge.violations:
-                run.bridge.interrupt.set()
+            if run.rig.violations:
+                run.rig.interrupt.set()
             beside.wait()
         finally:
             run.close()
     except Exception as error:  # in the closing, too, nothing may go wrong
         traceback.print_exc()
-        run.bridge.violations.append(repr(error))
+        run.rig.violations.append(repr(error))
     finally:
         finished.set()
 
@@ -81,7 +81,7 @@ def work(run, beside, finished):
 def fail(run, failed):
     """An exception in any thread: what it was to judge is not judged any more."""
     traceback.print_exception(failed.exc_value)
-    run.bridge.violate(f"{failed.thread.name}: {failed.exc_value!r}")
+    run.rig.violate(f"{failed.thread.name}: {failed.exc_value!r}")
 
 
 def read_options():

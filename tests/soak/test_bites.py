@@ -99,4 +99,4 @@ def test_tampering_with_one_frame_fails_the_soak(direction, tamper, verdicts):
         run.run()
     finally:
         run.close()
-    assert run.bridge.violations[0].startswith(verdicts)
+    assert run.rig.violations[0].startswith(verdicts)

@@ -1,4 +1,4 @@
-"""Traffic in both directions, for as long as the bridge is under soak."""
+"""Traffic in both directions, for as long as the soak lasts."""
 
 import contextlib
 import random
@@ -20,8 +20,8 @@ pause_seconds = 0.3
 class traffic:
     """Two threads that send as much as the daemon takes; `quiet` makes them pause."""
 
-    def __init__(self, bridge, seed):
-        self.bridge = bridge
+    def __init__(self, rig, seed):
+        self.rig = rig
         self.random_up = random.Random(f"traffic up {seed}")
         self.random_down = random.Random(f"traffic down {seed}")
         self.ended = threading.Event()
@@ -59,21 +59,21 @@ class traffic:
                     step()
 
     def step_up(self):
-        bridge, choices = self.bridge, self.random_up
-        with bridge.lock:
-            if bridge.is_connected() and len(bridge.up.waiting) >= most_waiting_up:
+        rig, choices = self.rig, self.random_up
+        with rig.lock:
+            if rig.is_connected() and len(rig.up.waiting) >= most_waiting_up:
                 return
         odd_lines = []
         if choices.random() < 0.2:
             odd_lines.append(internal_message(choices))
-        if choices.random() < 0.15 and not bridge.bus_away:
+        if choices.random() < 0.15 and not rig.bus_away:
             odd_lines.append(status_request)
-        bridge.send_up([None] * choices.randint(1, 5), choices.random() < 0.2, odd_lines)
+        rig.send_up([None] * choices.randint(1, 5), choices.random() < 0.2, odd_lines)
 
     def step_down(self):
-        bridge, choices = self.bridge, self.random_down
-        with bridge.lock:
-            if bridge.down.bytes_waiting() >= most_waiting_down_bytes:
+        rig, choices = self.rig, self.random_down
+        with rig.lock:
+            if rig.down.bytes_waiting() >= most_waiting_down_bytes:
                 return
         for _ in range(choices.randint(1, 5)):
-            bridge.send_down(choices.choice(everyday_styles))
+            rig.send_down(choices.choice(everyday_styles))

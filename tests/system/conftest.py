@@ -25,7 +25,7 @@ from harness.vemk_daemon import config_text, vemk_daemon
 # What a test has started is stopped and removed when the test program is told to end, too.
 signal.signal(signal.SIGTERM, signal.default_int_handler)
 
-bridge_t = collections.namedtuple("bridge_t", "daemon bus server")
+rig_t = collections.namedtuple("rig_t", "daemon bus server")
 
 
 def folder_with(variable, default, *programs):
@@ -114,20 +114,20 @@ def make_trial(make_daemon, bus):
 
 
 @pytest.fixture
-def make_bridge(make_daemon, bus, server):
+def make_rig(make_daemon, bus, server):
     """Starts a daemon between the bus and the server; returns when "connected" was announced."""
 
     def make(**settings):
         bus.listen()
         daemon = make_daemon().start(config_text(server.url, **settings))
         bus.wait_until_connected()
-        return bridge_t(daemon, bus, server)
+        return rig_t(daemon, bus, server)
 
     return make
 
 
 @pytest.fixture
-def make_frame_bridge(make_daemon, bus):
+def make_frame_rig(make_daemon, bus):
     """The same with a server that sends what the test tells it, frame by frame."""
     servers = []
 
@@ -137,7 +137,7 @@ def make_frame_bridge(make_daemon, bus):
         daemon = make_daemon().start(config_text(servers[-1].url, **settings),
                                      **(start_options or {}))
         bus.wait_until_connected()
-        return bridge_t(daemon, bus, servers[-1])
+        return rig_t(daemon, bus, servers[-1])
 
     yield make
     for made in servers:
@@ -145,7 +145,7 @@ def make_frame_bridge(make_daemon, bus):
 
 
 @pytest.fixture
-def make_asked_bridge(make_daemon, bus, place):
+def make_asked_rig(make_daemon, bus, place):
     """The same with a service that sends what a message from the bus asks it for."""
     services = []
 
@@ -154,7 +154,7 @@ def make_asked_bridge(make_daemon, bus, place):
         bus.listen()
         daemon = make_daemon().start(config_text(services[-1].url, **settings))
         bus.wait_until_connected()
-        return bridge_t(daemon, bus, services[-1])
+        return rig_t(daemon, bus, services[-1])
 
     yield make
     for made in services:
@@ -184,14 +184,14 @@ def far_server(networks):
 
 
 @pytest.fixture
-def make_wired_bridge(make_daemon, bus, networks, far_server):
-    """The same as make_bridge with the wire between daemon and server."""
+def make_wired_rig(make_daemon, bus, networks, far_server):
+    """The same as make_rig with the wire between daemon and server."""
 
     def make(start_options=None, **settings):
         bus.listen()
         daemon = make_daemon().start(config_text(far_server.url, **settings),
                                      network=networks.near, **(start_options or {}))
         bus.wait_until_connected()
-        return bridge_t(daemon, bus, far_server)
+        return rig_t(daemon, bus, far_server)
 
     return make

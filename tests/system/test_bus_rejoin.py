@@ -5,8 +5,8 @@
 
 
 # Three rejoins: messages pass both ways after each, over the one connection, no descriptor more.
-def test_traffic_goes_on_after_each_rejoin(make_bridge):
-    daemon, bus, server = make_bridge(log_level=15)
+def test_traffic_goes_on_after_each_rejoin(make_rig):
+    daemon, bus, server = make_rig(log_level=15)
     announced = len(bus.statuses())
     descriptors = daemon.descriptor_count()
     for number in range(1, 4):

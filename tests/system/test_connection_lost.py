@@ -28,8 +28,8 @@ def restart(server):
 # and the end of that server with a new one in its place.
 # Seen: "disconnected" twice, "connected", then messages both ways on the second connection.
 @pytest.mark.parametrize("end_connection", [close, close_going_away, reset, restart])
-def test_connection_is_announced_lost_and_made_again(make_bridge, end_connection):
-    daemon, bus, server = make_bridge(log_level=15)
+def test_connection_is_announced_lost_and_made_again(make_rig, end_connection):
+    daemon, bus, server = make_rig(log_level=15)
     announced = len(bus.statuses())
     end_connection(server)
     server.wait_for_connections(2)
@@ -46,8 +46,8 @@ def test_connection_is_announced_lost_and_made_again(make_bridge, end_connection
 
 
 # After an establishment the window is [1;3) again, and the attempt comes 1 or 2 seconds later.
-def test_new_connection_comes_after_the_delay_drawn(make_bridge):
-    daemon, bus, server = make_bridge(initial_delay=2, max_delay=2, log_level=15)
+def test_new_connection_comes_after_the_delay_drawn(make_rig):
+    daemon, bus, server = make_rig(initial_delay=2, max_delay=2, log_level=15)
     lost = server.reset()
     server.wait_for_connections(2)
     assert [line.text for line in daemon.lines_with("Generate delay")] == \

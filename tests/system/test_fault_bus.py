@@ -14,8 +14,8 @@ from harness.waiting import wait_until
 # Fault, on the bus: dropped and re-joined 20 times in a row while messages flow both ways.
 # Seen: each message that the daemon took from the bus arrives once, unaltered and in order; what
 # it gives to the bus comes in order and once, less what the bus loses while nobody is on it.
-def test_twenty_rejoins_with_messages_both_ways(make_bridge):
-    daemon, bus, server = make_bridge()
+def test_twenty_rejoins_with_messages_both_ways(make_rig):
+    daemon, bus, server = make_rig()
     descriptors = daemon.descriptor_count()
     announced = len(bus.statuses())
     traffic = bus_traffic(bus, server)
@@ -42,8 +42,8 @@ def test_twenty_rejoins_with_messages_both_ways(make_bridge):
 
 # Fault, on the bus: two listeners, one of which is killed.
 # Seen: both hear every message; the other one goes on hearing every message.
-def test_both_listeners_hear_everything_and_one_may_die(make_bridge, place):
-    daemon, bus, server = make_bridge()
+def test_both_listeners_hear_everything_and_one_may_die(make_rig, place):
+    daemon, bus, server = make_rig()
     second = bus_peer(place)
     second.listen()
     try:
@@ -63,8 +63,8 @@ def test_both_listeners_hear_everything_and_one_may_die(make_bridge, place):
 
 # Fault, on the bus: a listener that is stopped for 200 messages and then goes on.
 # Seen: the daemon and the other listener are not held up; it then hears all of them, in order.
-def test_a_stopped_listener_holds_nobody_up(make_bridge, place):
-    daemon, bus, server = make_bridge()
+def test_a_stopped_listener_holds_nobody_up(make_rig, place):
+    daemon, bus, server = make_rig()
     second = bus_peer(place)
     second.listen()
     try:
@@ -83,8 +83,8 @@ def test_a_stopped_listener_holds_nobody_up(make_bridge, place):
 
 # Fault, on the bus: messages of 0 bytes.
 # Seen: from the bus an empty text frame; from the server nothing reaches the bus.
-def test_empty_messages_go_up_only(make_bridge):
-    daemon, bus, server = make_bridge()
+def test_empty_messages_go_up_only(make_rig):
+    daemon, bus, server = make_rig()
     bus.send(b"")
     server.send("")
     server.send("behind")
@@ -97,8 +97,8 @@ def test_empty_messages_go_up_only(make_bridge):
 
 # Fault, on the bus: a sender that is killed 0, 5 and 20 ms after it was given 40 lines and a half.
 # Seen: the server gets the first of its lines, each whole and once, and none of half a line.
-def test_a_sender_killed_in_a_stream_leaves_whole_messages(make_bridge):
-    daemon, bus, server = make_bridge()
+def test_a_sender_killed_in_a_stream_leaves_whole_messages(make_rig):
+    daemon, bus, server = make_rig()
     lines = [b"line %d of the stream" % i for i in range(40)]
     for wait in (0, 0.005, 0.02):
         server.frames.clear()
@@ -116,8 +116,8 @@ def test_a_sender_killed_in_a_stream_leaves_whole_messages(make_bridge):
 
 # Fault, on the bus: a sender that is killed 0 to 200 ms after it was given a message of 8 MiB.
 # Seen: the message arrives whole or not at all, and the next one is not touched.
-def test_a_sender_killed_over_a_large_message_leaves_no_half_of_it(make_bridge):
-    daemon, bus, server = make_bridge()
+def test_a_sender_killed_over_a_large_message_leaves_no_half_of_it(make_rig):
+    daemon, bus, server = make_rig()
     descriptors = daemon.descriptor_count()
     message = b"%07d\n" * (1 << 20) % tuple(range(1 << 20))
     behind = []

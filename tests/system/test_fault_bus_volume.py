@@ -180,8 +180,8 @@ def subscriptions():
     pytest.param(peer_that_sends(b"SUB", three_million_parts), False, id="parts_of_a_listener"),
     pytest.param(peer_that_sends(b"SUB", subscriptions), False, id="subscriptions"),
 ])
-def test_a_peer_without_measure_costs_no_memory(make_bridge, peer, at_inbox):
-    daemon, bus, server = make_bridge()
+def test_a_peer_without_measure_costs_no_memory(make_rig, peer, at_inbox):
+    daemon, bus, server = make_rig()
     assert passes_both_ways(bus, server, "before")
     before = peak_kib(daemon.pid)
     sent = peer(bus.inbox_file if at_inbox else bus.outlet_file)

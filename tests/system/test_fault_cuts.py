@@ -17,11 +17,11 @@ def ways_to_end(server):
 # Fault, while connected: a FIN, a RST and a close frame between two fragments of a message.
 # Seen: healed; the fragments received come out in front of the next connection's first message,
 # which reaches the bus as one with them, and the message after that stands alone again.
-def test_fragments_before_the_end_are_joined_to_the_next_message(make_frame_bridge):
-    bridge = make_frame_bridge(log_level=15)
-    server = bridge.server
+def test_fragments_before_the_end_are_joined_to_the_next_message(make_frame_rig):
+    rig = make_frame_rig(log_level=15)
+    server = rig.server
     for end in ways_to_end(server):
-        watch = fault_watch(bridge)
+        watch = fault_watch(rig)
         server.send(text(b"first, ", final=False),
                     frame(opcode_continuation, b"second, ", final=False))
         end()
@@ -32,16 +32,16 @@ def test_fragments_before_the_end_are_joined_to_the_next_message(make_frame_brid
 # Seen: healed; the log tells of two pieces, with 5904 and 1808 bytes remaining, and their 8192
 # bytes come out in front of the next connection's first message; the last 808 bytes, which the
 # library had not handed over, are gone.
-def test_whole_pieces_of_a_cut_frame_are_joined_to_the_next_message(make_frame_bridge):
-    bridge = make_frame_bridge(log_level=15)
-    server = bridge.server
+def test_whole_pieces_of_a_cut_frame_are_joined_to_the_next_message(make_frame_rig):
+    rig = make_frame_rig(log_level=15)
+    server = rig.server
     payload = pattern(10000)
     for number, end in enumerate((server.half_close, server.reset), 1):
-        watch = fault_watch(bridge)
+        watch = fault_watch(rig)
         server.send(text(payload)[:-1000])
         end()
         watch.expect_healed(joined=payload[:2 * piece_size])
-        pieces = [line.text for line in bridge.daemon.lines_with("Get incomplete packet")]
+        pieces = [line.text for line in rig.daemon.lines_with("Get incomplete packet")]
         assert pieces == ["websock-roaming->process_client_receive: Get incomplete packet, "
                           f"remaining len {left}" for left in (5904, 1808)] * number
 
@@ -50,13 +50,13 @@ def test_whole_pieces_of_a_cut_frame_are_joined_to_the_next_message(make_frame_b
 # payload.
 # Seen: healed; a frame of which less than 4096 bytes had come leaves nothing behind, and the next
 # message stands alone.
-def test_cut_frame_of_less_than_a_piece_leaves_nothing(make_frame_bridge):
-    bridge = make_frame_bridge(log_level=15)
-    server = bridge.server
+def test_cut_frame_of_less_than_a_piece_leaves_nothing(make_frame_rig):
+    rig = make_frame_rig(log_level=15)
+    server = rig.server
     one = text(pattern(104)[:100])
     for end in (server.half_close, server.reset):
         for sent in (one[:1], text(pattern(200))[:3], one[:-40]):
-            watch = fault_watch(bridge)
+            watch = fault_watch(rig)
             server.send(sent)
             end()
             watch.expect_healed()
@@ -64,12 +64,12 @@ def test_cut_frame_of_less_than_a_piece_leaves_nothing(make_frame_bridge):
 
 # Fault, while connected: a RST in the middle of a fragment that follows a whole one.
 # Seen: healed; the whole fragment is joined to the next message, the cut one leaves nothing.
-def test_cut_fragment_leaves_the_whole_ones_before_it(make_frame_bridge):
-    bridge = make_frame_bridge(log_level=15)
-    watch = fault_watch(bridge)
-    bridge.server.send(text(b"whole, ", final=False),
+def test_cut_fragment_leaves_the_whole_ones_before_it(make_frame_rig):
+    rig = make_frame_rig(log_level=15)
+    watch = fault_watch(rig)
+    rig.server.send(text(b"whole, ", final=False),
                        frame(opcode_continuation, b"never seen", final=False)[:-4])
-    bridge.server.reset()
+    rig.server.reset()
     watch.expect_healed(joined=b"whole, ")
 
 
@@ -77,10 +77,10 @@ def test_cut_fragment_leaves_the_whole_ones_before_it(make_frame_bridge):
 # request from the bus between them.
 # Seen: what both had brought comes out in front of the third connection's first message, once, and
 # the status messages are what they always are.
-def test_fragments_of_two_connections_add_up(make_frame_bridge):
-    bridge = make_frame_bridge(log_level=15)
-    daemon, bus, server = bridge
-    watch = fault_watch(bridge)
+def test_fragments_of_two_connections_add_up(make_frame_rig):
+    rig = make_frame_rig(log_level=15)
+    daemon, bus, server = rig
+    watch = fault_watch(rig)
     server.send(text(b"from the first, ", final=False))
     server.reset()
     server.wait_for_connections(2)

@@ -21,7 +21,7 @@ def limit_descriptors(daemon, count):
 
 # Fault, in the process: a start with 4, 5, 6, 8, 12, 16 or 18 descriptors; later there are enough.
 # Seen: "pipe: Too many open files", "cannot join the bus" or "Creating libwebsocket context failed";
-# the daemon lives, tries again, and bridges once it can.
+# the daemon lives, tries again, and carries messages once it can.
 @pytest.mark.parametrize("descriptors, line", [
     (4, "pipe: Too many open files"),
     (5, no_context),
@@ -46,8 +46,8 @@ def test_too_few_descriptors_at_the_start(make_daemon, bus, server, descriptors,
 # Fault, in the process: no descriptor is left when the connection is lost; later there are some.
 # Seen: "Creating libwebsocket context failed" at each attempt, "disconnected" on the bus, no crash;
 # then the daemon connects, and has the descriptors of before.
-def test_no_descriptors_for_a_reconnect(make_bridge):
-    daemon, bus, server = make_bridge(log_level=1)
+def test_no_descriptors_for_a_reconnect(make_rig):
+    daemon, bus, server = make_rig(log_level=1)
     before = daemon.descriptor_count()
     limit_descriptors(daemon, 4)
     server.stop()
@@ -62,8 +62,8 @@ def test_no_descriptors_for_a_reconnect(make_bridge):
 
 # Fault, in the process: too few descriptors are left to join again when the bus drops the daemon.
 # Seen: "cannot join the bus", once; the connection stays; when the limit is raised it joins again.
-def test_too_few_descriptors_for_a_rejoin(make_bridge):
-    daemon, bus, server = make_bridge()
+def test_too_few_descriptors_for_a_rejoin(make_rig):
+    daemon, bus, server = make_rig()
     before = daemon.descriptor_count()
     limit_descriptors(daemon, before + 3)
     assert bus.run("rejoin").returncode == 0

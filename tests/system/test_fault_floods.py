@@ -36,10 +36,10 @@ def is_in_order(some, of_all):
 # each step of 100 ms, with that ping's payload and in order, and sends nothing else while pings
 # keep coming: the bus's messages arrive once and in order after the last pong. The connection is
 # kept.
-def test_ping_flood_delays_messages_and_loses_none(make_frame_bridge):
-    bridge = make_frame_bridge(log_level=8)
-    daemon, bus, server = bridge
-    watch = fault_watch(bridge)
+def test_ping_flood_delays_messages_and_loses_none(make_frame_rig):
+    rig = make_frame_rig(log_level=8)
+    daemon, bus, server = rig
+    watch = fault_watch(rig)
     server.send(*flood(opcode_ping))
     bus.send_lines(up)
     assert bus.wait_for_payloads(len(down)) == down
@@ -56,10 +56,10 @@ def test_ping_flood_delays_messages_and_loses_none(make_frame_bridge):
 # after every 126 of them, and ten messages and a status request from the bus at the same time.
 # Seen: "process_client_receive_pong:119" for each, nothing is sent in return; all messages arrive
 # unchanged and in order, the request is answered "connected", and the connection is kept.
-def test_pong_flood_disturbs_nothing(make_frame_bridge):
-    bridge = make_frame_bridge(log_level=8)
-    daemon, bus, server = bridge
-    watch = fault_watch(bridge)
+def test_pong_flood_disturbs_nothing(make_frame_rig):
+    rig = make_frame_rig(log_level=8)
+    daemon, bus, server = rig
+    watch = fault_watch(rig)
     server.send(*flood(opcode_pong))
     bus.send_lines([*up, status_request])
     assert bus.wait_for_payloads(len(down)) == down

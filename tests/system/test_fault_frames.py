@@ -13,41 +13,41 @@ mask = bytes([0x11, 0x22, 0x33, 0x44])
 # bytes whose length field has 16 bits, and a ping, a pong and a close frame that are not final.
 # Seen: dropped without a close frame and healed, and nothing of it reaches the bus; a long one
 # leaves the library's line "Control frame asking for extended length is illegal" in the log.
-def test_long_and_fragmented_control_frames_are_refused(make_frame_bridge):
-    bridge = make_frame_bridge(log_level=15)
+def test_long_and_fragmented_control_frames_are_refused(make_frame_rig):
+    rig = make_frame_rig(log_level=15)
     control = (opcode_ping, opcode_pong, opcode_close)
-    expect_refused(bridge, [*(frame(opcode, b"p" * 126) for opcode in control),
+    expect_refused(rig, [*(frame(opcode, b"p" * 126) for opcode in control),
                             frame(opcode_ping, b"short", length_bits=16),
                             *(frame(opcode, b"", final=False) for opcode in control)])
     long_frame = "2: Control frame asking for extended length is illegal"
-    assert len(bridge.daemon.lines_with(long_frame)) == 4
+    assert len(rig.daemon.lines_with(long_frame)) == 4
 
 
 # Fault, while connected: a continuation frame, final or not, where no message has begun.
 # Seen: dropped without a close frame and healed, and nothing of it reaches the bus.
-def test_continuation_without_a_start_is_refused(make_frame_bridge):
-    expect_refused(make_frame_bridge(log_level=15),
+def test_continuation_without_a_start_is_refused(make_frame_rig):
+    expect_refused(make_frame_rig(log_level=15),
                    [frame(opcode_continuation, b"lonely", final=final) for final in (True, False)])
 
 
 # Fault, while connected: a new text frame where a fragmented message goes on.
 # Seen: dropped and healed; the new message never reaches the bus, and the fragment before it is
 # joined to the next connection's first message, as that of any message that was cut off.
-def test_new_message_inside_a_fragmented_one_is_refused(make_frame_bridge):
-    bridge = make_frame_bridge(log_level=15)
-    watch = fault_watch(bridge)
-    bridge.server.send(text(b"begun, ", final=False), text(b"intruder"))
+def test_new_message_inside_a_fragmented_one_is_refused(make_frame_rig):
+    rig = make_frame_rig(log_level=15)
+    watch = fault_watch(rig)
+    rig.server.send(text(b"begun, ", final=False), text(b"intruder"))
     watch.expect_healed(joined=b"begun, ")
 
 
 # Fault, while connected: a length field of 64 bits whose top bit is set.
 # Seen: dropped without a close frame and healed, with the library's line "b63 of length must be
 # zero".
-def test_length_with_the_top_bit_is_refused(make_frame_bridge):
-    bridge = make_frame_bridge(log_level=15)
-    expect_refused(bridge, [text(b"x" * 200, length_bits=64, length=(1 << 63) + size)
+def test_length_with_the_top_bit_is_refused(make_frame_rig):
+    rig = make_frame_rig(log_level=15)
+    expect_refused(rig, [text(b"x" * 200, length_bits=64, length=(1 << 63) + size)
                             for size in (0, 200)])
-    assert len(bridge.daemon.lines_with("2: b63 of length must be zero")) == 2
+    assert len(rig.daemon.lines_with("2: b63 of length must be zero")) == 2
 
 
 # Fault, while connected: a length field that says 2^40, or 2^32 and 5, followed by 10,000 bytes and
@@ -56,21 +56,21 @@ def test_length_with_the_top_bit_is_refused(make_frame_bridge):
 # are joined to the next connection's first message, as those of any message that was cut off. A
 # library of 32 bits knows only a length's lower half: there the message is the 0 or 5 bytes that it
 # says, and what follows them is no frame and costs the connection.
-def test_length_far_beyond_what_comes_is_healed(make_frame_bridge, build_folder):
+def test_length_far_beyond_what_comes_is_healed(make_frame_rig, build_folder):
     has_32_bits = (build_folder / "vemk").read_bytes()[4] == 1
-    bridge = make_frame_bridge(log_level=15)
+    rig = make_frame_rig(log_level=15)
     payload = bytes(0x61 + i % 26 for i in range(10000))
     for length in (1 << 40, (1 << 32) + 5):
-        watch = fault_watch(bridge)
-        pieces = len(bridge.daemon.lines_with("Get incomplete packet"))
-        bridge.server.send(text(payload, length_bits=64, length=length))
+        watch = fault_watch(rig)
+        pieces = len(rig.daemon.lines_with("Get incomplete packet"))
+        rig.server.send(text(payload, length_bits=64, length=length))
         if has_32_bits:
             known = payload[:length & 0xFFFFFFFF]
             watch.expect_healed(heard=[known] if known else [])
             continue
         # A RST makes the library forget what it has not read yet.
-        bridge.daemon.wait_for_lines("Get incomplete packet", pieces + 2)
-        bridge.server.reset()
+        rig.daemon.wait_for_lines("Get incomplete packet", pieces + 2)
+        rig.server.reset()
         watch.expect_healed(joined=payload[:8192])
 
 
@@ -79,39 +79,39 @@ def test_length_far_beyond_what_comes_is_healed(make_frame_bridge, build_folder)
 # Seen: the library lets them pass but takes the mask off wrongly: each comes out as one message of
 # its length with other bytes, and no server may send such frames. The connection stays, and all
 # messages that are not masked pass unchanged.
-def test_masked_frames_disturb_no_other_message(make_frame_bridge):
-    bridge = make_frame_bridge(log_level=15)
-    bridge.server.send(text(b"masked!!", mask=mask), text(b"plain"),
+def test_masked_frames_disturb_no_other_message(make_frame_rig):
+    rig = make_frame_rig(log_level=15)
+    rig.server.send(text(b"masked!!", mask=mask), text(b"plain"),
                        text(b"half ", final=False),
                        frame(opcode_continuation, b"masked", mask=mask),
                        text(b"m" * 5000, mask=mask))
-    received = bridge.bus.wait_for_payloads(4)
+    received = rig.bus.wait_for_payloads(4)
     assert [len(payload) for payload in received] == [8, 5, 11, 5000]
     assert received[1] == b"plain"
     assert received[2][:5] == b"half "
-    fault_watch(bridge).expect_kept()
+    fault_watch(rig).expect_kept()
 
 
 # Fault, while connected: text frames with bytes that are no UTF-8: 0xFF, a cut sequence, an
 # overlong one, a surrogate and a code point beyond the last; and a binary frame.
 # Seen: each reaches the bus byte for byte, the connection stays.
-def test_text_that_is_not_utf_8_passes_unchanged(make_frame_bridge):
-    bridge = make_frame_bridge(log_level=15)
-    watch = fault_watch(bridge)
+def test_text_that_is_not_utf_8_passes_unchanged(make_frame_rig):
+    rig = make_frame_rig(log_level=15)
+    watch = fault_watch(rig)
     invalid = [b"bad \xff\xfe", b"cut \xc3", b"overlong \xc0\xaf", b"surrogate \xed\xa0\x80",
                b"beyond \xf4\x90\x80\x80"]
-    bridge.server.send(*map(text, invalid), frame(opcode_binary, bytes(range(256))))
+    rig.server.send(*map(text, invalid), frame(opcode_binary, bytes(range(256))))
     watch.expect_kept(heard=[*invalid, bytes(range(256))])
 
 
 # Fault, while connected: lengths that are not written in their shortest form: 5 in 16 bits, 5 and
 # 300 in 64 bits; and 0 in both.
 # Seen: the messages reach the bus unchanged, the empty ones not at all; the connection stays.
-def test_lengths_in_a_long_form_are_accepted(make_frame_bridge):
-    bridge = make_frame_bridge(log_level=15)
-    watch = fault_watch(bridge)
+def test_lengths_in_a_long_form_are_accepted(make_frame_rig):
+    rig = make_frame_rig(log_level=15)
+    watch = fault_watch(rig)
     long = bytes(0x61 + i % 26 for i in range(300))
-    bridge.server.send(text(b"five!", length_bits=16), text(b"", length_bits=16),
+    rig.server.send(text(b"five!", length_bits=16), text(b"", length_bits=16),
                        text(b"FIVE?", length_bits=64), text(b"", length_bits=64),
                        text(long, length_bits=64))
     watch.expect_kept(heard=[b"five!", b"FIVE?", long])
@@ -121,10 +121,10 @@ def test_lengths_in_a_long_form_are_accepted(make_frame_bridge):
 # 16 and 64 bits, one in three fragments with a ping of 125 bytes between them, and a close frame.
 # Seen: the messages reach the bus unchanged and in order, the ping is answered with its payload,
 # the close frame with its code; healed.
-def test_frames_in_one_byte_segments_are_understood(make_frame_bridge):
-    bridge = make_frame_bridge(log_level=8)
-    server = bridge.server
-    watch = fault_watch(bridge)
+def test_frames_in_one_byte_segments_are_understood(make_frame_rig):
+    rig = make_frame_rig(log_level=8)
+    server = rig.server
+    watch = fault_watch(rig)
     middle, long = b"m" * 300, bytes(0x61 + i % 26 for i in range(5000))
     server.send_bytewise(b"".join([
         text(b"short"), text(middle), text(long, length_bits=64),

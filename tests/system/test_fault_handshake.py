@@ -201,8 +201,8 @@ def test_odd_handshake_answer_connects(make_daemon, make_raw_server, bus, odd):
 # Fault, before the connection: a port on which nobody listens.
 # Seen: each attempt is logged "websock-roaming->process_client_connection_error:41"; the bus hears
 # "disconnected" only, as does "vemkctl status"; it connects when the server listens again.
-def test_refused_port_is_tried_again(make_bridge):
-    daemon, bus, server = make_bridge(log_level=15)
+def test_refused_port_is_tried_again(make_rig):
+    daemon, bus, server = make_rig(log_level=15)
     announced, descriptors = len(bus.statuses()), daemon.descriptor_count()
     server.stop()
     daemon.wait_for_lines("Try to establish connect with server", 5)

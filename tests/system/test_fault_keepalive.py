@@ -32,46 +32,46 @@ def lines_from_first_ping(daemon):
 # Seen: three pings, and at the first callback after the third, about 90 s after the handshake, the
 # line "websock-roaming->There are no 3 pong answer in a row from server", then "Stopping";
 # "disconnected" twice, "connected", and the next connection, whose pings are answered, stays.
-def test_third_unanswered_ping_drops_the_connection(make_frame_bridge):
-    bridge = start_fast(make_frame_bridge, lambda number: number > 3, speed=40)
-    watch = fault_watch(bridge)
+def test_third_unanswered_ping_drops_the_connection(make_frame_rig):
+    rig = start_fast(make_frame_rig, lambda number: number > 3, speed=40)
+    watch = fault_watch(rig)
     watch.expect_healed()
-    bridge.server.wait_for_frames(opcode_ping, 6)
+    rig.server.wait_for_frames(opcode_ping, 6)
     watch.expect_kept()
-    assert lines_from_first_ping(bridge.daemon)[:8] == ping_lines * 3 + dropping_lines
-    events = keepalive_events(bridge.daemon)
+    assert lines_from_first_ping(rig.daemon)[:8] == ping_lines * 3 + dropping_lines
+    events = keepalive_events(rig.daemon)
     assert words(events)[:6] == ["ping", "ping", "ping", "given up", "ping", "pong"]
-    assert 88 <= events[3].time - established(bridge.daemon) < 110
+    assert 88 <= events[3].time - established(rig.daemon) < 110
 
 
 # Fault, keepalive: one ping of three is answered, the third.
 # Seen: the answer comes too late: the first callback after the third ping drops the connection,
 # even if it is the one that brings the pong.
-def test_answer_to_the_third_ping_is_too_late(make_frame_bridge):
-    bridge = start_fast(make_frame_bridge, lambda number: number % 3 == 0, speed=40)
-    watch = fault_watch(bridge)
+def test_answer_to_the_third_ping_is_too_late(make_frame_rig):
+    rig = start_fast(make_frame_rig, lambda number: number % 3 == 0, speed=40)
+    watch = fault_watch(rig)
     watch.expect_healed()
-    assert words(keepalive_events(bridge.daemon))[:4] == ["ping", "ping", "ping", "given up"]
+    assert words(keepalive_events(rig.daemon))[:4] == ["ping", "ping", "ping", "given up"]
 
 
 # Fault, keepalive: no ping is answered, but after the second a pong comes that answers none.
 # Seen: it sets the count of missing answers to 0, so that the connection is given up after the
 # fifth ping.
-def test_pong_that_nobody_asked_for_counts(make_frame_bridge):
-    bridge = start_fast(make_frame_bridge, False, speed=20)
-    watch = fault_watch(bridge)
-    bridge.server.wait_for_frames(opcode_ping, 2)
-    bridge.server.send(frame(opcode_pong, b"nobody asked"))
+def test_pong_that_nobody_asked_for_counts(make_frame_rig):
+    rig = start_fast(make_frame_rig, False, speed=20)
+    watch = fault_watch(rig)
+    rig.server.wait_for_frames(opcode_ping, 2)
+    rig.server.send(frame(opcode_pong, b"nobody asked"))
     watch.expect_healed()
-    assert words(keepalive_events(bridge.daemon))[:7] == \
+    assert words(keepalive_events(rig.daemon))[:7] == \
         ["ping", "ping", "pong", "ping", "ping", "ping", "given up"]
 
 
 # Fault, keepalive: after an answered ping the server reads nothing more, and the bus keeps sending.
 # Seen: writeable callbacks stop, and with them the pings; 60 s after the last ping the line
 # "websock-roaming->ping_timeout:197", then "Stopping", "disconnected" twice and "connected".
-def test_watchdog_fires_a_minute_after_the_last_ping(make_frame_bridge):
-    daemon, bus, server = start_fast(make_frame_bridge, True, speed=20, receive_buffer=4096)
+def test_watchdog_fires_a_minute_after_the_last_ping(make_frame_rig):
+    daemon, bus, server = start_fast(make_frame_rig, True, speed=20, receive_buffer=4096)
     announced = len(bus.statuses())
     server.wait_for_frames(opcode_ping, 1)
     server.stop_reading()

@@ -19,11 +19,11 @@ piece_size = 4096
 # when the one before it was read, so that the daemon's pings are answered in time.
 # Seen: after some 7 minutes of the daemon's clock the message reaches the bus whole and unchanged,
 # and the connection is kept.
-def test_sixteen_mebibytes_in_fragments_arrive_unchanged(make_frame_bridge):
+def test_sixteen_mebibytes_in_fragments_arrive_unchanged(make_frame_rig):
     # A sanitizer makes each piece take longer, and no step may last for three pings.
-    bridge = make_frame_bridge(fast_clock(40 // slowdown), {"answers_pings": True})
-    daemon, bus, server = bridge
-    watch = fault_watch(bridge)
+    rig = make_frame_rig(fast_clock(40 // slowdown), {"answers_pings": True})
+    daemon, bus, server = rig
+    watch = fault_watch(rig)
     message = pattern(large_size)
     step = 256 << 10
     for start in range(0, large_size, step):
@@ -42,11 +42,11 @@ def test_sixteen_mebibytes_in_fragments_arrive_unchanged(make_frame_bridge):
 # Seen: at 40 KiB a second it takes longer than three pings: the answers to them are stuck behind
 # it. "There are no 3 pong answer in a row from server", healed; no message on the bus but for the
 # next connection's first, with the pieces in front of it that had come, each 4096 bytes.
-def test_message_that_takes_longer_than_three_pings_is_cut_off(make_frame_bridge):
-    bridge = make_frame_bridge(fast_clock(40), {"answers_pings": True}, log_level=8)
-    daemon, bus, server = bridge
+def test_message_that_takes_longer_than_three_pings_is_cut_off(make_frame_rig):
+    rig = make_frame_rig(fast_clock(40), {"answers_pings": True}, log_level=8)
+    daemon, bus, server = rig
     message = pattern(large_size)
-    watch = fault_watch(bridge)
+    watch = fault_watch(rig)
     with pytest.raises(ConnectionError):
         server.send(text(message))
     bus.wait_for_statuses(watch.announced + 3)

@@ -13,8 +13,8 @@ from harness.vemk_daemon import config_text
 
 
 @pytest.fixture
-def bridge_with(make_daemon, bus, server):
-    """Starts a daemon that logs everything, with these arguments of its start; it has to bridge."""
+def rig_with(make_daemon, bus, server):
+    """Starts a daemon that logs everything, with these arguments of its start; it has to rig."""
 
     def start(**options):
         bus.listen()
@@ -34,25 +34,26 @@ def lives_through_a_reconnect(daemon, bus, server):
 
 
 # Fault, in the process: standard error is /dev/full.
-# Seen: the lines are lost; the daemon bridges and reconnects.
-def test_standard_error_on_a_full_device(bridge_with):
+# Seen: the lines are lost; the daemon carries messages and reconnects.
+def test_standard_error_on_a_full_device(rig_with):
     with open("/dev/full", "wb") as full:
-        bridge = bridge_with(log_to=full)
-    assert lives_through_a_reconnect(*bridge)
+        rig = rig_with(log_to=full)
+    assert lives_through_a_reconnect(*rig)
 
 
 # Fault, in the process: the log file is /dev/full.
-# Seen: the lines are lost; the daemon bridges and reconnects.
-def test_log_file_on_a_full_device(bridge_with):
-    daemon, bus, server = bridge_with(environment={"ZANDOR_LOG_FILE": "/dev/full"})
+# Seen: the lines are lost; the daemon carries messages and reconnects.
+def test_log_file_on_a_full_device(rig_with):
+    daemon, bus, server = rig_with(environment={"ZANDOR_LOG_FILE": "/dev/full"})
     assert lives_through_a_reconnect(daemon, bus, server)
     assert daemon.log_text() == ""
 
 
 # Fault, in the process: the file system of the log file is full, later it is not.
-# Seen: the daemon bridges and reconnects; what is logged once there is room stands in the file.
+# Seen: the daemon carries messages and reconnects; the log file holds each line that was logged once
+# there was room.
 @pytest.mark.skipif(os.geteuid() != 0, reason="it mounts a file system")
-def test_log_file_on_a_full_file_system(bridge_with, place):
+def test_log_file_on_a_full_file_system(rig_with, place):
     folder = place.folder / "log"
     folder.mkdir()
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", folder], check=True)
@@ -62,7 +63,7 @@ def test_log_file_on_a_full_file_system(bridge_with, place):
             while fills(file):
                 pass
         log_file = folder / "vemk.log"
-        daemon, bus, server = bridge_with(environment={"ZANDOR_LOG_FILE": str(log_file)})
+        daemon, bus, server = rig_with(environment={"ZANDOR_LOG_FILE": str(log_file)})
         assert log_file.read_bytes() == b""
         filler.unlink()
         assert lives_through_a_reconnect(daemon, bus, server)
@@ -80,33 +81,33 @@ def fills(file):
 
 
 # Fault, in the process: standard error is a pipe whose reader has gone.
-# Seen: SIGPIPE does not end the daemon; it bridges and reconnects.
-def test_standard_error_on_a_pipe_without_a_reader(bridge_with):
+# Seen: SIGPIPE does not end the daemon; it carries messages and reconnects.
+def test_standard_error_on_a_pipe_without_a_reader(rig_with):
     reading, writing = os.pipe()
     os.close(reading)
-    bridge = bridge_with(log_to=writing)
+    rig = rig_with(log_to=writing)
     os.close(writing)
-    assert lives_through_a_reconnect(*bridge)
+    assert lives_through_a_reconnect(*rig)
 
 
 # Fault, in the process: standard output is /dev/full, or a pipe whose reader has gone.
-# Seen: the daemon writes nothing there and bridges.
+# Seen: the daemon writes nothing there and carries messages.
 @pytest.mark.parametrize("kind", ["full", "pipe"])
-def test_standard_output_that_takes_nothing(bridge_with, kind):
+def test_standard_output_that_takes_nothing(rig_with, kind):
     if kind == "full":
         output = os.open("/dev/full", os.O_WRONLY)
     else:
         reading, output = os.pipe()
         os.close(reading)
-    bridge = bridge_with(output_to=output)
+    rig = rig_with(output_to=output)
     os.close(output)
-    assert lives_through_a_reconnect(*bridge)
+    assert lives_through_a_reconnect(*rig)
 
 
 # Fault, in the process: standard input, output and error are closed.
-# Seen: no socket takes their places; the daemon bridges and reconnects.
-def test_closed_standard_descriptors(bridge_with, place):
-    daemon, bus, server = bridge_with(runner=["sh", "-c", 'exec "$@" <&- >&- 2>&-', "closed"])
+# Seen: no socket takes their places; the daemon carries messages and reconnects.
+def test_closed_standard_descriptors(rig_with, place):
+    daemon, bus, server = rig_with(runner=["sh", "-c", 'exec "$@" <&- >&- 2>&-', "closed"])
     links = [os.readlink(f"/proc/{daemon.pid}/fd/{number}") for number in range(3)]
     assert links == ["/dev/null"] * 3
     assert lives_through_a_reconnect(daemon, bus, server)

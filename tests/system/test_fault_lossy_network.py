@@ -16,8 +16,8 @@ def message(way, number):
 # 300 to 600 ms, so that they overtake each other.
 # Seen: of 250 messages each way, sent at the same time, none is lost, doubled, altered or out of
 # order, and the connection stays the same.
-def test_no_message_suffers_from_a_bad_network(make_wired_bridge, networks):
-    daemon, bus, server = make_wired_bridge()
+def test_no_message_suffers_from_a_bad_network(make_wired_rig, networks):
+    daemon, bus, server = make_wired_rig()
     announced = len(bus.statuses())
     networks.wire.loss, networks.wire.delay, networks.wire.jitter = 0.2, 0.3, 0.3
     up, down = ([message(way, number) for number in range(count)] for way in ("up", "down"))

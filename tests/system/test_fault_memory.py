@@ -93,7 +93,7 @@ def test_no_memory_for_a_piece_from_the_server(start, bus, server, memory, refus
 
 # Fault, in the process: no memory for the object around a message from the bus.
 # Seen: "Unhandled exception at worker 'ipc'" on standard output, status 255, and nothing of the
-# message at the server; a daemon started anew bridges.
+# message at the server; a daemon started again carries messages.
 def test_an_exception_of_the_bus_thread_ends_the_process(start, bus, server, memory):
     daemon = start()
     memory.fail("ipc", behind=record_head + 4321)
@@ -107,7 +107,7 @@ def test_an_exception_of_the_bus_thread_ends_the_process(start, bus, server, mem
 
 # Fault, in the process: no memory for the next message's object when one has been received.
 # Seen: "Unhandled exception at worker 'websock-roaming'" on standard output, status 255, and the
-# message on the bus or not, unaltered; a daemon started anew bridges.
+# message on the bus or not, unaltered; a daemon started again carries messages.
 def test_an_exception_of_the_websock_thread_ends_the_process(start, bus, server, memory):
     daemon = start()
     message = b"m" * 2345

@@ -13,8 +13,8 @@ endings = [(1000, ""), (1001, "going away"), (1011, "r" * 123), (3000, "")]
 # with a reason, with the longest of 123 bytes and without one.
 # Seen: the server gets its code back; the bus hears "disconnected" twice and "connected"; messages
 # pass again on the new connection.
-def test_close_frames_of_the_server_lead_to_a_new_connection(make_bridge):
-    daemon, bus, server = make_bridge(log_level=15)
+def test_close_frames_of_the_server_lead_to_a_new_connection(make_rig):
+    daemon, bus, server = make_rig(log_level=15)
     for count, (code, reason) in enumerate(endings, start=1):
         announced = len(bus.statuses())
         server.close(code, reason)
@@ -27,8 +27,8 @@ def test_close_frames_of_the_server_lead_to_a_new_connection(make_bridge):
 
 # Fault, while connected: a TCP reset by each of three servers.
 # Seen: the bus hears "disconnected" twice and "connected"; messages pass on the new connection.
-def test_reset_by_the_server_leads_to_a_new_connection(make_bridge):
-    daemon, bus, server = make_bridge(log_level=15)
+def test_reset_by_the_server_leads_to_a_new_connection(make_rig):
+    daemon, bus, server = make_rig(log_level=15)
     announced = len(bus.statuses())
     server.reset()
     server.wait_for_connections(2)
@@ -39,8 +39,8 @@ def test_reset_by_the_server_leads_to_a_new_connection(make_bridge):
 # Fault, while connected: each of three servers is stopped, and started again later.
 # Seen: "vemkctl status" says "disconnected" meanwhile, attempts are refused and tried again; once
 # the server is back the bus hears "connected" and messages pass.
-def test_restart_of_the_server_heals(make_bridge):
-    daemon, bus, server = make_bridge(log_level=15)
+def test_restart_of_the_server_heals(make_rig):
+    daemon, bus, server = make_rig(log_level=15)
     descriptors = daemon.descriptor_count()
     announced = len(bus.statuses())
     server.stop()
@@ -56,8 +56,8 @@ def test_restart_of_the_server_heals(make_bridge):
 
 # Fault, while connected: a message from the bus that is no UTF-8, which servers may not take.
 # Seen: each of three servers closes the connection, which is made again; the next message passes.
-def test_message_that_is_no_utf_8_costs_the_connection(make_bridge):
-    daemon, bus, server = make_bridge(log_level=15)
+def test_message_that_is_no_utf_8_costs_the_connection(make_rig):
+    daemon, bus, server = make_rig(log_level=15)
     announced = len(bus.statuses())
     bus.send(b"high \xff\xfe bytes")
     server.wait_for_connections(2)

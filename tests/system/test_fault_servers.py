@@ -1,4 +1,4 @@
-"""Three servers of independent implementations: the daemon connects to each and bridges."""
+"""The daemon connects to servers of three independent implementations and carries messages."""
 
 # Test: 26 s
 
@@ -11,8 +11,8 @@ from harness.round_trip import passes_both_ways
 
 
 # The request's path, host, subprotocol and version are as configured, and "websock-roaming" chosen.
-def test_server_sees_the_designed_request(make_bridge):
-    daemon, bus, server = make_bridge()
+def test_server_sees_the_designed_request(make_rig):
+    daemon, bus, server = make_rig()
     handshake = server.handshakes[0]
     assert handshake.path == "/roam"
     assert handshake.headers["Host"] == "127.0.0.1"
@@ -22,8 +22,8 @@ def test_server_sees_the_designed_request(make_bridge):
 
 
 # Empty, UTF-8 and 200 KiB messages from the bus arrive as text, byte for byte and in order.
-def test_messages_from_the_bus_arrive_unchanged(make_bridge):
-    daemon, bus, server = make_bridge()
+def test_messages_from_the_bus_arrive_unchanged(make_rig):
+    daemon, bus, server = make_rig()
     messages = [b"", "Größe, 漢字, 🛰".encode(), bytes(0x20 + i % 95 for i in range(200 * 1024)),
                 b"before\0after", b"after"]
     for message in messages:
@@ -33,8 +33,8 @@ def test_messages_from_the_bus_arrive_unchanged(make_bridge):
 
 
 # Text and binary messages of the server, all 256 bytes and 200 KiB, arrive unchanged and in order.
-def test_messages_from_the_server_arrive_unchanged(make_bridge):
-    daemon, bus, server = make_bridge()
+def test_messages_from_the_server_arrive_unchanged(make_rig):
+    daemon, bus, server = make_rig()
     messages = ["Größe, 漢字, 🛰", bytes(range(256)), "x" * 200 * 1024, "", "before\0after"]
     server.send_many(messages)
     expected = [message.encode() if isinstance(message, str) else message
@@ -45,8 +45,8 @@ def test_messages_from_the_server_arrive_unchanged(make_bridge):
 # Three fragments arrive as one message; one that ends with an empty frame is joined to the next.
 @pytest.mark.parametrize("server", [roaming_server, node_server], indirect=True,
                          ids=lambda kind: kind.__name__)
-def test_fragments_are_joined(make_bridge):
-    daemon, bus, server = make_bridge()
+def test_fragments_are_joined(make_rig):
+    daemon, bus, server = make_rig()
     server.send_fragments([b"one, ", b"t" * 9000, b", three"])
     server.send_streamed(["held ", "back, "])
     # The pong shows that the daemon is past the empty frame.
@@ -57,8 +57,8 @@ def test_fragments_are_joined(make_bridge):
 
 
 # Three pings of the server's library get their pongs while the connection is used.
-def test_pings_of_the_server_are_answered(make_bridge):
-    daemon, bus, server = make_bridge()
+def test_pings_of_the_server_are_answered(make_rig):
+    daemon, bus, server = make_rig()
     for _ in range(3):
         server.ping()
         assert passes_both_ways(bus, server, "again")

@@ -18,8 +18,8 @@ def send_both_ways(bus, server, words):
 # altered or out of order, and the connection stays the same.
 @pytest.mark.parametrize("outage", [
     "packets lost", "address removed", "interface down", "route a black hole"])
-def test_messages_outlive_a_second_without_network(make_wired_bridge, networks, outage):
-    daemon, bus, server = make_wired_bridge()
+def test_messages_outlive_a_second_without_network(make_wired_rig, networks, outage):
+    daemon, bus, server = make_wired_rig()
     announced = len(bus.statuses())
     words = [[f"{when} {number}" for number in range(5)] for when in ("before", "in", "after")]
     send_both_ways(bus, server, words[0])

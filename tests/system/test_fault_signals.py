@@ -93,15 +93,15 @@ def test_sigterm_at_any_moment(build_folder, companion_folder):
 # Fault, in the process: SIGINT or SIGHUP while connected.
 # Seen: as any process without a handler the daemon ends by it; the PID file stays.
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGHUP])
-def test_signals_without_a_handler_end_the_daemon(make_bridge, place, number):
-    daemon, bus, server = make_bridge()
+def test_signals_without_a_handler_end_the_daemon(make_rig, place, number):
+    daemon, bus, server = make_rig()
     daemon.process.send_signal(number)
     assert daemon.wait_for_exit() == -number
     assert place.pid_file.read_text() == f"{daemon.pid}\n"
 
 
 # Fault, in the process: SIGPIPE, ten times, while it waits and while it is connected.
-# Seen: nothing: the daemon bridges and its connection stays.
+# Seen: nothing: the daemon carries messages and its connection stays.
 def test_sigpipe_never_ends_the_daemon(make_daemon, bus, server):
     server.stop()
     bus.listen()

@@ -23,18 +23,18 @@ messages = [b"%02d " % number + b"m" * (1 << 18) for number in range(20)]
 
 
 @pytest.fixture
-def stalled(make_frame_bridge):
-    """Starts a bridge whose server reads nothing more, and returns what makes it read on."""
+def stalled(make_frame_rig):
+    """Starts a rig whose server reads nothing more, and returns what makes it read on."""
 
     def make(speed):
-        bridge = make_frame_bridge(fast_clock(speed),
+        rig = make_frame_rig(fast_clock(speed),
                                    {"answers_pings": True, "receive_buffer": 4096}, log_level=12)
-        go_on = bridge.server.stop_reading()
-        bridge.bus.send(b"the last that is read")
-        bridge.server.wait_for_texts(1)
+        go_on = rig.server.stop_reading()
+        rig.bus.send(b"the last that is read")
+        rig.server.wait_for_texts(1)
         for message in messages:
-            bridge.bus.send(message)
-        return bridge, go_on
+            rig.bus.send(message)
+        return rig, go_on
 
     return make
 
@@ -68,14 +68,14 @@ def wait_until_stuck(daemon):
 # Seen: the daemon stops sending, without an error; when the server reads again, every message
 # arrives once, in order and unchanged, and the connection was kept.
 def test_messages_pass_when_a_server_reads_again(stalled):
-    bridge, go_on = stalled(speed=2)
-    wait_until_stuck(bridge.daemon)
-    watch = fault_watch(bridge)
+    rig, go_on = stalled(speed=2)
+    wait_until_stuck(rig.daemon)
+    watch = fault_watch(rig)
     go_on()
-    assert bridge.server.wait_for_texts(1 + len(messages))[1:] == messages
+    assert rig.server.wait_for_texts(1 + len(messages))[1:] == messages
     watch.remember()
     watch.expect_kept()
-    assert len(bridge.server.connections) == 1
+    assert len(rig.server.connections) == 1
 
 
 # Fault, while connected: the same, but the server does not read again.
@@ -84,8 +84,8 @@ def test_messages_pass_when_a_server_reads_again(stalled):
 # sockets had taken whole may still be read, in order; a message that was cut off is lost, the next
 # one is dropped in the wait, and all others arrive on the next connection, once and in order.
 def test_server_that_reads_no_more_is_dropped_by_the_watchdog(stalled):
-    bridge, go_on = stalled(speed=20)
-    daemon, bus, server = bridge
+    rig, go_on = stalled(speed=20)
+    daemon, bus, server = rig
     announced = len(bus.statuses())
     server.wait_for_connections(2)
     bus.wait_for_statuses(announced + 3)
@@ -98,14 +98,14 @@ def test_server_that_reads_no_more_is_dropped_by_the_watchdog(stalled):
     read_late = texts_on(server, 1)[1:]
     assert read_late == messages[:len(read_late)]
     assert len(messages) - len(read_late) - len(rest) in (1, 2)
-    fault_watch(bridge).expect_kept()
+    fault_watch(rig).expect_kept()
 
 
 # Fault, while connected: a close frame from a server that reads nothing more, with messages queued.
 # Seen: the daemon cannot answer it, gives that up and heals without waiting for the watchdog.
 def test_close_frame_of_a_server_that_does_not_read_is_healed(stalled):
-    bridge, _ = stalled(speed=2)
-    daemon, bus, server = bridge
+    rig, _ = stalled(speed=2)
+    daemon, bus, server = rig
     wait_until_stuck(daemon)
     announced = len(bus.statuses())
     server.send(close_frame(1001))
@@ -114,28 +114,28 @@ def test_close_frame_of_a_server_that_does_not_read_is_healed(stalled):
     assert bus.statuses()[announced:] == lost_and_found
     assert daemon.lines_with(watchdog_fired) == []
     rest_on_next_connection(server)
-    fault_watch(bridge).expect_kept()
+    fault_watch(rig).expect_kept()
 
 
 # Fault, while connected: a length field that says 2^40 before 10 bytes, from a server that goes on
 # answering pings.
 # Seen: whatever it sends is taken for that message, the answers to pings too: after the third ping
 # "There are no 3 pong answer in a row from server", healed, and nothing of it reaches the bus.
-def test_endless_message_is_given_up_after_three_pings(make_frame_bridge):
-    bridge = make_frame_bridge(fast_clock(20), {"answers_pings": True}, log_level=8)
-    watch = fault_watch(bridge)
-    bridge.server.send(text(b"0123456789", length_bits=64, length=1 << 40), text(b"never heard"))
+def test_endless_message_is_given_up_after_three_pings(make_frame_rig):
+    rig = make_frame_rig(fast_clock(20), {"answers_pings": True}, log_level=8)
+    watch = fault_watch(rig)
+    rig.server.send(text(b"0123456789", length_bits=64, length=1 << 40), text(b"never heard"))
     watch.expect_healed()
-    assert len(bridge.daemon.lines_with(three_pings_missing)) == 1
+    assert len(rig.daemon.lines_with(three_pings_missing)) == 1
 
 
 # Fault, while connected: pings without end, so many that each step of the daemon finds one.
 # Seen: the library answers pings and nothing else, so writeable callbacks stop; 60 s after the
 # handshake the watchdog drops the connection, and without the flood all works again.
-def test_endless_ping_flood_is_ended_by_the_watchdog(make_frame_bridge):
-    bridge = make_frame_bridge(fast_clock(20), log_level=12)
-    daemon, bus, server = bridge
-    watch = fault_watch(bridge)
+def test_endless_ping_flood_is_ended_by_the_watchdog(make_frame_rig):
+    rig = make_frame_rig(fast_clock(20), log_level=12)
+    daemon, bus, server = rig
+    watch = fault_watch(rig)
     flooded = server.connection
 
     def flood():

@@ -19,8 +19,8 @@ def suspend(daemon, seconds, meanwhile=lambda: None):
 # Fault, in the process: SIGSTOP, and SIGCONT 8 seconds later.
 # Seen: what the server sent meanwhile arrives, on the same connection; nothing is announced and
 # there is no "Time error" line.
-def test_suspended_for_eight_seconds_goes_on(make_bridge):
-    daemon, bus, server = make_bridge(log_level=8)
+def test_suspended_for_eight_seconds_goes_on(make_rig):
+    daemon, bus, server = make_rig(log_level=8)
     announced = len(bus.statuses())
     suspend(daemon, 8, meanwhile=lambda: server.send("sent to a suspended daemon"))
     assert bus.wait_for_payloads(1) == [b"sent to a suspended daemon"]
@@ -33,8 +33,8 @@ def test_suspended_for_eight_seconds_goes_on(make_bridge):
 # Fault, in the process: SIGSTOP, and SIGCONT 15 seconds later.
 # Seen: the line "time_monotonic: Time error, need restart, expired [NOW] [BEFORE] cnt 10" and the
 # end with status 255; started again, the daemon connects.
-def test_suspended_for_fifteen_seconds_ends(make_bridge, make_daemon):
-    daemon, bus, server = make_bridge(log_level=8)
+def test_suspended_for_fifteen_seconds_ends(make_rig, make_daemon):
+    daemon, bus, server = make_rig(log_level=8)
     announced = len(bus.statuses())
     suspend(daemon, 15)
     assert daemon.wait_for_exit() == 255

@@ -58,8 +58,8 @@ def test_two_daemons_started_at_the_same_instant(place, make_daemon, bus, server
 # Fault, in the process: a daemon is replaced three times while messages flow both ways.
 # Seen: each ends by SIGTERM at once; nothing arrives twice, altered or out of order; what the old
 # one held is lost, and everything arrives again once the new one is connected.
-def test_replaced_while_messages_flow(make_bridge, make_daemon):
-    daemon, bus, server = make_bridge()
+def test_replaced_while_messages_flow(make_rig, make_daemon):
+    daemon, bus, server = make_rig()
     traffic = bus_traffic(bus, server)
     try:
         for number in range(3):

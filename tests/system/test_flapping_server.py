@@ -30,8 +30,8 @@ def flap(server, stop):
 # Fault, while connected: a server that ends, by RST, close frame or as a whole, and is back every
 # second, twenty times, while the bus sends 1000 messages.
 # Seen: what arrives is whole, in order, and once; the daemon goes on with the same three threads.
-def test_messages_that_arrive_are_intact_and_in_order(make_bridge):
-    daemon, bus, server = make_bridge(log_level=15)
+def test_messages_that_arrive_are_intact_and_in_order(make_rig):
+    daemon, bus, server = make_rig(log_level=15)
     pushed = threading.Event()
     flapping = threading.Thread(target=flap, args=(server, pushed))
     flapping.start()

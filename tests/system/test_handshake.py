@@ -9,8 +9,8 @@ from harness.vemk_daemon import config_text
 
 
 # Host is the bare host, Origin "http://" and that host, both without the port; version 13, "websock-roaming", and no extensions.
-def test_request_names_host_path_and_subprotocol(make_bridge):
-    daemon, bus, server = make_bridge()
+def test_request_names_host_path_and_subprotocol(make_rig):
+    daemon, bus, server = make_rig()
     handshake = server.handshakes[0]
     assert handshake.path == "/roam"
     assert handshake.headers["Host"] == "127.0.0.1"

@@ -23,8 +23,8 @@ unanswered = [
 
 # Three forms of the request: each gets "connected", whole, and the server none of them.
 @pytest.mark.parametrize("log_level", [0, 15])
-def test_requests_are_answered_connected_and_not_sent_on(make_bridge, log_level):
-    daemon, bus, server = make_bridge(log_level=log_level)
+def test_requests_are_answered_connected_and_not_sent_on(make_rig, log_level):
+    daemon, bus, server = make_rig(log_level=log_level)
     announced = len(bus.received)
     for request in requests:
         bus.send(request)
@@ -50,8 +50,8 @@ def test_requests_are_answered_disconnected_while_waiting(make_daemon, bus, serv
 
 
 # Cmd unknown, missing, null, a number, "connected": no answer, and nothing for the server.
-def test_other_internal_messages_are_swallowed(make_bridge):
-    daemon, bus, server = make_bridge(log_level=15)
+def test_other_internal_messages_are_swallowed(make_rig):
+    daemon, bus, server = make_rig(log_level=15)
     announced = len(bus.received)
     for message in unanswered:
         bus.send(message)
@@ -76,8 +76,8 @@ def test_messages_are_dropped_while_waiting(make_daemon, bus, server):
 
 
 # vemkctl status: "connected" and 0, without the server "disconnected" and 1.
-def test_status_command_tells_the_state(make_bridge):
-    daemon, bus, server = make_bridge()
+def test_status_command_tells_the_state(make_rig):
+    daemon, bus, server = make_rig()
     result = bus.run("status", "--timeout", "20")
     assert (result.returncode, result.stdout) == (0, b"connected\n")
     server.stop()

@@ -7,8 +7,8 @@ import pytest
 
 # 1 MiB from the server reaches the bus whole, in pieces of 4096 bytes, with the log on or off.
 @pytest.mark.parametrize("log_level", [0, 15])
-def test_one_mebibyte_arrives_unchanged(make_bridge, log_level):
-    daemon, bus, server = make_bridge(log_level=log_level)
+def test_one_mebibyte_arrives_unchanged(make_rig, log_level):
+    daemon, bus, server = make_rig(log_level=log_level)
     text = "".join(f"{i:07d}\n" for i in range((1 << 20) // 8))
     server.send_many([text, "next"])
     assert bus.wait_for_payloads(2, seconds=90) == [text.encode(), b"next"]

@@ -11,8 +11,8 @@ from harness.frame_server import pattern
 # Seen: it reaches the server unchanged and as one, the next message follows, and the connection is
 # kept.
 @pytest.mark.parametrize("size, log_level", [(10 << 20, 15), (16 << 20, 0)])
-def test_message_larger_than_the_stack_arrives(make_bridge, size, log_level):
-    daemon, bus, server = make_bridge(log_level=log_level)
+def test_message_larger_than_the_stack_arrives(make_rig, size, log_level):
+    daemon, bus, server = make_rig(log_level=log_level)
     message = pattern(size)
     bus.send(message)
     bus.send(b"next")

@@ -4,8 +4,8 @@
 
 
 # Fifty up and fifty down at once arrive in order and once each.
-def test_fifty_messages_each_way_stay_in_order(make_bridge):
-    daemon, bus, server = make_bridge()
+def test_fifty_messages_each_way_stay_in_order(make_rig):
+    daemon, bus, server = make_rig()
     up = [b"to the server %02d" % i for i in range(50)]
     down = [b"to the bus %02d" % i for i in range(50)]
     bus.send_lines(up)

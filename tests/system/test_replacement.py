@@ -25,8 +25,8 @@ def ended_process():
 
 
 # The first ends by SIGTERM, the PID file names the second, which connects and passes messages.
-def test_second_daemon_replaces_the_first(place, make_bridge, make_daemon):
-    first, bus, server = make_bridge(log_level=15)
+def test_second_daemon_replaces_the_first(place, make_rig, make_daemon):
+    first, bus, server = make_rig(log_level=15)
     wait_for_pid_file(place, first)
     second = make_daemon().start(config_text(server.url, log_level=15))
     assert first.wait_for_exit() == -signal.SIGTERM
@@ -44,18 +44,18 @@ def test_second_daemon_replaces_the_first(place, make_bridge, make_daemon):
 # Empty, blank, a word or a PID that is gone: the daemon starts and writes its own.
 @pytest.mark.parametrize("content", ["", "\n", "none\n", f"{ended_process()}\n"],
                          ids=["empty", "blank", "word", "stale"])
-def test_pid_file_without_a_living_process_does_no_harm(place, make_bridge, content):
+def test_pid_file_without_a_living_process_does_no_harm(place, make_rig, content):
     place.pid_file.write_text(content)
-    daemon, bus, server = make_bridge()
+    daemon, bus, server = make_rig()
     wait_for_pid_file(place, daemon)
 
 
 # A process that is no daemon gets SIGTERM as well.
-def test_whatever_process_the_pid_file_names_is_ended(place, make_bridge):
+def test_whatever_process_the_pid_file_names_is_ended(place, make_rig):
     bystander = subprocess.Popen(["sleep", "600"])
     try:
         place.pid_file.write_text(f"{bystander.pid}\n")
-        daemon, bus, server = make_bridge()
+        daemon, bus, server = make_rig()
         assert bystander.wait(20) == -signal.SIGTERM
         wait_for_pid_file(place, daemon)
     finally:
@@ -64,8 +64,8 @@ def test_whatever_process_the_pid_file_names_is_ended(place, make_bridge):
 
 
 # SIGTERM ends the daemon as a signal does, and its PID file is left.
-def test_pid_file_stays_when_the_daemon_is_ended(place, make_bridge):
-    daemon, bus, server = make_bridge()
+def test_pid_file_stays_when_the_daemon_is_ended(place, make_rig):
+    daemon, bus, server = make_rig()
     daemon.process.terminate()
     assert daemon.wait_for_exit() == -signal.SIGTERM
     assert place.pid_file.read_text() == f"{daemon.pid}\n"
@@ -80,9 +80,9 @@ def make_link(path):
 # With a folder, a FIFO or a link in the PID file's place the daemon connects and stays.
 @pytest.mark.parametrize("put", [pathlib.Path.mkdir, os.mkfifo, make_link],
                          ids=["folder", "fifo", "link"])
-def test_pid_file_that_cannot_be_written_is_no_obstacle(place, make_bridge, put):
+def test_pid_file_that_cannot_be_written_is_no_obstacle(place, make_rig, put):
     put(place.pid_file)
-    daemon, bus, server = make_bridge()
+    daemon, bus, server = make_rig()
     assert daemon.runs()
     if put == make_link:
         assert place.pid_file.read_text() == "some text\n"

@@ -13,7 +13,7 @@ stack_bytes = 128 * 1024
 
 
 @pytest.fixture
-def bridge(make_daemon, bus, server):
+def rig(make_daemon, bus, server):
     bus.listen()
     daemon = make_daemon().start(config_text(server.url, log_level=15), stack_bytes=stack_bytes)
     bus.wait_until_connected()
@@ -23,8 +23,8 @@ def bridge(make_daemon, bus, server):
 
 
 # 16 MiB and the message behind it reach the server over one connection.
-def test_sixteen_mebibytes_from_the_bus(bridge):
-    daemon, bus, server = bridge
+def test_sixteen_mebibytes_from_the_bus(rig):
+    daemon, bus, server = rig
     message = b"".join(b"%07x " % i for i in range((16 << 20) // 8))
     bus.send(message)
     bus.send(b"next")
@@ -39,16 +39,16 @@ def test_sixteen_mebibytes_from_the_bus(bridge):
     b'{"service":"' + b"x" * 200000 + b'","cmd":"status"}',
     b'{"service":"other","cmd":' + b'{"a":' * 30 + b"1" + b"}" * 30 + b"}",
 ], ids=["arrays", "unfinished", "long", "nested"])
-def test_json_that_is_deep_or_long(bridge, message):
-    daemon, bus, server = bridge
+def test_json_that_is_deep_or_long(rig, message):
+    daemon, bus, server = rig
     bus.send(message)
     bus.send(b"next")
     assert server.wait_for_payloads(2) == [message, b"next"]
 
 
 # Two dumps of 400 whole lines of high bytes are built and logged.
-def test_dumps_in_both_directions(bridge):
-    daemon, bus, server = bridge
+def test_dumps_in_both_directions(rig):
+    daemon, bus, server = rig
     # The listing's lines are as wide as text makes them, and none is left out.
     message = "ü".encode() * (400 * 16)
     bus.send(message)

@@ -10,8 +10,8 @@ own_threads = ["ipc", "main", "websock-roaming"]
 # Fault, while connected: ten ends of the connection in a row, close frame and RST in turn.
 # Seen: "process_closed:76" and "Stopping" come within a second of each, "disconnected" twice and
 # "connected" after it; there are no more threads and descriptors than before.
-def test_ten_closes_in_a_row_are_noticed_within_a_second(make_bridge):
-    daemon, bus, server = make_bridge(log_level=15)
+def test_ten_closes_in_a_row_are_noticed_within_a_second(make_rig):
+    daemon, bus, server = make_rig(log_level=15)
     descriptors = daemon.descriptor_count()
     assert daemon.own_thread_names() == own_threads
     for lost in range(1, 11):

@@ -19,8 +19,8 @@ messages = [
 
 # NUL, "%n", all 256 byte values and a status request: unchanged, and no answer to the server.
 @pytest.mark.parametrize("log_level", [0, 15])
-def test_messages_arrive_unchanged_and_in_order(make_bridge, log_level):
-    daemon, bus, server = make_bridge(log_level=log_level)
+def test_messages_arrive_unchanged_and_in_order(make_rig, log_level):
+    daemon, bus, server = make_rig(log_level=log_level)
     server.send_many(messages)
     expected = [m.encode() if isinstance(m, str) else m for m in messages]
     assert bus.wait_for_payloads(len(messages)) == expected

@@ -25,8 +25,8 @@ messages = [
 
 # One byte to 1 MiB, NUL, "%n", UTF-8, half JSON: unchanged, each a text frame.
 @pytest.mark.parametrize("log_level", [0, 15])
-def test_messages_arrive_unchanged_and_in_order(make_bridge, log_level):
-    daemon, bus, server = make_bridge(log_level=log_level)
+def test_messages_arrive_unchanged_and_in_order(make_rig, log_level):
+    daemon, bus, server = make_rig(log_level=log_level)
     for message in messages:
         bus.send(message)
     received = server.wait_for_payloads(len(messages))

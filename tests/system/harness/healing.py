@@ -22,10 +22,10 @@ def stray_lines(daemon):
 
 
 class fault_watch:
-    """Knows a bridge with a frame_server from before a fault, and judges it after one."""
+    """Knows a rig with a frame_server from before a fault, and judges it after one."""
 
-    def __init__(self, bridge):
-        self.daemon, self.bus, self.server = bridge
+    def __init__(self, rig):
+        self.daemon, self.bus, self.server = rig
         self.descriptors = self.daemon.descriptor_count()
         self.remember()
 
@@ -67,11 +67,11 @@ class fault_watch:
         assert stray_lines(self.daemon) == []
 
 
-def expect_refused(bridge, frames):
+def expect_refused(rig, frames):
     """Each of these ends its connection, without an answer, and nothing of it reaches the bus."""
     for refused in frames:
-        watch = fault_watch(bridge)
-        bridge.server.send(refused, text(b"behind it"))
+        watch = fault_watch(rig)
+        rig.server.send(refused, text(b"behind it"))
         watch.expect_healed()
-    assert bridge.server.frames_of(opcode_close) == []
-    assert len(bridge.daemon.lines_with("process_closed:76")) == len(frames)
+    assert rig.server.frames_of(opcode_close) == []
+    assert len(rig.daemon.lines_with("process_closed:76")) == len(frames)

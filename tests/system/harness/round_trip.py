@@ -1,4 +1,4 @@
-"""Whether a bridge works."""
+"""Whether the daemon carries messages both ways."""
 
 utf8 = "Größe, 漢字, 🛰"
 every_byte = bytes(range(256))

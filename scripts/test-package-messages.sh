@@ -1,5 +1,5 @@
 #!/bin/bash
-# Run inside the system of test-package.sh: starts what the unit starts, and uses the bridge.
+# Run inside the system of test-package.sh: starts what the unit starts, and sends messages both ways.
 set -euo pipefail
 
 fail() { printf 'test-package: %s\n' "$*" >&2; exit 1; }

@@ -51,7 +51,7 @@ class judging_listener(bus_peer):
             self.on_message(received_t(time.monotonic(), bytes.fromhex(line.decode())))
 
 
-class bridge:
+class rig:
     """One daemon at a time in a sandbox, its service and its bus; every event goes to a model.
 
     All that two threads may touch is guarded by `lock`. `sending_up` and `sending_down` keep the

@@ -43,7 +43,7 @@ class roaming_connection(websockets.WebSocketServerProtocol):
         await super().pong(data)
 
 
-class bridge:
+class rig:
     """Starts the daemon and stops it with `stop`.
 
     Its clock goes `speed` times faster than the real one, by means of fast_clock.c.
