@@ -17,4 +17,5 @@ companion_folder = system_conftest.companion_folder
 place = system_conftest.place
 make_daemon = system_conftest.make_daemon
 bus = system_conftest.bus
-make_asked_bridge = system_conftest.make_asked_bridge
+start_rig = system_conftest.start_rig
+make_asked_rig = system_conftest.make_asked_rig

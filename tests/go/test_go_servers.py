@@ -43,8 +43,8 @@ both = pytest.mark.parametrize("library", [gorilla, nhooyr], ids=lambda kind: ki
 
 # gorilla's WriteJSON of 9,000 bytes and nhooyr's wsjson.Write of any size join the next messages.
 @both
-def test_json_is_joined_to_the_next_message(make_asked_bridge, library):
-    daemon, bus, service = make_asked_bridge(library)
+def test_json_is_joined_to_the_next_message(make_asked_rig, library):
+    daemon, bus, service = make_asked_rig(library)
     for size in (*library.in_one_frame, library.in_fragments, 40000):
         bus.send(b"json %d" % size)
     bus.send(b"text 100")
@@ -55,8 +55,8 @@ def test_json_is_joined_to_the_next_message(make_asked_bridge, library):
 
 # With whole_messages=1 JSON and texts of 1 to 40,000 bytes arrive before the next is asked for.
 @both
-def test_every_message_arrives_whole(make_asked_bridge, library):
-    daemon, bus, service = make_asked_bridge(library, more="whole_messages=1\n")
+def test_every_message_arrives_whole(make_asked_rig, library):
+    daemon, bus, service = make_asked_rig(library, more="whole_messages=1\n")
     expected = []
     for size in (1, 100, 4096, 8000, 9000, 40000, 1):
         for form, message in ((b"json", as_json(size)), (b"text", padded(size).encode())):

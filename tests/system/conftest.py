@@ -7,9 +7,11 @@ for every limit.
 """
 
 import collections
+import functools
 import os
 import pathlib
 import signal
+import subprocess
 
 import pytest
 
@@ -72,6 +74,15 @@ def make_daemon(place):
 
 
 @pytest.fixture
+def bystander():
+    """A process that is no daemon."""
+    process = subprocess.Popen(["sleep", "600"])
+    yield process
+    process.kill()
+    process.wait()
+
+
+@pytest.fixture
 def bus(place):
     made = bus_peer(place)
     yield made
@@ -114,30 +125,32 @@ def make_trial(make_daemon, bus):
 
 
 @pytest.fixture
-def make_rig(make_daemon, bus, server):
-    """Starts a daemon between the bus and the server; returns when "connected" was announced."""
+def start_rig(make_daemon, bus):
+    """Starts a daemon between the bus and a server; returns when "connected" was announced."""
 
-    def make(**settings):
+    def start(server, start_options=None, **settings):
         bus.listen()
-        daemon = make_daemon().start(config_text(server.url, **settings))
+        daemon = make_daemon().start(config_text(server.url, **settings), **(start_options or {}))
         bus.wait_until_connected()
         return rig_t(daemon, bus, server)
 
-    return make
+    return start
 
 
 @pytest.fixture
-def make_frame_rig(make_daemon, bus):
+def make_rig(start_rig, server):
+    """The same with a server that keeps to the protocol."""
+    return functools.partial(start_rig, server)
+
+
+@pytest.fixture
+def make_frame_rig(start_rig):
     """The same with a server that sends what the test tells it, frame by frame."""
     servers = []
 
     def make(start_options=None, server_options=None, **settings):
         servers.append(frame_server(**(server_options or {})))
-        bus.listen()
-        daemon = make_daemon().start(config_text(servers[-1].url, **settings),
-                                     **(start_options or {}))
-        bus.wait_until_connected()
-        return rig_t(daemon, bus, servers[-1])
+        return start_rig(servers[-1], start_options, **settings)
 
     yield make
     for made in servers:
@@ -145,16 +158,13 @@ def make_frame_rig(make_daemon, bus):
 
 
 @pytest.fixture
-def make_asked_rig(make_daemon, bus, place):
+def make_asked_rig(start_rig, place):
     """The same with a service that sends what a message from the bus asks it for."""
     services = []
 
     def make(service_type, **settings):
         services.append(service_type(place).start())
-        bus.listen()
-        daemon = make_daemon().start(config_text(services[-1].url, **settings))
-        bus.wait_until_connected()
-        return rig_t(daemon, bus, services[-1])
+        return start_rig(services[-1], **settings)
 
     yield make
     for made in services:
@@ -184,14 +194,11 @@ def far_server(networks):
 
 
 @pytest.fixture
-def make_wired_rig(make_daemon, bus, networks, far_server):
+def make_wired_rig(start_rig, networks, far_server):
     """The same as make_rig with the wire between daemon and server."""
 
     def make(start_options=None, **settings):
-        bus.listen()
-        daemon = make_daemon().start(config_text(far_server.url, **settings),
-                                     network=networks.near, **(start_options or {}))
-        bus.wait_until_connected()
-        return rig_t(daemon, bus, far_server)
+        wired = {"network": networks.near, **(start_options or {})}
+        return start_rig(far_server, wired, **settings)
 
     return make
