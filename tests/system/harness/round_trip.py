@@ -17,6 +17,14 @@ def passes_both_ways(bus, server, word):
         bus.payloads()[arrived_down:] == [down.encode()]
 
 
+def assert_all_arrive(bus, server, up, down, seconds):
+    """Sends all of them at once; each must arrive once, unaltered and in order."""
+    bus.send_lines(up)
+    server.send_many([message.decode() for message in down])
+    assert server.wait_for_payloads(len(up), seconds) == up
+    assert bus.wait_for_payloads(len(down), seconds) == down
+
+
 def assert_all_kinds_pass(bus, server):
     """Empty, UTF-8 and 200 KiB messages up; UTF-8, all bytes and 200 KiB down; a ping."""
     up = [b"", utf8.encode(), long_text.encode(), b"after"]

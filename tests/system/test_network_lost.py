@@ -19,7 +19,7 @@ from harness.round_trip import passes_both_ways
 def test_three_pings_find_the_network_lost(make_wired_rig, networks, outage):
     # At this speed a delay of half a second to one and a half.
     daemon, bus, server = make_wired_rig(fast_clock(20), log_level=8, initial_delay=20,
-                                            max_delay=20)
+                                         max_delay=20)
     assert passes_both_ways(bus, server, "while there is a network")
     announced, descriptors = len(bus.statuses()), daemon.descriptor_count()
     networks.cut(outage)

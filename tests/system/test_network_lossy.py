@@ -2,14 +2,14 @@
 
 # Test: 32 s, own networks
 
-from harness.round_trip import passes_both_ways
+from harness.round_trip import assert_all_arrive, passes_both_ways
 
 count = 250
 
 
 def message(way, number):
     """Some are longer than a packet."""
-    return f"{way} {number:03}:" + chr(0x61 + number % 26) * (number * 31 % 3000)
+    return b"%s %03d:" % (way, number) + bytes([0x61 + number % 26]) * (number * 31 % 3000)
 
 
 # Fault, while connected: one packet in five is lost, though no two in a row, and each other takes
@@ -20,11 +20,8 @@ def test_no_message_suffers_from_a_bad_network(make_wired_rig, networks):
     daemon, bus, server = make_wired_rig()
     announced = len(bus.statuses())
     networks.wire.loss, networks.wire.delay, networks.wire.jitter = 0.2, 0.3, 0.3
-    up, down = ([message(way, number) for number in range(count)] for way in ("up", "down"))
-    bus.send_lines([word.encode() for word in up])
-    server.send_many(down)
-    assert server.wait_for_payloads(count, 120) == [word.encode() for word in up]
-    assert bus.wait_for_payloads(count, 120) == [word.encode() for word in down]
+    up, down = ([message(way, number) for number in range(count)] for way in (b"up", b"down"))
+    assert_all_arrive(bus, server, up, down, seconds=120)
     assert networks.wire.lost > networks.wire.taken / 7 and networks.wire.overtaken > 50
     networks.wire.loss, networks.wire.delay, networks.wire.jitter = 0.0, 0.0, 0.0
     assert passes_both_ways(bus, server, "on a good network again")

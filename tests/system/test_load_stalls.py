@@ -1,25 +1,29 @@
-"""A server that stops reading, and ones that keep the daemon from sending or from being heard.
+"""A server that stops reading or is suspended, or that keeps the daemon from sending or hearing.
 
 The daemon's clock goes faster, so that the minute of its watchdog and three pings pass in seconds.
 """
 
-# Test: 27 s, native only
+# Test: 51 s, native only
 
 import contextlib
 import threading
 
 import pytest
 
-from harness.keepalive import fast_clock
 from harness.frame_server import close_frame, frame, text
 from harness.healing import fault_watch, lost_and_found
+from harness.keepalive import fast_clock
 from harness.raw_server import opcode_ping, opcode_text
+from harness.reference_service import reference_service
+from harness.round_trip import passes_both_ways
 from harness.waiting import wait_until
 
+ping = "It's time to ping websocket server"
 three_pings_missing = "There are no 3 pong answer in a row from server"
 watchdog_fired = "websock-roaming->ping_timeout:197"
 # More in all than the sockets of both sides take.
 messages = [b"%02d " % number + b"m" * (1 << 18) for number in range(20)]
+queued = [b"sent to a suspended server %d" % number for number in range(5)]
 
 
 @pytest.fixture
@@ -28,7 +32,7 @@ def stalled(make_frame_rig):
 
     def make(speed):
         rig = make_frame_rig(fast_clock(speed),
-                                   {"answers_pings": True, "receive_buffer": 4096}, log_level=12)
+                             {"answers_pings": True, "receive_buffer": 4096}, log_level=12)
         go_on = rig.server.stop_reading()
         rig.bus.send(b"the last that is read")
         rig.server.wait_for_texts(1)
@@ -37,6 +41,13 @@ def stalled(make_frame_rig):
         return rig, go_on
 
     return make
+
+
+@pytest.fixture
+def service(companion_folder):
+    made = reference_service(companion_folder)
+    yield made
+    made.end()
 
 
 def texts_on(server, number):
@@ -149,3 +160,56 @@ def test_endless_ping_flood_is_ended_by_the_watchdog(make_frame_rig):
     flooding.join(20)
     watch.expect_healed()
     assert len(daemon.lines_with(watchdog_fired)) == 1
+
+
+# Fault, while connected: the server is suspended while the daemon sends five messages and two
+# pings, is sent two messages itself, and goes on before the third ping.
+# Seen: nothing is lost in either direction, all arrives in order on the same connection, and
+# nothing is announced.
+def test_server_suspended_for_two_pings_is_kept(start_rig, service):
+    daemon, bus, _ = start_rig(service, fast_clock(10), log_level=12)
+    descriptors = daemon.descriptor_count()
+    announced = len(bus.statuses())
+    pings = len(daemon.lines_with(ping))
+    service.suspend()
+    service.send("sent while suspended")
+    service.send("and one more")
+    bus.send_lines(queued)
+    daemon.wait_for_lines(ping, pings + 2)
+    assert service.payloads() == []
+    assert bus.payloads() == []
+    service.resume()
+    assert service.wait_for_payloads(5) == queued
+    assert bus.wait_for_payloads(2) == [b"sent while suspended", b"and one more"]
+    # Answered, the two are not counted towards the three.
+    daemon.wait_for_lines(ping, pings + 4)
+    assert daemon.lines_with(three_pings_missing) == []
+    assert passes_both_ways(bus, service, "resumed")
+    assert bus.statuses()[announced:] == []
+    daemon.wait_for_descriptors(descriptors)
+
+
+# Fault, while connected: the server is suspended for more than three pings, after which its kernel
+# still accepts connections but no handshake is answered, and goes on then.
+# Seen: "There are no 3 pong answer in a row from server" once, "disconnected" for as long as it is
+# suspended, then "connected"; what was sent before the third ping reaches the server once and in
+# order, and messages pass both ways.
+def test_server_suspended_for_three_pings_is_dropped_and_found_again(start_rig, service):
+    daemon, bus, _ = start_rig(service, fast_clock(20), log_level=12)
+    descriptors = daemon.descriptor_count()
+    announced = len(bus.statuses())
+    service.suspend()
+    bus.send_lines(queued)
+    daemon.wait_for_lines(three_pings_missing, 1)
+    # Four are one attempt that failed.
+    bus.wait_for_statuses(announced + 4)
+    assert bus.run("status", "--timeout", "20").stdout == b"disconnected\n"
+    service.resume()
+    bus.wait_for_last_status("connected", after=announced)
+    seen = bus.statuses()[announced:]
+    assert set(seen[:-1]) == {"disconnected"}
+    assert seen[-3:] == lost_and_found
+    assert service.wait_for_payloads(5) == queued
+    assert len(daemon.lines_with(three_pings_missing)) == 1
+    assert passes_both_ways(bus, service, "resumed")
+    daemon.wait_for_descriptors(descriptors)

@@ -4,11 +4,11 @@
 
 import pytest
 
-from harness.bus_peer import connected, disconnected
+from harness.bus_peer import connected, disconnected, status_request
 from harness.vemk_daemon import config_text
 
 requests = [
-    b'{"service":"internal-ipc","cmd":"status"}',
+    status_request,
     b'{"service":"INTERNAL-IPC","cmd":"Status"}',
     b'{ "cmd": "STATUS", "service": "Internal-Ipc", "version": 7, "more": [1] }',
 ]
@@ -56,7 +56,7 @@ def test_other_internal_messages_are_swallowed(make_rig):
     for message in unanswered:
         bus.send(message)
     bus.send(b"marker")
-    bus.send(requests[0])
+    bus.send(status_request)
     assert server.wait_for_payloads(1) == [b"marker"]
     bus.wait_for_statuses(announced + 1)
     assert [r.payload for r in bus.received[announced:]] == [connected]
