@@ -49,6 +49,10 @@ class sandbox:
         return [*namespace_prefix(), "sh", "-c", enter, "sandbox", *binds, "in",
                 str(self.tmp_folder), *map(str, arguments)]
 
+    def pid_file_text(self):
+        """Nothing while there is no such file."""
+        return self.pid_file.read_text() if self.pid_file.exists() else ""
+
     def remove(self):
         shutil.rmtree(self.folder, ignore_errors=True)
 

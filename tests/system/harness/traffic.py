@@ -4,6 +4,8 @@ import threading
 
 import websockets
 
+from harness.waiting import wait_until
+
 
 def is_strictly_in_order(part, whole):
     """Whether `part` is `whole`, of different messages, less some of them."""
@@ -14,7 +16,8 @@ def is_strictly_in_order(part, whole):
 class bus_traffic:
     """Sends "up 0", "up 1" ... from the bus and "down 0" ... from the server until it is stopped.
 
-    `taken` are the messages from the bus that the daemon is known to have taken.
+    As a context it is stopped at the end. `taken` are the messages from the bus that the daemon is
+    known to have taken.
     """
 
     def __init__(self, bus, server):
@@ -24,6 +27,14 @@ class bus_traffic:
         self.threads = [threading.Thread(target=target) for target in (self.go_up, self.go_down)]
         for thread in self.threads:
             thread.start()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.ended.set()
+        for thread in self.threads:
+            thread.join()
 
     def go_up(self):
         while not self.ended.is_set():
@@ -41,7 +52,12 @@ class bus_traffic:
             except websockets.ConnectionClosed:
                 pass
 
-    def stop(self):
-        self.ended.set()
-        for thread in self.threads:
-            thread.join()
+    def arrived(self):
+        """Sends a last message each way, and returns what came before them, up and down."""
+        self.bus.send(b"last up")
+        wait_until(lambda: self.server.payloads()[-1:] == [b"last up"],
+                   "the last message at the server")
+        self.server.send("last down")
+        wait_until(lambda: self.bus.payloads()[-1:] == [b"last down"],
+                   "the last message on the bus")
+        return self.server.payloads()[:-1], self.bus.payloads()[:-1]

@@ -1,6 +1,6 @@
-"""SIGTERM at any moment of a daemon's life, and the other signals."""
+"""SIGTERM at any moment of a daemon's life, other signals, and suspension."""
 
-# Test: 10 s
+# Test: 35 s
 
 import concurrent.futures
 import functools
@@ -59,7 +59,7 @@ def end_one(folders, behaviour, moment):
         daemon.end_expected = True
         daemon.process.terminate()
         status = daemon.process.wait(slowdown)
-        recorded = place.pid_file.read_text() if place.pid_file.exists() else ""
+        recorded = place.pid_file_text()
         if status != -signal.SIGTERM:
             return f"{behaviour}, after {moment:.3f} s: status {status}"
         if recorded not in ("", f"{daemon.pid}\n"):
@@ -90,9 +90,9 @@ def test_sigterm_at_any_moment(build_folder, companion_folder):
     assert problems == []
 
 
-# Fault, in the process: SIGINT or SIGHUP while connected.
+# Fault, in the process: SIGTERM, SIGINT or SIGHUP while connected.
 # Seen: as any process without a handler the daemon ends by it; the PID file stays.
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGHUP])
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP])
 def test_signals_without_a_handler_end_the_daemon(make_rig, place, number):
     daemon, bus, server = make_rig()
     daemon.process.send_signal(number)
@@ -115,3 +115,39 @@ def test_sigpipe_never_ends_the_daemon(make_daemon, bus, server):
         daemon.process.send_signal(signal.SIGPIPE)
     assert passes_both_ways(bus, server, "after the signals")
     assert len(server.handshakes) == 1
+
+
+def suspend(daemon, seconds, meanwhile=lambda: None):
+    daemon.process.send_signal(signal.SIGSTOP)
+    meanwhile()
+    time.sleep(seconds)
+    daemon.process.send_signal(signal.SIGCONT)
+
+
+# Fault, in the process: SIGSTOP, and SIGCONT 8 seconds later.
+# Seen: what the server sent meanwhile arrives, on the same connection; nothing is announced and
+# there is no "Time error" line.
+def test_suspended_for_eight_seconds_goes_on(make_rig):
+    daemon, bus, server = make_rig(log_level=8)
+    announced = len(bus.statuses())
+    suspend(daemon, 8, meanwhile=lambda: server.send("sent to a suspended daemon"))
+    assert bus.wait_for_payloads(1) == [b"sent to a suspended daemon"]
+    assert passes_both_ways(bus, server, "resumed")
+    assert len(server.handshakes) == 1
+    assert bus.statuses()[announced:] == []
+    assert daemon.lines_with("Time error") == []
+
+
+# Fault, in the process: SIGSTOP, and SIGCONT 15 seconds later.
+# Seen: the line "time_monotonic: Time error, need restart, expired [NOW] [BEFORE] cnt 10" and the
+# end with status 255; started again, the daemon connects.
+def test_suspended_for_fifteen_seconds_ends(make_rig, make_daemon):
+    daemon, bus, server = make_rig(log_level=8)
+    announced = len(bus.statuses())
+    suspend(daemon, 15)
+    assert daemon.wait_for_exit() == 255
+    errors = [line.text for line in daemon.lines_with("Time error")]
+    assert len(errors) == 11 and errors[10].endswith(" cnt 10")
+    make_daemon().start(config_text(server.url))
+    bus.wait_for_last_status("connected", after=announced)
+    assert passes_both_ways(bus, server, "started again")
