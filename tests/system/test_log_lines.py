@@ -55,9 +55,10 @@ def test_debug_lines_tell_the_course_of_a_message(make_rig):
     assert dumps[1].endswith("    down 3 %n\n")
 
 
-# At mask 4 the log is the one line "lws_send:Send msg type [0] len [16/16]  to websocket".
-def test_info_lines_tell_what_was_sent(make_rig):
-    rig = make_rig(log_level=4)
+# At mask 4 or 0x04 the log is the one line "lws_send:Send msg type [0] len [16/16]  to websocket".
+@pytest.mark.parametrize("log_level", [4, "0x04"])
+def test_info_lines_tell_what_was_sent(make_rig, log_level):
+    rig = make_rig(log_level=log_level)
     exchange(rig)
     rig.daemon.wait_for_lines("Send msg")
     assert [(line.module, line.text) for line in rig.daemon.log_lines()] == [
@@ -72,11 +73,3 @@ def test_no_lines_when_there_is_nothing_of_the_category(make_rig, log_level):
     exchange(rig)
     assert rig.daemon.log_text() == ""
     assert rig.daemon.output() == ""
-
-
-# log_level=0x04 logs the one line that 4 does.
-def test_hexadecimal_mask_means_the_same(make_rig):
-    rig = make_rig(log_level="0x04")
-    exchange(rig)
-    rig.daemon.wait_for_lines("Send msg")
-    assert len(rig.daemon.log_lines()) == 1

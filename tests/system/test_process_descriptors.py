@@ -20,8 +20,8 @@ def limit_descriptors(daemon, count):
 
 
 # Fault, in the process: a start with 4, 5, 6, 8, 12, 16 or 18 descriptors; later there are enough.
-# Seen: "pipe: Too many open files", "cannot join the bus" or "Creating libwebsocket context failed";
-# the daemon lives, tries again, and carries messages once it can.
+# Seen: "pipe: Too many open files", "cannot join the bus" or "Creating libwebsocket context
+# failed"; the daemon lives, tries again, and carries messages once it can.
 @pytest.mark.parametrize("descriptors, line", [
     (4, "pipe: Too many open files"),
     (5, no_context),

@@ -7,25 +7,23 @@ import pathlib
 
 import pytest
 
-from harness.vemk_daemon import config_text
+from harness.frame_server import pattern
 
 stack_bytes = 128 * 1024
 
 
 @pytest.fixture
-def rig(make_daemon, bus, server):
-    bus.listen()
-    daemon = make_daemon().start(config_text(server.url, log_level=15), stack_bytes=stack_bytes)
-    bus.wait_until_connected()
-    limits = pathlib.Path(f"/proc/{daemon.pid}/limits").read_text()
+def rig(make_rig):
+    made = make_rig({"stack_bytes": stack_bytes}, log_level=15)
+    limits = pathlib.Path(f"/proc/{made.daemon.pid}/limits").read_text()
     assert f"Max stack size            {stack_bytes} " in limits
-    return daemon, bus, server
+    return made
 
 
 # 16 MiB and the message behind it reach the server over one connection.
 def test_sixteen_mebibytes_from_the_bus(rig):
     daemon, bus, server = rig
-    message = b"".join(b"%07x " % i for i in range((16 << 20) // 8))
+    message = pattern(16 << 20)
     bus.send(message)
     bus.send(b"next")
     assert server.wait_for_payloads(2, seconds=90) == [message, b"next"]

@@ -9,19 +9,16 @@ import subprocess
 import pytest
 
 from harness.round_trip import passes_both_ways
-from harness.vemk_daemon import config_text
 
 
 @pytest.fixture
-def rig_with(make_daemon, bus, server):
-    """Starts a daemon that logs everything, with these arguments of its start; it has to rig."""
+def rig_with(make_rig):
+    """Starts a daemon that logs everything, with these arguments of its start."""
 
     def start(**options):
-        bus.listen()
-        daemon = make_daemon().start(config_text(server.url, log_level=15), **options)
-        bus.wait_until_connected()
-        assert passes_both_ways(bus, server, "connected")
-        return daemon, bus, server
+        rig = make_rig(options, log_level=15)
+        assert passes_both_ways(rig.bus, rig.server, "connected")
+        return rig
 
     return start
 
@@ -50,8 +47,8 @@ def test_log_file_on_a_full_device(rig_with):
 
 
 # Fault, in the process: the file system of the log file is full, later it is not.
-# Seen: the daemon carries messages and reconnects; the log file holds each line that was logged once
-# there was room.
+# Seen: the daemon carries messages and reconnects; the log file holds each line that was logged
+# once there was room.
 @pytest.mark.skipif(os.geteuid() != 0, reason="it mounts a file system")
 def test_log_file_on_a_full_file_system(rig_with, place):
     folder = place.folder / "log"
@@ -106,7 +103,7 @@ def test_standard_output_that_takes_nothing(rig_with, kind):
 
 # Fault, in the process: standard input, output and error are closed.
 # Seen: no socket takes their places; the daemon carries messages and reconnects.
-def test_closed_standard_descriptors(rig_with, place):
+def test_closed_standard_descriptors(rig_with):
     daemon, bus, server = rig_with(runner=["sh", "-c", 'exec "$@" <&- >&- 2>&-', "closed"])
     links = [os.readlink(f"/proc/{daemon.pid}/fd/{number}") for number in range(3)]
     assert links == ["/dev/null"] * 3
