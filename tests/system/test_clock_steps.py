@@ -46,37 +46,32 @@ def time_errors(daemon):
     return found and int(found[0][1]) - int(found[0][2]), [int(m[3]) for m in found]
 
 
-# Fault, in the process: one reading of the monotonic clock is a second behind the one before.
-# Seen: the line "time_monotonic: Time error, need restart, expired [NOW] [BEFORE] cnt 0", no other,
-# and the daemon connects as soon as the server is up.
-def test_one_reading_behind_is_only_logged(start_waiting, bus, server):
+# Fault, in the process: one reading of the monotonic clock is a second behind the one before, or
+# ten in a row are behind the last good one.
+# Seen: a line "time_monotonic: Time error, need restart, expired [NOW] [BEFORE] cnt 0" for each,
+# counted from 0 to 9, no other; the next reading is good, and the daemon connects as soon as the
+# server is up.
+@pytest.mark.parametrize("seconds, readings", [(-1, 1), (-5, 10)])
+def test_ten_readings_behind_are_only_logged(start_waiting, bus, server, seconds, readings):
     daemon, clock = start_waiting()
-    clock.step(-1, readings=1)
-    daemon.wait_for_lines("Time error")
+    clock.step(seconds, readings)
+    daemon.wait_for_lines("Time error", readings)
     assert heals(bus, server)
-    assert time_errors(daemon) == (-1, [0])
-
-
-# Fault, in the process: ten readings of the monotonic clock in a row are behind the last good one.
-# Seen: ten "Time error" lines, counted from 0 to 9; the eleventh reading is good, and life goes on.
-def test_ten_readings_behind_are_only_logged(start_waiting, bus, server):
-    daemon, clock = start_waiting()
-    clock.step(-5, readings=10)
-    daemon.wait_for_lines("Time error", 10)
-    assert heals(bus, server)
-    assert time_errors(daemon) == (-5, list(range(10)))
+    assert time_errors(daemon) == (seconds, list(range(readings)))
 
 
 # Fault, in the process: eleven readings of the monotonic clock in a row are behind the last good
-# one.
-# Seen: eleven "Time error" lines, the last with cnt 10, and the end with status 255; started again,
+# one, or it jumps forward by 11 seconds and stays there.
+# Seen: eleven "Time error" lines, counted from 0 to 10, and the end with status 255; started again,
 # the daemon connects.
-def test_eleven_readings_behind_end_the_daemon(start_waiting, make_daemon, bus, server):
+@pytest.mark.parametrize("seconds, readings", [(-5, 11), (11, every_reading)])
+def test_eleven_time_errors_end_the_daemon(start_waiting, make_daemon, bus, server, seconds,
+                                           readings):
     daemon, clock = start_waiting()
-    clock.step(-5, readings=11)
+    clock.step(seconds, readings)
     assert daemon.wait_for_exit() == 255
-    assert clock.readings_left() == 0
-    assert time_errors(daemon) == (-5, list(range(11)))
+    assert clock.readings_left() == min(readings, 0)
+    assert time_errors(daemon) == (seconds, list(range(11)))
     make_daemon().start(config_text(server.url))
     assert heals(bus, server)
 
@@ -91,18 +86,6 @@ def test_jump_of_ten_seconds_only_shortens_the_wait(start_waiting, bus, server):
     assert attempt.time - drawn.time < int(drawn.text.split()[-2]) - 1
     assert heals(bus, server)
     assert daemon.lines_with("Time error") == []
-
-
-# Fault, in the process: the monotonic clock jumps forward by 11 seconds, and stays there.
-# Seen: eleven "Time error" lines, counted from 0 to 10, and the end with status 255; started again,
-# the daemon connects.
-def test_jump_of_eleven_seconds_ends_the_daemon(start_waiting, make_daemon, bus, server):
-    daemon, clock = start_waiting()
-    clock.step(11, every_reading)
-    assert daemon.wait_for_exit() == 255
-    assert time_errors(daemon) == (11, list(range(11)))
-    make_daemon().start(config_text(server.url))
-    assert heals(bus, server)
 
 
 # Fault, in the process: the wall clock is set back by a year while the daemon is connected.

@@ -30,11 +30,26 @@ def lives_through_a_reconnect(daemon, bus, server):
     return passes_both_ways(bus, server, "connected again") and daemon.runs()
 
 
-# Fault, in the process: standard error is /dev/full.
-# Seen: the lines are lost; the daemon carries messages and reconnects.
-def test_standard_error_on_a_full_device(rig_with):
-    with open("/dev/full", "wb") as full:
-        rig = rig_with(log_to=full)
+def full_device():
+    return os.open("/dev/full", os.O_WRONLY)
+
+
+def pipe_without_a_reader():
+    reading, writing = os.pipe()
+    os.close(reading)
+    return writing
+
+
+# Fault, in the process: standard error or standard output is /dev/full, or a pipe whose reader has
+# gone.
+# Seen: the lines are lost, and nothing is written to standard output; SIGPIPE does not end the
+# daemon, it carries messages and reconnects.
+@pytest.mark.parametrize("stream", ["log_to", "output_to"])
+@pytest.mark.parametrize("destination", [full_device, pipe_without_a_reader])
+def test_standard_stream_that_takes_nothing(rig_with, stream, destination):
+    descriptor = destination()
+    rig = rig_with(**{stream: descriptor})
+    os.close(descriptor)
     assert lives_through_a_reconnect(*rig)
 
 
@@ -75,30 +90,6 @@ def fills(file):
         return file.write(bytes(4096)) > 0
     except OSError:
         return False
-
-
-# Fault, in the process: standard error is a pipe whose reader has gone.
-# Seen: SIGPIPE does not end the daemon; it carries messages and reconnects.
-def test_standard_error_on_a_pipe_without_a_reader(rig_with):
-    reading, writing = os.pipe()
-    os.close(reading)
-    rig = rig_with(log_to=writing)
-    os.close(writing)
-    assert lives_through_a_reconnect(*rig)
-
-
-# Fault, in the process: standard output is /dev/full, or a pipe whose reader has gone.
-# Seen: the daemon writes nothing there and carries messages.
-@pytest.mark.parametrize("kind", ["full", "pipe"])
-def test_standard_output_that_takes_nothing(rig_with, kind):
-    if kind == "full":
-        output = os.open("/dev/full", os.O_WRONLY)
-    else:
-        reading, output = os.pipe()
-        os.close(reading)
-    rig = rig_with(output_to=output)
-    os.close(output)
-    assert lives_through_a_reconnect(*rig)
 
 
 # Fault, in the process: standard input, output and error are closed.

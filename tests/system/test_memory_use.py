@@ -211,28 +211,22 @@ def test_a_peer_without_measure_costs_no_memory(make_rig, peer, at_inbox):
     assert len(server.handshakes) == 1
 
 
-# Fault, in the process: no memory for the copy of a message from the bus.
-# Seen: "append:95 Can't alloc memory", the message is lost, the next one passes.
-def test_no_memory_for_a_message_from_the_bus_loses_it(rig, memory):
+# Fault, in the process: no memory for the copy of a message from the bus, or for the frame of one
+# of 40,000 bytes.
+# Seen: "append:95 Can't alloc memory", or "lws_send:Can't send msg type [0] to websocket"; the
+# message is lost, the next one passes.
+@pytest.mark.parametrize("thread, length, refused, line", [
+    pytest.param("ipc", 5000, 5001, no_memory, id="copy"),
+    pytest.param("websock-roaming", 40000, 40016, not_sent, id="frame"),
+])
+def test_no_memory_for_a_message_from_the_bus_loses_it(rig, memory, thread, length, refused, line):
     daemon, bus, server = rig
-    memory.fail("ipc", size=5001)
-    bus.send(b"m" * 5000)
-    daemon.wait_for_lines(no_memory)
+    memory.fail(thread, size=refused)
+    bus.send(b"m" * length)
+    daemon.wait_for_lines(line)
     assert passes_both_ways(bus, server, "after the lost message")
     assert server.payloads() == [b"after the lost message, from the bus"]
-    assert error_lines(daemon) == [no_memory]
-
-
-# Fault, in the process: no memory for the frame of a message of 40,000 bytes.
-# Seen: "lws_send:Can't send msg type [0] to websocket", the message is lost, the next one passes.
-def test_no_memory_for_a_frame_loses_the_message(rig, memory):
-    daemon, bus, server = rig
-    memory.fail("websock-roaming", size=40016)
-    bus.send(b"m" * 40000)
-    daemon.wait_for_lines(not_sent)
-    assert passes_both_ways(bus, server, "after the lost frame")
-    assert server.payloads() == [b"after the lost frame, from the bus"]
-    assert error_lines(daemon) == [not_sent]
+    assert error_lines(daemon) == [line]
 
 
 # Fault, in the process: no memory for the first, the middle and the last of three pieces received.
