@@ -2,8 +2,9 @@
 """Lists what the tests show: build/behaviours.md, and docs/faults.md for the fault matrix.
 
 Both are made of the comment directly above each test. Its first line is the behaviour in one
-sentence. A row of the fault matrix begins with "Fault, GROUP:" and tells after "Seen:" what the
-bus, the server and the log must show; both may take several lines.
+sentence. A test whose comment begins with "Fault, GROUP:" is a row of the fault matrix, whatever its
+file's name; it tells after "Seen:" what the bus, the server and the log must show. Both may take
+several lines.
 
 Usage: list-behaviours.py [--check]     --check writes nothing and fails when docs/faults.md is stale
 """
@@ -71,8 +72,8 @@ faults_intro = """\
 Each row is a test that brings the fault about, nearly all of them with the real daemon, a real
 bus and a real server, and checks what the bus, the server and the log show. Made by
 `scripts/list-behaviours.py` from the comment above each test; `make test` fails when it is stale. A
-file's tests are run with `ctest --test-dir build -R NAME`, for instance `-R fault_servers`;
-`make soak` brings many of them about at random.
+file's tests are run with `ctest --test-dir build -R NAME`, for instance `-R frames`, and all files
+of `system` with a row here with `-L fault`; `make soak` brings many of them about at random.
 """
 
 
