@@ -4,41 +4,12 @@ import socket
 import struct
 import threading
 
-from harness.raw_server import (apply_mask, opcode_close, opcode_ping, opcode_pong, opcode_text,
-                                raw_server, upgrade)
+from harness.frames import (close_frame, frame, opcode_binary, opcode_continuation, opcode_ping,
+                            opcode_pong, opcode_text, text)
+from harness.raw_server import raw_server, upgrade
 from harness.waiting import wait_until
 
-opcode_continuation, opcode_binary = 0, 2
 reset_on_close = struct.pack("ii", 1, 0)
-
-
-def frame(opcode, payload=b"", final=True, reserved=0, mask=None, length_bits=None, length=None):
-    """One frame; `reserved` holds any of the bits 0x40, 0x20 and 0x10 of its first byte.
-
-    The length field has its shortest form, unless `length_bits` asks for 7, 16 or 64, and holds
-    the payload's length, unless `length` is given.
-    """
-    length = len(payload) if length is None else length
-    length_bits = length_bits or (7 if length < 126 else 16 if length < 1 << 16 else 64)
-    masked = 0 if mask is None else 0x80
-    head = bytes([(0x80 if final else 0) | reserved | opcode])
-    if length_bits == 7:
-        head += bytes([masked | length])
-    elif length_bits == 16:
-        head += struct.pack("!BH", masked | 126, length)
-    else:
-        head += struct.pack("!BQ", masked | 127, length)
-    if mask is None:
-        return head + payload
-    return head + mask + apply_mask(payload, mask)
-
-
-def text(payload, **more):
-    return frame(opcode_text, payload, **more)
-
-
-def close_frame(code, reason=b""):
-    return frame(opcode_close, struct.pack("!H", code) + reason)
 
 
 def pattern(size):

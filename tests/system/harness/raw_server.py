@@ -8,11 +8,11 @@ import socket
 import threading
 import time
 
+from harness.frames import (frame_parser, frame_t, opcode_close, opcode_ping, opcode_pong,
+                            opcode_text, text)
 from harness.waiting import wait_until
 
-raw_frame_t = collections.namedtuple("raw_frame_t", "time connection final opcode masked payload")
-
-opcode_text, opcode_close, opcode_ping, opcode_pong = 1, 8, 9, 10
+raw_frame_t = collections.namedtuple("raw_frame_t", ("time", "connection", *frame_t._fields))
 
 
 def silent(server, connection, request):
@@ -54,30 +54,6 @@ def upgrade(server, connection, request):
     """Accepts the WebSocket without choosing a subprotocol, and never answers a frame."""
     connection.sendall(http_head(upgrade_lines(request)))
     server.read_frames(connection)
-
-
-def apply_mask(payload, mask):
-    size = len(payload)
-    repeated = (mask * (size // 4 + 1))[:size]
-    return (int.from_bytes(payload, "big") ^ int.from_bytes(repeated, "big")).to_bytes(size, "big")
-
-
-def read_frame(stream, connection_number):
-    """The next frame; None when the stream ends before the frame does."""
-    head = stream.read(2)
-    if len(head) < 2:
-        return None
-    length = head[1] & 0x7F
-    if length > 125:
-        field = stream.read(2 if length == 126 else 8)
-        length = int.from_bytes(field, "big")
-    masked = bool(head[1] & 0x80)
-    mask = stream.read(4) if masked else bytes(4)
-    payload = stream.read(length)
-    if len(payload) < length:
-        return None
-    return raw_frame_t(time.monotonic(), connection_number, bool(head[0] & 0x80), head[0] & 0x0F,
-                       masked, apply_mask(payload, mask))
 
 
 class raw_server:
@@ -122,9 +98,10 @@ class raw_server:
 
     def read_frames(self, connection):
         number = self.connections.index(connection) + 1
-        with connection.makefile("rb") as stream:
-            while frame := read_frame(stream, number):
-                self.frames.append(frame)
+        parser = frame_parser()
+        while data := connection.recv(8192):
+            for frame in parser.feed(data):
+                self.frames.append(raw_frame_t(time.monotonic(), number, *frame))
                 self.after_frame(connection, frame)
 
     def after_frame(self, connection, frame):
@@ -143,8 +120,7 @@ class raw_server:
                    lambda: f"there were {len(self.connections)}")
 
     def send_text_frame(self, payload):
-        """One final unmasked text frame of less than 126 bytes."""
-        self.connections[-1].sendall(bytes([0x81, len(payload)]) + payload)
+        self.connections[-1].sendall(text(payload))
 
     def shut_down(self):
         self.listener.shutdown(socket.SHUT_RDWR)
