@@ -90,8 +90,9 @@ def bus(place):
 
 
 @pytest.fixture
-def server():
-    made = roaming_server()
+def server(request):
+    """The service that most tests use; `with_servers` has them run with others too."""
+    made = getattr(request, "param", roaming_server)()
     made.start()
     yield made
     made.shut_down()
@@ -115,8 +116,8 @@ def make_trial(make_daemon, bus):
     """Starts a daemon with a server that accepts it once and then shows it the faults."""
     made = []
 
-    def make(faults, server_type=failing_server, **start_options):
-        made.append(server_type(faults))
+    def make(faults, reads_requests=True, **start_options):
+        made.append(failing_server(faults, reads_requests))
         return handshake_trial(make_daemon, bus, made[-1], start_options)
 
     yield make

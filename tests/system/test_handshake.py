@@ -1,14 +1,24 @@
-"""The request that opens the connection, and configurations that lead to it."""
+"""The opening request: where it goes, what it says, when it comes, and answers that connect."""
 
-# Test: 7 s
+# Test: 20 s
+
+import socket
+import time
 
 import pytest
 
-from harness.raw_server import opcode_text, upgrade
+from harness.bus_peer import connected
+from harness.frames import text
+from harness.independent_servers import with_each_server
+from harness.keepalive import established, fast_clock
+from harness.raw_server import http_head, silent, upgrade, upgrade_lines
+from harness.round_trip import passes_both_ways
 from harness.vemk_daemon import config_text
 
 
-# Host is the bare host, Origin "http://" and that host, both without the port; version 13, "websock-roaming", and no extensions.
+# Host is the bare host, Origin "http://" and it, without the port; version 13, no extensions.
+# Three servers see this request, and choose the offered "websock-roaming".
+@with_each_server
 def test_request_names_host_path_and_subprotocol(make_rig):
     daemon, bus, server = make_rig()
     handshake = server.handshakes[0]
@@ -19,18 +29,6 @@ def test_request_names_host_path_and_subprotocol(make_rig):
     assert handshake.headers["Sec-WebSocket-Version"] == "13"
     assert "Sec-WebSocket-Extensions" not in handshake.headers
     assert handshake.subprotocol == "websock-roaming"
-
-
-# An answer without a subprotocol connects, and messages pass both ways.
-def test_server_that_chooses_no_subprotocol_is_accepted(make_daemon, make_raw_server, bus):
-    server = make_raw_server(upgrade)
-    bus.listen()
-    make_daemon().start(config_text(server.url))
-    bus.wait_until_connected()
-    bus.send(b"up")
-    assert server.wait_for_frames(opcode_text, 1)[0].payload == b"up"
-    server.send_text_frame(b"down")
-    assert bus.wait_for_payloads(1) == [b"down"]
 
 
 # No scheme, upper case, two URLs, an overlong line and a NUL byte: the last whole URL counts.
@@ -58,3 +56,126 @@ def test_options_are_overridden_by_the_file(make_daemon, server, place):
                                    "-f", place.folder / "missing.conf", "-f", file])
     server.wait_for_connections(1)
     assert server.handshakes[0].path == "/roam"
+
+
+# With six proxy variables set the daemon connects, and the proxy sees nobody.
+def test_proxy_variables_are_ignored(make_daemon, make_raw_server, bus, server):
+    proxy = make_raw_server(silent)
+    address = f"127.0.0.1:{proxy.port}"
+    bus.listen()
+    make_daemon().start(config_text(server.url, log_level=15), environment={
+        "http_proxy": address, "HTTP_PROXY": address, "socks_proxy": address,
+        "SOCKS_PROXY": address, "all_proxy": address, "ALL_PROXY": address})
+    bus.wait_until_connected()
+    assert len(server.handshakes) == 1
+    assert proxy.connections == []
+
+
+# Fault, before the connection: a port on which nobody listens, with the delays 1 and 3.
+# Seen: each attempt is logged "websock-roaming->process_client_connection_error:41"; the bus hears
+# "disconnected" only; the delays come from [0;1), [1;3), [1;4) and [1;4); it connects when the
+# server listens, and after that the next delay comes from [0;1) again.
+def test_delay_grows_with_each_refusal_and_starts_over_when_connected(make_daemon, bus, server):
+    server.stop()
+    bus.listen()
+    config = config_text(server.url, initial_delay=1, max_delay=3, log_level=15)
+    daemon = make_daemon().start(config)
+    ranges = [line.text for line in daemon.wait_for_lines("Generate delay", 4, seconds=60)]
+    assert ranges[:4] == [f"Generate delay into {window} range"
+                          for window in ("[0;1)", "[1;3)", "[1;4)", "[1;4)")]
+    assert len(daemon.lines_with("process_client_connection_error:41")) >= 3
+    assert set(bus.statuses()) == {"disconnected"}
+    server.start()
+    bus.wait_for_last_status("connected", seconds=60)
+    assert len(server.handshakes) == 1
+    tried = len(daemon.lines_with("Generate delay"))
+    server.reset()
+    again = daemon.wait_for_lines("Generate delay", tried + 1)
+    assert again[tried].text == "Generate delay into [0;1) range"
+
+
+# After an establishment the window is [1;3) again, and the attempt comes 1 or 2 seconds later.
+def test_new_connection_comes_after_the_delay_drawn(make_rig):
+    daemon, bus, server = make_rig(initial_delay=2, max_delay=2, log_level=15)
+    lost = server.reset()
+    server.wait_for_connections(2)
+    assert [line.text for line in daemon.lines_with("Generate delay")] == \
+        ["Generate delay into [1;3) range"] * 2
+    drawn, attempt = daemon.lines_with("Delay before connection")[1], \
+        daemon.lines_with("Try to establish connect")[1]
+    delay = int(drawn.text.split()[-2])
+    assert delay in (1, 2)
+    # Whole seconds of the clock: the wait ends on the boundary of the last of them.
+    assert delay - 1 <= attempt.time - drawn.time
+    assert attempt.time - lost < 1 + 0.3 + delay + 3
+
+
+def connect_through(behaviour, make_daemon, make_raw_server, bus, heard=(), **start_options):
+    """A daemon that is connected by it at once, hears this and passes a message on either way."""
+    server = make_raw_server(behaviour)
+    bus.listen()
+    daemon = make_daemon().start(config_text(server.url, log_level=15), **start_options)
+    bus.wait_until_connected()
+    assert bus.wait_for_payloads(len(heard)) == [*heard]
+    assert passes_both_ways(bus, server, "connected")
+    assert len(server.connections) == 1
+    return daemon
+
+
+# Fault, before the connection: a handshake answer that arrives in one-byte pieces.
+# Seen: it connects at the first attempt, and messages flow both ways.
+def test_handshake_in_one_byte_pieces_connects(make_daemon, make_raw_server, bus):
+    def trickle(server, connection, request):
+        connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        for byte in http_head(upgrade_lines(request)):
+            connection.sendall(bytes([byte]))
+            time.sleep(0.002)
+        server.read_frames(connection)
+
+    connect_through(trickle, make_daemon, make_raw_server, bus)
+
+
+# Fault, before the connection: a server that answers the handshake after 8 seconds.
+# Seen: it connects at the first attempt, and messages flow both ways.
+def test_answer_after_eight_seconds_connects(make_daemon, make_raw_server, bus):
+    """The library gave the attempt up after 5 seconds, and the next, for as long as the service
+    was that slow."""
+    clock = fast_clock(4)
+
+    def hesitate(server, connection, request):
+        time.sleep(8 / 4 if clock else 8)
+        upgrade(server, connection, request)
+
+    daemon = connect_through(hesitate, make_daemon, make_raw_server, bus, **clock)
+    began = daemon.lines_with("websock-roaming->Connected")[0].time
+    assert established(daemon) - began > 6
+
+
+# Fault, before the connection: the handshake answer and the first frame in the same segment.
+# Seen: the bus hears "connected", then the frame's message, and messages flow both ways.
+def test_first_frame_in_the_segment_of_the_handshake_is_received(make_daemon, make_raw_server, bus):
+    def hurry(server, connection, request):
+        connection.sendall(http_head(upgrade_lines(request)) + text(b"first"))
+        server.read_frames(connection)
+
+    connect_through(hurry, make_daemon, make_raw_server, bus, heard=[b"first"])
+    heard = [received.payload for received in bus.received]
+    assert heard.index(b"first") > heard.index(connected)
+
+
+# Fault, before the connection: a handshake answer that names no subprotocol or an empty one, names
+# "Upgrade" second in its list, ends its lines without carriage returns, or is of HTTP/1.0.
+# Seen: it connects at the first attempt, and messages flow both ways.
+@pytest.mark.parametrize("odd", [
+    lambda head: head,
+    lambda head: head[:-2] + b"Sec-WebSocket-Protocol: \r\n\r\n",
+    lambda head: head.replace(b"Connection: Upgrade", b"connection: keep-alive, Upgrade"),
+    lambda head: head.replace(b"\r\n", b"\n"),
+    lambda head: head.replace(b"HTTP/1.1", b"HTTP/1.0"),
+], ids=["no-subprotocol", "empty-subprotocol", "list", "bare-line-ends", "http-1.0"])
+def test_odd_handshake_answer_connects(make_daemon, make_raw_server, bus, odd):
+    def accept(server, connection, request):
+        connection.sendall(odd(http_head(upgrade_lines(request))))
+        server.read_frames(connection)
+
+    connect_through(accept, make_daemon, make_raw_server, bus)

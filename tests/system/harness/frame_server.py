@@ -1,15 +1,12 @@
 """A roaming service that sends what its test tells it to, frame by frame or byte by byte."""
 
 import socket
-import struct
 import threading
 
 from harness.frames import (close_frame, frame, opcode_binary, opcode_continuation, opcode_ping,
                             opcode_pong, opcode_text, text)
-from harness.raw_server import raw_server, upgrade
+from harness.raw_server import finish, raw_server, reset, upgrade
 from harness.waiting import wait_until
-
-reset_on_close = struct.pack("ii", 1, 0)
 
 
 def pattern(size):
@@ -22,14 +19,12 @@ class frame_server(raw_server):
 
     `answers_pings` holds for all of them, or is a function that tells it of the n-th. In
     `receive_buffer` bytes a connection's socket holds what is not read yet.
-    Operations that concern a connection mean the newest one.
     """
 
     def __init__(self, answers_pings=False, receive_buffer=None):
         self.answers_ping = answers_pings if callable(answers_pings) else lambda _: answers_pings
         self.readers = {}
         self.stopped = {}
-        self.sending = threading.Lock()
         self.synchronisations = 0
         super().__init__(frame_server.upgrade_and_read)
         if receive_buffer:
@@ -46,14 +41,6 @@ class frame_server(raw_server):
                 connection.sendall(frame(opcode_pong, frame_read.payload))
         if connection in self.stopped:
             self.stopped[connection].wait()
-
-    @property
-    def connection(self):
-        return self.connections[-1]
-
-    def send(self, *parts):
-        with self.sending:
-            self.connection.sendall(b"".join(parts))
 
     def stop_reading(self):
         """One more frame is read, if the reading waits for one. Returns what makes it go on."""
@@ -76,15 +63,14 @@ class frame_server(raw_server):
 
     def half_close(self):
         """FIN; what the daemon sends is still read."""
-        self.connection.shutdown(socket.SHUT_WR)
+        finish(self.connection)
 
     def reset(self):
         """RST, once the reading has ended: it would keep the socket open."""
         connection = self.connection
         connection.shutdown(socket.SHUT_RD)
         self.readers[connection].join(20)
-        connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, reset_on_close)
-        connection.close()
+        reset(connection)
 
     def shut_down(self):
         for go_on in self.stopped.values():
@@ -96,10 +82,4 @@ class frame_server(raw_server):
         reader = self.readers[self.connections[number - 1]]
         wait_until(lambda: not reader.is_alive(), f"end of connection {number}")
 
-    def texts(self):
-        """What has arrived in text frames on all connections, in order."""
-        return [one.payload for one in self.frames_of(opcode_text)]
-
-    def wait_for_texts(self, count, seconds=30.0):
-        self.wait_for_frames(opcode_text, count, seconds)
-        return self.texts()
+    texts, wait_for_texts = raw_server.payloads, raw_server.wait_for_payloads

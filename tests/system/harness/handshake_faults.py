@@ -1,26 +1,14 @@
 """A server that fails the handshake in one way after another, and then behaves."""
 
 import collections
-import socket
-import struct
 
-from harness.raw_server import http_head, opcode_text, raw_server, upgrade, upgrade_lines
+from harness.raw_server import finish, http_head, raw_server, upgrade, upgrade_lines
+from harness.round_trip import passes_both_ways
 from harness.vemk_daemon import config_text
 
-reset_on_close = struct.pack("ii", 1, 0)
 library_prefix = "portal->libwebsocket-debug> "
 
 endured_t = collections.namedtuple("endured_t", "daemon server courses library_lines")
-
-
-def finish(connection):
-    """FIN; what the daemon has sent was read."""
-    connection.shutdown(socket.SHUT_WR)
-
-
-def reset(connection):
-    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, reset_on_close)
-    connection.close()
 
 
 def answers(data, end=None):
@@ -41,10 +29,12 @@ def changed_upgrade(change):
 
 class failing_server(raw_server):
     """Accepts the first WebSocket; then each connection meets the next fault, and the last fault
-    goes on until `behave`."""
+    goes on until `behave`. A server that reads no requests shows its faults right after accepting.
+    """
 
-    def __init__(self, faults):
+    def __init__(self, faults, reads_requests=True):
         self.faults = faults
+        self.reads_requests = reads_requests
         self.behaves = False
         super().__init__(failing_server.fail_in_turn)
 
@@ -60,13 +50,9 @@ class failing_server(raw_server):
     def fail_in_turn(self, connection, request):
         self.fault_of(connection)(self, connection, request)
 
-
-class hanging_up_server(failing_server):
-    """As a failing_server, but its faults come right after the accept, without a request."""
-
     def serve(self, connection):
         fault = self.fault_of(connection)
-        if fault is upgrade:
+        if self.reads_requests or fault is upgrade:
             super().serve(connection)
         else:
             fault(self, connection, None)
@@ -141,8 +127,6 @@ class handshake_trial:
         self.server.behave()
         self.bus.wait_for_last_status("connected", after=self.announced)
         assert self.bus.run("status").stdout == b"connected\n"
-        self.bus.send(b"up again")
-        assert self.server.wait_for_frames(opcode_text, 1)[0].payload == b"up again"
-        self.server.send_text_frame(b"down again")
-        assert self.bus.wait_for_payloads(1) == [b"down again"]
+        assert (self.server.payloads(), self.bus.payloads()) == ([], [])
+        assert passes_both_ways(self.bus, self.server, "healed")
         self.daemon.wait_for_descriptors(self.descriptors)

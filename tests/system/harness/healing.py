@@ -1,7 +1,6 @@
 """What must hold after a fault: the daemon lives, has leaked nothing, and messages pass again."""
 
-from harness.frame_server import text
-from harness.raw_server import opcode_close
+from harness.frames import opcode_close, text
 from harness.vemk_daemon import line_pattern
 
 lost_and_found = ["disconnected", "disconnected", "connected"]
@@ -33,7 +32,7 @@ class fault_watch:
         self.connections = len(self.server.connections)
         self.announced = len(self.bus.statuses())
         self.on_bus = len(self.bus.payloads())
-        self.at_server = len(self.server.texts())
+        self.at_server = len(self.server.payloads())
 
     def expect_healed(self, heard=(), joined=b"", seconds=30.0):
         """The connection was lost, announced so twice, and made again; and all works."""
@@ -59,7 +58,7 @@ class fault_watch:
         self.server.send(text(b"down again"), text(b"and again"))
         expected = [*heard, joined + b"down again", b"and again"]
         assert self.bus.wait_for_payloads(self.on_bus + len(expected))[self.on_bus:] == expected
-        assert self.server.wait_for_texts(self.at_server + 1)[self.at_server:] == [b"up again"]
+        assert self.server.wait_for_payloads(self.at_server + 1)[self.at_server:] == [b"up again"]
         assert self.bus.statuses()[self.announced:] == statuses
         assert self.bus.run("status", "--timeout", "20").stdout == b"connected\n"
         self.bus.wait_for_statuses(self.announced + len(statuses) + 1)

@@ -1,7 +1,4 @@
-"""One test, three roaming services that share no code with each other or with the daemon.
-
-Importing `server` into a test file runs each of its tests with every one of them.
-"""
+"""One test, several roaming services that share no code with each other or with the daemon."""
 
 import pytest
 
@@ -10,10 +7,10 @@ from harness.node_server import node_server
 from harness.roaming_server import roaming_server
 
 
-@pytest.fixture(params=[roaming_server, aiohttp_server, node_server],
-                ids=lambda kind: kind.__name__)
-def server(request):
-    made = request.param()
-    made.start()
-    yield made
-    made.shut_down()
+def with_servers(*kinds):
+    """Runs a test once with each of these in place of the fixture `server`."""
+    return pytest.mark.parametrize("server", kinds, indirect=True, ids=lambda kind: kind.__name__)
+
+
+with_each_server = with_servers(roaming_server, aiohttp_server, node_server)
+with_fragmenting_servers = with_servers(roaming_server, node_server)

@@ -5,24 +5,21 @@ import pathlib
 
 def pss_kib(pid):
     """The proportional set size."""
-    for line in pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text().splitlines():
-        if line.startswith("Pss:"):
-            return int(line.split()[1])
-    raise ValueError(f"process {pid} has no Pss")
+    return kib(pid, "smaps_rollup", "Pss")
 
 
 def address_space_bytes(pid):
     """What RLIMIT_AS limits."""
-    return status_kib(pid, "VmSize") * 1024
+    return kib(pid, "status", "VmSize") * 1024
 
 
 def peak_kib(pid):
     """The most that was resident at any time."""
-    return status_kib(pid, "VmHWM")
+    return kib(pid, "status", "VmHWM")
 
 
-def status_kib(pid, field):
-    for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines():
+def kib(pid, file, field):
+    for line in pathlib.Path(f"/proc/{pid}/{file}").read_text().splitlines():
         if line.startswith(f"{field}:"):
             return int(line.split()[1])
     raise ValueError(f"process {pid} has no {field}")

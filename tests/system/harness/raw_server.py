@@ -5,12 +5,15 @@ import collections
 import contextlib
 import hashlib
 import socket
+import struct
 import threading
 import time
 
 from harness.frames import (frame_parser, frame_t, opcode_close, opcode_ping, opcode_pong,
                             opcode_text, text)
 from harness.waiting import wait_until
+
+reset_on_close = struct.pack("ii", 1, 0)
 
 raw_frame_t = collections.namedtuple("raw_frame_t", ("time", "connection", *frame_t._fields))
 
@@ -19,8 +22,14 @@ def silent(server, connection, request):
     """Answers nothing; the connection stays open."""
 
 
-def refuse(server, connection, request):
-    connection.sendall(b"HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\nConnection: close\r\n\r\n")
+def finish(connection):
+    """FIN; what the daemon sends can still be read."""
+    connection.shutdown(socket.SHUT_WR)
+
+
+def reset(connection):
+    """RST."""
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, reset_on_close)
     connection.close()
 
 
@@ -60,6 +69,7 @@ class raw_server:
     """Accepts connections and hands each, with the request it read, to `behaviour`.
 
     One thread for accepting and one per connection; the recorded lists only ever grow.
+    Operations that concern a connection mean the newest one.
     """
 
     def __init__(self, behaviour):
@@ -68,6 +78,7 @@ class raw_server:
         self.accept_times = []
         self.requests = []
         self.frames = []
+        self.sending = threading.Lock()
         self.listener = socket.create_server(("127.0.0.1", 0))
         self.port = self.listener.getsockname()[1]
         self.url = f"ws://127.0.0.1:{self.port}/roam"
@@ -119,8 +130,23 @@ class raw_server:
         wait_until(lambda: len(self.connections) >= count, f"{count} connections in all", seconds,
                    lambda: f"there were {len(self.connections)}")
 
-    def send_text_frame(self, payload):
-        self.connections[-1].sendall(text(payload))
+    def payloads(self):
+        """What has arrived in text frames on all connections, in order."""
+        return [one.payload for one in self.frames_of(opcode_text)]
+
+    def wait_for_payloads(self, count, seconds=30.0):
+        self.wait_for_frames(opcode_text, count, seconds)
+        return self.payloads()
+
+    @property
+    def connection(self):
+        return self.connections[-1]
+
+    def send(self, *parts):
+        """A string as a text frame, bytes as they are."""
+        sent = (text(part.encode()) if isinstance(part, str) else part for part in parts)
+        with self.sending:
+            self.connection.sendall(b"".join(sent))
 
     def shut_down(self):
         self.listener.shutdown(socket.SHUT_RDWR)

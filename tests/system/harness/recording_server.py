@@ -3,10 +3,10 @@
 import asyncio
 import collections
 import socket
-import struct
 import threading
 import time
 
+from harness.raw_server import reset_on_close
 from harness.waiting import shortened, wait_until
 
 frame_t = collections.namedtuple("frame_t", "time connection payload is_text")
@@ -116,9 +116,8 @@ class asyncio_server(recording_server):
     async def abort_connection(self):
         if self.transport.is_closing():
             return
-        no_linger = struct.pack("ii", 1, 0)
         tcp_socket = self.transport.get_extra_info("socket")
-        tcp_socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, no_linger)
+        tcp_socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, reset_on_close)
         self.transport.abort()
 
     async def send_in_order(self, messages):

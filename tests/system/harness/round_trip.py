@@ -26,11 +26,13 @@ def assert_all_arrive(bus, server, up, down, seconds):
 
 
 def assert_all_kinds_pass(bus, server):
-    """Empty, UTF-8 and 200 KiB messages up; UTF-8, all bytes and 200 KiB down; a ping."""
-    up = [b"", utf8.encode(), long_text.encode(), b"after"]
+    """Empty, UTF-8, 200 KiB and NUL messages up; the same and all bytes down; a ping."""
+    up = [b"", utf8.encode(), long_text.encode(), b"before\0after", b"after"]
     for message in up:
         bus.send(message)
-    server.send_many([utf8, every_byte, long_text, "after"])
+    server.send_many([utf8, every_byte, long_text, "", "before\0after", "after"])
     server.ping()
     assert server.wait_for_payloads(len(up)) == up
-    assert bus.wait_for_payloads(4) == [utf8.encode(), every_byte, long_text.encode(), b"after"]
+    assert all(frame.is_text for frame in server.frames)
+    # An empty message of the server is not delivered.
+    assert bus.wait_for_payloads(5) == [utf8.encode(), every_byte, *up[2:]]

@@ -2,8 +2,8 @@
 
 # Test: 31 s
 
-from harness.handshake_faults import answers, finish, refused_course
-from harness.raw_server import http_head, upgrade
+from harness.handshake_faults import answers, refused_course
+from harness.raw_server import finish, http_head, upgrade
 
 statuses = [b"200 OK", b"401 Unauthorized", b"403 Forbidden", b"404 Not Found",
             b"503 Service Unavailable"]
@@ -49,8 +49,8 @@ def test_other_answer_than_an_upgrade_is_tried_again(make_trial):
 # Fault, before the connection: a redirect 301, 302, 303, 307 or 308 to a server that would accept,
 # over "http", "ws", "https" or "wss", to another path, to nowhere, and to a place that is no
 # address.
-# Seen: each attempt is logged "websock-roaming->process_client_connection_error:41"; the server named
-# in the configuration, and no other, is asked for the configured path again; the bus hears
+# Seen: each attempt is logged "websock-roaming->process_client_connection_error:41"; the server
+# named in the configuration, and no other, is asked for the configured path again; the bus hears
 # "disconnected" only.
 def test_redirect_is_not_followed(make_trial, make_raw_server):
     """The library followed redirects to wherever they pointed.

@@ -5,9 +5,8 @@
 import struct
 
 from harness.bus_peer import disconnected
-from harness.frame_server import close_frame, frame, text
+from harness.frames import close_frame, frame, opcode_close, text
 from harness.healing import fault_watch
-from harness.raw_server import opcode_close
 
 
 def answers_to(server, connection_number):
@@ -99,11 +98,11 @@ def test_half_closed_connection_costs_one_message_of_a_queue(make_frame_rig):
     daemon, bus, server = rig
     messages = [b"message %02d" % number for number in range(30)]
     bus.send_lines(messages)
-    server.wait_for_texts(5)
+    server.wait_for_payloads(5)
     server.half_close()
-    server.wait_for_texts(29)
+    server.wait_for_payloads(29)
     bus.send(b"last")
-    received = server.wait_for_texts(30)
+    received = server.wait_for_payloads(30)
     first = [frame.payload for frame in server.frames if frame.connection == 1]
     assert first == messages[:len(first)]
     assert received == [*first, *messages[len(first) + 1:], b"last"]

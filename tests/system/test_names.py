@@ -1,6 +1,8 @@
-"""A name server that is slow or silent when the daemon looks its server up."""
+"""Names of the service: looked up, unknown, and asked of a slow or silent name server."""
 
-# Test: 24 s, own networks
+# Test: 26 s, own networks
+
+import socket
 
 import pytest
 
@@ -9,6 +11,32 @@ from harness.network import far_address
 from harness.round_trip import passes_both_ways
 from harness.vemk_daemon import config_text
 from harness.waiting import wait_until
+
+
+# "localhost" connects, and the Host header has the name.
+def test_name_of_the_loopback_address_is_resolved(make_daemon, bus, server):
+    assert socket.gethostbyname("localhost") == "127.0.0.1"
+    bus.listen()
+    make_daemon().start(config_text(f"localhost:{server.port}/roam"))
+    bus.wait_until_connected()
+    assert server.handshakes[0].headers["Host"] == "localhost"
+
+
+# Fault, before the connection: the server's name is unknown.
+# Seen: each attempt begins with the line "websock-roaming-> _connect: Try to establish connect with
+# server no-such-host.invalid:8080/roam", and the next follows; the bus hears "disconnected" only, a
+# status request is answered, and no thread is left over.
+def test_name_that_does_not_resolve_is_tried_again(make_daemon, bus):
+    bus.listen()
+    # Where a resolver is silent rather than negative, it must not hold the test up.
+    daemon = make_daemon().start(config_text("ws://no-such-host.invalid:8080/roam", log_level=15),
+                                 environment={"RES_OPTIONS": "timeout:1 attempts:1"})
+    attempts = daemon.wait_for_lines("Try to establish connect with server", 3)
+    assert attempts[0].text.endswith(
+        "_connect: Try to establish connect with server no-such-host.invalid:8080/roam")
+    assert bus.run("status", "--timeout", "20").stdout == b"disconnected\n"
+    assert set(bus.statuses()) == {"disconnected"}
+    assert daemon.own_thread_names() == ["ipc", "main", "websock-roaming"]
 
 
 @pytest.fixture
