@@ -7,10 +7,9 @@ All times are of the daemon's log, which its faster clock stamps.
 
 import re
 
-from harness.frame_server import frame
+from harness.frames import frame, opcode_ping, opcode_pong
 from harness.healing import fault_watch, lost_and_found
 from harness.keepalive import established, keepalive_events, start_fast, words
-from harness.raw_server import opcode_ping, opcode_pong
 
 ping_lines = [
     "websock-roaming->process_client_writeable: It's time to ping websocket server, expired [30]",

@@ -2,9 +2,9 @@
 
 # Test: 36 s, native only
 
+from harness.frames import opcode_ping
 from harness.healing import fault_watch
 from harness.keepalive import established, keepalive_events, start_fast, words
-from harness.raw_server import opcode_ping
 
 
 def intervals(events):
