@@ -6,13 +6,12 @@ import collections
 
 import pytest
 
+from harness.healing import lost_and_found
 from harness.proxies import haproxy, nginx
 from harness.round_trip import assert_all_kinds_pass, passes_both_ways
 from harness.vemk_daemon import config_text
 
 proxied_t = collections.namedtuple("proxied_t", "daemon bus server proxy")
-
-lost_and_found = ["disconnected", "disconnected", "connected"]
 
 
 @pytest.fixture(params=[haproxy, nginx], ids=lambda kind: kind.program)
