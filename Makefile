@@ -57,7 +57,7 @@ target: packages unpacked
 	cmake --preset mips
 	cmake --build --preset mips
 	file build-mips/vemk
-	scripts/target-size.py sizes --on mipsel
+	tests/target_size/measure_size.py sizes --on mipsel
 	build-mips-env/bin/qemu --version | head -n 1
 	ctest --test-dir build-mips -V -R '^unit\.ProcessorTest\.' | grep -E 'Test command|processor:'
 	ctest --test-dir build-mips --output-on-failure -j $(TEST_JOBS)
@@ -65,7 +65,7 @@ target: packages unpacked
 target-size: packages
 	scripts/install-packages.sh target
 	scripts/target-env.sh build-mips-env
-	scripts/target-size.py --write docs/target.md
+	tests/target_size/measure_size.py --write docs/target.md
 
 # Without a shared library, an FPU or glibc: as near to a device as can be run here.
 target-static: packages
@@ -78,7 +78,7 @@ target-static: packages
 	file build-mips-static/vemk
 	readelf -A build-mips-static/vemk | grep -E 'ISA:|FP ABI:'
 	ctest --preset mips-static -j $(TEST_JOBS)
-	scripts/static-size.py
+	tests/target_size/measure_static.py
 
 # The unit and system tests and the fuzz corpus under AddressSanitizer with
 # UndefinedBehaviorSanitizer, then under ThreadSanitizer.

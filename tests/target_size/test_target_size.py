@@ -10,11 +10,11 @@ import time
 
 import pytest
 
-scripts = pathlib.Path(__file__).resolve().parents[2] / "scripts"
-sys.path.insert(0, str(scripts))
+here = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(here))
 
-from target_size import table  # noqa: E402  (the path is set above)
-from target_size.process_cost import memory_of, work_of  # noqa: E402
+import table  # noqa: E402  (the path is set above)
+from process_cost import memory_of, work_of  # noqa: E402
 
 block_kb = 8 * 1024
 everything = range(0, 1 << 64)
@@ -39,7 +39,7 @@ for pause in sys.stdin:
 def start_clock(tmp_path):
     """Starts a process with the faster clock; its function pauses there and tells the time."""
     library = tmp_path / "fast_clock.so"
-    source = scripts / "target_size" / "fast_clock.c"
+    source = here.parent / "system" / "preload" / "fast_clock.c"
     subprocess.run([os.environ.get("C_COMPILER", "cc"), "-shared", "-fPIC", "-O2", "-Wall",
                     "-Wextra", "-Werror", "-o", library, source, "-ldl"], check=True)
     started = []

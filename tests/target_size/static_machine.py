@@ -4,7 +4,7 @@ import shutil
 
 from device_build import configure, run, source_folder, stub_folder, tools_t
 
-from target_size.machines import guest_base, guest_size
+from machines import guest_base, guest_size
 
 
 class static_machine:

@@ -11,7 +11,7 @@ import tempfile
 import websockets
 from harness.sandbox import namespace_prefix
 from harness.vemk_daemon import config_text
-from target_size.process_cost import memory_of, work_of
+from process_cost import memory_of, work_of
 
 connected = b'"connected"'
 disconnected = b'"disconnected"'

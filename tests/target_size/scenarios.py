@@ -3,7 +3,7 @@
 import asyncio
 import collections
 
-from target_size.rig import connected, disconnected, rig
+from rig import connected, disconnected, rig
 
 settling_seconds = 2
 messages_each_way = 5000

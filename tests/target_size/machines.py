@@ -4,6 +4,8 @@ import pathlib
 
 from device_build import device_build, needed_by, run, source_folder, stripped_size, tools_t
 
+fast_clock_source = source_folder / "tests" / "system" / "preload" / "fast_clock.c"
+
 # Where the emulator puts the program's 2 GiB of address space.
 guest_base = 0x10000000000
 guest_size = 0x80000000
@@ -32,7 +34,7 @@ class machine:
         run(tools.strip, self.build.program)
         self.fast_clock = self.folder / "fast_clock.so"
         run(tools.c_compiler, "-shared", "-fPIC", "-O2", "-Wall", "-Wextra", "-o", self.fast_clock,
-            pathlib.Path(__file__).with_name("fast_clock.c"), "-ldl")
+            fast_clock_source, "-ldl")
         # Pages of a file that is not yet written back would count as written to by the daemon.
         run("sync", "-f", self.folder)
 

@@ -14,12 +14,14 @@ import pathlib
 import platform
 import sys
 
-checkout = pathlib.Path(__file__).resolve().parent.parent
+checkout = pathlib.Path(__file__).resolve().parents[2]
 sys.dont_write_bytecode = True
 sys.path[:0] = [str(checkout / folder) for folder in ("tests/device_build", "tests/system")]
 
-from target_size import machines, scenarios, table  # noqa: E402  (the path is set above)
-from target_size.static_machine import static_machine  # noqa: E402
+import machines  # noqa: E402  (the path is set above)
+import scenarios  # noqa: E402
+import table  # noqa: E402
+from static_machine import static_machine  # noqa: E402
 
 measurements = ("sizes", "rest", "messages", "day")
 
@@ -54,7 +56,7 @@ def make_machines(arguments):
     if "mipsel" in names:
         environment = arguments.environment.resolve()
         if not (environment / "bin" / "qemu").exists():
-            sys.exit(f"target-size: {environment} is missing; "
+            sys.exit(f"measure_size: {environment} is missing; "
                      f"make it with: scripts/target-env.sh {environment}")
         made.append(machines.mipsel(environment))
     return made
@@ -75,7 +77,7 @@ def repeat(scenario, machine, amount, runs):
             results.append(scenario(machine, amount))
         except AssertionError as problem:
             raise SystemExit(
-                f"target-size: {scenario.__name__} on {machine.name}: {problem}; "
+                f"measure_size: {scenario.__name__} on {machine.name}: {problem}; "
                 "where the machine is busy, a smaller --speed or --day-speed helps") from None
         print(f"{machine.name}: {scenario.__name__}: {results[-1]}", flush=True)
     return results
@@ -99,11 +101,11 @@ def measure(arguments):
     """The sections of the table, and its columns."""
     wanted = arguments.measure or measurements
     if set(wanted) != {"sizes"} and not machines.can_be_measured_here():
-        sys.exit("target-size: the daemon gets a /tmp of its own while it is measured; "
+        sys.exit("measure_size: the daemon gets a /tmp of its own while it is measured; "
                  "move the checkout out of /tmp")
     made = make_machines(arguments)
     made_static = make_static_machines(arguments)
-    command = "scripts/target-size.py"
+    command = "tests/target_size/measure_size.py"
     sections = []
     if "sizes" in wanted:
         rows = measure_sizes(made, made_static)

@@ -9,14 +9,14 @@ import argparse
 import pathlib
 import sys
 
-checkout = pathlib.Path(__file__).resolve().parent.parent
+checkout = pathlib.Path(__file__).resolve().parents[2]
 sys.dont_write_bytecode = True
 sys.path[:0] = [str(checkout / folder) for folder in ("tests/device_build", "tests/system")]
 
 from device_build import run  # noqa: E402  (the path is set above)
-from target_size import scenarios  # noqa: E402
-from target_size.machines import can_be_measured_here  # noqa: E402
-from target_size.static_machine import static_machine  # noqa: E402
+import scenarios  # noqa: E402
+from machines import can_be_measured_here  # noqa: E402
+from static_machine import static_machine  # noqa: E402
 
 
 def main():
@@ -25,7 +25,7 @@ def main():
                         help="the folder made by scripts/static-env.sh (default: build-static-env)")
     environment = parser.parse_args().environment.resolve()
     if not (environment / "stamps").exists():
-        sys.exit(f"static-size: {environment} is missing; "
+        sys.exit(f"measure_static: {environment} is missing; "
                  f"make it with: scripts/static-env.sh {environment}")
     machine = static_machine(environment)
     print(run("file", "-b", machine.program), end="")

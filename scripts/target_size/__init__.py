@@ -1,1 +1,0 @@
-"""Measures what the daemon costs on its target."""
