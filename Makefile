@@ -78,7 +78,9 @@ target-static: packages
 	file build-mips-static/vemk
 	readelf -A build-mips-static/vemk | grep -E 'ISA:|FP ABI:'
 	ctest --preset mips-static -j $(TEST_JOBS)
-	tests/target_size/measure_static.py
+	tests/target_size/measure_size.py sizes rest --on static --runs 1 --minutes 0.25
+	file -b build-size-mipsel-static/build/vemk
+	size build-size-mipsel-static/build/vemk
 
 # The unit and system tests and the fuzz corpus under AddressSanitizer with
 # UndefinedBehaviorSanitizer, then under ThreadSanitizer.

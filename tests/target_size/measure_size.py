@@ -21,19 +21,18 @@ sys.path[:0] = [str(checkout / folder) for folder in ("tests/device_build", "tes
 import machines  # noqa: E402  (the path is set above)
 import scenarios  # noqa: E402
 import table  # noqa: E402
-from static_machine import static_machine  # noqa: E402
 
 measurements = ("sizes", "rest", "messages", "day")
+processors = {"x86-64": machines.native, "mipsel": machines.mipsel,
+              "static": machines.static_mipsel}
 
 
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("measure", nargs="*", metavar="MEASUREMENT",
                         help=f"what to measure: {', '.join(measurements)}; all without one")
-    parser.add_argument("--on", action="append", choices=("x86-64", "mipsel"),
-                        help="the processor; may be given twice; both without it")
-    parser.add_argument("--environment", type=pathlib.Path, default=checkout / "build-mips-env",
-                        help="the folder made by scripts/target-env.sh (default: build-mips-env)")
+    parser.add_argument("--on", action="append", choices=processors,
+                        help="the column; may be given several times; all without it")
     parser.add_argument("--runs", type=int, default=3, help="runs of rest and messages (3)")
     parser.add_argument("--minutes", type=float, default=1, help="idle time of rest (1)")
     parser.add_argument("--speed", type=int, default=20,
@@ -48,25 +47,17 @@ def parse_arguments():
     return arguments
 
 
-def make_machines(arguments):
-    names = arguments.on or ["x86-64", "mipsel"]
+def make_machines(names):
+    """Those asked for; without names all, but the static one only where it can be made."""
     made = []
-    if "x86-64" in names:
-        made.append(machines.native())
-    if "mipsel" in names:
-        environment = arguments.environment.resolve()
-        if not (environment / "bin" / "qemu").exists():
-            sys.exit(f"measure_size: {environment} is missing; "
-                     f"make it with: scripts/target-env.sh {environment}")
-        made.append(machines.mipsel(environment))
+    for name in names or processors:
+        make = processors[name]
+        if make.can_be_made():
+            made.append(make())
+        elif names or name != "static":
+            sys.exit(f"measure_size.py: {make.environment} is missing; "
+                     f"make it with: {make.script} {make.environment}")
     return made
-
-
-def make_static_machines(arguments):
-    """The static daemon, where it is wanted and can be built; otherwise nothing."""
-    environment = checkout / "build-static-env"
-    wanted = "mipsel" in (arguments.on or ["mipsel"]) and (environment / "stamps").exists()
-    return [static_machine(environment)] if wanted else []
 
 
 def repeat(scenario, machine, amount, runs):
@@ -77,7 +68,7 @@ def repeat(scenario, machine, amount, runs):
             results.append(scenario(machine, amount))
         except AssertionError as problem:
             raise SystemExit(
-                f"measure_size: {scenario.__name__} on {machine.name}: {problem}; "
+                f"measure_size.py: {scenario.__name__} on {machine.name}: {problem}; "
                 "where the machine is busy, a smaller --speed or --day-speed helps") from None
         print(f"{machine.name}: {scenario.__name__}: {results[-1]}", flush=True)
     return results
@@ -91,37 +82,30 @@ def on_all(made, scenario, amount, runs):
         return {name: future.result() for name, future in waiting.items()}
 
 
-def measure_sizes(made, made_static):
-    sizes = {machine.name: (machine.program_size(), machine.library_sizes()) for machine in made}
-    sizes.update({machine.name: (machine.program_size(), {}) for machine in made_static})
-    return table.size_rows(sizes)
-
-
 def measure(arguments):
     """The sections of the table, and its columns."""
     wanted = arguments.measure or measurements
-    if set(wanted) != {"sizes"} and not machines.can_be_measured_here():
-        sys.exit("measure_size: the daemon gets a /tmp of its own while it is measured; "
-                 "move the checkout out of /tmp")
-    made = make_machines(arguments)
-    made_static = make_static_machines(arguments)
-    command = "tests/target_size/measure_size.py"
+    made = make_machines(arguments.on)
+    preloading = [machine for machine in made if machine.fast_clock]
     sections = []
+
+    def add(name, rows):
+        sections.append((f"tests/target_size/measure_size.py {name}", rows))
+
     if "sizes" in wanted:
-        rows = measure_sizes(made, made_static)
-        sections.append((f"{command} sizes", rows))
+        add("sizes", table.size_rows({machine.name: (machine.program_size(),
+                                                     machine.library_sizes())
+                                      for machine in made}))
     if "rest" in wanted:
-        runs = on_all(made + made_static, scenarios.rest, arguments.minutes, arguments.runs)
-        sections.append((f"{command} rest", table.rest_rows(runs)))
+        runs = on_all(made, scenarios.rest, arguments.minutes, arguments.runs)
+        add("rest", table.rest_rows(runs))
     if "messages" in wanted:
-        runs = on_all(made, scenarios.messages, arguments.speed, arguments.runs)
-        rows = table.course_rows(runs, "1,000 messages", "10,000 messages")
-        sections.append((f"{command} messages", rows))
+        runs = on_all(preloading, scenarios.messages, arguments.speed, arguments.runs)
+        add("messages", table.course_rows(runs, "1,000 messages", "10,000 messages"))
     if "day" in wanted:
-        runs = on_all(made, scenarios.day, arguments.day_speed, 1)
-        sections.append((f"{command} day", table.course_rows(runs, "2 hours", "24 hours")))
-    found = {column for _, rows in sections for _, cells in rows for column in cells}
-    return sections, [name for name in ("x86-64", "mipsel", "mipsel, static") if name in found]
+        runs = on_all(preloading, scenarios.day, arguments.day_speed, 1)
+        add("day", table.course_rows(runs, "2 hours", "24 hours"))
+    return sections, [machine.name for machine in made]
 
 
 def main():

@@ -1,7 +1,8 @@
 """What the daemon goes through while it is measured."""
 
-import asyncio
 import collections
+import contextlib
+import time
 
 from rig import connected, disconnected, rig
 
@@ -18,76 +19,69 @@ rest_t = collections.namedtuple("rest_t", "at_start when_connected wake_ups_a_mi
 course_t = collections.namedtuple("course_t", "connected early end note")
 
 
-async def with_rig(steps, *arguments, **options):
-    """Runs the steps with a started rig and stops it whatever happens."""
-    made = rig(*arguments, **options)
-    try:
-        await made.start()
-        return await steps(made)
-    finally:
-        await made.stop()
-
-
 def rest(machine, minutes):
     """At start, connected, and what connected idleness costs in `minutes`; in real time."""
-
-    async def steps(made):
-        await made.wait_for_status(disconnected)
-        await made.sleep(settling_seconds)
-        assert not made.connections, "connected before the memory at start was read"
-        at_start = made.memory()
-        await made.wait_for_status(connected)
-        await made.sleep(settling_seconds)
-        when_connected = made.memory()
-        before = made.work()
-        await made.sleep(60 * minutes)
-        after = made.work()
-        return rest_t(at_start, when_connected, (after.wake_ups - before.wake_ups) / minutes,
-                      1000 * (after.cpu_seconds - before.cpu_seconds) / minutes)
-
     # A first delay of 8 s to 23 s leaves the time to look before the connection.
-    return asyncio.run(with_rig(steps, machine, initial_delay=16))
+    with contextlib.closing(rig(machine, initial_delay=16)) as made:
+        made.wait_for_status(disconnected)
+        made.sleep(settling_seconds)
+        assert not made.server.handshakes, "connected before the memory at start was read"
+        at_start = made.memory()
+        when_connected = memory_at_rest(made)
+        before = made.work()
+        made.sleep(60 * minutes)
+        after = made.work()
+    return rest_t(at_start, when_connected, (after.wake_ups - before.wake_ups) / minutes,
+                  1000 * (after.cpu_seconds - before.cpu_seconds) / minutes)
 
 
-def numbered(text):
-    return [f"{text} {number:06d} ".encode().ljust(message_size, b".")
-            for number in range(messages_each_way)]
+def memory_at_rest(made):
+    made.wait_for_status(connected)
+    made.sleep(settling_seconds)
+    return made.memory()
 
 
-async def send_all(messages, send, arrived):
-    """Sends in order, with a bounded number of messages that have not arrived yet."""
-    for number, message in enumerate(messages):
-        while number - len(arrived) >= messages_under_way:
-            await asyncio.sleep(0.002)
-        await send(message)
+class message_flow:
+    """Messages in order, of which a bounded number have not arrived yet."""
+
+    def __init__(self, text, send, arrived):
+        self.messages = [f"{text} {number:06d} ".ljust(message_size, ".")
+                         for number in range(messages_each_way)]
+        self.send = send
+        self.arrived = arrived
+        self.sent = 0
+
+    def has_brought(self, count):
+        """Sends what may be sent."""
+        for message in self.messages[self.sent:len(self.arrived()) + messages_under_way]:
+            self.send(message)
+            self.sent += 1
+        return len(self.arrived()) >= count
+
+    def is_whole(self):
+        return [message.encode() for message in self.messages] == self.arrived()
 
 
 def messages(machine, speed):
     """Memory before, during and after 5,000 messages each way, which all arrive in order."""
-    up = numbered("to the service")
-    down = numbered("to the bus")
+    with contextlib.closing(rig(machine, speed=speed)) as made:
+        before = memory_at_rest(made)
+        began = time.monotonic()
+        flows = [message_flow("to the service", lambda text: made.bus.send(text.encode()),
+                              made.server.payloads),
+                 message_flow("to the bus", made.server.send, lambda: made.bus.messages)]
 
-    async def arrived(made, count):
-        await made.wait_for(lambda: min(len(made.at_server), len(made.on_bus)) >= count,
-                            f"{count} messages each way", seconds=2000)
+        def bring(count):
+            made.wait_for(lambda: all([flow.has_brought(count) for flow in flows]),
+                          f"{count} messages each way", seconds=2000)
 
-    async def steps(made):
-        await made.wait_for_status(connected)
-        await made.sleep(settling_seconds)
-        before = made.memory()
-        began = made.loop.time()
-        senders = asyncio.gather(send_all(up, made.send_to_daemon, made.at_server),
-                                 send_all(down, made.send_to_bus, made.on_bus))
-        await arrived(made, messages_each_way // 10)
+        bring(messages_each_way // 10)
         early = made.memory()
-        await arrived(made, messages_each_way)
-        took = (made.loop.time() - began) * speed
-        await senders
-        assert made.at_server == up and made.on_bus == down, "messages were lost or changed"
-        await made.sleep(settling_seconds)
+        bring(messages_each_way)
+        took = (time.monotonic() - began) * speed
+        assert all(flow.is_whole() for flow in flows), "messages were lost or changed"
+        made.sleep(settling_seconds)
         return course_t(before, early, made.memory(), f"{took:.0f} s of the daemon's time")
-
-    return asyncio.run(with_rig(steps, machine, speed=speed))
 
 
 def day(machine, speed):
@@ -95,18 +89,14 @@ def day(machine, speed):
 
     The pings are at least 30 s apart, and each one is answered.
     """
+    with contextlib.closing(rig(machine, speed=speed)) as made:
+        before = memory_at_rest(made)
 
-    async def steps(made):
-        async def pinged(count):
-            await made.wait_for(lambda: made.pings() >= count, f"{count} pings",
-                                seconds=60 + 3 * count * ping_seconds / speed)
+        def memory_after(count):
+            made.wait_for(lambda: made.server.pings >= count, f"{count} pings",
+                          seconds=60 + 3 * count * ping_seconds / speed)
+            return made.memory()
 
-        await made.wait_for_status(connected)
-        await made.sleep(settling_seconds)
-        before = made.memory()
-        await pinged(pings_a_day // 12)
-        early = made.memory()
-        await pinged(pings_a_day)
-        return course_t(before, early, made.memory(), f"{made.pings()} pings")
-
-    return asyncio.run(with_rig(steps, machine, speed=speed))
+        early = memory_after(pings_a_day // 12)
+        end = memory_after(pings_a_day)
+        return course_t(before, early, end, f"{made.server.pings} pings")

@@ -2,7 +2,8 @@
 //
 // FAST_CLOCK gives the speed, an integer. Between two looks at the clock at most two seconds of
 // its time pass: when this machine stalls, the clock goes slower for a moment instead of jumping,
-// as a jump of more than ten seconds ends the daemon.
+// as a jump of more than ten seconds ends the daemon. stepping_clock.c cannot serve here: it makes
+// just such jumps, and the libraries' clock and all pauses stay as they are.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <poll.h>
