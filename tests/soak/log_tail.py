@@ -6,6 +6,7 @@ import subprocess
 import threading
 
 from harness.vemk_daemon import report_pattern
+from repeating import repeating
 from status_model import established, stopped
 
 kept_lines = 60
@@ -33,13 +34,8 @@ class log_tail:
         self.position = 0
         self.punched = 0
         self.rest = b""
-        self.ended = threading.Event()
-        self.thread = threading.Thread(target=self.follow, daemon=True)
-        self.thread.start()
-
-    def follow(self):
-        while not self.ended.wait(read_step_seconds):
-            self.read_on()
+        self.reading = repeating(self.read_on, read_step_seconds)
+        self.reading.start()
 
     def read_on(self):
         with open(self.path, "rb") as stream:
@@ -73,8 +69,7 @@ class log_tail:
         return self.awaited.setdefault(end, threading.Event())
 
     def stop(self):
-        self.ended.set()
-        self.thread.join()
+        self.reading.stop()
         self.read_on()
 
     def last_lines(self):

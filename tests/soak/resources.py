@@ -1,8 +1,10 @@
 """Memory, descriptors and threads of a daemon."""
 
 import collections
-import pathlib
-import threading
+import os
+
+from harness.process_memory import kib, pss_kib
+from repeating import repeating
 
 usage_t = collections.namedtuple("usage_t", "pss_kb anonymous_kb descriptors threads")
 
@@ -11,17 +13,15 @@ sample_seconds = 1.0
 
 def usage_of(process_id):
     """Also None when the process is gone."""
-    folder = pathlib.Path(f"/proc/{process_id}")
     try:
-        lines = (folder / "smaps_rollup").read_text().splitlines()[1:]
-        sizes = {line.split(":")[0]: int(line.split()[1]) for line in lines}
-        return usage_t(sizes["Pss"], sizes["Pss_Anon"], len(list((folder / "fd").iterdir())),
-                       len(list((folder / "task").iterdir())))
-    except (OSError, KeyError):
+        return usage_t(pss_kib(process_id), kib(process_id, "smaps_rollup", "Pss_Anon"),
+                       len(os.listdir(f"/proc/{process_id}/fd")),
+                       len(os.listdir(f"/proc/{process_id}/task")))
+    except (OSError, ValueError):
         return None
 
 
-class memory_trend:
+class memory_trend(repeating):
     """Samples what a daemon holds for itself, and compares the thirds of the time.
 
     The least of each third counts: messages under way come and go. Pages of programs and libraries
@@ -29,21 +29,15 @@ class memory_trend:
     """
 
     def __init__(self, process_id):
+        super().__init__(self.sample, sample_seconds)
         self.process_id = process_id
         self.samples = []
-        self.ended = threading.Event()
-        self.thread = threading.Thread(target=self.sample, daemon=True)
-        self.thread.start()
+        self.start()
 
     def sample(self):
-        while not self.ended.wait(sample_seconds):
-            usage = usage_of(self.process_id)
-            if usage:
-                self.samples.append(usage.anonymous_kb)
-
-    def stop(self):
-        self.ended.set()
-        self.thread.join()
+        usage = usage_of(self.process_id)
+        if usage:
+            self.samples.append(usage.anonymous_kb)
 
     def thirds(self):
         """The least of each third, in kB; nothing while there are too few samples."""

@@ -1,21 +1,21 @@
 """The daemon between a bus and a service, with the models that judge both directions."""
 
+import contextlib
 import json
 import signal
 import threading
 import time
 
 from harness.bus_peer import bus_peer, is_status, received_t, status_request
-from harness.frame_server import frame
-from harness.raw_server import opcode_ping
+from harness.frames import frame, opcode_ping
 from harness.sandbox import sandbox
 from harness.vemk_daemon import config_text, vemk_daemon
-from harness.waiting import slowdown
+from harness.waiting import slowdown, wait_until
 
 from down_model import down_model
 from log_tail import log_tail
 from messages import message_maker
-from service import service
+from service import always, service
 from sending_styles import one_frame
 from status_model import status_model
 from up_model import up_model
@@ -59,7 +59,7 @@ class rig:
     it gets the service's port and returns the one that the daemon is to use.
     """
 
-    def __init__(self, build_folder, companion_folder, seed, relay=None, pong_rule=None,
+    def __init__(self, build_folder, companion_folder, seed, relay=None, answers_ping=always,
                  interrupt=None):
         self.lock = threading.RLock()
         self.sending_up = threading.RLock()
@@ -80,7 +80,7 @@ class rig:
         self.pongs = 0
         self.bus_away = False
         self.place = sandbox(build_folder, companion_folder)
-        self.service = service(self.take_event, pong_rule)
+        self.service = service(self.take_event, answers_ping).start()
         port = relay(self.service.port) if relay else self.service.port
         self.url = f"ws://127.0.0.1:{port}/roam"
         self.bus = judging_listener(self.place, self.hear).listen()
@@ -102,7 +102,7 @@ class rig:
             daemon.stop()
         self.log.stop()
         self.bus.stop()
-        self.service.stop()
+        self.service.shut_down()
         self.place.remove()
 
     def violate(self, what):
@@ -111,8 +111,7 @@ class rig:
 
     # Events, each on the thread of who tells it.
 
-    def take_event(self, event):
-        word, *details = event
+    def take_event(self, word, *details):
         with self.lock:
             getattr(self, f"service_{word}")(*details)
 
@@ -140,8 +139,8 @@ class rig:
     def service_pong(self, connection):
         self.pongs += 1
 
-    def service_broken(self, connection, what):
-        self.violate(f"the service got on connection {connection} {what}")
+    def service_broken(self, what):
+        self.violate(f"the service: {what}")
 
     def service_ended(self, connection):
         if connection not in self.dropped:
@@ -226,23 +225,21 @@ class rig:
 
     def wait(self, condition, what, seconds=heal_seconds):
         """Until the condition holds; ends the run at a violation, and when the time is over."""
-        deadline = time.monotonic() + seconds * slowdown
-        while True:
+        def seen():
             self.check()
             with self.lock:
-                if condition():
-                    return
-            if time.monotonic() > deadline:
-                self.violate(f"not seen within {seconds * slowdown:g} s: {what}")
-                self.check()
-            time.sleep(0.02)
+                return condition()
+
+        try:
+            wait_until(seen, what, seconds)
+        except AssertionError as missing:
+            self.violate(str(missing))
+            self.check()
 
     def sleep(self, seconds):
         """A while in which nothing is to happen but traffic."""
-        deadline = time.monotonic() + seconds
-        while time.monotonic() < deadline:
-            self.check()
-            time.sleep(min(0.1, max(0, deadline - time.monotonic())))
+        end = time.monotonic() + seconds
+        self.wait(lambda: time.monotonic() >= end, "the end of a pause", seconds + heal_seconds)
 
     def check(self):
         if not self.daemon.runs():
@@ -277,7 +274,7 @@ class rig:
         if not down_number:
             self.violate("the connection went down while nothing was done to it")
         self.wait(lambda: up_number in self.up.seen, f"message {up_number} at the service")
-        self.wait(lambda: self.down.has_seen(down_number), f"message {down_number} on the bus")
+        self.wait(lambda: down_number in self.down.seen, f"message {down_number} on the bus")
 
     def hear_again(self):
         """Returns when a listener hears the daemon; its answers may get lost before."""
@@ -286,12 +283,9 @@ class rig:
                 heard = len(self.status.words)
                 self.status.unsure += 1
             self.send_up(odd_lines=[status_request])
-            deadline = time.monotonic() + 3 * slowdown
-            while time.monotonic() < deadline:
-                self.check()
-                if len(self.status.words) > heard:
-                    return
-                time.sleep(0.02)
+            with contextlib.suppress(AssertionError):
+                wait_until(lambda: self.check() or len(self.status.words) > heard, "an answer", 3)
+                return
 
     def judge_status(self):
         """To be called at rest: connected, and all that was sent has arrived."""

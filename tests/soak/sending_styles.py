@@ -2,8 +2,8 @@
 
 import collections
 
-from harness.frame_server import frame, opcode_binary, opcode_continuation
-from harness.raw_server import opcode_ping, opcode_text
+from harness.frames import (frame, opcode_binary, opcode_continuation, opcode_ping,
+                            opcode_text)
 
 # `wire` goes out; `kept` of it gets into the daemon's receive buffer, which is then delivered if
 # the message `completes`.

@@ -6,18 +6,19 @@ import time
 
 from rig import interrupted, rig, soak_failed
 from sending_styles import large_fragments
+from service import always
 
 # `minutes` is what the whole soak must last for the row to be run.
-row_t = collections.namedtuple("row_t", "name minutes pong_rule run")
+row_t = collections.namedtuple("row_t", "name minutes answers_ping run")
 
 rows = []
 
 megabyte = 1024 * 1024
 
 
-def row(name, minutes, pong_rule=None):
+def row(name, minutes, answers_ping=always):
     def enter(run):
-        rows.append(row_t(name, minutes, pong_rule, run))
+        rows.append(row_t(name, minutes, answers_ping, run))
         return run
     return enter
 
@@ -76,7 +77,7 @@ def tiny_messages(side):
     last_down = 0
     for _ in range(10000):
         last_down = side.send_down(size=1)
-    side.wait(lambda: side.down.has_seen(last_down), "10,000 messages on the bus", 300)
+    side.wait(lambda: last_down in side.down.seen, "10,000 messages on the bus", 300)
     side.wait(lambda: last_up in side.up.seen, "10,000 messages at the service", 1500)
 
 
@@ -86,7 +87,7 @@ def sixteen_megabytes(side):
     up = side.send_up([16 * megabyte], one_by_one=True)[0]
     side.wait(lambda: up in side.up.seen, "16 MiB at the service", 120)
     down = side.send_down(large_fragments, 16 * megabyte, piecewise=True)
-    side.wait(lambda: side.down.has_seen(down), "16 MiB on the bus")
+    side.wait(lambda: down in side.down.seen, "16 MiB on the bus")
 
 
 def wait_for_pings(side, count):
@@ -119,7 +120,7 @@ class side_run(threading.Thread):
         self.seconds = None
 
     def run(self):
-        side = rig(*self.folders, seed=self.row.name, pong_rule=self.row.pong_rule,
+        side = rig(*self.folders, seed=self.row.name, answers_ping=self.row.answers_ping,
                       interrupt=self.interrupt)
         try:
             side.bus.wait_listening()

@@ -103,7 +103,7 @@ class soak_run:
     def inject(self, fault, choices):
         self.current = fault.name
         self.injected[fault.name] = self.injected.get(fault.name, 0) + 1
-        fault.inject(self, choices)
+        fault.inject(self, self.rig, choices)
         over = time.monotonic()
         self.rig.heal()
         self.longest_heal = max(self.longest_heal, (time.monotonic() - over, fault.name))

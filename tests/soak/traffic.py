@@ -1,12 +1,14 @@
 """Traffic in both directions, for as long as the soak lasts."""
 
 import contextlib
+import functools
 import random
 import threading
 
 from harness.bus_peer import status_request
 
 from messages import internal_message
+from repeating import repeating
 from sending_styles import everyday_styles
 
 # The daemon sends ten messages a second up and reads forty kilobytes a second down. What waits is
@@ -24,39 +26,32 @@ class traffic:
         self.rig = rig
         self.random_up = random.Random(f"traffic up {seed}")
         self.random_down = random.Random(f"traffic down {seed}")
+        self.gates = {step: threading.Lock() for step in (self.step_up, self.step_down)}
         self.ended = threading.Event()
-        self.threads = [threading.Thread(target=self.run, args=(step,), daemon=True)
-                        for step in (self.step_up, self.step_down)]
-        self.gates = {self.step_up: threading.Lock(), self.step_down: threading.Lock()}
+        self.senders = [repeating(functools.partial(self.send, step), pause_seconds, self.ended)
+                        for step in self.gates]
 
     def start(self):
-        for thread in self.threads:
-            thread.start()
+        for sender in self.senders:
+            sender.start()
 
     def stop(self):
-        self.ended.set()
-        for thread in self.threads:
-            if thread.ident:
-                thread.join()
+        for sender in self.senders:
+            sender.stop()
+
+    def send(self, step):
+        with self.gates[step]:
+            if not self.ended.is_set():
+                step()
 
     @contextlib.contextmanager
     def quiet(self, up=True, down=True):
         """Nothing new is sent in a direction meanwhile, and what was being sent has left."""
-        held = [gate for step, gate in self.gates.items()
-                if (up if step == self.step_up else down)]
-        for gate in held:
-            gate.acquire()
-        try:
+        with contextlib.ExitStack() as held:
+            for wanted, gate in zip((up, down), self.gates.values()):
+                if wanted:
+                    held.enter_context(gate)
             yield
-        finally:
-            for gate in held:
-                gate.release()
-
-    def run(self, step):
-        while not self.ended.wait(pause_seconds):
-            with self.gates[step]:
-                if not self.ended.is_set():
-                    step()
 
     def step_up(self):
         rig, choices = self.rig, self.random_up
