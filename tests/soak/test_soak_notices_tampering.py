@@ -4,24 +4,24 @@ import contextlib
 import os
 import pathlib
 import socket
-import struct
 import threading
 
 import pytest
 
 from faults import faults
+from harness.frames import frame, frame_parser, opcode_binary, opcode_text
 from soak_run import soak_run
 
 # Among the first messages of the warm-up; only frames that are whole messages, so that what is
 # done to them is done to a message.
 tampered_frame = 5
-final_text, final_binary = 0x81, 0x82
+mask = b"mask"
 
 
 class tampering_relay:
     """Passes bytes between the daemon and the service, and frames in one direction to `tamper`.
 
-    `tamper` gets one frame, whole, and returns what is passed on in its place.
+    `tamper` gets one frame and returns the frames that are passed on in its place.
     """
 
     def __init__(self, direction, tamper):
@@ -47,41 +47,33 @@ class tampering_relay:
 
     def pass_frames(self, direction, source, sink):
         with source.makefile("rb") as stream:
-            line = stream.readline()
-            while line.strip():
+            while line := stream.readline():
                 sink.sendall(line)
-                line = stream.readline()
-            sink.sendall(line)
+                if line == b"\r\n":
+                    break
+            parser = frame_parser()
             whole = 0
-            while frame := read_frame(stream):
-                is_whole = frame[0] in (final_text, final_binary) and frame[1] & 0x7F
-                whole += bool(is_whole)
-                chosen = is_whole and whole == tampered_frame and direction == self.direction
-                sink.sendall(self.tamper(frame) if chosen else frame)
+            while data := stream.read1():
+                for got in parser.feed(data):
+                    is_whole = bool(got.payload) and got.final and \
+                        got.opcode in (opcode_text, opcode_binary)
+                    whole += is_whole
+                    chosen = is_whole and whole == tampered_frame and direction == self.direction
+                    for one in self.tamper(got) if chosen else [got]:
+                        sink.sendall(frame(one.opcode, one.payload, one.final, one.reserved,
+                                           mask if one.masked else None))
 
 
-def read_frame(stream):
-    frame = stream.read(2)
-    if len(frame) < 2:
-        return b""
-    length = frame[1] & 0x7F
-    more = {126: 2, 127: 8}.get(length, 0)
-    field = stream.read(more)
-    if more:
-        length = struct.unpack("!H" if more == 2 else "!Q", field)[0]
-    return frame + field + stream.read(length + (4 if frame[1] & 0x80 else 0))
+def lose(got):
+    return []
 
 
-def lose(frame):
-    return b""
+def repeat(got):
+    return [got, got]
 
 
-def repeat(frame):
-    return frame * 2
-
-
-def alter(frame):
-    return frame[:-1] + bytes([frame[-1] ^ 1])
+def alter(got):
+    return [got._replace(payload=got.payload[:-1] + bytes([got.payload[-1] ^ 1]))]
 
 
 # A frame that a relay loses, sends twice or changes a bit of ends the soak with just that verdict.
