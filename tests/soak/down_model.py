@@ -1,8 +1,8 @@
 """What must arrive on the bus of what the service sent."""
 
 import collections
-import zlib
 
+from message_model import message_model
 from messages import number_in
 
 # What the daemon adds to its receive buffer. `completes`: the buffer is then delivered.
@@ -40,8 +40,8 @@ class sent_connection:
         return left_over_t(held, len(held) if self.cut_exactly else 0)
 
 
-class down_model:
-    """Judges every message that the daemon puts onto the bus; `report` gets each violation.
+class down_model(message_model):
+    """Judges every message that the daemon puts onto the bus.
 
     The daemon reads a connection from the beginning without a gap, so what it delivers from one is
     what was sent first on it. When the connection goes down, the rest may be lost, and the bytes
@@ -50,15 +50,13 @@ class down_model:
     daemon leaves and joins the bus, and while nobody listens, what it sends may go unheard.
     """
 
+    direction, place = "down", "the bus"
+
     def __init__(self, report):
-        self.report = report
+        super().__init__(report)
         self.connections = []
         self.unheard = set()
         self.unheard_now = False
-        self.seen = {}
-        self.given_up = set()
-        self.exposed = set()
-        self.sent = self.arrived = self.lost = 0
 
     def established(self, connection):
         self.connections.append(sent_connection(connection))
@@ -136,9 +134,7 @@ class down_model:
         while self.connections[0] is not connection:
             self.give_up(self.connections.pop(0).units)
         self.give_up([connection.units.popleft() for _ in range(position)])
-        unit = connection.units.popleft()
-        self.seen[unit.number] = zlib.crc32(payload)
-        self.arrived += 1
+        self.arrive(connection.units.popleft().number, payload)
 
     def give_up(self, units):
         numbers = [unit.number for unit in units if unit.completes]
@@ -146,26 +142,15 @@ class down_model:
         self.lost += len(numbers)
 
     def judge_stranger(self, payload):
-        number = number_in(payload, "down")
         later = next(((c, i) for c in self.connections for i, unit in enumerate(c.units)
                       if unit.completes and unit.payload == payload), None)
-        if later:
-            connection, position = later
-            numbers = [u.number for u in list(connection.units)[:position] if u.completes]
-            self.report(f"lost: messages {numbers} to the bus never came, and message {number} "
-                        f"after them on connection {connection.number} did")
-            self.deliver(connection, position, payload)
-        elif number in self.seen and self.seen[number] == zlib.crc32(payload):
-            self.report(f"duplicated: message {number} came to the bus again")
-        elif number in self.given_up:
-            self.report(f"reordered: message {number} came to the bus after later ones")
-        elif number is not None:
-            self.report(f"altered: message {number} came to the bus as {payload[:80]!r}")
-        else:
-            self.report(f"unexpected: the bus got {payload[:80]!r}")
-
-    def has_seen(self, number):
-        return number in self.seen
+        if not later:
+            self.report_stranger(payload)
+            return
+        connection, position = later
+        numbers = [u.number for u in list(connection.units)[:position] if u.completes]
+        self.report_loss(numbers, number_in(payload, self.direction))
+        self.deliver(connection, position, payload)
 
     def bytes_waiting(self):
         return sum(len(u.payload) for c in self.connections if not c.dropped for u in c.units)

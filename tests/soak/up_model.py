@@ -1,18 +1,22 @@
 """What must arrive at the service of what was sent on the bus."""
 
+import dataclasses
+import itertools
+
+from message_model import message_model
 from messages import number_in
 
 
+@dataclasses.dataclass
 class sent_up_t:
-    def __init__(self, number, payload, exposed, uncertain):
-        self.number = number
-        self.payload = payload
-        self.exposed = exposed
-        self.uncertain = uncertain
+    number: int
+    payload: bytes
+    exposed: bool
+    uncertain: bool
 
 
-class up_model:
-    """Judges every message that the service gets; `report` is called with each violation.
+class up_model(message_model):
+    """Judges every message that the service gets.
 
     The daemon takes the messages from the bus in the order of sending, holds them in one queue and
     sends the front one each time. So on one connection they come one after the other without a
@@ -23,15 +27,13 @@ class up_model:
     anywhere. Everything else must arrive: once, unaltered and in order.
     """
 
+    direction, place = "up", "the service"
+
     def __init__(self, report):
-        self.report = report
+        super().__init__(report)
         self.waiting = {}
         self.connected = False
         self.last_connection = 0
-        self.seen = set()
-        self.given_up = set()
-        self.exposed = set()
-        self.sent = self.arrived = self.lost = 0
 
     def begun(self, number, payload, uncertain=False):
         """The sending begins; to be called in the order of sending, and before it."""
@@ -54,52 +56,33 @@ class up_model:
         """The connection is about to go down, or is down."""
         self.connected = False
         for message in self.waiting.values():
-            self.expose(message)
-
-    def expose(self, message):
-        self.exposed.add(message.number)
-        message.exposed = True
+            self.exposed.add(message.number)
+            message.exposed = True
 
     def came(self, connection, payload):
         """The service got a message on a connection."""
         message = self.find(payload)
         if message is None:
-            self.report(self.describe_stranger(payload))
+            self.report_stranger(payload)
             return
         first = connection != self.last_connection
         self.last_connection = connection
         self.skip_to(message, first)
         del self.waiting[message.number]
-        self.seen.add(message.number)
-        self.arrived += 1
+        self.arrive(message.number, payload)
 
     def find(self, payload):
         if payload:
-            message = self.waiting.get(number_in(payload, "up"))
+            message = self.waiting.get(number_in(payload, self.direction))
             return message if message and message.payload == payload else None
         return next((m for m in self.waiting.values() if not m.payload), None)
 
     def skip_to(self, message, first):
-        skipped = []
-        for earlier in self.waiting.values():
-            if earlier is message:
-                break
-            skipped.append(earlier)
+        skipped = list(itertools.takewhile(lambda m: m is not message, self.waiting.values()))
         for earlier in skipped:
             del self.waiting[earlier.number]
             self.given_up.add(earlier.number)
-            if earlier.uncertain or (first and earlier.exposed):
-                self.lost += 1
-            else:
-                self.report(f"lost: message {earlier.number} to the service never came, and "
-                            f"message {message.number} after it did")
-
-    def describe_stranger(self, payload):
-        number = number_in(payload, "up")
-        if number in self.waiting:
-            return f"altered: message {number} came to the service as {payload[:80]!r}"
-        if number in self.seen:
-            return f"duplicated: message {number} came to the service again"
-        if number in self.given_up:
-            return f"reordered: message {number} came to the service after later ones"
-        return f"unexpected: the service got {payload[:80]!r}"
+        missing = [m.number for m in skipped if not (m.uncertain or (first and m.exposed))]
+        self.lost += len(skipped) - len(missing)
+        if missing:
+            self.report_loss(missing, message.number)
