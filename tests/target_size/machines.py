@@ -1,10 +1,9 @@
 """The processors on which the daemon is measured: how it is built and run for each."""
 
 import pathlib
-import shutil
 
-from device_build import (configure, device_build, needed_by, run, source_folder, stripped_size,
-                          stub_folder, tools_t)
+from device_build import (device_build, needed_by, run, source_folder, stripped_size, stub_folder,
+                          tools_t)
 
 fast_clock_source = source_folder / "tests" / "system" / "preload" / "fast_clock.c"
 
@@ -119,6 +118,19 @@ class mipsel(emulated):
             f"-DVEMK_TARGET_ENV={self.environment}"])
 
 
+class static_build(device_build):
+    """With the stubs in archives, so that they get into the program."""
+
+    def make_stub(self, name):
+        object_file = self.folder / f"stub_{name}.o"
+        library = self.folder / f"libdevice_{name}.a"
+        run(self.tools.c_compiler, "-c", "-Os", "-ffunction-sections",
+            "-I", source_folder / "platform" / "include", "-o", object_file,
+            stub_folder / f"stub_{name}.c")
+        run(pathlib.Path(self.tools.c_compiler).with_name("mipsel-ar"), "rcs", library, object_file)
+        return library
+
+
 class static_mipsel(emulated):
     """One static program, the stubs within it. It loads no other library, the clock among them."""
 
@@ -134,24 +146,7 @@ class static_mipsel(emulated):
             f"-DVEMK_STATIC_ENV={self.environment}"])
 
     def build(self):
-        shutil.rmtree(self.folder, ignore_errors=True)
-        self.folder.mkdir()
-        build_folder = self.folder / "build"
-        stubs = [self.make_stub(name) for name in ("bus", "log")]
-        status, output = configure(self.tools, build_folder, "-DVEMK_PLATFORM=device",
-                                   "-DVEMK_PLATFORM_LIBRARIES=" + ";".join(map(str, stubs)))
-        assert status == 0, output
-        run("cmake", "--build", build_folder, "--parallel", "2")
-        return build_folder
+        return static_build(self.tools, self.folder).build_folder
 
     def library_sizes(self):
         return {}
-
-    def make_stub(self, name):
-        object_file = self.folder / f"stub_{name}.o"
-        library = self.folder / f"libdevice_{name}.a"
-        run(self.tools.c_compiler, "-c", "-Os", "-ffunction-sections",
-            "-I", source_folder / "platform" / "include", "-o", object_file,
-            stub_folder / f"stub_{name}.c")
-        run(self.environment / "bin" / "mipsel-ar", "rcs", library, object_file)
-        return library

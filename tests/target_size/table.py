@@ -1,21 +1,13 @@
 """The table in docs/target.md."""
 
 import re
-import statistics
+from statistics import median
 
 begin_mark = "<!-- figures: begin -->"
 end_mark = "<!-- figures: end -->"
 
 # Parts of the C library that are files of their own on some processors.
 c_library_parts = ("libc.", "libm.", "libdl.", "libpthread.", "librt.", "ld.", "ld-linux")
-
-
-def thousands(size):
-    return f"{size:,}"
-
-
-def median(values):
-    return statistics.median(list(values))
 
 
 def memory_text(memories):
@@ -28,13 +20,13 @@ def memory_text(memories):
 
 def size_rows(sizes):
     """`sizes` has by machine: the program's size, and those of the libraries by name."""
-    programs = {name: thousands(size) for name, (size, _) in sizes.items()}
+    programs = {name: f"{size:,}" for name, (size, _) in sizes.items()}
     rows = [("`vemk`, stripped, bytes", programs)]
     libraries = []
     for _, found in sizes.values():
         libraries += [library for library in found if library not in libraries]
     for library in sorted(libraries, key=lambda name: name.startswith(c_library_parts)):
-        rows.append((f"`{library}`", {name: thousands(found[library])
+        rows.append((f"`{library}`", {name: f"{found[library]:,}"
                                       for name, (_, found) in sizes.items() if library in found}))
     return rows
 
