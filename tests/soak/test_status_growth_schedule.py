@@ -1,4 +1,4 @@
-"""What else is judged, at rest: announcements and growth; and what a run is made of."""
+"""What is judged at rest, announcements and growth, and what a run is made of."""
 
 import pytest
 
