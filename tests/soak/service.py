@@ -55,6 +55,7 @@ class service(asyncio_server):
         self.listener = await self.loop.create_server(lambda: peer(self), sock=listener)
 
     async def close_listener(self):
+        """Connections stay."""
         self.listener.close()
 
     def behave(self, mode):
