@@ -32,7 +32,7 @@ def report_lines(run, beside, options, violations):
     for life in run.lives:
         yield from life_lines(life)
     yield from beside.report_lines()
-    how = " (ended by hand)" if run.interrupted else ""
+    how = " (ended by hand)" if rig.interrupted else ""
     yield f"verdict     {'FAILED' if violations else 'passed'}{how}"
 
 

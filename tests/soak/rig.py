@@ -5,6 +5,7 @@ import json
 import signal
 import threading
 import time
+import traceback
 
 from harness.bus_peer import bus_peer, is_status, received_t, status_request
 from harness.frames import frame, opcode_ping
@@ -65,6 +66,7 @@ class rig:
         self.sending_up = threading.RLock()
         self.sending_down = threading.RLock()
         self.interrupt = interrupt or threading.Event()
+        self.interrupted = False
         self.judging = True
         self.violations = []
         self.up = up_model(self.violate)
@@ -108,6 +110,19 @@ class rig:
     def violate(self, what):
         if self.judging:
             self.violations.append(what)
+
+    @contextlib.contextmanager
+    def judged(self):
+        """Steps that end with the first violation, or with the interrupt."""
+        try:
+            yield
+        except interrupted:
+            self.interrupted = True
+        except soak_failed:
+            pass
+        except Exception as error:  # whatever it is, the steps showed nothing
+            traceback.print_exc()
+            self.violate(repr(error))
 
     # Events, each on the thread of who tells it.
 

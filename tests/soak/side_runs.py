@@ -1,10 +1,11 @@
 """What takes its time: run once in real time, each with a daemon of its own, beside the soak."""
 
 import collections
+import contextlib
 import threading
 import time
 
-from rig import interrupted, rig, soak_failed
+from rig import rig
 from sending_styles import large_fragments
 from service import always
 
@@ -121,8 +122,8 @@ class side_run(threading.Thread):
 
     def run(self):
         side = rig(*self.folders, seed=self.row.name, answers_ping=self.row.answers_ping,
-                      interrupt=self.interrupt)
-        try:
+                   interrupt=self.interrupt)
+        with contextlib.closing(side), side.judged():
             side.bus.wait_listening()
             side.wait(side.is_connected, "the first connection")
             side.began = time.monotonic()
@@ -131,18 +132,9 @@ class side_run(threading.Thread):
             side.probe()
             side.judge_status()
             self.seconds = time.monotonic() - side.began
-        except interrupted:
-            pass
-        except soak_failed:
-            self.fail(side.violations)
-        except Exception as error:  # whatever it is, the row was not shown
-            self.fail([repr(error)])
-        finally:
-            side.close()
-
-    def fail(self, violations):
-        self.violations = [f"{self.row.name}: {text}" for text in violations]
-        self.interrupt.set()
+        self.violations = [f"{self.row.name}: {text}" for text in side.violations]
+        if self.violations:
+            self.interrupt.set()
 
 
 class side_runs:

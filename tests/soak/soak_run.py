@@ -3,10 +3,9 @@
 import contextlib
 import signal
 import time
-import traceback
 
 from faults import faults
-from rig import interrupted, rig, soak_failed
+from rig import rig
 from harness.waiting import slowdown
 from resources import growth_faults, memory_trend, usage_of
 from schedule import schedule
@@ -59,12 +58,11 @@ class soak_run:
         self.injected = {}
         self.current = "start"
         self.longest_heal = (0.0, "none")
-        self.interrupted = False
         self.minutes = 0.0
 
     def run(self):
         """Returns when the run is over; what went wrong stands in the rig's violations."""
-        try:
+        with self.rig.judged():
             self.rig.bus.wait_listening()
             self.rig.wait(self.rig.is_connected, "the first connection")
             self.traffic.start()
@@ -75,17 +73,9 @@ class soak_run:
             self.end_life()
             self.traffic.stop()
             self.end_daemon()
-        except interrupted:
-            self.interrupted = True
-        except soak_failed:
-            pass
-        except Exception as error:  # whatever it is, the run showed nothing
-            traceback.print_exc()
-            self.rig.violate(repr(error))
-        finally:
-            self.traffic.ended.set()
-            self.minutes = (time.monotonic() - self.began) / 60
-            self.rig.judging = False
+        self.traffic.ended.set()
+        self.minutes = (time.monotonic() - self.began) / 60
+        self.rig.judging = False
 
     def close(self):
         for life in self.lives:
