@@ -8,12 +8,11 @@ import threading
 
 from harness.frames import (frame, frame_parser, opcode_close, opcode_ping, opcode_pong,
                             opcode_text)
-from harness.raw_server import http_head, upgrade_lines
+from harness.raw_server import http_head, reset_on_close, upgrade_lines
 from harness.recording_server import asyncio_server
 
 # Small, so that a service that does not read closes its window soon.
 receive_buffer_bytes = 65536
-reset_on_close = struct.pack("ii", 1, 0)
 
 answers = {
     "unavailable": b"HTTP/1.1 503 Service Unavailable\r\nContent-Length: 4\r\n\r\nbusy",
