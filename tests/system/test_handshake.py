@@ -16,7 +16,7 @@ from harness.round_trip import passes_both_ways
 from harness.vemk_daemon import config_text
 
 
-# Host is the bare host, Origin "http://" and it, without the port; version 13, no extensions.
+# Host is the bare host, Origin "http://" and that host, without port; version 13, no extensions.
 # Three servers see this request, and choose the offered "websock-roaming".
 @with_each_server
 def test_request_names_host_path_and_subprotocol(make_rig):
