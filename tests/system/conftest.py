@@ -112,13 +112,13 @@ def make_raw_server():
 
 
 @pytest.fixture
-def make_trial(make_daemon, bus):
+def make_trial(start_rig):
     """Starts a daemon with a server that accepts it once and then shows it the faults."""
     made = []
 
     def make(faults, reads_requests=True, **start_options):
         made.append(failing_server(faults, reads_requests))
-        return handshake_trial(make_daemon, bus, made[-1], start_options)
+        return handshake_trial(start_rig(made[-1], start_options, log_level=15))
 
     yield make
     for server in made:

@@ -59,14 +59,10 @@ def test_options_are_overridden_by_the_file(make_daemon, server, place):
 
 
 # With six proxy variables set the daemon connects, and the proxy sees nobody.
-def test_proxy_variables_are_ignored(make_daemon, make_raw_server, bus, server):
+def test_proxy_variables_are_ignored(make_rig, make_raw_server, server):
     proxy = make_raw_server(silent)
-    address = f"127.0.0.1:{proxy.port}"
-    bus.listen()
-    make_daemon().start(config_text(server.url, log_level=15), environment={
-        "http_proxy": address, "HTTP_PROXY": address, "socks_proxy": address,
-        "SOCKS_PROXY": address, "all_proxy": address, "ALL_PROXY": address})
-    bus.wait_until_connected()
+    variables = ("http_proxy", "HTTP_PROXY", "socks_proxy", "SOCKS_PROXY", "all_proxy", "ALL_PROXY")
+    make_rig({"environment": dict.fromkeys(variables, f"127.0.0.1:{proxy.port}")}, log_level=15)
     assert len(server.handshakes) == 1
     assert proxy.connections == []
 
@@ -110,21 +106,23 @@ def test_new_connection_comes_after_the_delay_drawn(make_rig):
     assert attempt.time - lost < 1 + 0.3 + delay + 3
 
 
-def connect_through(behaviour, make_daemon, make_raw_server, bus, heard=(), **start_options):
-    """A daemon that is connected by it at once, hears this and passes a message on either way."""
-    server = make_raw_server(behaviour)
-    bus.listen()
-    daemon = make_daemon().start(config_text(server.url, log_level=15), **start_options)
-    bus.wait_until_connected()
-    assert bus.wait_for_payloads(len(heard)) == [*heard]
-    assert passes_both_ways(bus, server, "connected")
-    assert len(server.connections) == 1
-    return daemon
+@pytest.fixture
+def connect_through(start_rig, make_raw_server):
+    """Connects a daemon at the first attempt; it hears this and passes a message on either way."""
+
+    def connect(behaviour, heard=(), start_options=None):
+        daemon, bus, server = start_rig(make_raw_server(behaviour), start_options, log_level=15)
+        assert bus.wait_for_payloads(len(heard)) == [*heard]
+        assert passes_both_ways(bus, server, "connected")
+        assert len(server.connections) == 1
+        return daemon
+
+    return connect
 
 
 # Fault, before the connection: a handshake answer that arrives in one-byte pieces.
 # Seen: it connects at the first attempt, and messages flow both ways.
-def test_handshake_in_one_byte_pieces_connects(make_daemon, make_raw_server, bus):
+def test_handshake_in_one_byte_pieces_connects(connect_through):
     def trickle(server, connection, request):
         connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         for byte in http_head(upgrade_lines(request)):
@@ -132,12 +130,12 @@ def test_handshake_in_one_byte_pieces_connects(make_daemon, make_raw_server, bus
             time.sleep(0.002)
         server.read_frames(connection)
 
-    connect_through(trickle, make_daemon, make_raw_server, bus)
+    connect_through(trickle)
 
 
 # Fault, before the connection: a server that answers the handshake after 8 seconds.
 # Seen: it connects at the first attempt, and messages flow both ways.
-def test_answer_after_eight_seconds_connects(make_daemon, make_raw_server, bus):
+def test_answer_after_eight_seconds_connects(connect_through):
     """The library gave the attempt up after 5 seconds, and the next, for as long as the service
     was that slow."""
     clock = fast_clock(4)
@@ -146,19 +144,19 @@ def test_answer_after_eight_seconds_connects(make_daemon, make_raw_server, bus):
         time.sleep(8 / 4 if clock else 8)
         upgrade(server, connection, request)
 
-    daemon = connect_through(hesitate, make_daemon, make_raw_server, bus, **clock)
+    daemon = connect_through(hesitate, start_options=clock)
     began = daemon.lines_with("websock-roaming->Connected")[0].time
     assert established(daemon) - began > 6
 
 
 # Fault, before the connection: the handshake answer and the first frame in the same segment.
 # Seen: the bus hears "connected", then the frame's message, and messages flow both ways.
-def test_first_frame_in_the_segment_of_the_handshake_is_received(make_daemon, make_raw_server, bus):
+def test_first_frame_in_the_segment_of_the_handshake_is_received(connect_through, bus):
     def hurry(server, connection, request):
         connection.sendall(http_head(upgrade_lines(request)) + text(b"first"))
         server.read_frames(connection)
 
-    connect_through(hurry, make_daemon, make_raw_server, bus, heard=[b"first"])
+    connect_through(hurry, heard=[b"first"])
     heard = [received.payload for received in bus.received]
     assert heard.index(b"first") > heard.index(connected)
 
@@ -173,9 +171,9 @@ def test_first_frame_in_the_segment_of_the_handshake_is_received(make_daemon, ma
     lambda head: head.replace(b"\r\n", b"\n"),
     lambda head: head.replace(b"HTTP/1.1", b"HTTP/1.0"),
 ], ids=["no-subprotocol", "empty-subprotocol", "list", "bare-line-ends", "http-1.0"])
-def test_odd_handshake_answer_connects(make_daemon, make_raw_server, bus, odd):
+def test_odd_handshake_answer_connects(connect_through, odd):
     def accept(server, connection, request):
         connection.sendall(odd(http_head(upgrade_lines(request))))
         server.read_frames(connection)
 
-    connect_through(accept, make_daemon, make_raw_server, bus)
+    connect_through(accept)

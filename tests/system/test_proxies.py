@@ -6,24 +6,21 @@ import collections
 
 import pytest
 
-from harness.healing import lost_and_found
+from harness.healing import lost_and_found, outlives_restart
 from harness.proxies import haproxy, nginx
 from harness.round_trip import assert_all_kinds_pass, passes_both_ways
-from harness.vemk_daemon import config_text
 
 proxied_t = collections.namedtuple("proxied_t", "daemon bus server proxy")
 
 
 @pytest.fixture(params=[haproxy, nginx], ids=lambda kind: kind.program)
-def make_proxied(request, make_daemon, bus, server, place):
+def make_proxied(request, start_rig, server, place):
     """Starts a proxy in front of the server and a daemon that connects through it."""
     made = []
 
     def make(**settings):
         made.append(request.param(place, server.port, **settings).start())
-        bus.listen()
-        daemon = make_daemon().start(config_text(made[-1].url, log_level=15))
-        bus.wait_until_connected()
+        daemon, bus, _ = start_rig(made[-1], log_level=15)
         return proxied_t(daemon, bus, server, made[-1])
 
     yield make
@@ -60,15 +57,8 @@ def test_server_gone_behind_a_proxy_is_tried_again(make_proxied):
 # Seen: attempts are refused and tried again, the server hears of no other connection; once the
 # proxy is back the bus hears "connected", and messages pass.
 def test_restarted_proxy_is_connected_to_again(make_proxied):
-    daemon, bus, server, proxy = make_proxied()
-    announced = len(bus.statuses())
-    proxy.stop()
-    daemon.wait_for_lines("process_client_connection_error:41", 2)
-    assert set(bus.statuses()[announced:]) == {"disconnected"}
-    assert len(server.handshakes) == 1
-    proxy.start()
-    bus.wait_for_last_status("connected", after=announced)
-    assert passes_both_ways(bus, server, "again")
+    *rig, proxy = make_proxied()
+    assert outlives_restart(rig, proxy)
 
 
 # Fault, while connected: a proxy that ends each connection after 2 s without traffic.

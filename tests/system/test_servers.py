@@ -11,7 +11,6 @@ from harness.asked_services import padded, websocketd
 from harness.independent_servers import with_each_server
 from harness.reference_service import reference_service
 from harness.round_trip import assert_all_kinds_pass, passes_both_ways
-from harness.vemk_daemon import config_text
 
 
 # Empty, UTF-8, NUL and 200 KiB messages arrive at three servers as text, unchanged and in order.
@@ -35,14 +34,9 @@ def service(companion_folder):
 
 
 # A message each way, and "disconnected" when the service ends.
-def test_messages_pass_between_bus_and_reference_service(make_daemon, bus, service):
-    bus.listen()
-    daemon = make_daemon().start(config_text(service.url))
-    bus.wait_until_connected()
-    bus.send(b"from the bus")
-    assert service.wait_for_payloads(1) == [b"from the bus"]
-    service.send("from the service")
-    assert bus.wait_for_payloads(1) == [b"from the service"]
+def test_messages_pass_between_bus_and_reference_service(start_rig, service):
+    daemon, bus, service = start_rig(service)
+    assert passes_both_ways(bus, service, "connected")
     announced = len(bus.statuses())
     assert service.end() == 0
     bus.wait_for_statuses(announced + 1)

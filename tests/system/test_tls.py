@@ -7,6 +7,7 @@ import re
 
 import pytest
 
+from harness.healing import outlives_restart
 from harness.round_trip import assert_all_kinds_pass, passes_both_ways
 from harness.tls import authority, example, service_name, terminator, tunnel
 from harness.vemk_daemon import config_text
@@ -115,11 +116,4 @@ def test_access_point_without_its_certificate_is_refused(shown, make_tunnelled, 
 def test_tunnel_is_connected_through_again(end, make_tunnelled, bus, server):
     tunnelled = make_tunnelled()
     bus.wait_until_connected()
-    announced = len(bus.statuses())
-    getattr(tunnelled, end).stop()
-    tunnelled.daemon.wait_for_lines("process_client_connection_error:41", 2)
-    assert set(bus.statuses()[announced:]) == {"disconnected"}
-    assert len(server.handshakes) == 1
-    getattr(tunnelled, end).start()
-    bus.wait_for_last_status("connected", after=announced)
-    assert passes_both_ways(bus, server, "again")
+    assert outlives_restart((tunnelled.daemon, bus, server), getattr(tunnelled, end))

@@ -4,7 +4,6 @@ import collections
 
 from harness.raw_server import finish, http_head, raw_server, upgrade, upgrade_lines
 from harness.round_trip import passes_both_ways
-from harness.vemk_daemon import config_text
 
 library_prefix = "portal->libwebsocket-debug> "
 
@@ -100,14 +99,10 @@ def courses_of(daemon):
 class handshake_trial:
     """A daemon that was connected, meets a failing_server's faults and is connected again."""
 
-    def __init__(self, make_daemon, bus, server, start_options):
-        self.bus = bus
-        self.server = server
-        bus.listen()
-        self.daemon = make_daemon().start(config_text(server.url, log_level=15), **start_options)
-        bus.wait_until_connected()
+    def __init__(self, rig):
+        self.daemon, self.bus, self.server = rig
         self.descriptors = self.daemon.descriptor_count()
-        self.announced = len(bus.statuses())
+        self.announced = len(self.bus.statuses())
 
     def endure(self):
         """Returns the logged courses of the failed attempts, each of which met another fault."""

@@ -1,6 +1,7 @@
 """What must hold after a fault: the daemon lives, has leaked nothing, and messages pass again."""
 
 from harness.frames import opcode_close, text
+from harness.round_trip import passes_both_ways
 from harness.vemk_daemon import line_pattern
 
 lost_and_found = ["disconnected", "disconnected", "connected"]
@@ -18,6 +19,19 @@ def stray_lines(daemon):
             stray.append(line)
         before = line
     return stray
+
+
+def outlives_restart(rig, program):
+    """Whether messages pass again when this program between daemon and server is back."""
+    daemon, bus, server = rig
+    announced, connections = len(bus.statuses()), len(server.handshakes)
+    program.stop()
+    daemon.wait_for_lines("process_client_connection_error:41", 2)
+    assert set(bus.statuses()[announced:]) == {"disconnected"}
+    assert len(server.handshakes) == connections
+    program.start()
+    bus.wait_for_last_status("connected", after=announced)
+    return passes_both_ways(bus, server, "again")
 
 
 class fault_watch:
