@@ -5,10 +5,9 @@
 import pytest
 
 from harness.bus_peer import status_request
-from harness.frame_server import frame, text
+from harness.frames import frame, opcode_ping, opcode_pong, text
 from harness.healing import fault_watch
 from harness.keepalive import fast_clock
-from harness.raw_server import opcode_ping, opcode_pong
 from harness.round_trip import assert_all_arrive
 from harness.traffic import is_strictly_in_order
 
@@ -63,7 +62,7 @@ def test_ping_flood_delays_messages_and_loses_none(make_frame_rig):
     server.send(*flood(opcode_ping))
     bus.send_lines(up)
     assert bus.wait_for_payloads(len(down)) == down
-    assert server.wait_for_texts(len(up)) == up
+    assert server.wait_for_payloads(len(up)) == up
     server.synchronise()
     pongs = [pong.payload for pong in server.frames_of(opcode_pong)][:-1]
     assert len(pongs) > 20
@@ -83,7 +82,7 @@ def test_pong_flood_disturbs_nothing(make_frame_rig):
     server.send(*flood(opcode_pong))
     bus.send_lines([*up, status_request])
     assert bus.wait_for_payloads(len(down)) == down
-    assert server.wait_for_texts(len(up)) == up
+    assert server.wait_for_payloads(len(up)) == up
     bus.wait_for_statuses(watch.announced + 1)
     assert bus.statuses()[watch.announced:] == ["connected"]
     daemon.wait_for_lines("process_client_receive_pong:119", count)
@@ -92,4 +91,4 @@ def test_pong_flood_disturbs_nothing(make_frame_rig):
     watch.expect_kept()
     # A slow machine takes longer than the 30 seconds after which the daemon pings.
     own_pings = len(server.frames_of(opcode_ping))
-    assert len(server.frames) - own_pings == len(server.texts())
+    assert len(server.frames) - own_pings == len(server.payloads())

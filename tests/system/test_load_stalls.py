@@ -10,10 +10,9 @@ import threading
 
 import pytest
 
-from harness.frame_server import close_frame, frame, text
+from harness.frames import close_frame, frame, opcode_ping, opcode_text, text
 from harness.healing import fault_watch, lost_and_found
 from harness.keepalive import fast_clock
-from harness.raw_server import opcode_ping, opcode_text
 from harness.reference_service import reference_service
 from harness.round_trip import passes_both_ways
 from harness.waiting import wait_until
@@ -35,7 +34,7 @@ def stalled(make_frame_rig):
                              {"answers_pings": True, "receive_buffer": 4096}, log_level=12)
         go_on = rig.server.stop_reading()
         rig.bus.send(b"the last that is read")
-        rig.server.wait_for_texts(1)
+        rig.server.wait_for_payloads(1)
         for message in messages:
             rig.bus.send(message)
         return rig, go_on
@@ -83,7 +82,7 @@ def test_messages_pass_when_a_server_reads_again(stalled):
     wait_until_stuck(rig.daemon)
     watch = fault_watch(rig)
     go_on()
-    assert rig.server.wait_for_texts(1 + len(messages))[1:] == messages
+    assert rig.server.wait_for_payloads(1 + len(messages))[1:] == messages
     watch.remember()
     watch.expect_kept()
     assert len(rig.server.connections) == 1

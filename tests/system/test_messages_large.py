@@ -5,10 +5,10 @@
 
 import pytest
 
-from harness.frame_server import frame, opcode_continuation, pattern, text
+from harness.frame_server import pattern
+from harness.frames import frame, opcode_continuation, opcode_ping, opcode_text, text
 from harness.healing import fault_watch, lost_and_found
 from harness.keepalive import fast_clock
-from harness.raw_server import opcode_ping, opcode_text
 from harness.waiting import slowdown
 
 large_size = 16 << 20

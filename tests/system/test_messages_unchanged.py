@@ -6,8 +6,9 @@
 import pytest
 
 from harness.frame_server import pattern
+from harness.frames import opcode_ping, opcode_text
 from harness.keepalive import fast_clock
-from harness.raw_server import opcode_ping, opcode_text, upgrade
+from harness.raw_server import upgrade
 from harness.round_trip import passes_both_ways
 
 both_ways = [

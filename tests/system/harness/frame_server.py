@@ -3,8 +3,7 @@
 import socket
 import threading
 
-from harness.frames import (close_frame, frame, opcode_binary, opcode_continuation, opcode_ping,
-                            opcode_pong, opcode_text, text)
+from harness.frames import frame, opcode_binary, opcode_continuation, opcode_ping, opcode_pong
 from harness.raw_server import finish, raw_server, reset, upgrade
 from harness.waiting import wait_until
 
@@ -81,5 +80,3 @@ class frame_server(raw_server):
         """Waits until the daemon has closed the connection with this number, counted from 1."""
         reader = self.readers[self.connections[number - 1]]
         wait_until(lambda: not reader.is_alive(), f"end of connection {number}")
-
-    texts, wait_for_texts = raw_server.payloads, raw_server.wait_for_payloads
