@@ -9,8 +9,7 @@ import struct
 import threading
 import time
 
-from harness.frames import (frame_parser, frame_t, opcode_close, opcode_ping, opcode_pong,
-                            opcode_text, text)
+from harness.frames import frame_parser, frame_t, opcode_text, text
 from harness.waiting import wait_until
 
 reset_on_close = struct.pack("ii", 1, 0)
