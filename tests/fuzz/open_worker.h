@@ -11,18 +11,10 @@ public:
   using websock_worker::websock_worker;
 
   using websock_worker::handle_status_request;
-  using websock_worker::process_client_receive;
 
-  using websock_worker::alive;
-  using websock_worker::closed;
   using websock_worker::connected;
-  using websock_worker::context;
-  using websock_worker::current_delay;
-  using websock_worker::last_ping;
-  using websock_worker::missed_pongs;
   using websock_worker::protocol_callback;
   using websock_worker::running;
-  using websock_worker::rx_buffer;
 };
 
 } // namespace vemk::fuzz

@@ -4,23 +4,21 @@
 ///   i OUTCOME RANDOM           the base's next init(), behind a deinit() if there was an init()
 ///                              before; OUTCOME "c": no context, "n": no connection; rand's value
 ///   d                          deinit()
-///   s                          run_once()
+///   s OFFSET ...               run_once(); what its first readings of the clock are off by, in
+///                              seconds
 ///   f NUMBER                   the run flag, 0 or 1
 ///   c REASON [z]               a callback of the library, with z for no connection
 ///   r PIECE REMAINING TIMES LIMIT TEXT
 ///                              a received piece, TEXT repeated; PIECE "f": the last one; no memory
-///                              for blocks of LIMIT bytes if that is not 0. R instead of r: past
-///                              the dispatcher
-///   n PIECE REMAINING LENGTH   the same with a null pointer; N as R
+///                              for blocks of LIMIT bytes if that is not 0
+///   n PIECE REMAINING LENGTH   the same with a null pointer
 ///   p TIMES TEXT               a message from the bus, TEXT repeated
 ///   q POLL TEXT                one that comes at this poll of the next wait
 ///   w RESULT ...               what the next calls of lws_write return
 ///   t SECONDS                  the clock goes on
-///   j OFFSET ...               what the next readings of the clock are off by, in seconds
 ///   x REASON                   a callback inside the next lws_context_destroy
-/// After each step the worker and all that it did is held against websock_model.
+/// After each step websock_judge looks at all that the worker did.
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <map>
@@ -28,6 +26,7 @@
 #include <optional>
 #include <string>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "fakes/fake_libc.h"
@@ -37,7 +36,7 @@
 #include "fuzz/expect.h"
 #include "fuzz/open_worker.h"
 #include "fuzz/script.h"
-#include "fuzz/websock_model.h"
+#include "fuzz/websock_judge.h"
 #include "log/log_module.h"
 #include "unit/websock/wrapped_libc.h"
 
@@ -52,27 +51,29 @@ constexpr useconds_t restart_pause_us = 300000;
 constexpr int most_steps = 300;
 constexpr int most_inits = 20;
 constexpr std::size_t most_listed = 16;
+const piece_t no_piece{};
 
-/// Whole lines as "module> message", dumps left out.
-std::vector<std::string> logged_lines() {
-  std::vector<std::string> lines;
-  for (const std::string &line : fake_log::lines()) {
-    const std::string text = line.substr(line.find('|', 1) + 1);
-    if (text.rfind("buffer-info> Buffer info dump:", 0) == std::string::npos)
-      lines.push_back(text);
-  }
-  return lines;
+/// Reasons that the library gives for an open connection only.
+bool needs_connection(int reason) {
+  return reason == LWS_CALLBACK_CLIENT_ESTABLISHED || reason == LWS_CALLBACK_CLIENT_RECEIVE ||
+         reason == LWS_CALLBACK_CLIENT_RECEIVE_PONG || reason == LWS_CALLBACK_CLIENT_WRITEABLE ||
+         reason == fake_lws::closed_reason;
+}
+
+/// Reasons behind which later releases free the connection, and the worker knows.
+bool frees_connection(int reason) {
+  return reason == LWS_CALLBACK_CLIENT_CONNECTION_ERROR || reason == fake_lws::closed_reason ||
+         reason == LWS_CALLBACK_WSI_DESTROY;
 }
 
 class websock_run {
 public:
-  explicit websock_run(script_reader &first_line)
-      : first_delay(static_cast<std::uint32_t>(first_line.number(0, largest_delay))),
-        max_delay(static_cast<std::uint32_t>(first_line.number(0, largest_delay))),
-        level(static_cast<std::uint32_t>(first_line.number(0, 15))),
-        whole_messages(first_line.number(0, 1) == 1),
-        model(first_delay, max_delay, level, whole_messages) {
-    g_log_level = level;
+  explicit websock_run(script_reader &first_line) {
+    const auto first_delay = static_cast<std::uint32_t>(first_line.number(0, largest_delay));
+    const auto max_delay = static_cast<std::uint32_t>(first_line.number(0, largest_delay));
+    g_log_level = static_cast<std::uint32_t>(first_line.number(0, 15));
+    const bool whole_messages = first_line.number(0, 1) == 1;
+    judge = std::make_unique<websock_judge>(&run_flag, first_delay, max_delay, whole_messages);
     worker =
         std::make_unique<open_worker>(&bus_to_ws, &ws_to_bus, "roam.example", "/roam", 8080,
                                       &run_flag, first_delay, max_delay, false, whole_messages);
@@ -99,111 +100,74 @@ public:
       init(script);
     if (action == "d" && is_set_up)
       deinit();
-    if (model.has_context() && !has_ended) {
+    if (judge->has_context() && !has_ended) {
       if (action == "s")
-        run_once();
+        run_once(script);
       if (action == "c")
         call_back(script);
-      if (action == "r" || action == "R" || action == "n" || action == "N")
-        receive(action, script);
+      if (action == "r" || action == "n")
+        receive(action == "n", script);
     }
-    if (action == "p")
-      push_from_bus(script);
     if (!has_ended)
       compare();
   }
 
   void destroy() {
-    model.deinit();
+    judge->stop();
     worker.reset();
     // The bus goes on and must not reach what is gone.
-    bus_to_ws.push(buffer_of("late"));
-    expect_equal("what goes to the bus at the end", model_view().to_bus, take_all(ws_to_bus));
-    expect_equal("the library calls at the end", last_model_view.library_calls, fake_lws::calls());
-    compare_frames();
+    push("late");
+    if (!has_ended)
+      judge->compare(bus_to_ws, ws_to_bus, false);
   }
 
 private:
   void surroundings_step(const std::string &action, script_reader &script) {
     if (action == "f")
-      set_run_flag(script.number(0, 1) == 1);
+      run_flag = script.number(0, 1) == 1;
+    if (action == "p") {
+      const std::int64_t times = script.number(0, largest_piece);
+      push(repeated(script.rest(), times, largest_piece));
+    }
     if (action == "q") {
       const auto poll = static_cast<int>(script.number(1, 100));
-      const std::string message = script.rest();
-      model.push_while_waiting(poll, message);
-      arrivals.emplace(poll, message);
+      arrivals.emplace(poll, script.rest());
     }
-    if (action == "w")
-      script_write_results(script);
+    if (action == "w") {
+      const std::vector<int> results = numbers<int>(script, -10, 100000);
+      fake_lws::script_write_results(results);
+      judge->script_write_results(results);
+    }
     if (action == "t")
-      let_pass(script.number(0, 40));
-    if (action == "j")
-      script_readings(script);
-    if (action == "x")
-      call_back_when_destroyed(static_cast<int>(script.number(0, largest_reason)));
+      fake_libc::advance_seconds(script.number(0, 40));
+    if (action == "x" && destroy_reasons.size() < most_listed)
+      destroy_reasons.push_back(static_cast<int>(script.number(0, largest_reason)));
   }
 
-  void set_run_flag(bool value) {
-    run_flag = value;
-    model.set_run_flag(value);
+  template<typename number>
+  static std::vector<number> numbers(script_reader &script, int lowest, int highest) {
+    std::vector<number> all;
+    while (script.has_word() && all.size() < most_listed)
+      all.push_back(static_cast<number>(script.number(lowest, highest)));
+    return all;
   }
 
-  void let_pass(std::int64_t seconds) {
-    fake_libc::advance_seconds(seconds);
-    model.let_pass(seconds * 1000000);
+  void compare() {
+    judge->compare(bus_to_ws, ws_to_bus, worker->running && worker->keep_running(&run_flag));
   }
 
-  void script_write_results(script_reader &script) {
-    std::vector<int> results;
-    while (script.has_word() && results.size() < most_listed)
-      results.push_back(static_cast<int>(script.number(-10, 100000)));
-    fake_lws::script_write_results(results);
-    model.script_write_results(results);
+  void push(const std::string &message) {
+    judge->push_from_bus(message);
+    bus_to_ws.push(buffer_of(message));
   }
 
-  void script_readings(script_reader &script) {
-    std::vector<std::int64_t> seconds;
-    while (script.has_word() && seconds.size() < most_listed)
-      seconds.push_back(model.now() + script.number(-100, 100));
-    fake_libc::script_readings(seconds);
-    model.script_readings(seconds);
-  }
-
-  /// The library establishes no connection while it destroys one.
-  void call_back_when_destroyed(int reason) {
-    if (reason == LWS_CALLBACK_CLIENT_ESTABLISHED || destroy_reasons.size() == most_listed)
-      return;
-    destroy_reasons.push_back(reason);
-    model.call_back_when_destroyed(reason);
-  }
-
-  void call_back_in_destroy() {
-    const std::vector<int> reasons = std::move(destroy_reasons);
-    destroy_reasons.clear();
-    for (const int reason : reasons)
-      call_worker(reason, wsi, nullptr, 0);
-    if (wsi != nullptr)
-      call_worker(LWS_CALLBACK_WSI_DESTROY, wsi, nullptr, 0);
-    wsi = nullptr;
-  }
-
-  int call_worker(int reason, lws *connection, void *in, std::size_t length) {
-    return callback(connection, static_cast<lws_callback_reasons>(reason), nullptr, in, length);
-  }
-
-  /// Lets both do the same and compares whether, and how, the process ends.
-  template<typename worker_action, typename model_action>
-  void run_both(worker_action of_worker, model_action of_model) {
-    std::optional<int> expected;
-    try {
-      of_model();
-    } catch (const process_end &end) {
-      expected = end.status;
-    }
-    const std::optional<int> status = fake_libc::exit_status(of_worker);
-    has_ended = expected.has_value();
-    expect_equal("whether the process ends", has_ended, status.has_value());
-    expect_equal("the exit status", expected.value_or(0), status.value_or(0));
+  /// Lets the worker do something that may end the process.
+  template<typename worker_action>
+  void let(worker_action act) {
+    const std::optional<int> status = fake_libc::exit_status(act);
+    has_ended = status.has_value();
+    expect_equal("whether the process ends", judge->ends_process(), has_ended);
+    expect_equal("the exit status", has_ended ? -1 : 0, status.value_or(0));
   }
 
   void init(script_reader &script) {
@@ -211,155 +175,118 @@ private:
     if (is_set_up) {
       deinit();
       usleep(restart_pause_us);
-      model.let_pass(restart_pause_us);
     }
-    const std::string word = script.word();
-    const connect_outcome outcome = word == "c"   ? connect_outcome::no_context
-                                    : word == "n" ? connect_outcome::no_connection
-                                                  : connect_outcome::connecting;
-    if (outcome == connect_outcome::no_context)
+    const std::string outcome = script.word();
+    if (outcome == "c")
       fake_lws::fail_next_context();
-    if (outcome == connect_outcome::no_connection)
+    if (outcome == "n")
       fake_lws::fail_next_connection();
-    const auto random = static_cast<int>(script.number(0, RAND_MAX));
-    wrapped_libc::script_rand({random});
+    wrapped_libc::script_rand({static_cast<int>(script.number(0, RAND_MAX))});
     int poll = 0;
-    fake_libc::on_sleep([this, &poll](std::int64_t) { push_arrivals(++poll); });
-    run_both([this] { worker->running = worker->init(); },
-             [this, outcome, random] { model.init(outcome, random); });
+    fake_libc::on_sleep([this, &poll](std::int64_t) { look_into_queue(++poll); });
+    judge->begin_attempt();
+    let([this] { worker->running = worker->init(); });
     fake_libc::on_sleep(nullptr);
     arrivals.clear();
     is_set_up = true;
-    wsi = outcome == connect_outcome::connecting && !has_ended ? fake_lws::connection() : nullptr;
+    if (has_ended)
+      return;
+    const bool has_connection = outcome != "c" && outcome != "n";
+    judge->end_attempt(outcome != "c", has_connection);
+    wsi = has_connection ? fake_lws::connection() : nullptr;
   }
 
-  void push_arrivals(int poll) {
+  void look_into_queue(int poll) {
+    // The attempt has not begun.
+    if (poll == 1)
+      compare();
     for (auto [each, end] = arrivals.equal_range(poll); each != end; ++each)
-      bus_to_ws.push(buffer_of(each->second));
+      push(each->second);
+    judge->take_message(false);
   }
 
   void deinit() {
-    model.deinit();
+    judge->stop();
     worker->deinit();
+    worker->running = false;
     is_set_up = false;
   }
 
-  void run_once() {
+  void call_back_in_destroy() {
+    const std::vector<int> reasons = std::exchange(destroy_reasons, {});
+    for (const int reason : reasons) {
+      // The library establishes no connection while it destroys one.
+      if (reason != LWS_CALLBACK_CLIENT_ESTABLISHED)
+        call_worker(reason, wsi);
+    }
+    call_worker(LWS_CALLBACK_WSI_DESTROY, wsi);
+    wsi = nullptr;
+  }
+
+  void run_once(script_reader &script) {
+    std::vector<std::int64_t> readings = numbers<std::int64_t>(script, -100, 100);
+    for (std::int64_t &reading : readings)
+      reading += fake_libc::now_us() / 1000000;
+    fake_libc::script_readings(readings);
+    judge->step(readings);
     bool asks_for_pause = true;
-    run_both([this, &asks_for_pause] { asks_for_pause = worker->run_once(); },
-             [this] { model.run_once(); });
+    let([this, &asks_for_pause] { asks_for_pause = worker->run_once(); });
+    fake_libc::script_readings({});
     expect_equal("whether the step asks for a pause", true, asks_for_pause);
   }
 
   void call_back(script_reader &script) {
     const auto reason = static_cast<int>(script.number(0, largest_reason));
-    const bool has_connection = script.word() != "z";
-    int result = 0;
-    run_both(
-        [this, reason, has_connection, &result] {
-          result = call_worker(reason, has_connection ? wsi : nullptr, nullptr, 0);
-        },
-        [this, reason, has_connection] {
-          model.call_back(reason, has_connection ? model.connection() : 0);
-        });
-    expect_equal("the dispatcher's result", 0, result);
+    lws *const connection = script.word() == "z" ? nullptr : wsi;
+    let([this, reason, connection] { call_worker(reason, connection); });
   }
 
-  void receive(const std::string &action, script_reader &script) {
-    const bool is_null = action == "n" || action == "N";
-    piece_t piece;
-    piece.is_final = script.word() == "f";
-    piece.remaining = static_cast<std::size_t>(script.number(0, largest_piece));
+  /// `in` is null where the library has no data.
+  void call_worker(int reason, lws *connection, const piece_t &piece = no_piece, void *in = nullptr,
+                   std::size_t length = 0) {
+    if (connection == nullptr && needs_connection(reason))
+      return;
+    judge->call_back(reason, wsi != nullptr, piece);
+    expect_equal(
+        "the callback's result", 0,
+        callback(connection, static_cast<lws_callback_reasons>(reason), nullptr, in, length));
+    if (fake_lws::wakes_by_cancelling && connection != nullptr && frees_connection(reason)) {
+      fake_lws::kill_connection(connection);
+      wsi = nullptr;
+    }
+  }
+
+  void receive(bool is_null, script_reader &script) {
+    const bool is_final = script.word() == "f";
+    const auto remaining = static_cast<std::size_t>(script.number(0, largest_piece));
     const std::int64_t number = script.number(0, largest_piece);
-    if (is_null) {
-      // Only the last piece of a message may be null and have a length.
-      const bool is_last = piece.is_final && piece.remaining == 0;
-      piece.length = is_last ? static_cast<std::size_t>(number) : 0;
-    } else {
+    piece_t piece;
+    piece.is_last = is_final && remaining == 0;
+    if (!is_null) {
       const auto limit = static_cast<std::size_t>(script.number(0, largest_piece));
       if (limit != 0)
         piece.memory_limit = limit;
       piece.bytes = repeated(script.rest(), number, largest_piece);
-      piece.length = piece.bytes->size();
     }
-    deliver(piece, action == "R" || action == "N");
-  }
-
-  void deliver(const piece_t &piece, bool past_dispatcher) {
-    std::string bytes = piece.bytes.value_or("");
-    void *const in = piece.bytes ? bytes.data() : nullptr;
-    fake_lws::set_piece(piece.remaining, piece.is_final);
-    const wrapped_libc::memory_shortage shortage(piece.memory_limit);
-    if (past_dispatcher) {
-      expect_equal("the receive handler's result", model.receive(piece),
-                   worker->process_client_receive(wsi, nullptr, in, piece.length));
-    } else {
-      model.set_piece(piece);
-      model.call_back(LWS_CALLBACK_CLIENT_RECEIVE, model.connection());
-      expect_equal("the dispatcher's result", 0,
-                   call_worker(LWS_CALLBACK_CLIENT_RECEIVE, wsi, in, piece.length));
+    // Only the last piece of a message may be null and have a length.
+    const std::size_t null_length = piece.is_last ? static_cast<std::size_t>(number) : 0;
+    std::string bytes = piece.bytes;
+    fake_lws::set_piece(remaining, is_final);
+    {
+      const wrapped_libc::memory_shortage shortage(piece.memory_limit);
+      call_worker(LWS_CALLBACK_CLIENT_RECEIVE, wsi, piece, is_null ? nullptr : bytes.data(),
+                  is_null ? null_length : bytes.size());
     }
-    // Callbacks without data are about a piece of the same kind.
-    piece_t empty;
-    empty.remaining = piece.remaining;
-    empty.is_final = piece.is_final;
-    model.set_piece(empty);
+    fake_lws::set_piece(0, true);
   }
 
-  void push_from_bus(script_reader &script) {
-    const std::int64_t times = script.number(0, largest_piece);
-    const std::string message = repeated(script.rest(), times, largest_piece);
-    model.push_from_bus(message);
-    bus_to_ws.push(buffer_of(message));
-  }
-
-  const worker_view_t &model_view() {
-    last_model_view = model.take_view();
-    return last_model_view;
-  }
-
-  void compare() {
-    worker_view_t view;
-    view.alive = worker->alive;
-    view.connected = worker->connected;
-    view.closed = worker->closed;
-    view.running = worker->running;
-    view.has_context = worker->context != nullptr;
-    view.keeps_running = worker->keep_running(&run_flag);
-    view.missed_pongs = worker->missed_pongs;
-    view.current_delay = worker->current_delay;
-    view.last_ping = worker->last_ping.tv_sec;
-    view.received = text_of(*worker->rx_buffer);
-    view.waiting = bus_to_ws.items.size();
-    view.to_bus = take_all(ws_to_bus);
-    view.library_calls = fake_lws::calls();
-    view.logged = logged_lines();
-    fake_lws::clear_calls();
-    fake_log::clear();
-    expect_same(model_view(), view);
-  }
-
-  void compare_frames() {
-    const std::vector<fake_lws::frame_t> frames = fake_lws::frames();
-    expect_equal("the frames", model.frames.size(), frames.size());
-    for (std::size_t i = 0; i < frames.size(); ++i) {
-      expect_equal("a frame's payload", model.frames[i].payload, frames[i].payload);
-      expect_equal("a frame's type", model.frames[i].type, frames[i].type);
-      expect_equal("whether the headroom was zero", true, frames[i].headroom_was_zero);
-    }
-  }
-
-  std::uint32_t first_delay;
-  std::uint32_t max_delay;
-  std::uint32_t level;
-  bool whole_messages;
-  websock_model model;
-  worker_view_t last_model_view;
+  std::unique_ptr<websock_judge> judge;
   bool run_flag = true;
   message_queue_t bus_to_ws;
   message_queue_t ws_to_bus;
   std::unique_ptr<open_worker> worker;
   lws_protocol_callback callback = nullptr;
+  /// The connection, as long as the library has it.
   lws *wsi = nullptr;
   std::multimap<int, std::string> arrivals;
   std::vector<int> destroy_reasons;
