@@ -83,9 +83,9 @@ void parse(const std::vector<std::string> &options, const std::string &file) {
   arguments.push_back(nullptr);
 
   config_model model;
-  model.host = "before";
-  model.log_level = 13;
-  websock_cfg_t cfg = record_of(model);
+  put_text(model.cfg.host, "before");
+  model.cfg.log_level = 13;
+  websock_cfg_t cfg = model.cfg;
   g_log_level = 6;
   fake_log::clear();
   forget_last_command_line();
@@ -94,7 +94,7 @@ void parse(const std::vector<std::string> &options, const std::string &file) {
   };
   if (model.read_options(options, file)) {
     expect_equal("whether the process goes on", true, !fake_libc::exit_status(run));
-    expect_same(model, cfg);
+    model.expect_same(cfg);
     return;
   }
   const leaks_allowed because_the_process_ends;

@@ -15,23 +15,19 @@ namespace vemk::fuzz {
 
 namespace {
 
-config_model empty_record() {
-  return {};
-}
-
 config_model full_record() {
   config_model model;
-  model.ap_location = "before.example";
-  model.host = std::string(255, 'h');
-  model.path = "/before\rhand";
-  model.port = -7;
-  model.url_valid = true;
-  model.initial_connection_delay = 11;
-  model.max_connection_delay = 12;
-  model.log_level = 13;
-  model.cfg_mode = 14;
-  model.cfg_file_failed = true;
-  model.whole_messages = true;
+  put_text(model.cfg.ap_location, "before.example");
+  put_text(model.cfg.host, std::string(255, 'h'));
+  put_text(model.cfg.path, "/before\rhand");
+  model.cfg.port = -7;
+  model.cfg.url_valid = true;
+  model.cfg.initial_connection_delay = 11;
+  model.cfg.max_connection_delay = 12;
+  model.cfg.log_level = 13;
+  model.cfg.cfg_mode = 14;
+  model.cfg.cfg_file_failed = true;
+  model.cfg.whole_messages = true;
   return model;
 }
 
@@ -45,10 +41,10 @@ void read_into(config_model model, const char *file_name, const std::string &byt
   g_log_level = 5;
   fake_log::clear();
 
-  websock_cfg_t cfg = record_of(model);
+  websock_cfg_t cfg = model.cfg;
   const bool is_read = read_config_file(cfg, file_name);
   expect_equal("the result", model.read_file(bytes), is_read);
-  expect_same(model, cfg);
+  model.expect_same(cfg);
 }
 
 } // namespace
@@ -60,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
   static memory_file file;
   const std::string bytes(data, data + size);
   file.write(bytes);
-  read_into(empty_record(), file.name(), bytes);
+  read_into({}, file.name(), bytes);
   read_into(full_record(), file.name(), bytes);
   return 0;
 }

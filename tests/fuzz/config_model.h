@@ -1,9 +1,10 @@
 /// What the configuration record must hold, worked out without the daemon's code; they share the
-/// keys' names alone.
+/// record and the keys' names alone.
 #ifndef VEMK_TESTS_FUZZ_CONFIG_MODEL_H
 #define VEMK_TESTS_FUZZ_CONFIG_MODEL_H
 
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,20 +14,13 @@
 
 namespace vemk::fuzz {
 
-/// The record as plain values, and what reading it leaves outside of it.
-struct config_model {
-  std::string ap_location;
-  std::string host;
-  std::string path;
-  std::int32_t port = 0;
-  bool url_valid = false;
-  std::uint32_t initial_connection_delay = 0;
-  std::uint32_t max_connection_delay = 0;
-  std::uint32_t log_level = 0;
-  std::int32_t cfg_mode = 0;
-  bool cfg_file_failed = false;
-  bool whole_messages = false;
+inline void put_text(char (&field)[config_text_size], const std::string &text) {
+  strncpy(field, text.c_str(), sizeof field - 1);
+}
 
+/// The record, and what reading it leaves outside of it.
+struct config_model {
+  websock_cfg_t cfg{};
   std::uint32_t process_level = 0;
   std::uint32_t module_mask = 0;
   std::vector<std::string> logged;
@@ -39,17 +33,14 @@ struct config_model {
   /// these bytes; there is no other one. Returns whether the process goes on.
   bool read_options(const std::vector<std::string> &options, const std::string &file);
 
+  /// Compares the texts and numbers of a record, the process-wide level and the module's log lines.
+  void expect_same(const websock_cfg_t &actual) const;
+
 private:
   bool read_line(const std::string &line);
   bool read_value(config_key key, const std::string &value);
   bool read_url(const std::string &value);
 };
-
-/// Compares the record, the process-wide level and the module's log lines with the model.
-void expect_same(const config_model &model, const websock_cfg_t &cfg);
-
-/// A record with these texts and numbers.
-websock_cfg_t record_of(const config_model &model);
 
 } // namespace vemk::fuzz
 
