@@ -1,32 +1,10 @@
 #include "fuzz/json_model.h"
 
 #include <algorithm>
-#include <cstdio>
+
+#include "fuzz/expect.h"
 
 namespace vemk::fuzz {
-
-namespace {
-
-std::string quoted(const std::string &text) {
-  static const std::string special = "\b\n\r\t\f\"\\/";
-  static const std::string letters = "bnrtf\"\\/";
-  std::string result = "\"";
-  for (const char byte : text) {
-    const std::size_t at = special.find(byte);
-    if (at != std::string::npos) {
-      result += {'\\', letters[at]};
-    } else if (static_cast<unsigned char>(byte) < ' ') {
-      char code[8];
-      snprintf(code, sizeof code, "\\u%04x", static_cast<unsigned>(byte));
-      result += code;
-    } else {
-      result += byte;
-    }
-  }
-  return result + "\"";
-}
-
-} // namespace
 
 void json_value::put(const std::string &key, const std::shared_ptr<json_value> &value) {
   if (!is_array()) {
@@ -66,17 +44,30 @@ void json_value::leave() {
     member.second->leave();
 }
 
-std::string json_value::serialised() const {
-  if (type == kind::text)
-    return quoted(text);
-  if (type == kind::number)
-    return std::to_string(number);
-  std::string result = is_array() ? "[" : "{";
-  for (const auto &member : members) {
-    result += result.size() == 1 ? " " : ", ";
-    result += (is_array() ? "" : quoted(member.first) + ": ") + member.second->serialised();
+void json_value::expect_same(json_object *actual) const {
+  expect_equal("a type", json_type_to_name(type), json_type_to_name(json_object_get_type(actual)));
+  if (type == json_type_string)
+    expect_equal("a text", text, json_object_get_string(actual));
+  if (type == json_type_int)
+    expect_equal("a number", number, json_object_get_int(actual));
+
+  std::vector<std::string> keys;
+  std::vector<json_object *> values;
+  for (std::size_t i = 0; is_array() && i < json_object_array_length(actual); ++i) {
+    keys.emplace_back();
+    values.push_back(json_object_array_get_idx(actual, i));
   }
-  return result + (is_array() ? " ]" : " }");
+  if (type == json_type_object) {
+    json_object_object_foreach(actual, key, value) {
+      keys.emplace_back(key);
+      values.push_back(value);
+    }
+  }
+  expect_equal("the members", members.size(), values.size());
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    expect_equal("a key", members[i].first, keys[i]);
+    members[i].second->expect_same(values[i]);
+  }
 }
 
 } // namespace vemk::fuzz

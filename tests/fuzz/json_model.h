@@ -1,4 +1,4 @@
-/// JSON values and their text, without a JSON library.
+/// JSON values as a writer puts them together.
 #ifndef VEMK_TESTS_FUZZ_JSON_MODEL_H
 #define VEMK_TESTS_FUZZ_JSON_MODEL_H
 
@@ -8,12 +8,13 @@
 #include <utility>
 #include <vector>
 
+#include <json-c/json.h>
+
 namespace vemk::fuzz {
 
 struct json_value {
-  enum class kind { object, array, text, number };
-
-  kind type;
+  /// An object, an array, a string or an int.
+  json_type type;
   std::string text;
   std::int32_t number = 0;
   /// An object's in the order in which their keys came up; an array's have no keys.
@@ -23,7 +24,7 @@ struct json_value {
   /// Replaced in its container, or inside something that was.
   bool is_gone = false;
 
-  bool is_array() const { return type == kind::array; }
+  bool is_array() const { return type == json_type_array; }
 
   /// Adds a text or a number as a writer does.
   void put(const std::string &key, const std::shared_ptr<json_value> &value);
@@ -31,8 +32,8 @@ struct json_value {
   /// Adds an array or an object as a writer does.
   void add_child(const std::string &key, const std::shared_ptr<json_value> &value);
 
-  /// The text with one blank around what is inside brackets, and after commas and colons.
-  std::string serialised() const;
+  /// Compares with what the JSON library read.
+  void expect_same(json_object *actual) const;
 
 private:
   void set_member(const std::string &key, const std::shared_ptr<json_value> &value);
