@@ -97,7 +97,8 @@ def cpp_tests(file):
 def python_tests(file):
     text = file.read_text()
     for node in ast.parse(text).body:
-        if isinstance(node, ast.FunctionDef) and node.name.startswith("test_"):
+        is_function = isinstance(node, (ast.FunctionDef, ast.AsyncFunctionDef))
+        if is_function and node.name.startswith("test_"):
             first = min([node.lineno] + [d.lineno for d in node.decorator_list])
             yield test_t(file, "", node.name, comment_above(text.split("\n"), first - 1, "#"))
 

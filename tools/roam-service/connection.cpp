@@ -1,6 +1,8 @@
 #include "connection.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
@@ -9,39 +11,30 @@ namespace vemk {
 namespace {
 
 constexpr size_t chunk_bytes = 64 * 1024;
-constexpr std::string_view request_end = "\r\n\r\n";
 constexpr std::chrono::seconds request_patience{10};
 constexpr std::chrono::seconds close_patience{1};
+// What an allocation takes beyond what it was asked for.
+constexpr size_t allocation_bytes = 2 * sizeof(void *);
 
 bool would_block() {
   return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
 }
 
-std::shared_ptr<const outgoing_t> make_plain_bytes(std::string bytes) {
-  auto result = std::make_shared<outgoing_t>();
-  result->bytes = std::move(bytes);
-  result->frame_count = 0;
-  return result;
+outgoing_ptr make_plain_bytes(std::string bytes) {
+  return std::make_shared<const outgoing_t>(outgoing_t{std::move(bytes), {}});
 }
 
 } // namespace
 
-std::shared_ptr<const outgoing_t> make_outgoing(opcode_t kind, std::string_view payload,
-                                                size_t fragments) {
-  auto result = std::make_shared<outgoing_t>();
-  result->bytes = encode_message(kind, payload, fragments);
-  result->kind = kind;
-  result->payload_bytes = payload.size();
-  result->frame_count = fragments;
-  result->beginning = payload.substr(0, recorded_bytes);
-  return result;
-}
-
 size_t outgoing_t::memory_bytes() const {
   // Two texts, this with its count of owners, and its place in the queue.
-  return bytes.capacity() + beginning.capacity() + sizeof *this +
-         sizeof(std::shared_ptr<outgoing_t>) + sizeof(service_clock::time_point) +
-         4 * allocation_bytes;
+  return bytes.capacity() + summary.beginning.capacity() + sizeof *this + sizeof(outgoing_ptr) +
+         sizeof(service_clock::time_point) + 4 * allocation_bytes;
+}
+
+outgoing_ptr make_outgoing(opcode_t kind, std::string_view payload, size_t fragments) {
+  return std::make_shared<const outgoing_t>(
+      outgoing_t{encode_message(kind, payload, fragments), summary_of(kind, payload, fragments)});
 }
 
 connection::connection(int socket_descriptor, unsigned int number, std::string peer_address)
@@ -52,6 +45,17 @@ connection::~connection() {
   ::close(socket);
 }
 
+short connection::wanted_events(service_clock::time_point now) const {
+  return static_cast<short>((wants_to_read() ? POLLIN : 0) | (wants_to_write(now) ? POLLOUT : 0));
+}
+
+void connection::process_events(int happened) {
+  if (wants_to_read() && (happened & ~POLLOUT) != 0)
+    read_some();
+  else if ((happened & (POLLERR | POLLHUP)) != 0)
+    lose();
+}
+
 bool connection::wants_to_read() const {
   return stage == stage_t::open || stage == stage_t::closing ? may_read : !gone();
 }
@@ -60,16 +64,10 @@ bool connection::wants_to_write(service_clock::time_point now) const {
   return !gone() && !output.empty() && output.front().due <= now;
 }
 
-std::optional<service_clock::time_point> connection::next_due() const {
-  std::optional<service_clock::time_point> result;
-  if (stage != stage_t::open)
-    result = deadline;
-  if (!output.empty() && (!result || output.front().due < *result))
-    result = output.front().due;
-  return result;
-}
-
 void connection::read_some() {
+  // A copy of what is left, which is little, gives back the memory of a long message.
+  if (input_taken > 0)
+    input = input.substr(std::exchange(input_taken, 0));
   const size_t before = input.size();
   input.resize(before + chunk_bytes);
   const ssize_t length = recv(socket, input.data() + before, chunk_bytes, MSG_DONTWAIT);
@@ -81,8 +79,8 @@ void connection::read_some() {
     input.clear();
 }
 
-std::deque<std::shared_ptr<const outgoing_t>> connection::send_due(service_clock::time_point now) {
-  std::deque<std::shared_ptr<const outgoing_t>> sent;
+std::deque<outgoing_ptr> connection::send_due(service_clock::time_point now) {
+  std::deque<outgoing_ptr> sent;
   while (wants_to_write(now)) {
     const std::string &bytes = output.front().what->bytes;
     const ssize_t length = ::send(socket, bytes.data() + sent_of_first,
@@ -105,61 +103,52 @@ std::deque<std::shared_ptr<const outgoing_t>> connection::send_due(service_clock
 }
 
 void connection::drop_if_overdue(service_clock::time_point now) {
-  if (stage != stage_t::open && now >= deadline)
+  if (!open() && now >= deadline)
     stage = stage_t::gone;
 }
 
-bool connection::request_too_long() const {
-  if (stage != stage_t::request)
-    return false;
-  const size_t end = input.find(request_end);
-  // Without its end it is longer by a byte at least.
-  const size_t length = end == std::string::npos ? input.size() + 1 : end + request_end.size();
-  return length > longest_request_bytes;
-}
-
 std::optional<std::string> connection::take_request() {
+  if (stage != stage_t::request)
+    return std::nullopt;
   const size_t end = input.find(request_end);
-  if (stage != stage_t::request || end == std::string::npos)
+  if (end == std::string::npos && input.size() <= longest_request_bytes)
     return std::nullopt;
   std::string head = input.substr(0, end);
-  input.erase(0, end + request_end.size());
+  input_taken = std::min(input.size(), head.size() + request_end.size());
   return head;
 }
 
 std::optional<message_t> connection::take_message() {
-  if ((stage != stage_t::open && stage != stage_t::closing) || !may_read || input.empty())
+  if ((stage != stage_t::open && stage != stage_t::closing) || !may_read)
     return std::nullopt;
-  std::string_view rest = input;
+  std::string_view rest = std::string_view(input).substr(input_taken);
   auto message = reader.next(rest);
-  input.erase(0, input.size() - rest.size());
+  input_taken = input.size() - rest.size();
   if (reader.failure() != 0) {
     close_with(reader.failure());
     finish();
-    return std::nullopt;
-  }
-  if (message && message->kind == opcode_t::close) {
-    if (stage == stage_t::open)
-      queue(make_outgoing(opcode_t::close, message->payload), {});
+  } else if (message && message->kind == opcode_t::close) {
+    if (open())
+      queue(make_outgoing(opcode_t::close, message->payload));
     finish();
   }
   return message;
 }
 
 void connection::answer(std::string http_answer) {
-  queue(make_plain_bytes(std::move(http_answer)), {});
+  queue(make_plain_bytes(std::move(http_answer)));
   finish();
 }
 
 void connection::accept_upgrade(std::string http_answer) {
-  queue(make_plain_bytes(std::move(http_answer)), {});
+  queue(make_plain_bytes(std::move(http_answer)));
   stage = stage_t::open;
 }
 
-bool connection::send(std::shared_ptr<const outgoing_t> message, std::chrono::milliseconds delay) {
+bool connection::send(outgoing_ptr message, std::chrono::milliseconds delay) {
   if (!open())
     return !gone();
-  if (!may_queue(queued_bytes, message->memory_bytes())) {
+  if (queued_bytes > 0 && queued_bytes + message->memory_bytes() > most_queued_bytes) {
     stage = stage_t::gone;
     return false;
   }
@@ -167,12 +156,12 @@ bool connection::send(std::shared_ptr<const outgoing_t> message, std::chrono::mi
   return true;
 }
 
-void connection::close_with(int code, std::chrono::milliseconds delay) {
+void connection::close_with(int code) {
   if (!open())
     return;
-  queue(make_outgoing(opcode_t::close, close_payload(code)), delay);
+  queue(make_outgoing(opcode_t::close, close_payload(code)));
   stage = stage_t::closing;
-  deadline = service_clock::now() + delay + close_patience;
+  deadline = service_clock::now() + close_patience;
 }
 
 void connection::reset() {
@@ -181,7 +170,7 @@ void connection::reset() {
   stage = stage_t::gone;
 }
 
-void connection::queue(std::shared_ptr<const outgoing_t> what, std::chrono::milliseconds delay) {
+void connection::queue(outgoing_ptr what, std::chrono::milliseconds delay) {
   queued_bytes += what->memory_bytes();
   output.push_back({std::move(what), service_clock::now() + delay});
 }
@@ -191,7 +180,6 @@ void connection::finish() {
     return;
   stage = stage_t::finishing;
   deadline = service_clock::now() + close_patience;
-  input.clear();
 }
 
 // The other end may still be sending, and closing right away would take our last bytes from it.

@@ -2,7 +2,7 @@
 #define VEMK_ROAM_SERVICE_CONNECTION_H
 
 #include "frames.h"
-#include "send_limit.h"
+#include "traffic_log.h"
 
 #include <chrono>
 #include <cstddef>
@@ -16,24 +16,20 @@ namespace vemk {
 
 using service_clock = std::chrono::steady_clock;
 
-/// Bytes on their way out, and what they mean. Shared by all connections that they go to.
+/// Bytes on their way out, and what they mean.
 struct outgoing_t {
   std::string bytes;
-  opcode_t kind = opcode_t::text;
-  size_t payload_bytes = 0;
-  size_t frame_count = 1;
-  std::string beginning; // of the payload
+  summary_t summary; // of no frames when the bytes are not a message
 
   /// What it takes to keep this in a queue.
   size_t memory_bytes() const;
 };
 
-/// Encodes a message; the record of its beginning has at most `recorded_bytes`.
-std::shared_ptr<const outgoing_t> make_outgoing(opcode_t kind, std::string_view payload,
-                                                size_t fragments = 1);
+/// A message may be shared by all connections that it goes to.
+using outgoing_ptr = std::shared_ptr<const outgoing_t>;
 
-/// How much of a payload is kept for people to see.
-constexpr size_t recorded_bytes = 1024;
+/// Encodes a message.
+outgoing_ptr make_outgoing(opcode_t kind, std::string_view payload, size_t fragments = 1);
 
 /// One TCP connection: a request first, a WebSocket after accept_upgrade().
 ///
@@ -45,7 +41,12 @@ constexpr size_t recorded_bytes = 1024;
 /// Errors: a connection that has failed or ended is gone(), and of no more use.
 class connection {
 public:
+  /// Of a request head, with its end.
   static constexpr size_t longest_request_bytes = 16U * 1024;
+  static constexpr std::string_view request_end = "\r\n\r\n";
+  /// How much memory may wait to be sent. What is counted is not the payload but what keeping a
+  /// message takes: a small one takes far more than its payload.
+  static constexpr size_t most_queued_bytes = 256U * 1024 * 1024;
 
   connection(int socket_descriptor, unsigned int number, std::string peer_address);
   ~connection();
@@ -64,20 +65,18 @@ public:
 
   // ---- for the server that waits ----
 
-  bool wants_to_read() const;
-  bool wants_to_write(service_clock::time_point now) const;
-  /// When something is due that no event of the socket announces.
-  std::optional<service_clock::time_point> next_due() const;
-  void read_some();
+  /// The events to wait for with poll().
+  short wanted_events(service_clock::time_point now) const;
+  /// Reads, if there is something to read, and notices that the other end is gone.
+  void process_events(int happened);
   /// Sends what is due; returns what went out completely.
-  std::deque<std::shared_ptr<const outgoing_t>> send_due(service_clock::time_point now);
+  std::deque<outgoing_ptr> send_due(service_clock::time_point now);
   void drop_if_overdue(service_clock::time_point now);
-  /// To be called when the socket says that the other end is gone, or to waste no time on it.
+  /// Wastes no more time on it.
   void lose() { stage = stage_t::gone; }
 
-  /// Whether the request head has, or will have, more than `longest_request_bytes`.
-  bool request_too_long() const;
-  /// The request head once it is complete, without its empty line; returned once.
+  /// The request head without its end, once that has come or there is more than
+  /// `longest_request_bytes`; returned until the request is answered.
   std::optional<std::string> take_request();
   /// The next message. A close frame is answered before it is returned.
   std::optional<message_t> take_message();
@@ -89,10 +88,11 @@ public:
   /// Makes it a WebSocket.
   void accept_upgrade(std::string http_answer);
   /// Queues a message that is sent no earlier than after `delay`, in queue order. Returns false
-  /// when that would be more than `most_queued_bytes`; the connection is then gone.
-  bool send(std::shared_ptr<const outgoing_t> message, std::chrono::milliseconds delay);
+  /// when that would be more than `most_queued_bytes`, which one message alone never is; the
+  /// connection is then gone.
+  bool send(outgoing_ptr message, std::chrono::milliseconds delay = {});
   /// Sends a close frame behind what is queued and waits a moment for the other end's.
-  void close_with(int code, std::chrono::milliseconds delay = {});
+  void close_with(int code);
   /// Ends the connection with a TCP reset.
   void reset();
   void let_read(bool allowed) { may_read = allowed; }
@@ -100,11 +100,14 @@ public:
 private:
   enum class stage_t { request, open, closing, finishing, gone };
   struct queued_t {
-    std::shared_ptr<const outgoing_t> what;
+    outgoing_ptr what;
     service_clock::time_point due;
   };
 
-  void queue(std::shared_ptr<const outgoing_t> what, std::chrono::milliseconds delay);
+  bool wants_to_read() const;
+  bool wants_to_write(service_clock::time_point now) const;
+  void read_some();
+  void queue(outgoing_ptr what, std::chrono::milliseconds delay = {});
   void finish();
   void stop_sending_when_done();
 
@@ -114,8 +117,9 @@ private:
   stage_t stage = stage_t::request;
   bool may_read = true;
   bool end_announced = false;
-  service_clock::time_point deadline;
+  service_clock::time_point deadline; // of every stage but open
   std::string input;
+  size_t input_taken = 0; // at its front
   message_reader reader;
   std::deque<queued_t> output;
   size_t sent_of_first = 0;

@@ -1,17 +1,37 @@
 #include "console.h"
 
+#include "console_files.h"
 #include "console_json.h"
-#include "console_page.h"
-
-#include <cstdio>
 
 namespace vemk {
 namespace {
 
+constexpr const char *request_kind = "console request";
 constexpr const char *subprotocol = "roam-console";
 constexpr const char *socket_path = "/console";
 constexpr std::chrono::milliseconds update_interval{250};
 constexpr size_t most_pages = 16;
+
+/// One of the files that the console's page is made of. They are part of the program.
+struct file_t {
+  std::string_view target; // of the request
+  const char *content_type;
+  std::string_view bytes;
+};
+
+constexpr file_t files[] = {
+    {"/", "text/html; charset=utf-8", console_index_html},
+    {"/style.css", "text/css; charset=utf-8", console_style_css},
+    {"/script.js", "text/javascript; charset=utf-8", console_script_js},
+    {"/icon.svg", "image/svg+xml", console_icon_svg},
+};
+
+const file_t *find_file(std::string_view target) {
+  for (const auto &file : files)
+    if (file.target == target)
+      return &file;
+  return nullptr;
+}
 
 // What the page may load and talk to; nothing from anywhere else.
 std::string page_headers(const std::string &host) {
@@ -23,13 +43,7 @@ std::string page_headers(const std::string &host) {
          "Cross-Origin-Resource-Policy: same-origin\r\nCache-Control: no-store\r\n";
 }
 
-void refuse(connection &visitor, const std::string &status, const std::string &reason) {
-  std::fprintf(stderr, "roam-service: refused a console request: %s\n", reason.c_str());
-  visitor.answer(http_answer(status, "text/plain", reason + "\n"));
-}
-
-void answer_with_file(connection &visitor, const http_request_t &request,
-                      const console_file_t &file) {
+void answer_with_file(connection &visitor, const http_request_t &request, const file_t &file) {
   if (request.method != "GET" && request.method != "HEAD") {
     visitor.answer(http_answer("405 Method Not Allowed", "text/plain", "only GET is served\n",
                                "Allow: GET, HEAD\r\n"));
@@ -47,12 +61,13 @@ void answer_with_file(connection &visitor, const http_request_t &request,
 bool console::accept(connection &visitor, const http_request_t &request) {
   const bool is_socket = request.target == socket_path &&
                          list_contains(request.header("sec-websocket-protocol"), subprotocol);
-  const auto *file = is_upgrade(request) ? nullptr : find_console_file(request.target);
+  const file_t *file = is_upgrade(request) ? nullptr : find_file(request.target);
   if (!is_socket && !file)
     return false;
   // A name of elsewhere that was made to lead here is still in the Host header.
   if (!is_loopback_host(request.header("host")))
-    refuse(visitor, "403 Forbidden", "the console is for this machine; open it by its address");
+    refuse(visitor, request_kind, "403 Forbidden",
+           "the console is for this machine; open it by its address");
   else if (file)
     answer_with_file(visitor, request, *file);
   else
@@ -62,11 +77,13 @@ bool console::accept(connection &visitor, const http_request_t &request) {
 
 void console::accept_page(connection &visitor, const http_request_t &request) {
   if (!is_upgrade(request)) {
-    refuse(visitor, "426 Upgrade Required", "this path is for the console's WebSocket");
+    refuse(visitor, request_kind, "426 Upgrade Required",
+           "this path is for the console's WebSocket");
   } else if (request.header("origin") != "http://" + request.header("host")) {
-    refuse(visitor, "403 Forbidden", "only the console's own page may use its WebSocket");
+    refuse(visitor, request_kind, "403 Forbidden",
+           "only the console's own page may use its WebSocket");
   } else if (pages.size() >= most_pages) {
-    refuse(visitor, "503 Service Unavailable", "too many pages are open; close some");
+    refuse(visitor, request_kind, "503 Service Unavailable", "too many pages are open; close some");
   } else {
     visitor.accept_upgrade(upgrade_answer(request, subprotocol));
     auto &page = pages[visitor.id()];
@@ -77,10 +94,10 @@ void console::accept_page(connection &visitor, const http_request_t &request) {
 
 void console::process_message(connection &page, const message_t &message) {
   if (message.kind == opcode_t::ping)
-    page.send(make_outgoing(opcode_t::pong, message.payload), {});
+    page.send(make_outgoing(opcode_t::pong, message.payload));
   if (message.kind != opcode_t::text)
     return;
-  page.send(make_outgoing(opcode_t::text, carry_out_command(service, message.payload)), {});
+  page.send(make_outgoing(opcode_t::text, carry_out_command(service, message.payload)));
   next_update = {};
 }
 
@@ -99,7 +116,7 @@ void console::send_update(page_t &page) {
     return;
   const uint64_t seen = page.last_record_seen;
   page.last_record_seen = service.traffic().last_number();
-  page.link->send(make_outgoing(opcode_t::text, describe(service, seen)), {});
+  page.link->send(make_outgoing(opcode_t::text, describe(service, seen)));
 }
 
 } // namespace vemk

@@ -2,9 +2,8 @@
 #define VEMK_ROAM_SERVICE_CONSOLE_H
 
 #include "connection.h"
-#include "fault_service.h"
-#include "frames.h"
 #include "http.h"
+#include "roam_service.h"
 
 #include <cstdint>
 #include <map>
@@ -23,7 +22,7 @@ namespace vemk {
 /// Ownership: the service owns it, and outlives it.
 class console {
 public:
-  explicit console(fault_service &shown_service) : service(shown_service) {}
+  explicit console(roam_service &shown_service) : service(shown_service) {}
 
   /// Answers the request if it is for the console. Returns false when it is for the service.
   bool accept(connection &visitor, const http_request_t &request);
@@ -43,7 +42,7 @@ private:
   void accept_page(connection &visitor, const http_request_t &request);
   void send_update(page_t &page);
 
-  fault_service &service;
+  roam_service &service;
   std::map<unsigned int, page_t> pages;
   service_clock::time_point next_update;
 };

@@ -1,10 +1,14 @@
 #include "console_json.h"
 
-#include "fault_service.h"
+#include "roam_service.h"
 
+#include <initializer_list>
 #include <json-c/json.h>
+#include <map>
 #include <memory>
 #include <stdexcept>
+#include <type_traits>
+#include <utility>
 
 namespace vemk {
 namespace {
@@ -22,17 +26,36 @@ std::string text_of(const json_t &object) {
 
 // ---- what the page is told ----
 
-void add_number(json_object *object, const char *key, uint64_t value) {
-  json_object_object_add(object, key, json_object_new_int64(static_cast<int64_t>(value)));
+template<typename number_t, typename = std::enable_if_t<std::is_integral_v<number_t>>>
+json_object *to_json(number_t number) {
+  return json_object_new_int64(static_cast<int64_t>(number));
 }
 
-void add_text(json_object *object, const char *key, const std::string &value) {
-  json_object_object_add(object, key,
-                         json_object_new_string_len(value.data(), static_cast<int>(value.size())));
+json_object *to_json(bool yes) {
+  return json_object_new_boolean(yes);
 }
 
-void add_bool(json_object *object, const char *key, bool value) {
-  json_object_object_add(object, key, json_object_new_boolean(value));
+json_object *to_json(const char *text) {
+  return json_object_new_string(text);
+}
+
+json_object *to_json(const std::string &text) {
+  return json_object_new_string_len(text.data(), static_cast<int>(text.size()));
+}
+
+json_object *make_object(std::initializer_list<std::pair<const char *, json_object *>> members) {
+  auto *object = json_object_new_object();
+  for (const auto &[key, made] : members)
+    json_object_object_add(object, key, made);
+  return object;
+}
+
+template<typename range_t, typename function_t>
+json_object *make_array(const range_t &range, const function_t &describe_one) {
+  auto *array = json_object_new_array();
+  for (const auto &one : range)
+    json_object_array_add(array, describe_one(one));
+  return array;
 }
 
 std::string hexadecimal(std::string_view bytes) {
@@ -47,79 +70,52 @@ std::string hexadecimal(std::string_view bytes) {
 }
 
 const char *name_of(opcode_t kind) {
-  switch (kind) {
-  case opcode_t::continuation:
-    return "continuation";
-  case opcode_t::text:
-    return "text";
-  case opcode_t::binary:
-    return "binary";
-  case opcode_t::close:
-    return "close";
-  case opcode_t::ping:
-    return "ping";
-  case opcode_t::pong:
-    return "pong";
-  }
-  return "unknown";
+  static const std::map<opcode_t, const char *> names = {{opcode_t::text, "text"},
+                                                         {opcode_t::binary, "binary"},
+                                                         {opcode_t::close, "close"},
+                                                         {opcode_t::ping, "ping"},
+                                                         {opcode_t::pong, "pong"}};
+  return names.at(kind);
 }
 
-json_object *describe_daemons(const fault_service &service) {
-  auto *list = json_object_new_array();
-  for (const auto &[number, daemon] : service.connected()) {
-    auto *one = json_object_new_object();
-    add_number(one, "id", number);
-    add_text(one, "address", daemon.link->peer());
-    add_number(one, "since", static_cast<uint64_t>(daemon.since_ms));
-    if (daemon.last_ping_ms)
-      add_number(one, "last_ping", static_cast<uint64_t>(*daemon.last_ping_ms));
-    add_number(one, "pings", daemon.pings);
-    add_number(one, "pings_unanswered", daemon.pings_unanswered);
-    add_bool(one, "open", daemon.link->open());
-    json_object_array_add(list, one);
-  }
-  return list;
+json_object *describe_daemon(const roam_service::daemon_map::value_type &numbered) {
+  const auto &[number, daemon] = numbered;
+  auto *object = make_object({{"id", to_json(number)},
+                              {"address", to_json(daemon.link->peer())},
+                              {"since", to_json(daemon.since_ms)},
+                              {"pings", to_json(daemon.pings)},
+                              {"pings_unanswered", to_json(daemon.pings_unanswered)},
+                              {"open", to_json(daemon.link->open())}});
+  if (daemon.last_ping_ms)
+    json_object_object_add(object, "last_ping", to_json(*daemon.last_ping_ms));
+  return object;
 }
 
 json_object *describe_switches(const switches_t &switches) {
-  auto *object = json_object_new_object();
-  add_bool(object, "no_pongs", switches.no_pongs);
-  add_bool(object, "stop_reading", switches.stop_reading);
-  add_number(object, "fragments", static_cast<uint64_t>(switches.fragments));
-  add_number(object, "delay_ms", static_cast<uint64_t>(switches.delay_ms));
-  return object;
+  return make_object({{"no_pongs", to_json(switches.no_pongs)},
+                      {"stop_reading", to_json(switches.stop_reading)},
+                      {"fragments", to_json(switches.fragments)},
+                      {"delay_ms", to_json(switches.delay_ms)}});
 }
 
 json_object *describe_side(const traffic_log &traffic, direction_t direction, int64_t now_ms) {
-  auto *object = json_object_new_object();
   const auto &totals = traffic.totals(direction);
-  add_number(object, "messages", totals.messages);
-  add_number(object, "frames", totals.frames);
-  add_number(object, "bytes", totals.bytes);
-  auto *rates = json_object_new_array();
-  for (const unsigned int count : traffic.rates(direction, now_ms))
-    json_object_array_add(rates, json_object_new_int64(count));
-  json_object_object_add(object, "rates", rates);
-  return object;
+  return make_object(
+      {{"messages", to_json(totals.messages)},
+       {"frames", to_json(totals.frames)},
+       {"bytes", to_json(totals.bytes)},
+       {"rates", make_array(traffic.rates(direction, now_ms), to_json<unsigned int>)}});
 }
 
-json_object *describe_records(const traffic_log &traffic, uint64_t last_seen) {
-  auto *list = json_object_new_array();
-  for (const auto &record : traffic.records()) {
-    if (record.number <= last_seen)
-      continue;
-    auto *one = json_object_new_object();
-    add_number(one, "number", record.number);
-    add_number(one, "time", static_cast<uint64_t>(record.time_ms));
-    add_number(one, "daemon", record.daemon);
-    add_bool(one, "sent", record.direction == direction_t::sent);
-    add_text(one, "kind", name_of(record.kind));
-    add_number(one, "size", record.payload_bytes);
-    add_number(one, "frames", record.frame_count);
-    add_text(one, "hex", hexadecimal(record.beginning));
-    json_object_array_add(list, one);
-  }
-  return list;
+json_object *describe_record(const traffic_record_t &record) {
+  return make_object({{"number", to_json(record.number)},
+                      {"time", to_json(record.time_ms)},
+                      {"daemon", to_json(record.daemon)},
+                      {"sent", to_json(record.direction == direction_t::sent)},
+                      {"kind", to_json(name_of(record.message.kind))},
+                      {"size", to_json(record.message.payload_bytes)},
+                      {"frames", to_json(record.message.frame_count)},
+                      {"hex", to_json(hexadecimal(record.message.beginning))}});
 }
 
 // ---- what the page commands ----
@@ -137,7 +133,7 @@ json_object *member(json_object *object, const char *key, json_type type) {
 }
 
 std::string text_member(json_object *object, const char *key) {
-  auto *value = member(object, key, json_type_string);
+  json_object *value = member(object, key, json_type_string);
   return {json_object_get_string(value), static_cast<size_t>(json_object_get_string_len(value))};
 }
 
@@ -166,7 +162,7 @@ std::string done_to(const std::string &what, size_t count) {
   return what + " " + std::to_string(count) + (count == 1 ? " daemon" : " daemons");
 }
 
-std::string set_switches(fault_service &service, json_object *command) {
+std::string set_switches(roam_service &service, json_object *command) {
   switches_t wanted;
   wanted.no_pongs = bool_member(command, "no_pongs");
   wanted.stop_reading = bool_member(command, "stop_reading");
@@ -176,18 +172,13 @@ std::string set_switches(fault_service &service, json_object *command) {
   return "the switches are set";
 }
 
-std::string go_away(fault_service &service, json_object *command) {
+std::string go_away(roam_service &service, json_object *command) {
   const int seconds = number_member(command, "seconds", 1, longest_away_s);
   service.go_away(std::chrono::seconds(seconds));
   return "away for " + std::to_string(seconds) + " s";
 }
 
-std::string come_back(fault_service &service) {
-  service.come_back();
-  return "back";
-}
-
-std::string carry_out(fault_service &service, json_object *command) {
+std::string carry_out(roam_service &service, json_object *command) {
   const std::string name = text_member(command, "cmd");
   if (name == "send")
     return done_to("sent to", service.send(target_member(command), text_member(command, "text")));
@@ -202,43 +193,40 @@ std::string carry_out(fault_service &service, json_object *command) {
     return done_to("reset the connection of", service.reset(target_member(command)));
   if (name == "away")
     return go_away(service, command);
-  if (name == "return")
-    return come_back(service);
+  if (name == "return") {
+    service.come_back();
+    return "back";
+  }
   throw bad_command("there is no command \"" + name + "\"");
 }
 
 std::string answer(bool ok, const std::string &text) {
-  const auto object = own(json_object_new_object());
-  add_text(object.get(), "type", "answer");
-  add_bool(object.get(), "ok", ok);
-  add_text(object.get(), "text", text);
-  return text_of(object);
+  return text_of(own(
+      make_object({{"type", to_json("answer")}, {"ok", to_json(ok)}, {"text", to_json(text)}})));
 }
 
 } // namespace
 
-std::string describe(const fault_service &service, uint64_t last_seen) {
-  const auto object = own(json_object_new_object());
+std::string describe(const roam_service &service, uint64_t last_seen) {
   const int64_t now_ms = wall_clock_ms();
   const traffic_log &traffic = service.traffic();
-  add_text(object.get(), "type", "update");
-  add_text(object.get(), "url", service.url());
-  add_number(object.get(), "now", static_cast<uint64_t>(now_ms));
+  const auto object = own(
+      make_object({{"type", to_json("update")},
+                   {"url", to_json(service.url())},
+                   {"now", to_json(now_ms)},
+                   {"daemons", make_array(service.connected(), describe_daemon)},
+                   {"switches", describe_switches(service.switches())},
+                   {"received", describe_side(traffic, direction_t::received, now_ms)},
+                   {"sent", describe_side(traffic, direction_t::sent, now_ms)},
+                   {"last_number", to_json(traffic.last_number())},
+                   {"records", make_array(traffic.records_after(last_seen), describe_record)}}));
   if (const auto away = service.away_for())
-    add_number(object.get(), "away_ms", static_cast<uint64_t>(away->count()));
-  json_object_object_add(object.get(), "daemons", describe_daemons(service));
-  json_object_object_add(object.get(), "switches", describe_switches(service.switches()));
-  json_object_object_add(object.get(), "received",
-                         describe_side(traffic, direction_t::received, now_ms));
-  json_object_object_add(object.get(), "sent", describe_side(traffic, direction_t::sent, now_ms));
-  add_number(object.get(), "last_number", traffic.last_number());
-  json_object_object_add(object.get(), "records", describe_records(traffic, last_seen));
+    json_object_object_add(object.get(), "away_ms", to_json(away->count()));
   return text_of(object);
 }
 
-std::string carry_out_command(fault_service &service, std::string_view command) {
-  const std::string text(command);
-  const auto object = own(json_tokener_parse(text.c_str()));
+std::string carry_out_command(roam_service &service, const std::string &command) {
+  const auto object = own(json_tokener_parse(command.c_str()));
   try {
     if (!json_object_is_type(object.get(), json_type_object))
       return answer(false, "a command is a JSON object");

@@ -3,15 +3,14 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 
 namespace vemk {
 
-class fault_service;
+class roam_service;
 
 /// Everything that the page shows, as a JSON object: daemons, switches, totals, rates, and the
 /// records of traffic after the one with the number `last_seen`. Payloads are in hexadecimal.
-std::string describe(const fault_service &service, uint64_t last_seen);
+std::string describe(const roam_service &service, uint64_t last_seen);
 
 /// Carries out a command of the page, a JSON object, and returns the answer:
 ///   {"cmd": "send", "to": NUMBER or null, "text": TEXT}
@@ -21,7 +20,7 @@ std::string describe(const fault_service &service, uint64_t last_seen);
 ///   {"cmd": "away", "seconds": N}
 ///   {"cmd": "return"}
 /// The answer is {"type": "answer", "ok": BOOL, "text": what was done or what is wrong}.
-std::string carry_out_command(fault_service &service, std::string_view command);
+std::string carry_out_command(roam_service &service, const std::string &command);
 
 } // namespace vemk
 

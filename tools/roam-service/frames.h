@@ -2,7 +2,6 @@
 #define VEMK_ROAM_SERVICE_FRAMES_H
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,12 +17,16 @@ enum class opcode_t : unsigned char {
   pong = 10,
 };
 
+constexpr bool is_data(opcode_t kind) {
+  return kind == opcode_t::text || kind == opcode_t::binary;
+}
+
 /// What one end tells the other: a text or binary message, its fragments joined, or a control
 /// frame.
 struct message_t {
   opcode_t kind = opcode_t::text;
   std::string payload;
-  size_t frame_count = 1;
+  size_t frame_count = 0;
 };
 
 constexpr int close_going_away = 1001;
@@ -32,7 +35,7 @@ constexpr int close_too_long = 1009;
 
 /// Returns the message as a server sends it: in `fragments` frames of about the same size, control
 /// messages always in one.
-std::string encode_message(opcode_t kind, std::string_view payload, size_t fragments = 1);
+std::string encode_message(opcode_t kind, std::string_view payload, size_t fragments);
 
 /// The payload of a close frame with this code and no text.
 std::string close_payload(int code);
@@ -45,31 +48,17 @@ class message_reader {
 public:
   static constexpr size_t longest_message_bytes = 256U * 1024 * 1024;
 
-  /// Takes bytes off the front of `bytes` up to the end of the next message and returns that, or
-  /// takes them all and returns nothing.
+  /// Takes whole frames off the front of `bytes` up to the end of the next message and returns
+  /// that. Returns nothing when its end has not arrived; what is left has to come again with more.
   std::optional<message_t> next(std::string_view &bytes);
 
   int failure() const { return failed_with; }
 
 private:
-  bool read_head(std::string_view &bytes);
-  bool accept_head();
-  int check_head(bool control) const;
-  void read_payload(std::string_view &bytes);
-  std::optional<message_t> end_frame();
+  bool may_begin(unsigned int first, unsigned int second) const;
+  std::optional<message_t> fail(int code);
 
-  std::string head;
-  // of the frame that is being read, once its head is there
-  bool in_payload = false;
-  bool final = false;
-  opcode_t kind = opcode_t::text;
-  uint64_t payload_left = 0;
-  unsigned char mask[4] = {};
-  size_t mask_index = 0;
-
-  std::string control_payload;
-  bool message_begun = false;
-  message_t message;
+  message_t message; // its frames so far
   int failed_with = 0;
 };
 

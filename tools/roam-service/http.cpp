@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cctype>
-#include <cstring>
 #include <libwebsockets.h>
 #include <netinet/in.h>
 
@@ -76,17 +75,36 @@ std::optional<std::string> shortest_ipv6(const std::string &text) {
   return inet_ntop(AF_INET6, &address, result, sizeof result);
 }
 
-} // namespace
-
-const std::string &http_request_t::header(const std::string &lower_case_name) const {
-  static const std::string none;
-  const auto found = headers.find(lower_case_name);
-  return found == headers.end() ? none : found->second;
+/// The host of "HOST" or "HOST:PORT" as it can be compared: a name in lower case, an IPv6 address
+/// without its brackets and in its shortest form. Returns nothing when the text is neither.
+std::optional<std::string> host_of(std::string_view host_and_port) {
+  const bool in_brackets = !host_and_port.empty() && host_and_port.front() == '[';
+  const size_t end = std::min(host_and_port.find(in_brackets ? ']' : ':'), host_and_port.size());
+  const std::string_view host = host_and_port.substr(0, end);
+  if (!in_brackets)
+    return is_host_name(host) && is_port_or_empty(host_and_port.substr(end))
+               ? std::optional(lower_case(host))
+               : std::nullopt;
+  const bool is_complete =
+      end < host_and_port.size() && is_port_or_empty(host_and_port.substr(end + 1));
+  return is_complete ? shortest_ipv6(std::string(host.substr(1))) : std::nullopt;
 }
 
-std::optional<std::string> http_request_t::find(const std::string &lower_case_name) const {
+/// The host of an Origin. None for "null", and for several that were joined.
+std::optional<std::string> host_of_origin(std::string_view origin) {
+  const std::string_view scheme = take_until(origin, "://");
+  const bool is_scheme =
+      !scheme.empty() && std::all_of(scheme.begin(), scheme.end(), [](unsigned char letter) {
+        return std::isalnum(letter) != 0 || letter == '+' || letter == '-' || letter == '.';
+      });
+  return is_scheme ? host_of(origin) : std::nullopt;
+}
+
+} // namespace
+
+std::string http_request_t::header(const std::string &lower_case_name) const {
   const auto found = headers.find(lower_case_name);
-  return found == headers.end() ? std::nullopt : std::optional(found->second);
+  return found == headers.end() ? std::string() : found->second;
 }
 
 std::optional<http_request_t> parse_request(std::string_view head) {
@@ -116,6 +134,13 @@ bool is_upgrade(const http_request_t &request) {
          !request.header("sec-websocket-key").empty();
 }
 
+bool is_from_elsewhere(const http_request_t &request) {
+  if (request.headers.count("origin") == 0)
+    return false;
+  const auto host = host_of_origin(request.header("origin"));
+  return !host || host != host_of(request.header("host"));
+}
+
 std::string upgrade_answer(const http_request_t &request, const std::string &subprotocol) {
   return "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
          "Sec-WebSocket-Accept: " +
@@ -139,21 +164,8 @@ bool is_loopback_address(const std::string &address) {
   return inet_pton(AF_INET6, address.c_str(), &ipv6) == 1 && IN6_IS_ADDR_LOOPBACK(&ipv6);
 }
 
-std::optional<std::string> host_of(std::string_view host_and_port) {
-  const bool in_brackets = !host_and_port.empty() && host_and_port.front() == '[';
-  const size_t end = std::min(host_and_port.find(in_brackets ? ']' : ':'), host_and_port.size());
-  const std::string_view host = host_and_port.substr(0, end);
-  if (!in_brackets)
-    return is_host_name(host) && is_port_or_empty(host_and_port.substr(end))
-               ? std::optional(lower_case(host))
-               : std::nullopt;
-  const bool is_complete =
-      end < host_and_port.size() && is_port_or_empty(host_and_port.substr(end + 1));
-  return is_complete ? shortest_ipv6(std::string(host.substr(1))) : std::nullopt;
-}
-
-bool is_loopback_host(const std::string &host) {
-  const auto name = host_of(host);
+bool is_loopback_host(std::string_view host_header) {
+  const auto name = host_of(host_header);
   return name && (*name == "localhost" || is_loopback_address(*name));
 }
 

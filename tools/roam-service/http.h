@@ -16,9 +16,7 @@ struct http_request_t {
   std::map<std::string, std::string> headers;
 
   /// Returns an empty text for a header that is not there.
-  const std::string &header(const std::string &lower_case_name) const;
-  /// Tells a header that is not there from an empty one.
-  std::optional<std::string> find(const std::string &lower_case_name) const;
+  std::string header(const std::string &lower_case_name) const;
 };
 
 /// Reads a request head, up to and without its empty line. Returns nothing when it is none.
@@ -30,6 +28,12 @@ bool list_contains(std::string_view list, std::string_view element);
 /// Whether the request asks for a WebSocket of the version that is served.
 bool is_upgrade(const http_request_t &request);
 
+/// Whether a request comes from a web page of elsewhere: it has an Origin, and that is not of the
+/// host that the request is for. Ports do not matter; the daemon's Origin and Host have none.
+///
+/// A browser lets any page open a WebSocket to any host, but not without its Origin.
+bool is_from_elsewhere(const http_request_t &request);
+
 /// The answer that makes the connection a WebSocket.
 std::string upgrade_answer(const http_request_t &request, const std::string &subprotocol);
 
@@ -40,12 +44,8 @@ std::string http_answer(const std::string &status, const std::string &content_ty
 /// Whether a numeric IP address is one of this machine's loopback addresses.
 bool is_loopback_address(const std::string &address);
 
-/// The host of "HOST" or "HOST:PORT" as it can be compared: a name in lower case, an IPv6 address
-/// without its brackets and in its shortest form. Returns nothing when the text is neither.
-std::optional<std::string> host_of(std::string_view host_and_port);
-
 /// Whether a Host header names this machine by a loopback name or address, with or without a port.
-bool is_loopback_host(const std::string &host);
+bool is_loopback_host(std::string_view host_header);
 
 } // namespace vemk
 

@@ -1,8 +1,7 @@
-#include "fault_service.h"
-#include "line_source.h"
-#include "one_line.h"
-#include "reference_service.h"
+#include "line_input.h"
+#include "roam_service.h"
 #include "service_options.h"
+#include "terminal_text/terminal_text.h"
 
 #include <csignal>
 #include <cstdio>
@@ -26,39 +25,25 @@ void install_signal_handlers() {
   (void)std::signal(SIGPIPE, SIG_IGN);
 }
 
-// The library would take a proxy from them; this server talks to nobody but its clients.
-void forget_proxies() {
-  for (const char *name : {"http_proxy", "socks_proxy"})
-    unsetenv(name);
+/// Writes the text as a line of its own; afterwards ferror() says whether the stream took all.
+void write_line(std::string_view text) {
+  const std::string line = vemk::on_one_line(text) + '\n';
+  std::fwrite(line.data(), 1, line.size(), stdout);
+  std::fflush(stdout);
 }
 
-bool announce(const vemk::reference_service &service) {
-  return vemk::write_one_line(stdout, "roam-service: listening on " + service.url());
-}
-
-bool announce(const vemk::fault_service &service) {
-  return vemk::write_one_line(stdout, "roam-service: listening on " + service.url()) &&
-         (!service.has_console() ||
-          vemk::write_one_line(stdout, "roam-service: console at " + service.console_url()));
-}
-
-template<typename service_t>
 int run(const vemk::service_options_t &options) {
-  bool output_failed = false;
-  service_t service(options, [&output_failed](std::string_view message) {
-    output_failed = output_failed || !vemk::write_one_line(stdout, message);
-  });
-  output_failed = !announce(service);
+  vemk::roam_service service(options, write_line);
+  write_line("roam-service: listening on " + service.url());
+  if (options.console)
+    write_line("roam-service: console at " + service.console_url());
 
-  vemk::line_source input(STDIN_FILENO, [&service] { service.wake(); });
-  service.serve([&output_failed] { return output_failed || g_stop_requested != 0; },
-                [&service, &input] {
-                  for (const std::string &line : input.take())
-                    service.broadcast(line);
-                });
-  if (output_failed)
-    std::fprintf(stderr, "roam-service: cannot write to standard output; see where it leads\n");
-  return output_failed ? EXIT_FAILURE : EXIT_SUCCESS;
+  vemk::line_input input(STDIN_FILENO);
+  service.serve([] { return std::ferror(stdout) != 0 || g_stop_requested != 0; }, input);
+  if (std::ferror(stdout) == 0)
+    return EXIT_SUCCESS;
+  std::fprintf(stderr, "roam-service: cannot write to standard output; see where it leads\n");
+  return EXIT_FAILURE;
 }
 
 } // namespace
@@ -69,10 +54,8 @@ int main(int argc, char **argv) {
   if (!options)
     return exit_status;
   install_signal_handlers();
-  forget_proxies();
   try {
-    return options->is_plain() ? run<vemk::reference_service>(*options)
-                               : run<vemk::fault_service>(*options);
+    return run(*options);
   } catch (const std::exception &error) {
     std::fprintf(stderr, "roam-service: %s\n", error.what());
     return EXIT_FAILURE;

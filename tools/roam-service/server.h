@@ -1,71 +1,73 @@
 #ifndef VEMK_ROAM_SERVICE_SERVER_H
 #define VEMK_ROAM_SERVICE_SERVER_H
 
-#include "admission.h"
 #include "connection.h"
 #include "http.h"
-#include "listener.h"
 
-#include <chrono>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace vemk {
 
-/// What a server tells its owner. A connection may be answered, written to, closed and reset from
-/// within each of them.
-struct server_events_t {
-  /// A connection's first request; it has to be answered, or accepted as a WebSocket.
-  std::function<void(connection &, const http_request_t &)> request;
-  /// A message of a WebSocket, control messages included. A close has been answered by then.
-  std::function<void(connection &, message_t)> message;
-  /// A message that went out completely.
-  std::function<void(connection &, const outgoing_t &)> sent;
-  /// The connection is about to be destroyed. It may have been of any kind.
-  std::function<void(connection &)> gone;
-};
+/// Says on standard error that a `what` was refused, and answers it with the status and the reason.
+void refuse(connection &visitor, const std::string &what, const std::string &status,
+            const std::string &reason);
 
-/// Waits for the sockets of all connections at once.
+/// Accepts connections, waits for all of them at once, and hands what they bring to its handlers. A
+/// connection may be answered, written to, closed and reset from within each of them.
 ///
-/// Threading: everything, events included, on the thread that calls serve_once(), wake() aside.
-/// Errors: the constructor throws std::runtime_error when the address cannot be listened on, and
-///   std::system_error when the wake-up descriptor cannot be had.
+/// Threading: everything, handlers included, on the thread that calls serve_once().
+/// Errors: the constructor and open_door() throw std::runtime_error, its text saying what to do,
+///   when the address cannot be listened on.
 class server {
 public:
-  /// While there are so many, no more are accepted. One address can have a part of them only.
+  /// While there are so many, no more are accepted.
   static constexpr size_t most_connections = 200;
+  /// Of one remote address, so that none can take them all. Further ones are closed.
+  static constexpr size_t most_of_one_address = 32;
 
-  server(const std::string &bind_address, int port, server_events_t owner_events);
-  ~server();
+  /// A port of 0 becomes a free one.
+  server(std::string bind_address, int wanted_port);
+  virtual ~server();
   server(const server &) = delete;
   server &operator=(const server &) = delete;
 
-  int port() const { return door.port(); }
-  listener &door_of() { return door; }
-  const std::vector<std::unique_ptr<connection>> &connections() const { return all; }
+protected:
+  using connections_t = std::vector<std::unique_ptr<connection>>;
 
-  /// Waits for something to happen, at most for `longest_wait`, and deals with it. Returns true
-  /// when wake() was called.
-  bool serve_once(std::chrono::milliseconds longest_wait);
+  /// A connection's first request; it has to be answered, or accepted as a WebSocket.
+  virtual void process_request(connection &visitor, const http_request_t &request) = 0;
+  /// A message of a WebSocket, control messages included. A close has been answered by then.
+  virtual void process_message(connection &one, const message_t &message) = 0;
+  /// A message that went out completely.
+  virtual void process_sent(const connection &one, const outgoing_t &message) = 0;
+  /// The connection is about to be destroyed. It may have been of any kind.
+  virtual void process_gone(const connection &one) = 0;
 
-  /// Ends the wait of serve_once(). May be called from any thread.
-  void wake() const;
+  /// "ADDRESS:PORT", as a URL has it.
+  std::string host_and_port() const;
+
+  /// Listens again, on the same port, or refuses further connections.
+  void open_door();
+  void close_door();
+
+  const connections_t &connections() const { return all; }
+
+  /// Waits a moment for something to happen, and deals with it. Returns whether `other_descriptor`,
+  /// which may be negative, has something to read.
+  bool serve_once(int other_descriptor);
 
 private:
-  int wait_ms(std::chrono::milliseconds longest_wait) const;
   void accept_one();
-  void serve(connection &one, short happened);
-  void take_input(connection &one);
-  void send_output(connection &one);
+  void serve(connection &one, int happened);
+  void process_head(connection &visitor, const std::string &head);
   void remove_gone();
 
-  const server_events_t events;
-  listener door;
-  const int wake_event;
-  std::vector<std::unique_ptr<connection>> all;
-  address_limit addresses;
+  const std::string address;
+  int port;
+  int door = -1; // the socket that is listened on
+  connections_t all;
   unsigned int last_number = 0;
 };
 

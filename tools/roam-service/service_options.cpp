@@ -53,23 +53,12 @@ void add_switches(CLI::App &app, switches_t &switches) {
 
 void add_incidents(CLI::App &app, service_options_t &options) {
   auto *group = app.add_option_group("Incidents", "What befalls a daemon, every time it connected");
-  auto *close = group->add_option_function<int>(
-      "--close-with",
-      [&options](int code) {
-        options.incident = incident_t::close;
-        options.close_code = code;
-      },
-      "close its connection with this code");
+  auto *close =
+      group->add_option("--close-with", options.close_code, "close its connection with this code");
   close->check(CLI::Range(smallest_close_code, largest_close_code));
-  auto *reset = group->add_flag_callback(
-      "--reset", [&options] { options.incident = incident_t::reset; },
-      "end its connection with a TCP reset");
-  auto *away = group->add_option_function<int>(
-      "--away",
-      [&options](int seconds) {
-        options.incident = incident_t::away;
-        options.away_s = seconds;
-      },
+  auto *reset = group->add_flag("--reset", options.reset, "end its connection with a TCP reset");
+  auto *away = group->add_option(
+      "--away", options.away_s,
       "close all connections with code 1001 and refuse new ones for so many seconds");
   away->check(CLI::Range(1, longest_away_s));
   close->excludes(reset)->excludes(away);

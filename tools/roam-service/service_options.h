@@ -1,18 +1,28 @@
 #ifndef VEMK_ROAM_SERVICE_SERVICE_OPTIONS_H
 #define VEMK_ROAM_SERVICE_SERVICE_OPTIONS_H
 
-#include "switches.h"
-
 #include <chrono>
 #include <optional>
 #include <string>
 
 namespace vemk {
 
-/// What daemons ask for.
-constexpr const char *daemon_subprotocol = "websock-roaming";
-/// How long an ending service waits for its daemons to take the close.
-constexpr std::chrono::seconds leave_patience{1};
+/// How the service misbehaves towards all its daemons, those that are connected and those to come.
+struct switches_t {
+  static constexpr int most_fragments = 1000;
+  static constexpr int longest_delay_ms = 600'000;
+
+  bool no_pongs = false;     // pings are seen, but not answered
+  bool stop_reading = false; // nothing is read of what a daemon sends
+  int fragments = 1;         // frames that each message is sent in
+  int delay_ms = 0;          // what each message and pong is held back
+
+  std::chrono::milliseconds delay() const { return std::chrono::milliseconds(delay_ms); }
+};
+
+constexpr int smallest_close_code = 1000;
+constexpr int largest_close_code = 4999;
+constexpr int longest_away_s = 86'400;
 
 /// What the command line of roam-service says.
 struct service_options_t {
@@ -22,15 +32,12 @@ struct service_options_t {
   bool echo = false;
   bool console = false;
   switches_t switches;
-  incident_t incident = incident_t::none;
-  int close_code = 0;
-  int away_s = 0;
-  int after_s = 5; // from connecting until the incident
 
-  /// Whether a server that behaves as it should is all that is asked for.
-  bool is_plain() const {
-    return !console && incident == incident_t::none && switches == switches_t{};
-  }
+  // What befalls each daemon after it connected: one of three, or nothing.
+  int close_code = 0;
+  bool reset = false;
+  int away_s = 0;
+  int after_s = 5;
 };
 
 /// Returns the options, or nothing after a usage error or a help text was printed; `exit_status` is

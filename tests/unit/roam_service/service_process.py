@@ -35,6 +35,7 @@ class Service:
         if "--console" in options:
             line = self.process.stdout.readline().decode()
             assert line == f"roam-service: console at http://127.0.0.1:{self.port}/\n"
+        self.expected_status = 0
         self.notes = []
         self.note_came = threading.Condition()
         self.note_reader = threading.Thread(target=self.read_notes)
@@ -81,10 +82,6 @@ class Service:
             with contextlib.suppress(BrokenPipeError):
                 stream.close()
         return status
-
-
-def within_limit(work):
-    asyncio.run(asyncio.wait_for(work, 2 * LIMIT))
 
 
 def run_to_its_end(*options):

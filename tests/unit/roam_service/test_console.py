@@ -2,27 +2,33 @@
 import asyncio
 import contextlib
 import json
+import pathlib
 
 import pytest
 import websockets
 
 from raw_client import exchange, request_bytes, upgrade_headers
-from service_process import LIMIT, Service, within_limit
+from service_process import LIMIT
 
+SOURCES = pathlib.Path(__file__).resolve().parents[3] / "tools" / "roam-service" / "console"
 PAGE_FILES = [("/", "text/html; charset=utf-8"), ("/style.css", "text/css; charset=utf-8"),
               ("/script.js", "text/javascript; charset=utf-8"), ("/icon.svg", "image/svg+xml")]
 
 
 @pytest.fixture
-def service():
-    running = Service("--port", "0", "--console")
-    yield running
-    assert running.stop() == 0
+def service(start):
+    return start("--console")
 
 
 def get(service, path, method="GET", **headers):
     headers = {"Host": f"127.0.0.1:{service.port}", **headers}
     return exchange(service.port, request_bytes(path, headers).replace(b"GET", method.encode(), 1))
+
+
+def upgrade_status(service, origin, **headers):
+    """The status of the answer to a page that asks for the console's WebSocket."""
+    headers = upgrade_headers(service.port, "roam-console", Origin=origin, **headers)
+    return exchange(service.port, request_bytes("/console", headers))[0]
 
 
 class Page:
@@ -63,27 +69,17 @@ async def page_and_daemon(service):
         yield page, daemon, update["daemons"][0]["id"]
 
 
-# Each of the four files: status 200, its type and length, "default-src 'none'", "nosniff".
+# Each of the four files: status 200, its type, length and bytes, "default-src 'none'", "nosniff".
 @pytest.mark.parametrize("path, content_type", PAGE_FILES)
 def test_serves_the_page_with_a_strict_policy(service, path, content_type):
     status, headers, body = get(service, path)
     assert status == 200
     assert headers["content-type"] == content_type
     assert int(headers["content-length"]) == len(body) > 100
+    assert body == (SOURCES / (path[1:] or "index.html")).read_bytes()
     policy = headers["content-security-policy"]
     assert "default-src 'none'" in policy and "unsafe" not in policy and "*" not in policy
     assert headers["x-content-type-options"] == "nosniff"
-
-
-# The four files come byte for byte as they lie in tools/roam-service/console.
-def test_the_page_is_what_lies_in_the_sources(service, pytestconfig):
-    folder = pytestconfig.rootpath
-    while not (folder / "tools").is_dir():
-        folder = folder.parent
-    for path, name in (("/", "index.html"), ("/style.css", "style.css"), ("/script.js", "script.js"),
-                       ("/icon.svg", "icon.svg")):
-        source = folder / "tools" / "roam-service" / "console" / name
-        assert get(service, path)[2] == source.read_bytes()
 
 
 # Page, style and script hold no http:// or https:// address and no innerHTML.
@@ -108,14 +104,10 @@ def test_an_unknown_path_is_404(service, path):
 
 
 # Without --console both "/" and the upgrade of "/console" are 404.
-def test_without_the_option_there_is_no_page_and_no_console():
-    plain = Service("--port", "0")
-    try:
-        assert get(plain, "/")[0] == 404
-        headers = upgrade_headers(plain.port, "roam-console", Origin=f"http://127.0.0.1:{plain.port}")
-        assert exchange(plain.port, request_bytes("/console", headers))[0] == 404
-    finally:
-        plain.stop()
+def test_without_the_option_there_is_no_page_and_no_console(start):
+    plain = start()
+    assert get(plain, "/")[0] == 404
+    assert upgrade_status(plain, f"http://127.0.0.1:{plain.port}") == 404
 
 
 # Names, look-alikes, other addresses, empty and doubled Host headers are 403 for page and console.
@@ -123,8 +115,7 @@ def test_without_the_option_there_is_no_page_and_no_console():
                                   "192.0.2.1", "", "127.0.0.1, example.com", "[::2]", "127.0.0.1:x"])
 def test_a_host_that_is_not_loopback_is_refused(service, host):
     assert get(service, "/", Host=host)[0] == 403
-    headers = upgrade_headers(service.port, "roam-console", Host=host, Origin=f"http://{host}")
-    assert exchange(service.port, request_bytes("/console", headers))[0] == 403
+    assert upgrade_status(service, f"http://{host}", Host=host) == 403
 
 
 # localhost in any case, 127.0.0.2 and [::1], with any port, are 200.
@@ -138,120 +129,104 @@ def test_a_loopback_host_is_served(service, host):
                                     "https://127.0.0.1:{port}", "http://localhost:{port}",
                                     "http://127.0.0.1:{port}.example.com"])
 def test_a_page_of_another_origin_is_refused(service, origin):
-    origin = origin and origin.format(port=service.port)
-    headers = upgrade_headers(service.port, "roam-console", Origin=origin)
-    assert exchange(service.port, request_bytes("/console", headers))[0] == 403
+    assert upgrade_status(service, origin and origin.format(port=service.port)) == 403
 
 
 # The page is told addresses, pings with their age, bytes, frames and totals per second.
-def test_shows_daemons_pings_frames_and_totals(service):
-    async def work():
-        async with page_and_daemon(service) as (page, daemon, _):
-            await (await daemon.ping(b"p"))
-            await daemon.send("a<b>\x00\x7f")
-            update = await page.update_with(lambda told: told["received"]["messages"] == 1)
-            shown = update["daemons"][0]
-            assert shown["address"] == "127.0.0.1" and shown["pings"] == 1
-            assert shown["pings_unanswered"] == 0
-            assert 0 <= update["now"] - shown["last_ping"] < 60000
-            assert update["received"]["frames"] == 2 and update["sent"]["frames"] == 1
-            assert sum(update["received"]["rates"]) == 2
-        async with open_page(service) as page:
-            records = (await page.told("update"))["records"]
-            found = [r for r in records if r["kind"] == "text"][0]
-            assert bytes.fromhex(found["hex"]) == b"a<b>\x00\x7f"
-            assert found["size"] == 6 and not found["sent"]
-    within_limit(work())
+async def test_shows_daemons_pings_frames_and_totals(service):
+    async with page_and_daemon(service) as (page, daemon, _):
+        await (await daemon.ping(b"p"))
+        await daemon.send("a<b>\x00\x7f")
+        update = await page.update_with(lambda told: told["received"]["messages"] == 1)
+        shown = update["daemons"][0]
+        assert shown["address"] == "127.0.0.1" and shown["pings"] == 1
+        assert shown["pings_unanswered"] == 0
+        assert 0 <= update["now"] - shown["last_ping"] < 60000
+        assert update["received"]["frames"] == 2 and update["sent"]["frames"] == 1
+        assert sum(update["received"]["rates"]) == 2
+    async with open_page(service) as page:
+        records = (await page.told("update"))["records"]
+        found = [r for r in records if r["kind"] == "text"][0]
+        assert bytes.fromhex(found["hex"]) == b"a<b>\x00\x7f"
+        assert found["size"] == 6 and not found["sent"]
 
 
 # Of 100,000 bytes the page gets the size and the first 1024.
-def test_a_long_payload_is_shown_by_its_beginning(service):
-    async def work():
-        async with page_and_daemon(service) as (page, daemon, _):
-            await daemon.send("x" * 100000)
-            await service.next_line()
-            update = await page.update_with(lambda told: told["records"])
-            assert update["records"][0]["size"] == 100000
-            assert bytes.fromhex(update["records"][0]["hex"]) == b"x" * 1024
-    within_limit(work())
+async def test_a_long_payload_is_shown_by_its_beginning(service):
+    async with page_and_daemon(service) as (page, daemon, _):
+        await daemon.send("x" * 100000)
+        await service.next_line()
+        update = await page.update_with(lambda told: told["records"])
+        assert update["records"][0]["size"] == 100000
+        assert bytes.fromhex(update["records"][0]["hex"]) == b"x" * 1024
 
 
 # A text for one daemon reaches it alone, one for all reaches both, NUL and UTF-8 unchanged.
-def test_sends_to_one_or_all(service):
-    async def work():
-        async with page_and_daemon(service) as (page, first, number), service.connect() as second:
-            await page.update_with(lambda told: len(told["daemons"]) == 2)
-            answer = await page.command(cmd="send", to=number, text="to one\x00 <grün>")
-            assert answer["ok"] and answer["text"] == "sent to 1 daemon"
-            await page.command(cmd="send", to=None, text="to all")
-            assert [await first.recv(), await first.recv()] == ["to one\x00 <grün>", "to all"]
-            assert await second.recv() == "to all"
-    within_limit(work())
+async def test_sends_to_one_or_all(service):
+    async with page_and_daemon(service) as (page, first, number), service.connect() as second:
+        await page.update_with(lambda told: len(told["daemons"]) == 2)
+        answer = await page.command(cmd="send", to=number, text="to one\x00 <grün>")
+        assert answer["ok"] and answer["text"] == "sent to 1 daemon"
+        await page.command(cmd="send", to=None, text="to all")
+        assert [await first.recv(), await first.recv()] == ["to one\x00 <grün>", "to all"]
+        assert await second.recv() == "to all"
 
 
 # "no pongs" silences the daemon at hand and one that comes later.
-def test_switches_act_on_connected_daemons_and_on_new_ones(service):
-    async def work():
-        async with page_and_daemon(service) as (page, daemon, _):
-            switches = {"no_pongs": True, "stop_reading": False, "fragments": 2, "delay_ms": 0}
-            assert (await page.command(cmd="switches", **switches))["ok"]
-            assert (await page.told("update"))["switches"] == switches
-            pong = await daemon.ping()
-            await daemon.send("seen")
-            update = await page.update_with(lambda told: told["received"]["messages"] == 1)
-            assert update["daemons"][0]["pings_unanswered"] == 1 and not pong.done()
-            async with service.connect() as later:
-                pong = await later.ping()
-                await later.send("seen too")
-                await page.update_with(lambda told: told["received"]["messages"] == 2)
-                assert not pong.done()
-    within_limit(work())
+async def test_switches_act_on_connected_daemons_and_on_new_ones(service):
+    async with page_and_daemon(service) as (page, daemon, _):
+        switches = {"no_pongs": True, "stop_reading": False, "fragments": 2, "delay_ms": 0}
+        assert (await page.command(cmd="switches", **switches))["ok"]
+        assert (await page.told("update"))["switches"] == switches
+        pong = await daemon.ping()
+        await daemon.send("seen")
+        update = await page.update_with(lambda told: told["received"]["messages"] == 1)
+        assert update["daemons"][0]["pings_unanswered"] == 1 and not pong.done()
+        async with service.connect() as later:
+            pong = await later.ping()
+            await later.send("seen too")
+            await page.update_with(lambda told: told["received"]["messages"] == 2)
+            assert not pong.done()
 
 
 # A message sent while "stop reading" is on arrives once it is off.
-def test_reading_goes_on_where_it_stopped(service):
-    async def work():
-        async with page_and_daemon(service) as (page, daemon, _):
-            switches = {"no_pongs": False, "stop_reading": True, "fragments": 1, "delay_ms": 0}
-            await page.command(cmd="switches", **switches)
-            await daemon.send("waits")
-            await asyncio.sleep(0.4)
-            assert (await page.command(cmd="switches", **{**switches, "stop_reading": False}))["ok"]
-            await page.update_with(lambda told: told["received"]["messages"] == 1)
-    within_limit(work())
+async def test_reading_goes_on_where_it_stopped(service):
+    async with page_and_daemon(service) as (page, daemon, _):
+        switches = {"no_pongs": False, "stop_reading": True, "fragments": 1, "delay_ms": 0}
+        await page.command(cmd="switches", **switches)
+        await daemon.send("waits")
+        await asyncio.sleep(0.4)
+        assert (await page.command(cmd="switches", **{**switches, "stop_reading": False}))["ok"]
+        await page.update_with(lambda told: told["received"]["messages"] == 1)
 
 
 # Close gives the daemon its code 4321, reset an end without one (1006).
-def test_closes_with_a_code_and_resets(service):
-    async def work():
-        async with page_and_daemon(service) as (page, daemon, number):
-            assert (await page.command(cmd="close", to=number, code=4321))["ok"]
-            await daemon.wait_closed()
-            assert daemon.close_code == 4321
-            async with service.connect() as other:
-                await page.update_with(lambda told: told["daemons"] and
-                                       told["daemons"][0]["id"] != number)
-                assert (await page.command(cmd="reset", to=None))["ok"]
-                await other.wait_closed()
-                assert other.close_code == 1006
-    within_limit(work())
+async def test_closes_with_a_code_and_resets(service):
+    async with page_and_daemon(service) as (page, daemon, number):
+        assert (await page.command(cmd="close", to=number, code=4321))["ok"]
+        await daemon.wait_closed()
+        assert daemon.close_code == 4321
+        async with service.connect() as other:
+            await page.update_with(lambda told: told["daemons"] and
+                                   told["daemons"][0]["id"] != number)
+            assert (await page.command(cmd="reset", to=None))["ok"]
+            await other.wait_closed()
+            assert other.close_code == 1006
 
 
 # Away: close 1001 and refused connections, the rest of the 60 s told, until "return".
-def test_goes_away_and_comes_back_while_the_page_stays(service):
-    async def work():
-        async with page_and_daemon(service) as (page, daemon, _):
-            assert (await page.command(cmd="away", seconds=60))["ok"]
-            update = await page.update_with(lambda told: "away_ms" in told)
-            assert 50000 < update["away_ms"] <= 60000
-            await daemon.wait_closed()
-            assert daemon.close_code == 1001
-            with pytest.raises(ConnectionRefusedError):
-                await service.connect()
-            assert (await page.command(cmd="return"))["ok"]
-            async with service.connect():
-                await page.update_with(lambda told: told["daemons"] and "away_ms" not in told)
-    within_limit(work())
+async def test_goes_away_and_comes_back_while_the_page_stays(service):
+    async with page_and_daemon(service) as (page, daemon, _):
+        assert (await page.command(cmd="away", seconds=60))["ok"]
+        update = await page.update_with(lambda told: "away_ms" in told)
+        assert 50000 < update["away_ms"] <= 60000
+        await daemon.wait_closed()
+        assert daemon.close_code == 1001
+        with pytest.raises(ConnectionRefusedError):
+            await service.connect()
+        assert (await page.command(cmd="return"))["ok"]
+        async with service.connect():
+            await page.update_with(lambda told: told["daemons"] and "away_ms" not in told)
 
 
 # No JSON, wrong types and values out of range: "ok" false with a text, switches as before.
@@ -261,12 +236,10 @@ def test_goes_away_and_comes_back_while_the_page_stays(service):
     '{"cmd": "close", "to": null, "code": 5000}', '{"cmd": "away", "seconds": 0}',
     '{"cmd": "switches"}', '{"cmd": "switches", "no_pongs": true, "stop_reading": true, '
     '"fragments": 1000000, "delay_ms": 0}', "[" * 5000])
-def test_a_command_that_makes_no_sense_is_answered_and_changes_nothing(service, text):
-    async def work():
-        async with page_and_daemon(service) as (page, daemon, _):
-            await page.socket.send(text)
-            answer = await page.told("answer")
-            assert not answer["ok"] and answer["text"]
-            assert (await page.told("update"))["switches"]["fragments"] == 1
-            await (await daemon.ping())
-    within_limit(work())
+async def test_a_command_that_makes_no_sense_is_answered_and_changes_nothing(service, text):
+    async with page_and_daemon(service) as (page, daemon, _):
+        await page.socket.send(text)
+        answer = await page.told("answer")
+        assert not answer["ok"] and answer["text"]
+        assert (await page.told("update"))["switches"]["fragments"] == 1
+        await (await daemon.ping())

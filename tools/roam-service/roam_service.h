@@ -1,6 +1,7 @@
-#ifndef VEMK_ROAM_SERVICE_FAULT_SERVICE_H
-#define VEMK_ROAM_SERVICE_FAULT_SERVICE_H
+#ifndef VEMK_ROAM_SERVICE_ROAM_SERVICE_H
+#define VEMK_ROAM_SERVICE_ROAM_SERVICE_H
 
+#include "line_input.h"
 #include "server.h"
 #include "service_options.h"
 #include "traffic_log.h"
@@ -27,46 +28,33 @@ struct daemon_t {
   std::optional<service_clock::time_point> incident_due;
 };
 
-/// The WebSocket server that daemons connect to when it is to misbehave or to show itself.
-///
-/// It speaks the protocol itself, because a library answers pings and reads on its own account, and
-/// both have to be stoppable.
+/// The WebSocket server that daemons connect to.
 ///
 /// Serves one path and the subprotocol "websock-roaming"; every other upgrade is refused. Each
 /// received message, its fragments joined, goes to `on_message`. Notes about connections go to
 /// standard error. It misbehaves as its switches and incidents say, towards daemons only. With the
 /// console it serves that, too.
 ///
-/// Threading: everything, callbacks included, runs on the thread that calls serve(), wake() aside.
+/// Threading: everything, callbacks included, runs on the thread that calls serve().
 /// Errors: the constructor throws std::runtime_error, its text saying what to do, when the address
 ///   cannot be listened on. A daemon that fails, sends more than a message may hold or does not
 ///   read what it is sent is dropped.
-class fault_service {
+class roam_service : private server {
 public:
   using message_handler = std::function<void(std::string_view message)>;
-  using wake_handler = std::function<void()>;
   using daemon_map = std::map<unsigned int, daemon_t>;
 
-  fault_service(const service_options_t &service_options, message_handler on_message);
-  ~fault_service();
-  fault_service(const fault_service &) = delete;
-  fault_service &operator=(const fault_service &) = delete;
+  roam_service(const service_options_t &service_options, message_handler on_message);
+  ~roam_service() override;
 
   /// The URL that daemons connect to, with the port that is listened on.
   std::string url() const;
-  bool has_console() const { return options.console; }
   /// The address of the console's page.
   std::string console_url() const;
 
-  /// Serves until `stop_wanted` returns true, which is asked several times a second, then takes
-  /// leave of the daemons. `on_wake` runs after each wake().
-  void serve(const std::function<bool()> &stop_wanted, const wake_handler &on_wake);
-
-  /// Makes serve() call `on_wake` soon. May be called from any thread.
-  void wake() const { sockets.wake(); }
-
-  /// Sends the text to every connected daemon.
-  void broadcast(std::string_view text);
+  /// Serves, and sends each line of `input` to every daemon, until `stop_wanted` returns true,
+  /// which is asked several times a second; then takes leave of the daemons.
+  void serve(const std::function<bool()> &stop_wanted, line_input &input);
 
   // ---- what the console shows and drives; without a number, all daemons are meant ----
 
@@ -85,18 +73,18 @@ public:
   void come_back();
 
 private:
-  void process_request(connection &visitor, const http_request_t &request);
-  void process_message(connection &one, const message_t &message);
-  void process_sent(const connection &one, const outgoing_t &message);
-  void process_gone(const connection &one);
-  void refuse(connection &visitor, const std::string &status, const std::string &reason) const;
+  void process_request(connection &visitor, const http_request_t &request) override;
+  void process_message(connection &one, const message_t &message) override;
+  void process_sent(const connection &one, const outgoing_t &message) override;
+  void process_gone(const connection &one) override;
   void accept_daemon(connection &visitor, const http_request_t &request);
   void process_daemon_message(daemon_t &from, const message_t &message);
-  void send_to(daemon_t &daemon, const std::shared_ptr<const outgoing_t> &message);
-  void for_each(std::optional<unsigned int> number, const std::function<void(daemon_t &)> &act);
+  outgoing_ptr make_message(opcode_t kind, std::string_view payload) const;
+  void send_to(const daemon_t &daemon, outgoing_ptr message) const;
+  size_t for_each(std::optional<unsigned int> number,
+                  const std::function<void(const daemon_t &)> &act) const;
   void run_due(service_clock::time_point now);
   void meet_incident(const connection &link);
-  std::chrono::milliseconds wait_until_due() const;
   void take_leave();
 
   service_options_t options;
@@ -104,12 +92,8 @@ private:
   traffic_log passed;
   daemon_map daemons;
   std::optional<service_clock::time_point> back_at;
-  server sockets;
   std::unique_ptr<console> page;
 };
-
-/// The wall clock, in milliseconds since the epoch.
-int64_t wall_clock_ms();
 
 } // namespace vemk
 
