@@ -1,5 +1,6 @@
 """Fixtures of roam-service's tests; a test that is a coroutine runs in an event loop of its own."""
 import asyncio
+import contextlib
 import inspect
 import pathlib
 import sys
@@ -8,6 +9,7 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "system"))
 
+from raw_client import RawClient  # noqa: E402
 from service_process import LIMIT, Service  # noqa: E402
 
 
@@ -36,3 +38,15 @@ def start():
 @pytest.fixture
 def service(start):
     return start()
+
+
+@pytest.fixture
+def connect(start):
+    """Starts roam-service with options and connects to it."""
+    with contextlib.ExitStack() as clients:
+        def connected(*options):
+            service = start(*options)
+            client = clients.enter_context(RawClient(service.port))
+            service.wait_for_note("daemon connected")
+            return service, client
+        yield connected

@@ -1,6 +1,7 @@
-"""A WebSocket client on a plain socket, which sees each frame and each byte that the service sends."""
-import contextlib
+"""A WebSocket client on a plain socket, which sees each frame and byte that the service sends."""
+import http.client
 import socket
+import time
 
 from harness.frames import frame, frame_parser
 
@@ -25,35 +26,32 @@ def upgrade_bytes(port, *lines, **more):
     return request[:-2] + b"".join(line.encode() + b"\r\n" for line in lines) + b"\r\n"
 
 
-def exchange(port, *pieces):
-    """Sends a request and returns the status code, the header lines and the body.
+def exchange(port, request):
+    """Sends a request and returns the status code, the headers and the body.
 
     Raises ConnectionError when there is no answer, however the connection ends.
     """
     with socket.create_connection(("127.0.0.1", port), LIMIT) as link:
-        answer = b""
-        with contextlib.suppress(ConnectionError):
-            for piece in pieces:
-                link.sendall(piece)
-            while not answer.startswith(b"HTTP/1.1 101") and (piece := link.recv(65536)):
-                answer += piece
-    if not answer:
-        raise ConnectionError("the connection ended without an answer")
-    head, _, body = answer.partition(b"\r\n\r\n")
-    lines = head.decode().split("\r\n")
-    headers = {name.lower(): value for name, value in (line.split(": ", 1) for line in lines[1:])}
-    return int(lines[0].split()[1]), headers, body
+        link.sendall(request)
+        answer = http.client.HTTPResponse(link)
+        answer.begin()
+        body = b"" if answer.status == 101 else answer.fp.read()
+        return answer.status, answer.headers, body
 
 
 class RawClient:
     def __init__(self, port, from_address="127.0.0.1"):
         self.link = socket.create_connection(("127.0.0.1", port), LIMIT, (from_address, 0))
         self.link.sendall(upgrade_bytes(port))
-        self.head = b""
-        while not self.head.endswith(b"\r\n\r\n"):
-            self.head += self.link.recv(1)
+        received = b""
+        while b"\r\n\r\n" not in received:
+            piece = self.link.recv(65536)
+            assert piece, received
+            received += piece
+        self.opened_at = time.monotonic()
+        self.head, _, rest = received.partition(b"\r\n\r\n")
         self.parser = frame_parser()
-        self.frames = []
+        self.frames = self.parser.feed(rest)
 
     def __enter__(self):
         return self
@@ -66,10 +64,10 @@ class RawClient:
 
     def frame(self):
         """(final, opcode, payload) of the next frame, or None at the end of the connection."""
-        while not self.frames:
-            if not (piece := self.link.recv(65536)):
-                return None
+        while not self.frames and (piece := self.link.recv(65536)):
             self.frames += self.parser.feed(piece)
+        if not self.frames:
+            return None
         final, reserved, opcode, masked, payload = self.frames.pop(0)
         assert not reserved and not masked
         return final, opcode, payload

@@ -29,7 +29,8 @@ class Service:
             [*PROGRAM, *options], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
             stderr=subprocess.PIPE, **popen_options)
         first = self.process.stdout.readline().decode()
-        assert first.startswith("roam-service: listening on ws://"), first + self.error_text()
+        assert first.startswith("roam-service: listening on ws://"), \
+            first + self.process.stderr.read().decode()
         self.url = first.split()[-1]
         self.port = int(self.url.split(":")[-1].split("/")[0])
         if "--console" in options:
@@ -40,9 +41,6 @@ class Service:
         self.note_came = threading.Condition()
         self.note_reader = threading.Thread(target=self.read_notes)
         self.note_reader.start()
-
-    def error_text(self):
-        return self.process.stderr.read().decode()
 
     def read_notes(self):
         for line in self.process.stderr:
@@ -69,9 +67,9 @@ class Service:
         reading = asyncio.get_running_loop().run_in_executor(None, self.process.stdout.readline)
         return await asyncio.wait_for(reading, LIMIT)
 
-    def connect(self, path="/roam", subprotocols=("websock-roaming",)):
-        return websockets.connect(f"ws://127.0.0.1:{self.port}{path}", subprotocols=subprotocols,
-                                  max_size=None, compression=None, ping_interval=None)
+    def connect(self, subprotocols=("websock-roaming",)):
+        return websockets.connect(self.url, subprotocols=subprotocols, max_size=None,
+                                  compression=None, ping_interval=None)
 
     def stop(self):
         if self.process.poll() is None:

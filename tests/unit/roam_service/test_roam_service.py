@@ -9,46 +9,29 @@ import time
 import pytest
 import websockets
 
-from raw_client import RawClient, exchange, upgrade_bytes
+from harness.waiting import wait_until
+
+from raw_client import RawClient, exchange, request_bytes, upgrade_bytes, upgrade_headers
 from service_process import LIMIT, owns_its_memory, run_to_its_end
 
 MIB = 1024 * 1024
 
 
-def wait_until_accepted(port):
-    """Connects until the service lets the connection in."""
-    deadline = time.monotonic() + LIMIT
-    while time.monotonic() < deadline:
-        with contextlib.suppress(ConnectionError):
-            if exchange(port, upgrade_bytes(port))[0] == 101:
-                return
-        time.sleep(0.05)
-    raise AssertionError("no connection was let in")
+def status_of(service, path="/roam"):
+    with contextlib.suppress(ConnectionError):
+        return exchange(service.port, request_bytes(path, upgrade_headers(service.port)))[0]
+    return None
 
 
-async def assert_refused(status, connecting):
-    with pytest.raises(websockets.InvalidStatusCode) as refusal:
-        async with connecting:
-            pass
-    assert refusal.value.status_code == status
-
-
-# Control bytes come out as \n, \r, \t or \xNN; an empty message is an empty line.
-async def test_prints_a_message_as_one_line_and_leaves_high_bytes_and_backslashes(service):
+# Control bytes, U+0080 to U+009F too, come out as \n, \r, \t or \xNN; an empty message as a line.
+@pytest.mark.parametrize("message, line", [
+    ("a\\b\nc\rd\te\x00f\x7f grün {}%s", "a\\b\\nc\\rd\\te\\x00f\\x7f grün {}%s\n".encode()),
+    ("", b"\n"), ("\u009b2J À€😀\u00a0", "\\xc2\\x9b2J À€😀\u00a0\n".encode()),
+    (b"\x9b2J \xc3\x80 \xff", b"\\x9b2J \xc3\x80 \xff\n")])
+async def test_prints_a_message_as_one_line_and_leaves_other_bytes(service, message, line):
     async with service.connect() as client:
-        await client.send("a\\b\nc\rd\te\x00f\x7f grün {}%s")
-        assert await service.next_line() == "a\\b\\nc\\rd\\te\\x00f\\x7f grün {}%s\n".encode()
-        await client.send("")
-        assert await service.next_line() == b"\n"
-
-
-# U+009B in UTF-8 and 0x9b alone come out as \xNN; letters with such bytes inside stay.
-async def test_prints_c1_control_characters_escaped(service):
-    async with service.connect() as client:
-        await client.send("\u009b2J À€😀\u00a0")
-        assert await service.next_line() == "\\xc2\\x9b2J À€😀\u00a0\n".encode()
-        await client.send(b"\x9b2J \xc3\x80 \xff")
-        assert await service.next_line() == b"\\x9b2J \xc3\x80 \xff\n"
+        await client.send(message)
+        assert await service.next_line() == line
 
 
 # Three fragments and an empty last one are one line, and the next message another.
@@ -80,17 +63,13 @@ async def test_the_last_input_line_needs_no_line_end_and_serving_goes_on(service
         assert await service.next_line() == b"still there\n"
 
 
-# A line typed while no daemon is connected brings a note with "went nowhere".
-def test_notes_a_line_that_went_nowhere(service):
-    service.type(b"anybody?\n")
-    service.wait_for_note("went nowhere")
-
-
-# Notes say "daemon connected" and "daemon gone".
-async def test_notes_that_a_daemon_is_gone(service):
+# Notes say "daemon connected", "daemon gone", and that a line typed then "went nowhere".
+async def test_notes_daemons_and_a_line_that_went_nowhere(service):
     async with service.connect():
         service.wait_for_note("daemon connected")
     service.wait_for_note("daemon gone")
+    service.type(b"anybody?\n")
+    service.wait_for_note("went nowhere")
 
 
 # NUL, high bytes, nothing at all and 70,000 bytes come back as text or binary as they came.
@@ -122,22 +101,16 @@ async def test_passes_64_mib_both_ways(start):
         assert await client.recv() == message
 
 
-# A ping with a payload gets its pong.
-async def test_answers_pings(service):
-    async with service.connect() as client:
-        await asyncio.wait_for(await client.ping(b"mark"), LIMIT)
-
-
 # "/", "/roam/", "/roaming" and "/Roam" are refused with 404.
 @pytest.mark.parametrize("path", ["/", "/roam/", "/roaming", "/Roam"])
-async def test_refuses_another_path(service, path):
-    await assert_refused(404, service.connect(path=path))
+def test_refuses_another_path(service, path):
+    assert status_of(service, path) == 404
 
 
 # None, another one and a longer one are refused with 400.
-@pytest.mark.parametrize("offered", [None, ["other"], ["websock-roaming2"]])
-async def test_refuses_another_subprotocol(service, offered):
-    await assert_refused(400, service.connect(subprotocols=offered))
+@pytest.mark.parametrize("offered", [None, "other", "websock-roaming2"])
+def test_refuses_another_subprotocol(service, offered):
+    assert exchange(service.port, upgrade_bytes(service.port, subprotocol=offered))[0] == 400
 
 
 # Of "other" and "websock-roaming" the second is chosen.
@@ -197,7 +170,7 @@ def test_one_address_cannot_take_all_connections(service):
         with RawClient(service.port, from_address="127.0.0.2") as other:
             assert b" 101 " in other.head
         silent.pop().close()
-        wait_until_accepted(service.port)
+        wait_until(lambda: status_of(service) == 101, "a connection that is let in")
 
 
 # A request head of 16,384 bytes is served, one of 16,385 or 20,000 gets 431, in one piece or two.
@@ -225,23 +198,20 @@ def test_the_limit_of_a_request_head_counts_its_bytes_however_they_arrive(servic
 #
 # The limit counted payload, and an empty message takes some 100 bytes to keep.
 @pytest.mark.skipif(not owns_its_memory(), reason="an emulator's or a sanitizer's memory")
-def test_unread_messages_count_by_the_memory_that_they_take(service):
-    with RawClient(service.port):
-        service.wait_for_note("daemon connected")
-        before = service.peak_mib()
-        service.type(b"\n" * 4000000)
-        service.wait_for_note("does not read")
-        assert service.peak_mib() - before < 256 + 32
+def test_unread_messages_count_by_the_memory_that_they_take(connect):
+    service, _ = connect()
+    before = service.peak_mib()
+    service.type(b"\n" * 4000000)
+    service.wait_for_note("does not read")
+    assert service.peak_mib() - before < 256 + 32
 
 
-# With --path /elsewhere that path is served, with or without a query, and printed; /roam is refused.
-async def test_serves_the_path_that_is_asked_for(start):
+# With --path /elsewhere that path is served, a query aside, and printed; /roam is refused.
+def test_serves_the_path_that_is_asked_for(start):
     service = start("--path", "/elsewhere")
     assert service.url == f"ws://127.0.0.1:{service.port}/elsewhere"
-    for path in ("/elsewhere", "/elsewhere?key=1"):
-        async with service.connect(path=path):
-            pass
-    await assert_refused(404, service.connect(path="/roam"))
+    for path, status in (("/elsewhere", 101), ("/elsewhere?key=1", 101), ("/roam", 404)):
+        assert status_of(service, path) == status
 
 
 # http_proxy and socks_proxy in the environment change nothing.
@@ -265,20 +235,19 @@ async def test_a_signal_closes_the_connections_and_ends_with_status_0(service, n
 
 
 # By 352 MiB it is noted "does not read" and dropped; another client gets every line.
-async def test_a_daemon_that_stops_reading_is_dropped_and_the_others_are_served(service):
+async def test_a_daemon_that_stops_reading_is_dropped_and_the_others_are_served(connect):
     in_thread = asyncio.get_running_loop().run_in_executor
-    with RawClient(service.port):
-        service.wait_for_note("daemon connected")
-        async with service.connect() as reading:
-            service.wait_for_note("daemon connected", count=2)
-            line = b"x" * (32 * MIB)
-            for number in range(11):
-                await in_thread(None, service.type, line + b"\n")
-                assert len(await reading.recv()) == len(line), number
-            await in_thread(None, service.wait_for_note, "does not read")
-            await in_thread(None, service.wait_for_note, "daemon gone")
-            service.type(b"still here\n")
-            assert await reading.recv() == "still here"
+    service, _ = connect()
+    async with service.connect() as reading:
+        service.wait_for_note("daemon connected", count=2)
+        line = b"x" * (32 * MIB)
+        for number in range(11):
+            await in_thread(None, service.type, line + b"\n")
+            assert len(await reading.recv()) == len(line), number
+        await in_thread(None, service.wait_for_note, "does not read")
+        await in_thread(None, service.wait_for_note, "daemon gone")
+        service.type(b"still here\n")
+        assert await reading.recv() == "still here"
 
 
 # "cannot listen on" the address, the advice "--port 0" or "--bind", and status 1.

@@ -33,66 +33,55 @@ async def test_no_pongs_reads_pings_and_messages_but_answers_no_ping(start):
 
 
 # No echo and no pong for 0.4 s, but a line typed arrives.
-def test_stop_reading_takes_nothing_but_still_sends(start):
-    service = start("--stop-reading", "--echo")
-    with RawClient(service.port) as client:
-        service.wait_for_note("daemon connected")
-        client.send_frame(opcode_text, b"unread")
-        client.send_frame(opcode_ping, b"unseen")
-        assert_silent(client)
-        client.link.settimeout(10)
-        service.type(b"sent all the same\n")
-        assert client.frame() == (True, opcode_text, b"sent all the same")
+def test_stop_reading_takes_nothing_but_still_sends(connect):
+    service, client = connect("--stop-reading", "--echo")
+    client.send_frame(opcode_text, b"unread")
+    client.send_frame(opcode_ping, b"unseen")
+    assert_silent(client)
+    client.link.settimeout(10)
+    service.type(b"sent all the same\n")
+    assert client.frame() == (True, opcode_text, b"sent all the same")
 
 
-# 9 bytes in 3, 4 and 12 frames of nearly equal size, the last ones empty, the last one final.
+# 9 bytes in 3, 4 and 12 frames of nearly equal size, the last ones empty; a pong is one frame.
 @pytest.mark.parametrize("count, pieces", [
     (3, [b"hel", b"lo ", b"you"]), (4, [b"hel", b"lo", b" y", b"ou"]),
     (12, [b"h", b"e", b"l", b"l", b"o", b" ", b"y", b"o", b"u", b"", b"", b""])])
-def test_fragments_sends_a_message_in_so_many_frames(start, count, pieces):
-    service = start("--fragments", str(count))
-    with RawClient(service.port) as client:
-        service.wait_for_note("daemon connected")
-        service.type(b"hello you\n")
-        for index, piece in enumerate(pieces):
-            kind = opcode_continuation if index else opcode_text
-            assert client.frame() == (index == count - 1, kind, piece)
+def test_fragments_sends_a_message_in_so_many_frames(connect, count, pieces):
+    service, client = connect("--fragments", str(count))
+    service.type(b"hello you\n")
+    for index, piece in enumerate(pieces):
+        kind = opcode_continuation if index else opcode_text
+        assert client.frame() == (index == count - 1, kind, piece)
+    client.send_frame(opcode_ping, b"mark")
+    assert client.frame() == (True, opcode_pong, b"mark")
 
 
 # 4,000,000 pings whose pongs a daemon does not read: it is dropped by 256 MiB of memory.
 #
 # A pong counted as its 2 bytes and took some 100, so that 50 MB of pings made 800 MB of pongs.
 @pytest.mark.skipif(not owns_its_memory(), reason="an emulator's or a sanitizer's memory")
-def test_unread_pongs_count_by_the_memory_that_they_take(service):
-    with RawClient(service.port) as client:
-        before = service.peak_mib()
-        pings = frame(opcode_ping, mask=bytes(4)) * 10000
-        with contextlib.suppress(ConnectionError):
-            for _ in range(400):
-                client.link.sendall(pings)
-        service.wait_for_note("does not read")
-        assert service.peak_mib() - before < 256 + 32
-
-
-# With --fragments 3 a pong is one frame.
-def test_fragments_leave_control_frames_whole(start):
-    service = start("--fragments", "3")
-    with RawClient(service.port) as client:
-        client.send_frame(opcode_ping, b"mark")
-        assert client.frame() == (True, opcode_pong, b"mark")
+def test_unread_pongs_count_by_the_memory_that_they_take(connect):
+    service, client = connect()
+    before = service.peak_mib()
+    pings = frame(opcode_ping, mask=bytes(4)) * 10000
+    with contextlib.suppress(ConnectionError):
+        for _ in range(400):
+            client.link.sendall(pings)
+    service.wait_for_note("does not read")
+    assert service.peak_mib() - before < 256 + 32
 
 
 # With --delay 300 an echo comes after 0.3 s and the pong behind it.
-def test_delay_holds_messages_and_pongs_back_in_order(start):
-    service = start("--delay", "300", "--echo")
-    with RawClient(service.port) as client:
-        begin = time.monotonic()
-        client.send_frame(opcode_text, b"first")
-        client.send_frame(opcode_ping, b"second")
-        assert client.frame() == (True, opcode_text, b"first")
-        assert time.monotonic() - begin >= 0.3
-        assert client.frame() == (True, opcode_pong, b"second")
-        assert time.monotonic() - begin < 5
+def test_delay_holds_messages_and_pongs_back_in_order(connect):
+    _, client = connect("--delay", "300", "--echo")
+    begin = time.monotonic()
+    client.send_frame(opcode_text, b"first")
+    client.send_frame(opcode_ping, b"second")
+    assert client.frame() == (True, opcode_text, b"first")
+    assert time.monotonic() - begin >= 0.3
+    assert client.frame() == (True, opcode_pong, b"second")
+    assert time.monotonic() - begin < 5
 
 
 # Codes 1000, 1011 and 4999, on two connections one after the other.
@@ -106,39 +95,28 @@ async def test_close_with_closes_every_connection_with_the_code(start, code):
             assert client.close_code == code
 
 
-# With --after 1 the close comes 1 s after the connection.
-def test_an_incident_waits_for_the_time_after_connecting(start):
-    service = start("--close-with", "1000", "--after", "1")
-    with RawClient(service.port) as client:
-        begin = time.monotonic()
-        assert client.frame() == (True, opcode_close, struct.pack("!H", 1000))
-        assert 0.9 < time.monotonic() - begin < 5
-
-
-# The connection ends behind the unanswered close frame.
-def test_close_with_ends_the_connection_of_a_daemon_that_does_not_answer_the_close(start):
-    service = start("--close-with", "1000", "--after", "0")
-    with RawClient(service.port) as client:
-        assert client.frame() == (True, opcode_close, struct.pack("!H", 1000))
-        assert client.frame() is None
+# With --after 1 the close comes 1 s after the connection, which ends behind it, unanswered.
+def test_an_incident_waits_for_the_time_after_connecting(connect):
+    _, client = connect("--close-with", "1000", "--after", "1")
+    assert client.frame() == (True, opcode_close, struct.pack("!H", 1000))
+    assert 0.9 < time.monotonic() - client.opened_at < 5
+    assert client.frame() is None
 
 
 # The client sees a reset and no frame.
-def test_reset_ends_the_connection_without_a_close_frame(start):
-    service = start("--reset", "--after", "0")
-    with RawClient(service.port) as client:
-        with pytest.raises(ConnectionResetError):
-            client.frame()
+def test_reset_ends_the_connection_without_a_close_frame(connect):
+    _, client = connect("--reset", "--after", "0")
+    with pytest.raises(ConnectionResetError):
+        client.frame()
 
 
 # Close 1001, about 1 s of refused connections, "back on", then the same port.
-def test_away_closes_refuses_and_comes_back_on_the_same_port(start):
-    service = start("--away", "1", "--after", "0")
-    with RawClient(service.port) as client:
-        assert client.frame() == (True, opcode_close, struct.pack("!H", 1001))
-        begin = time.monotonic()
-        with pytest.raises(ConnectionRefusedError):
-            socket.create_connection(("127.0.0.1", service.port), 5).close()
+def test_away_closes_refuses_and_comes_back_on_the_same_port(connect):
+    service, client = connect("--away", "1", "--after", "0")
+    assert client.frame() == (True, opcode_close, struct.pack("!H", 1001))
+    begin = time.monotonic()
+    with pytest.raises(ConnectionRefusedError):
+        socket.create_connection(("127.0.0.1", service.port), 5).close()
     service.wait_for_note("back on")
     assert 0.5 < time.monotonic() - begin < 5
     with RawClient(service.port) as client:
@@ -149,19 +127,19 @@ def test_away_closes_refuses_and_comes_back_on_the_same_port(start):
 @pytest.mark.parametrize("broken", [
     {"opcode": opcode_text, "payload": b"x", "mask": None}, {"opcode": 3},
     {"opcode": opcode_continuation}, {"opcode": opcode_ping, "final": False}])
-def test_a_daemon_that_breaks_the_protocol_is_dropped_with_1002(service, broken):
-    with RawClient(service.port) as client:
-        client.send_frame(**broken)
-        assert client.frame() == (True, opcode_close, struct.pack("!H", 1002))
-        assert client.frame() is None
+def test_a_daemon_that_breaks_the_protocol_is_dropped_with_1002(connect, broken):
+    service, client = connect()
+    client.send_frame(**broken)
+    assert client.frame() == (True, opcode_close, struct.pack("!H", 1002))
+    assert client.frame() is None
     service.wait_for_note("broke the WebSocket protocol")
 
 
 # A ping between two fragments gets its pong, and the message is whole.
-def test_a_control_frame_between_fragments_does_not_disturb_the_message(service):
-    with RawClient(service.port) as client:
-        client.send_frame(opcode_text, b"one ", final=False)
-        client.send_frame(opcode_ping, b"between")
-        client.send_frame(opcode_continuation, b"two")
-        assert client.frame() == (True, opcode_pong, b"between")
-        assert service.process.stdout.readline() == b"one two\n"
+def test_a_control_frame_between_fragments_does_not_disturb_the_message(connect):
+    service, client = connect()
+    client.send_frame(opcode_text, b"one ", final=False)
+    client.send_frame(opcode_ping, b"between")
+    client.send_frame(opcode_continuation, b"two")
+    assert client.frame() == (True, opcode_pong, b"between")
+    assert service.process.stdout.readline() == b"one two\n"
