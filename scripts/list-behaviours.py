@@ -33,7 +33,7 @@ folders = {
     "unit/websock": "websock: the connection to the service",
     "unit/ipc": "ipc: the bus",
     "unit/json": "json: helpers and status messages",
-    "unit/message_way": "A message's way through all of these when memory runs out",
+    "unit/memory_shortage": "A message's way through all of these when memory runs out",
     "unit/processor": "What the code takes for granted of the processor",
     "system": "The running daemon",
     "soak": "The soak's model of what must arrive",

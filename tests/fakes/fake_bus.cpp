@@ -7,8 +7,8 @@
 #include <deque>
 #include <mutex>
 #include <utility>
+#include <vector>
 
-#include "fakes/fake_call.h"
 #include "module_bus.h"
 
 namespace {
@@ -22,8 +22,6 @@ struct message_t {
 };
 
 std::mutex state_lock;
-std::vector<std::string> recorded_calls;
-std::vector<std::string> sent_payloads;
 std::deque<message_t> inbox;
 std::vector<char *> records;
 std::function<void()> send_hook;
@@ -33,10 +31,6 @@ bool flag_changes_ignored = false;
 bool peer_start_fails = false;
 
 using guard = vemk::fake_call_guard<std::mutex>;
-
-void record(const std::string &call) {
-  recorded_calls.push_back(call);
-}
 
 /// Returns an odd address inside a block of its own.
 char *make_record(const message_t &message) {
@@ -70,13 +64,13 @@ void __wrap_free(void *block) {
 
 void InitTrace(const char *module_name) {
   const guard locked(state_lock);
-  record(std::string("InitTrace ") + module_name);
+  vemk::fake_bus::calls.add(std::string("InitTrace ") + module_name);
 }
 
 void SetTraceOpt(int target, int level, int flags) {
   const guard locked(state_lock);
-  record("SetTraceOpt " + std::to_string(target) + " " + std::to_string(level) + " " +
-         std::to_string(flags));
+  vemk::fake_bus::calls.add("SetTraceOpt " + std::to_string(target) + " " + std::to_string(level) +
+                            " " + std::to_string(flags));
 }
 
 int InitLibParams(int module_id, const signed char *list, int count) {
@@ -84,19 +78,19 @@ int InitLibParams(int module_id, const signed char *list, int count) {
   std::string elements;
   for (int i = 0; i < count; ++i)
     elements += (i == 0 ? "" : ", ") + std::to_string(list[i]);
-  record("InitLibParams " + std::to_string(module_id) + " {" + elements + "} " +
-         std::to_string(count));
+  vemk::fake_bus::calls.add("InitLibParams " + std::to_string(module_id) + " {" + elements + "} " +
+                            std::to_string(count));
   return call_result;
 }
 
 void FreeLibParams() {
   const guard locked(state_lock);
-  record("FreeLibParams");
+  vemk::fake_bus::calls.add("FreeLibParams");
 }
 
 int ModulePeerStart() {
   const guard locked(state_lock);
-  record("ModulePeerStart");
+  vemk::fake_bus::calls.add("ModulePeerStart");
   if (!peer_start_fails)
     loop_flag = 1;
   return call_result;
@@ -104,25 +98,25 @@ int ModulePeerStart() {
 
 void ModulePeerStop() {
   const guard locked(state_lock);
-  record("ModulePeerStop");
+  vemk::fake_bus::calls.add("ModulePeerStop");
 }
 
 int GetModuleLoop() {
   const guard locked(state_lock);
-  record("GetModuleLoop");
+  vemk::fake_bus::calls.add("GetModuleLoop");
   return loop_flag;
 }
 
 void SetModuleLoop(int value) {
   const guard locked(state_lock);
-  record("SetModuleLoop " + std::to_string(value));
+  vemk::fake_bus::calls.add("SetModuleLoop " + std::to_string(value));
   if (!flag_changes_ignored)
     loop_flag = value;
 }
 
 void *GetMsgFromQueueNoWait() {
   const guard locked(state_lock);
-  record("GetMsgFromQueueNoWait");
+  vemk::fake_bus::calls.add("GetMsgFromQueueNoWait");
   if (inbox.empty())
     return nullptr;
   char *const start = make_record(inbox.front());
@@ -136,8 +130,9 @@ int MsgSend(const void *data, int destination, uint32_t length) {
   {
     const guard locked(state_lock);
     const std::string payload(static_cast<const char *>(data), length);
-    record("MsgSend " + payload + " " + std::to_string(destination) + " " + std::to_string(length));
-    sent_payloads.push_back(payload);
+    vemk::fake_bus::calls.add("MsgSend " + payload + " " + std::to_string(destination) + " " +
+                              std::to_string(length));
+    vemk::fake_bus::sent.add(payload);
     hook = send_hook;
   }
   if (hook)
@@ -148,36 +143,19 @@ int MsgSend(const void *data, int destination, uint32_t length) {
 
 namespace vemk::fake_bus {
 
+record_of<std::string> calls;
+record_of<std::string> sent;
+
 void reset() {
   const guard locked(state_lock);
-  recorded_calls.clear();
-  sent_payloads.clear();
+  calls.clear();
+  sent.clear();
   inbox.clear();
   send_hook = nullptr;
   loop_flag = 0;
   call_result = 0;
   flag_changes_ignored = false;
   peer_start_fails = false;
-}
-
-std::vector<std::string> calls() {
-  const guard locked(state_lock);
-  return recorded_calls;
-}
-
-void clear_calls() {
-  const guard locked(state_lock);
-  recorded_calls.clear();
-}
-
-std::vector<std::string> sent() {
-  const guard locked(state_lock);
-  return sent_payloads;
-}
-
-void clear_sent() {
-  const guard locked(state_lock);
-  sent_payloads.clear();
 }
 
 void add_message(const std::string &payload, char filling) {

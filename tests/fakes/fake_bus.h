@@ -9,7 +9,8 @@
 #include <cstddef>
 #include <functional>
 #include <string>
-#include <vector>
+
+#include "fakes/fake_call.h"
 
 namespace vemk::fake_bus {
 
@@ -21,12 +22,10 @@ void reset();
 
 /// Every call with its arguments, in order: "InitTrace VEMk", "InitLibParams 2 {-2, 0} 2",
 /// "MsgSend <payload> 3 <length>".
-std::vector<std::string> calls();
-void clear_calls();
+extern record_of<std::string> calls;
 
 /// The payloads given to MsgSend, in order.
-std::vector<std::string> sent();
-void clear_sent();
+extern record_of<std::string> sent;
 
 /// Puts a message into the module's inbox.
 void add_message(const std::string &payload, char filling = usual_filling);

@@ -1,8 +1,10 @@
-/// What the calls of a stand-in begin with.
+/// What the calls of a stand-in begin with, and where they are kept.
 #ifndef VEMK_TESTS_FAKES_FAKE_CALL_H
 #define VEMK_TESTS_FAKES_FAKE_CALL_H
 
 #include <mutex>
+#include <utility>
+#include <vector>
 
 namespace vemk {
 
@@ -30,6 +32,30 @@ public:
 private:
   own_memory memory;
   std::lock_guard<mutex_t> lock;
+};
+
+/// What a stand-in was called with, in order, from any thread. Called, it returns a copy.
+template<typename entry_t>
+class record_of {
+public:
+  std::vector<entry_t> operator()() const {
+    const fake_call_guard<std::mutex> locked(mutex);
+    return entries;
+  }
+
+  void add(entry_t entry) {
+    const fake_call_guard<std::mutex> locked(mutex);
+    entries.push_back(std::move(entry));
+  }
+
+  void clear() {
+    const fake_call_guard<std::mutex> locked(mutex);
+    entries.clear();
+  }
+
+private:
+  mutable std::mutex mutex;
+  std::vector<entry_t> entries;
 };
 
 } // namespace vemk

@@ -10,7 +10,6 @@
 #include <unistd.h>
 #include <utility>
 
-#include "fakes/fake_call.h"
 #include "fakes/time64.h"
 
 namespace {
@@ -27,10 +26,10 @@ std::recursive_mutex state_lock;
 std::int64_t clock_us = start_us;
 std::deque<std::int64_t> readings;
 int reads = 0;
-std::vector<std::int64_t> sleeps;
 std::function<void(std::int64_t)> sleep_hook;
-std::vector<std::int64_t> select_timeouts;
 std::deque<select_failure_t> select_failures;
+std::deque<int> rand_values;
+std::atomic<bool> pipe_fails{false};
 std::atomic<bool> exit_ends_the_process{false};
 
 struct exit_catcher_t {
@@ -66,7 +65,7 @@ int __wrap_usleep(useconds_t microseconds) {
   std::function<void(std::int64_t)> hook;
   {
     const guard locked(state_lock);
-    sleeps.push_back(microseconds);
+    vemk::fake_libc::sleeps_us.add(microseconds);
     clock_us += microseconds;
     hook = sleep_hook;
   }
@@ -78,7 +77,7 @@ int __wrap_usleep(useconds_t microseconds) {
 int __wrap_select(int, fd_set *, fd_set *, fd_set *, timeval *timeout) {
   const guard locked(state_lock);
   const std::int64_t asked_us = timeout->tv_sec * second_us + timeout->tv_usec;
-  select_timeouts.push_back(asked_us);
+  vemk::fake_libc::select_timeouts_us.add(asked_us);
   select_failure_t outcome{0, asked_us};
   if (!select_failures.empty()) {
     outcome = select_failures.front();
@@ -90,6 +89,39 @@ int __wrap_select(int, fd_set *, fd_set *, fd_set *, timeval *timeout) {
   timeout->tv_usec = static_cast<suseconds_t>(left_us % second_us);
   errno = outcome.error;
   return outcome.error == 0 ? 0 : -1;
+}
+
+int __wrap_rand() {
+  const guard locked(state_lock);
+  if (rand_values.empty())
+    return 0;
+  const int value = rand_values.front();
+  rand_values.pop_front();
+  return value;
+}
+
+int __real_pipe(int *ends);
+
+int __wrap_pipe(int *ends) {
+  if (pipe_fails) {
+    errno = EMFILE;
+    return -1;
+  }
+  const int result = __real_pipe(ends);
+  vemk::fake_libc::made_pipes.add(ends[0]);
+  vemk::fake_libc::made_pipes.add(ends[1]);
+  return result;
+}
+
+int __real_close(int descriptor);
+
+int __wrap_close(int descriptor) {
+  vemk::fake_libc::closed_descriptors.add(descriptor);
+  return __real_close(descriptor);
+}
+
+void __wrap_perror(const char *text) {
+  vemk::fake_libc::perror_texts.add(text);
 }
 
 [[noreturn]] void __real_exit(int status);
@@ -107,15 +139,26 @@ int __wrap_select(int, fd_set *, fd_set *, fd_set *, timeval *timeout) {
 
 namespace vemk::fake_libc {
 
+record_of<std::int64_t> sleeps_us;
+record_of<std::int64_t> select_timeouts_us;
+record_of<int> made_pipes;
+record_of<int> closed_descriptors;
+record_of<std::string> perror_texts;
+
 void reset() {
   const guard locked(state_lock);
   clock_us = start_us;
   readings.clear();
   reads = 0;
-  sleeps.clear();
+  sleeps_us.clear();
   sleep_hook = nullptr;
-  select_timeouts.clear();
+  select_timeouts_us.clear();
   select_failures.clear();
+  rand_values.clear();
+  pipe_fails = false;
+  made_pipes.clear();
+  closed_descriptors.clear();
+  perror_texts.clear();
   exit_ends_the_process = false;
 }
 
@@ -160,24 +203,23 @@ int clock_reads() {
   return reads;
 }
 
-std::vector<std::int64_t> sleeps_us() {
-  const guard locked(state_lock);
-  return sleeps;
-}
-
 void on_sleep(std::function<void(std::int64_t)> hook) {
   const guard locked(state_lock);
   sleep_hook = std::move(hook);
 }
 
-std::vector<std::int64_t> select_timeouts_us() {
-  const guard locked(state_lock);
-  return select_timeouts;
-}
-
 void fail_select(int error, std::int64_t slept_us) {
   const guard locked(state_lock);
   select_failures.push_back({error, slept_us});
+}
+
+void script_rand(const std::vector<int> &values) {
+  const guard locked(state_lock);
+  rand_values.assign(values.begin(), values.end());
+}
+
+void fail_pipe() {
+  pipe_fails = true;
 }
 
 } // namespace vemk::fake_libc

@@ -1,4 +1,4 @@
-/// libc calls under a test's control: clock, sleeps and process exit.
+/// libc calls under a test's control: clock, sleeps, random numbers, descriptors and process exit.
 ///
 /// A test program that links fake_libc gets these instead of the real ones, in the project's own
 /// code only; the libraries keep theirs.
@@ -8,7 +8,10 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <string>
 #include <vector>
+
+#include "fakes/fake_call.h"
 
 namespace vemk::fake_libc {
 
@@ -18,7 +21,7 @@ struct process_exit {
   int status;
 };
 
-/// Back to second 1000 of the monotonic clock, no scripted readings, no hooks, empty records, and
+/// Back to second 1000 of the monotonic clock, nothing scripted, no hooks, empty records, and
 /// exit() throws.
 void reset();
 
@@ -42,14 +45,24 @@ void script_readings(const std::vector<std::int64_t> &seconds);
 int clock_reads();
 
 /// Every usleep in microseconds, in order.
-std::vector<std::int64_t> sleeps_us();
+extern record_of<std::int64_t> sleeps_us;
 /// Called at the start of each usleep, after it has been recorded and the clock advanced.
 void on_sleep(std::function<void(std::int64_t microseconds)> hook);
 
 /// Every select timeout in microseconds, in order.
-std::vector<std::int64_t> select_timeouts_us();
+extern record_of<std::int64_t> select_timeouts_us;
 /// The next calls of select fail: with EINTR after sleeping `slept_us` of it, or with `error`.
 void fail_select(int error, std::int64_t slept_us);
+
+/// What the next calls of rand return; 0 when they are used up.
+void script_rand(const std::vector<int> &values);
+
+/// pipe fails with EMFILE.
+void fail_pipe();
+/// The descriptors that pipe made.
+extern record_of<int> made_pipes;
+extern record_of<int> closed_descriptors;
+extern record_of<std::string> perror_texts;
 
 } // namespace vemk::fake_libc
 

@@ -4,14 +4,11 @@
 #include <cstdio>
 #include <mutex>
 
-#include "fakes/fake_call.h"
 #include "zandor_log.h"
 
 namespace {
 
 std::mutex record_lock;
-std::vector<std::string> recorded_lines;
-std::vector<std::string> recorded_programs;
 std::string open_line;
 
 using guard = vemk::fake_call_guard<std::mutex>;
@@ -32,8 +29,7 @@ __attribute__((format(printf, 1, 0))) std::string formatted(const char *format, 
 extern "C" {
 
 void init_zandor_logrotate(const char *program) {
-  const guard locked(record_lock);
-  recorded_programs.emplace_back(program);
+  vemk::fake_log::programs.add(program);
 }
 
 void zandor_log_msg_timed(const char *format, ...) {
@@ -46,17 +42,15 @@ void zandor_log_msg_timed(const char *format, ...) {
 
 void vzandor_log_msg(const char *format, va_list arguments) {
   const guard locked(record_lock);
-  recorded_lines.push_back(open_line + formatted(format, arguments));
+  vemk::fake_log::lines.add(open_line + formatted(format, arguments));
   open_line.clear();
 }
 }
 
 namespace vemk::fake_log {
 
-std::vector<std::string> lines() {
-  const guard locked(record_lock);
-  return recorded_lines;
-}
+record_of<std::string> lines;
+record_of<std::string> programs;
 
 std::vector<std::string> messages(const std::string &module) {
   std::vector<std::string> found;
@@ -69,15 +63,10 @@ std::vector<std::string> messages(const std::string &module) {
   return found;
 }
 
-std::vector<std::string> programs() {
-  const guard locked(record_lock);
-  return recorded_programs;
-}
-
 void clear() {
   const guard locked(record_lock);
-  recorded_lines.clear();
-  recorded_programs.clear();
+  lines.clear();
+  programs.clear();
   open_line.clear();
 }
 

@@ -5,16 +5,18 @@
 #include <string>
 #include <vector>
 
+#include "fakes/fake_call.h"
+
 namespace vemk::fake_log {
 
 /// Whole lines without the timestamp, "|PID|module> message", since the last clear().
-std::vector<std::string> lines();
+extern record_of<std::string> lines;
 
 /// The messages alone, prefix removed, of one module.
 std::vector<std::string> messages(const std::string &module);
 
 /// What init_zandor_logrotate was called with, in order.
-std::vector<std::string> programs();
+extern record_of<std::string> programs;
 
 void clear();
 

@@ -7,8 +7,6 @@
 #include <mutex>
 #include <utility>
 
-#include "fakes/fake_call.h"
-
 // The library's own types, as this stand-in needs them.
 struct lws_context {
   std::size_t number;
@@ -40,10 +38,6 @@ struct state_t {
   // Addresses stay valid, so that a use after the end is recorded and does not crash the test.
   std::deque<lws_context> contexts;
   std::deque<lws> connections;
-  std::vector<std::string> calls;
-  std::vector<frame_t> frames;
-  std::vector<creation_info_t> creation_infos;
-  std::vector<connect_info_t> connect_infos;
   log_hook current_log_hook = nullptr;
   std::vector<const void *> timers;
   bool without_payloads = false;
@@ -72,10 +66,6 @@ std::string name_of(const lws *wsi) {
   if (wsi == nullptr)
     return "null";
   return (wsi->is_alive ? "wsi" : "dead wsi") + std::to_string(wsi->number);
-}
-
-void record(const std::string &call) {
-  state.calls.push_back(call);
 }
 
 template<typename record_t>
@@ -162,14 +152,14 @@ void lws_set_log_level(int level, log_hook hook) {
   const guard locked(state_lock);
   char text[16];
   snprintf(text, sizeof text, "%x", static_cast<unsigned>(level));
-  record(std::string("lws_set_log_level ") + text);
+  calls.add(std::string("lws_set_log_level ") + text);
   state.current_log_hook = hook;
 }
 
 lws_context *lws_create_context(creation_argument info) {
   const guard locked(state_lock);
-  record("lws_create_context");
-  state.creation_infos.push_back(copy_of(*info));
+  calls.add("lws_create_context");
+  creation_infos.add(copy_of(*info));
   if (std::exchange(state.fail_context, false))
     return nullptr;
   state.contexts.push_back({state.contexts.size() + 1, info->protocols[0].callback, true});
@@ -180,7 +170,7 @@ void lws_context_destroy(lws_context *context) {
   std::function<void()> action;
   {
     const guard locked(state_lock);
-    record("lws_context_destroy " + name_of(context));
+    calls.add("lws_context_destroy " + name_of(context));
     action = state.destroy_action;
   }
   if (action)
@@ -195,8 +185,8 @@ void lws_context_destroy(lws_context *context) {
 
 lws *lws_client_connect_via_info(connect_argument info) {
   const guard locked(state_lock);
-  record("lws_client_connect_via_info " + name_of(info->context));
-  state.connect_infos.push_back(copy_of(*info));
+  calls.add("lws_client_connect_via_info " + name_of(info->context));
+  connect_infos.add(copy_of(*info));
   if (std::exchange(state.fail_connection, false))
     return nullptr;
   state.connections.push_back({state.connections.size() + 1, info->context, true});
@@ -207,7 +197,7 @@ int lws_service(lws_context *context, int limit_ms) {
   std::function<void()> action;
   {
     const guard locked(state_lock);
-    record("lws_service " + name_of(context) + " " + std::to_string(limit_ms));
+    calls.add("lws_service " + name_of(context) + " " + std::to_string(limit_ms));
     if (!state.service_actions.empty()) {
       action = std::move(state.service_actions.front());
       state.service_actions.pop_front();
@@ -220,21 +210,21 @@ int lws_service(lws_context *context, int limit_ms) {
 
 int lws_callback_on_writable(lws *wsi) {
   const guard locked(state_lock);
-  record("lws_callback_on_writable " + name_of(wsi));
+  calls.add("lws_callback_on_writable " + name_of(wsi));
   return 1;
 }
 
 int lws_write(lws *wsi, unsigned char *payload, std::size_t length, lws_write_protocol type) {
   const guard locked(state_lock);
-  record("lws_write " + name_of(wsi) + " " + std::to_string(length) + " " + std::to_string(type));
+  calls.add("lws_write " + name_of(wsi) + " " + std::to_string(length) + " " +
+            std::to_string(type));
   unsigned char *const headroom = payload - LWS_PRE;
   const bool was_zero =
       std::all_of(headroom, payload, [](unsigned char byte) { return byte == 0; });
   memset(headroom, 0xEE, LWS_PRE);
   state.last_frame_length = length;
   const std::size_t kept = state.without_payloads ? 0 : length;
-  state.frames.push_back(
-      {std::string(reinterpret_cast<const char *>(payload), kept), type, was_zero});
+  frames.add({std::string(reinterpret_cast<const char *>(payload), kept), type, was_zero});
   if (!state.write_results.empty()) {
     const int result = state.write_results.front();
     state.write_results.pop_front();
@@ -257,7 +247,7 @@ int lws_is_final_fragment(lws *) {
 
 void lws_cancel_service(lws_context *context) {
   const guard locked(state_lock);
-  record("lws_cancel_service " + name_of(context));
+  calls.add("lws_cancel_service " + name_of(context));
 }
 
 void lws_sul_schedule(lws_context *context, int thread_index, lws_sorted_usec_list_t *timer,
@@ -270,13 +260,19 @@ void lws_sul_schedule(lws_context *context, int thread_index, lws_sorted_usec_li
     delay = std::to_string(delay_us) + (callback == nullptr ? " without callback" : "");
     timers.push_back(timer);
   }
-  record("lws_sul_schedule " + name_of(context) + " " + std::to_string(thread_index) + " " + delay);
+  calls.add("lws_sul_schedule " + name_of(context) + " " + std::to_string(thread_index) + " " +
+            delay);
 }
 
 #endif
 }
 
 namespace vemk::fake_lws {
+
+record_of<std::string> calls;
+record_of<frame_t> frames;
+record_of<creation_info_t> creation_infos;
+record_of<connect_info_t> connect_infos;
 
 std::vector<int> release_reasons() {
 #if LWS_LIBRARY_VERSION_NUMBER >= 4000000
@@ -290,36 +286,10 @@ std::vector<int> release_reasons() {
 void reset() {
   const guard locked(state_lock);
   state = state_t();
-}
-
-std::vector<std::string> calls() {
-  const guard locked(state_lock);
-  return state.calls;
-}
-
-void clear_calls() {
-  const guard locked(state_lock);
-  state.calls.clear();
-}
-
-std::vector<frame_t> frames() {
-  const guard locked(state_lock);
-  return state.frames;
-}
-
-void clear_frames() {
-  const guard locked(state_lock);
-  state.frames.clear();
-}
-
-std::vector<creation_info_t> creation_infos() {
-  const guard locked(state_lock);
-  return state.creation_infos;
-}
-
-std::vector<connect_info_t> connect_infos() {
-  const guard locked(state_lock);
-  return state.connect_infos;
+  calls.clear();
+  frames.clear();
+  creation_infos.clear();
+  connect_infos.clear();
 }
 
 log_hook current_log_hook() {

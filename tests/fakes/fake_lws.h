@@ -14,6 +14,8 @@
 
 #include <libwebsockets.h>
 
+#include "fakes/fake_call.h"
+
 namespace vemk::fake_lws {
 
 /// What a client connection's close is reported with, whether other threads may only wake the
@@ -77,13 +79,11 @@ void reset();
 /// "lws_sul_schedule context1 0 500000" or "... cancel", "lws_write wsi1 <length> <type>",
 /// "lws_callback_on_writable wsi1", "lws_cancel_service context1", "lws_context_destroy context1".
 /// "dead " stands in front of a context or connection that no longer exists.
-std::vector<std::string> calls();
-void clear_calls();
+extern record_of<std::string> calls;
 
-std::vector<frame_t> frames();
-void clear_frames();
-std::vector<creation_info_t> creation_infos();
-std::vector<connect_info_t> connect_infos();
+extern record_of<frame_t> frames;
+extern record_of<creation_info_t> creation_infos;
+extern record_of<connect_info_t> connect_infos;
 /// The log emitter given last.
 log_hook current_log_hook();
 /// Timers of the library that are scheduled at this moment.

@@ -1,7 +1,7 @@
-/// Memory requests under a test's control: realloc, calloc and operator new.
+/// Memory under a test's control: realloc, calloc, free and operator new.
 ///
-/// A test program that links fake_memory gets realloc and calloc of its own code and the project's
-/// counted and, when told, refused; the libraries keep theirs. operator new is the whole program's,
+/// A test program that links fake_memory gets those of its own code and the project's counted and,
+/// when told, refused; the libraries keep theirs. operator new is the whole program's,
 /// but it is only ever refused on the thread that asked for it.
 ///
 /// Threading: the records and refusals belong to the calling thread.
@@ -14,16 +14,26 @@
 
 namespace vemk::fake_memory {
 
-/// Empty records, nothing refused.
+/// Empty records, no request numbered for refusal.
 void reset();
 
 /// The sizes that realloc and calloc were asked for since reset(), refused ones included.
 std::vector<std::size_t> realloc_sizes();
 std::vector<std::size_t> calloc_sizes();
 
-/// Every realloc, or calloc, returns null until reset().
-void refuse_realloc();
-void refuse_calloc();
+/// While one exists, realloc and calloc have no memory for `smallest` bytes or more.
+class shortage {
+public:
+  explicit shortage(std::size_t smallest = 0);
+  shortage(const shortage &) = delete;
+  shortage &operator=(const shortage &) = delete;
+  ~shortage();
+};
+
+/// Counts from 0 how often free gets this block, or that of the next calloc.
+void watch(const void *block);
+void watch_next_calloc();
+int frees_of_watched();
 
 /// Every operator new on this thread throws std::bad_alloc for as long as one of these lives.
 class refused_new {

@@ -3,14 +3,13 @@
 #define VEMK_TESTS_RECORDED_LEVELS_H
 
 #include <string>
-#include <vector>
+
+#include "fakes/fake_call.h"
 
 namespace vemk::recorded_levels {
 
-/// Each as the module's name and the mask in decimal, "websock-cfg 8", since the last clear().
-std::vector<std::string> levels();
-
-void clear();
+/// Each as the module's name and the mask in decimal, "websock-cfg 8".
+extern record_of<std::string> levels;
 
 } // namespace vemk::recorded_levels
 

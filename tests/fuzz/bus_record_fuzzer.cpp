@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "fakes/fake_bus.h"
-#include "fuzz/buffers.h"
 #include "fuzz/expect.h"
 #include "ipc/ipc_worker.h"
+#include "support/buffers.h"
 
 namespace vemk::fuzz {
 

@@ -11,10 +11,10 @@
 #include <string_view>
 #include <vector>
 
-#include "fuzz/buffers.h"
 #include "fuzz/expect.h"
 #include "fuzz/script.h"
 #include "log/log_module.h"
+#include "support/buffers.h"
 #include "worker/buffer_info.h"
 #include "zandor_log.h"
 

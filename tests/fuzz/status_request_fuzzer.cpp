@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "fuzz/buffers.h"
 #include "fuzz/expect.h"
-#include "fuzz/open_worker.h"
 #include "fuzz/status_rule.h"
+#include "support/buffers.h"
+#include "support/open_websock_worker.h"
 
 namespace vemk::fuzz {
 
@@ -20,7 +20,7 @@ void handle(const buffer_info_t &message, bool connected) {
   static const bool run_flag = true;
   static message_queue_t bus_to_ws;
   static message_queue_t ws_to_bus;
-  static open_worker worker(&bus_to_ws, &ws_to_bus, "", "", 0, &run_flag, 0, 0, true);
+  static open_websock_worker worker(&bus_to_ws, &ws_to_bus, "", "", 0, &run_flag, 0, 0, true);
 
   const std::string text = text_of(message);
   const message_fate fate = fate_of(text);
@@ -41,6 +41,7 @@ void handle(const buffer_info_t &message, bool connected) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   using namespace vemk::fuzz;
+  using vemk::buffer_of;
   const std::string text(data, data + size);
   const auto message = size == 0 ? std::make_shared<vemk::buffer_info_t>() : buffer_of(text);
   const auto as_service = buffer_of(R"({"cmd":"status","service":")" + text + R"("})");

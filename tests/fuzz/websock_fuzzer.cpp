@@ -32,13 +32,13 @@
 #include "fakes/fake_libc.h"
 #include "fakes/fake_log.h"
 #include "fakes/fake_lws.h"
-#include "fuzz/buffers.h"
+#include "fakes/fake_memory.h"
 #include "fuzz/expect.h"
-#include "fuzz/open_worker.h"
 #include "fuzz/script.h"
 #include "fuzz/websock_judge.h"
 #include "log/log_module.h"
-#include "unit/websock/wrapped_libc.h"
+#include "support/buffers.h"
+#include "support/open_websock_worker.h"
 
 namespace vemk::fuzz {
 
@@ -75,7 +75,7 @@ public:
     const bool whole_messages = first_line.number(0, 1) == 1;
     judge = std::make_unique<websock_judge>(&run_flag, first_delay, max_delay, whole_messages);
     worker =
-        std::make_unique<open_worker>(&bus_to_ws, &ws_to_bus, "roam.example", "/roam", 8080,
+        std::make_unique<open_websock_worker>(&bus_to_ws, &ws_to_bus, "roam.example", "/roam", 8080,
                                       &run_flag, first_delay, max_delay, false, whole_messages);
     callback = worker->protocol_callback;
     fake_lws::on_destroy([this] { call_back_in_destroy(); });
@@ -181,7 +181,7 @@ private:
       fake_lws::fail_next_context();
     if (outcome == "n")
       fake_lws::fail_next_connection();
-    wrapped_libc::script_rand({static_cast<int>(script.number(0, RAND_MAX))});
+    fake_libc::script_rand({static_cast<int>(script.number(0, RAND_MAX))});
     int poll = 0;
     fake_libc::on_sleep([this, &poll](std::int64_t) { look_into_queue(++poll); });
     judge->begin_attempt();
@@ -273,7 +273,7 @@ private:
     std::string bytes = piece.bytes;
     fake_lws::set_piece(remaining, is_final);
     {
-      const wrapped_libc::memory_shortage shortage(piece.memory_limit);
+      const fake_memory::shortage shortage(piece.memory_limit);
       call_worker(LWS_CALLBACK_CLIENT_RECEIVE, wsi, piece, is_null ? nullptr : bytes.data(),
                   is_null ? null_length : bytes.size());
     }
@@ -284,7 +284,7 @@ private:
   bool run_flag = true;
   message_queue_t bus_to_ws;
   message_queue_t ws_to_bus;
-  std::unique_ptr<open_worker> worker;
+  std::unique_ptr<open_websock_worker> worker;
   lws_protocol_callback callback = nullptr;
   /// The connection, as long as the library has it.
   lws *wsi = nullptr;
@@ -300,7 +300,8 @@ void reset_fakes() {
   fake_libc::reset();
   fake_lws::reset();
   fake_log::clear();
-  wrapped_libc::reset();
+  fake_memory::reset();
+  fake_memory::watch_next_calloc();
 }
 
 } // namespace

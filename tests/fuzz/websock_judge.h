@@ -13,10 +13,10 @@
 
 #include "fakes/fake_libc.h"
 #include "fakes/fake_lws.h"
-#include "fuzz/buffers.h"
+#include "fakes/fake_memory.h"
 #include "fuzz/expect.h"
 #include "fuzz/status_rule.h"
-#include "unit/websock/wrapped_libc.h"
+#include "support/buffers.h"
 
 namespace vemk::fuzz {
 
@@ -233,8 +233,11 @@ private:
       sent.push_back(frame_text(frame.type, frame.payload));
     }
     expect_equal("the frames", frames, sent);
-    expect_equal("whether a frame's memory is freed", true, wrapped_libc::last_calloc_was_freed());
-    fake_lws::clear_frames();
+    expect_equal("how often a frame's block is freed", fake_memory::calloc_sizes().empty() ? 0 : 1,
+                 fake_memory::frees_of_watched());
+    fake_memory::reset();
+    fake_memory::watch_next_calloc();
+    fake_lws::frames.clear();
   }
 
   /// Nothing reaches what is gone, and only the call that its thread may make asks for a writeable
@@ -259,7 +262,7 @@ private:
     expect_equal("whether a writeable callback is asked for", !call_for_writeable.empty(),
                  is_asked);
     expect_equal("the library's timers afterwards", std::size_t{0}, fake_lws::pending_timers());
-    fake_lws::clear_calls();
+    fake_lws::calls.clear();
   }
 
   const bool *run_flag;

@@ -26,7 +26,7 @@ protected:
   command_line_fixture() {
     g_log_level = 0;
     fake_log::clear();
-    recorded_levels::clear();
+    recorded_levels::levels.clear();
   }
 
   ~command_line_fixture() override { g_log_level = 0; }

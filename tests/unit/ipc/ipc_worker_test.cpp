@@ -1,6 +1,5 @@
 #include "ipc/ipc_worker.h"
 
-#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -9,7 +8,6 @@
 #include <new>
 #include <pthread.h>
 #include <string>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -17,28 +15,12 @@
 #include <gtest/gtest.h>
 
 #include "fakes/fake_bus.h"
-#include "fakes/fake_libc.h"
-#include "fakes/fake_log.h"
+#include "fakes/fake_memory.h"
 #include "fakes/recorded_levels.h"
-#include "log/log_module.h"
-
-namespace {
-
-constexpr std::size_t no_limit = static_cast<std::size_t>(-1);
-
-/// realloc has no memory for this many bytes or more.
-std::atomic<std::size_t> refused_from{no_limit};
-
-} // namespace
-
-extern "C" {
-
-void *__real_realloc(void *block, std::size_t size);
-
-void *__wrap_realloc(void *block, std::size_t size) {
-  return size >= refused_from ? nullptr : __real_realloc(block, size);
-}
-}
+#include "support/buffers.h"
+#include "support/joined.h"
+#include "support/logging_test.h"
+#include "support/worker_thread.h"
 
 namespace vemk {
 namespace {
@@ -46,8 +28,12 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::int64_t step_pause_us = 100000;
-constexpr std::int64_t restart_pause_us = 300000;
+using texts_t = std::vector<std::string>;
+
+// The calls of an init(), but for the peer's start, and those of a deinit().
+const texts_t opening = {"InitTrace VEMk", "SetTraceOpt 0 4 0", "InitLibParams 2 {-2, 0} 2",
+                         "SetModuleLoop 0", "GetModuleLoop"};
+const texts_t leaving = {"ModulePeerStop", "SetModuleLoop 0", "FreeLibParams"};
 
 class open_ipc_worker : public ipc_worker {
 public:
@@ -56,13 +42,11 @@ public:
   using ipc_worker::send_to_bus;
 };
 
-class IpcWorkerTest : public testing::Test {
+class IpcWorkerTest : public LoggingTest {
 protected:
-  IpcWorkerTest() : run_flag(true) {
+  IpcWorkerTest() : LoggingTest(0x0F), run_flag(true) {
     fake_bus::reset();
     fake_libc::reset();
-    fake_log::clear();
-    g_log_level = 0x0F;
     worker = std::make_unique<open_ipc_worker>(&bus_to_ws, &ws_to_bus, 2, &run_flag);
   }
 
@@ -70,39 +54,15 @@ protected:
     bus_to_ws.reset_notify();
     fake_libc::on_sleep(nullptr);
     worker.reset();
-    g_log_level = 0;
     EXPECT_EQ(fake_bus::records_in_use(), 0u);
   }
 
-  static std::shared_ptr<buffer_info_t> message(const std::string &text) {
-    auto buffer = std::make_shared<buffer_info_t>();
-    buffer->append(text.data(), static_cast<std::uint32_t>(text.size()));
-    return buffer;
-  }
-
-  static std::vector<std::string> take_all(message_queue_t &queue) {
-    std::vector<std::string> texts;
-    while (const auto taken = queue.try_pop())
-      texts.emplace_back(reinterpret_cast<const char *>(taken->data), taken->length);
-    return texts;
-  }
-
-  static std::string no_memory_line() {
-    return "|" + std::to_string(getpid()) + "|buffer-info> append:95 Can't alloc memory\n";
-  }
-
-  /// Runs the worker's thread, which the base never ends, up to restart pause number `restarts`.
-  void run_until_restart(
+  void run_with_pauses(
       int restarts, const std::function<void()> &at_step_pause = [] {}) {
-    int pauses = 0;
-    fake_libc::on_sleep([&](std::int64_t microseconds) {
-      if (microseconds == step_pause_us)
+    run_until_restart(*worker, restarts, [&](std::int64_t sleep_us) {
+      if (sleep_us == step_pause_us)
         at_step_pause();
-      if (microseconds == restart_pause_us && ++pauses == restarts)
-        pthread_exit(nullptr);
     });
-    worker->start();
-    worker->join();
   }
 
   bool run_flag;
@@ -119,7 +79,7 @@ TEST_F(IpcWorkerTest, ConstructorCallsNothingOfTheBus) {
 // With level 13 the modules "timers" and then "ipc-worker" are given the mask 13.
 TEST_F(IpcWorkerTest, ConstructorGivesItsLogModuleTheConfiguredLevel) {
   g_log_level = 13;
-  recorded_levels::clear();
+  recorded_levels::levels.clear();
   const open_ipc_worker other(&bus_to_ws, &ws_to_bus, 2, &run_flag);
   EXPECT_THAT(recorded_levels::levels(), ElementsAre("timers 13", "ipc-worker 13"));
 }
@@ -129,9 +89,7 @@ TEST_F(IpcWorkerTest, ConstructorGivesItsLogModuleTheConfiguredLevel) {
 // InitTrace "VEMk", SetTraceOpt 0 4 0, InitLibParams 2 {-2, 0} 2, loop to 0 and read, PeerStart.
 TEST_F(IpcWorkerTest, InitJoinsTheBusInOrder) {
   EXPECT_TRUE(worker->init());
-  EXPECT_THAT(fake_bus::calls(),
-              ElementsAre("InitTrace VEMk", "SetTraceOpt 0 4 0", "InitLibParams 2 {-2, 0} 2",
-                          "SetModuleLoop 0", "GetModuleLoop", "ModulePeerStart"));
+  EXPECT_EQ(fake_bus::calls(), joined({opening, {"ModulePeerStart"}}));
 }
 
 // The identifier is signed and passed as it is: -70000.
@@ -141,22 +99,16 @@ TEST_F(IpcWorkerTest, InitPassesTheModuleIdentifierOn) {
   EXPECT_THAT(fake_bus::calls(), testing::Contains("InitLibParams -70000 {-2, 0} 2"));
 }
 
-// A loop flag that reads 1 after it was set to 0 gives false, without ModulePeerStart.
+// A loop flag of 1 or -1 after it was set to 0: false, no ModulePeerStart, and steps go on.
 TEST_F(IpcWorkerTest, FlagThatStaysSetKeepsInitFromStartingThePeer) {
-  fake_bus::set_flag(1);
   fake_bus::ignore_flag_changes();
-  EXPECT_FALSE(worker->init());
-  EXPECT_THAT(fake_bus::calls(),
-              ElementsAre("InitTrace VEMk", "SetTraceOpt 0 4 0", "InitLibParams 2 {-2, 0} 2",
-                          "SetModuleLoop 0", "GetModuleLoop"));
-}
-
-// A loop flag of -1 keeps init from starting the peer and the steps running, as 1 does.
-TEST_F(IpcWorkerTest, AnyNonZeroFlagCounts) {
-  fake_bus::set_flag(-1);
-  fake_bus::ignore_flag_changes();
-  EXPECT_FALSE(worker->init());
-  EXPECT_TRUE(worker->keep_running(&run_flag));
+  for (const int flag : {1, -1}) {
+    fake_bus::calls.clear();
+    fake_bus::set_flag(flag);
+    EXPECT_FALSE(worker->init());
+    EXPECT_EQ(fake_bus::calls(), joined({opening}));
+    EXPECT_TRUE(worker->keep_running(&run_flag));
+  }
 }
 
 // A flag of 1 from before is set to 0 before it is read, so init starts the peer.
@@ -170,7 +122,7 @@ TEST_F(IpcWorkerTest, ResultsOfTheLibraryAreNotChecked) {
   fake_bus::set_results(-1);
   EXPECT_TRUE(worker->init());
   EXPECT_TRUE(worker->keep_running(&run_flag));
-  ws_to_bus.push(message("text"));
+  ws_to_bus.push(buffer_of("text"));
   EXPECT_FALSE(worker->run_once());
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
@@ -178,31 +130,23 @@ TEST_F(IpcWorkerTest, ResultsOfTheLibraryAreNotChecked) {
 // ModulePeerStop, SetModuleLoop 0, FreeLibParams.
 TEST_F(IpcWorkerTest, DeinitLeavesTheBusInOrder) {
   worker->init();
-  fake_bus::clear_calls();
+  fake_bus::calls.clear();
   worker->deinit();
-  EXPECT_THAT(fake_bus::calls(), ElementsAre("ModulePeerStop", "SetModuleLoop 0", "FreeLibParams"));
+  EXPECT_EQ(fake_bus::calls(), leaving);
 }
 
-// After deinit the destructor makes the same three calls once more.
+// After deinit, and without an init, delete on an abstract_worker pointer makes the three calls.
 TEST_F(IpcWorkerTest, DestructorLeavesTheBusAgain) {
+  std::unique_ptr<abstract_worker> never_joined =
+      std::make_unique<open_ipc_worker>(&bus_to_ws, &ws_to_bus, 2, &run_flag);
   worker->init();
   worker->deinit();
-  fake_bus::clear_calls();
-  worker.reset();
-  EXPECT_THAT(fake_bus::calls(), ElementsAre("ModulePeerStop", "SetModuleLoop 0", "FreeLibParams"));
-}
-
-// A worker that never joined makes the three calls, too.
-TEST_F(IpcWorkerTest, DestructorLeavesTheBusWithoutAnInit) {
-  worker.reset();
-  EXPECT_THAT(fake_bus::calls(), ElementsAre("ModulePeerStop", "SetModuleLoop 0", "FreeLibParams"));
-}
-
-// delete on an abstract_worker pointer makes the three calls.
-TEST_F(IpcWorkerTest, DeletionThroughTheBaseLeavesTheBus) {
-  std::unique_ptr<abstract_worker> base = std::move(worker);
-  base.reset();
-  EXPECT_THAT(fake_bus::calls(), ElementsAre("ModulePeerStop", "SetModuleLoop 0", "FreeLibParams"));
+  std::unique_ptr<abstract_worker> has_left = std::move(worker);
+  for (auto *ending : {&never_joined, &has_left}) {
+    fake_bus::calls.clear();
+    ending->reset();
+    EXPECT_EQ(fake_bus::calls(), leaving);
+  }
 }
 
 // True only while the bool behind the argument is true and GetModuleLoop is not 0.
@@ -226,16 +170,17 @@ TEST_F(IpcWorkerTest, IdleStepAsksForAPause) {
   EXPECT_THAT(fake_bus::calls(), ElementsAre("GetMsgFromQueueNoWait"));
 }
 
-// One step forwards the bus message only; the queued one goes out in the next with MsgSend ... 3.
+// One step forwards the bus message; the queued one goes in the next, with its bytes, 3 and 6.
 TEST_F(IpcWorkerTest, BusMessageGoesBeforeAQueuedOne) {
+  const std::string queued("a\0b%n\xFF", 6);
   fake_bus::add_message("from bus");
-  ws_to_bus.push(message("to bus"));
+  ws_to_bus.push(buffer_of(queued));
   EXPECT_FALSE(worker->run_once());
   EXPECT_THAT(fake_bus::calls(), ElementsAre("GetMsgFromQueueNoWait"));
   EXPECT_THAT(take_all(bus_to_ws), ElementsAre("from bus"));
   EXPECT_FALSE(worker->run_once());
-  EXPECT_THAT(fake_bus::calls(),
-              ElementsAre("GetMsgFromQueueNoWait", "GetMsgFromQueueNoWait", "MsgSend to bus 3 6"));
+  EXPECT_THAT(fake_bus::calls(), ElementsAre("GetMsgFromQueueNoWait", "GetMsgFromQueueNoWait",
+                                             "MsgSend " + queued + " 3 6"));
   EXPECT_TRUE(worker->run_once());
 }
 
@@ -243,7 +188,7 @@ TEST_F(IpcWorkerTest, BusMessageGoesBeforeAQueuedOne) {
 TEST_F(IpcWorkerTest, EveryStepMovesOneMessage) {
   for (const char *text : {"1", "2", "3"}) {
     fake_bus::add_message(text);
-    ws_to_bus.push(message(text));
+    ws_to_bus.push(buffer_of(text));
   }
   for (std::size_t moved = 1; moved <= 3; ++moved) {
     EXPECT_FALSE(worker->run_once());
@@ -260,29 +205,22 @@ TEST_F(IpcWorkerTest, EveryStepMovesOneMessage) {
 
 // From the bus.
 
-// 12 bytes from byte 13 on, whatever bytes 0 to 3 and 8 to 12 hold: 0x00, 0x7F or 0xFF.
+// 12 bytes from byte 13 on, whatever stands around them, and a NUL behind them that does not count.
 TEST_F(IpcWorkerTest, PayloadIsCopiedExactlyWhateverSurroundsIt) {
   const std::string payload("\0%n\xFF{\"a\":1}\0", 12);
   for (const char filling : {'\x00', '\x7F', '\xFF'}) {
     fake_bus::add_message(payload, filling);
     EXPECT_FALSE(worker->run_once());
+    const auto buffer = bus_to_ws.try_pop();
+    ASSERT_NE(buffer, nullptr);
+    EXPECT_EQ(text_of(*buffer), payload);
+    EXPECT_EQ(buffer->data[12], 0);
   }
-  EXPECT_THAT(take_all(bus_to_ws), ElementsAre(payload, payload, payload));
 }
 
-// The copy of 4 bytes has length 4 and a NUL behind it that does not count.
-TEST_F(IpcWorkerTest, CopyIsFollowedByAnUncountedZero) {
-  fake_bus::add_message("text", '\xFF');
-  worker->run_once();
-  const auto buffer = bus_to_ws.try_pop();
-  ASSERT_NE(buffer, nullptr);
-  EXPECT_EQ(buffer->length, 4u);
-  EXPECT_EQ(buffer->data[4], 0);
-}
-
-// Payloads from 1 byte to 4 MiB reach the bus-to-service queue with exactly their length.
+// Payloads from 0 bytes to 4 MiB reach the bus-to-service queue as one buffer of their length.
 TEST_F(IpcWorkerTest, PayloadsOfEverySizeArrive) {
-  for (const std::size_t length : {1u, 12u, 13u, 255u, 256u, 65535u, 65536u, 4194304u}) {
+  for (const std::size_t length : {0u, 1u, 12u, 13u, 255u, 256u, 65535u, 65536u, 4194304u}) {
     SCOPED_TRACE(length);
     const std::string payload(length, 'p');
     fake_bus::add_message(payload);
@@ -293,63 +231,39 @@ TEST_F(IpcWorkerTest, PayloadsOfEverySizeArrive) {
   }
 }
 
-// A record of length 0 puts one buffer of length 0 into the bus-to-service queue.
-TEST_F(IpcWorkerTest, MessageOfLengthZeroBecomesAnEmptyBuffer) {
-  fake_bus::add_message("");
-  EXPECT_FALSE(worker->run_once());
-  const auto buffer = bus_to_ws.try_pop();
-  ASSERT_NE(buffer, nullptr);
-  EXPECT_EQ(buffer->length, 0u);
-  EXPECT_EQ(bus_to_ws.try_pop(), nullptr);
-}
-
-// The record still exists at the push and is released with free before the step returns.
+// The push runs the queue's notify once, with the record still there; it is free after the step.
 TEST_F(IpcWorkerTest, RecordIsReleasedAfterItsPayloadWasCopied) {
   fake_bus::add_message("text");
-  std::size_t in_use_at_push = 0;
-  bus_to_ws.set_notify([&] { in_use_at_push = fake_bus::records_in_use(); });
-  worker->run_once();
-  EXPECT_EQ(in_use_at_push, 1u);
-  EXPECT_EQ(fake_bus::records_in_use(), 0u);
-}
-
-// The push of a bus message runs the bus-to-service queue's notify once; an idle step does not.
-TEST_F(IpcWorkerTest, EveryForwardedMessageRunsTheHookOnce) {
   int wakeups = 0;
-  bus_to_ws.set_notify([&] { ++wakeups; });
-  fake_bus::add_message("text");
+  bus_to_ws.set_notify([&] {
+    ++wakeups;
+    EXPECT_EQ(fake_bus::records_in_use(), 1u);
+  });
   worker->run_once();
+  EXPECT_EQ(fake_bus::records_in_use(), 0u);
   worker->run_once();
   EXPECT_EQ(wakeups, 1);
 }
 
-// forward_bus_message copies 2 bytes out of a record that is not on the heap.
-TEST_F(IpcWorkerTest, ForwardingLeavesTheRecordToItsCaller) {
-  const unsigned char record[] = {9, 9, 9, 9, 2, 0, 0, 0, 9, 9, 9, 9, 9, 'h', 'i', 'x'};
-  worker->forward_bus_message(record);
-  EXPECT_THAT(take_all(bus_to_ws), ElementsAre("hi"));
-}
-
-// The length is read at each of eight addresses in a row.
+// forward_bus_message reads a record of its caller's, not on the heap, at eight addresses in a row.
 // The device's processor ends a program that loads a word from an odd address.
-TEST_F(IpcWorkerTest, ARecordIsReadAtEveryAlignment) {
+TEST_F(IpcWorkerTest, ARecordIsReadAtEveryAlignmentAndLeftToItsCaller) {
   alignas(8) unsigned char memory[64];
   for (std::size_t shift = 0; shift < 8; ++shift) {
     SCOPED_TRACE(shift);
-    const unsigned char record[] = {9, 9, 9, 9, 4, 0, 0, 0, 9, 9, 9, 9, 9, 't', 'e', 'x', 't'};
+    const unsigned char record[] = {9, 9, 9, 9, 2, 0, 0, 0, 9, 9, 9, 9, 9, 'h', 'i', 'x'};
     std::memcpy(memory + shift, record, sizeof record);
     worker->forward_bus_message(memory + shift);
-    EXPECT_THAT(take_all(bus_to_ws), ElementsAre("text"));
+    EXPECT_THAT(take_all(bus_to_ws), ElementsAre("hi"));
   }
 }
 
 // Lengths 0x80FFFFFF and 0xFFFFFFFF ask for memory and log "append:95 Can't alloc memory".
 TEST_F(IpcWorkerTest, ALengthBeyond31BitsIsUnsigned) {
+  const fake_memory::shortage shortage(0x80000000u);
   for (const std::uint8_t highest : {std::uint8_t{0x80}, std::uint8_t{0xFF}}) {
     const unsigned char record[] = {9, 9, 9, 9, 0xFF, 0xFF, 0xFF, highest, 9, 9, 9, 9, 9, 'x'};
-    refused_from = 0x80000000u;
     worker->forward_bus_message(record);
-    refused_from = no_limit;
   }
   EXPECT_THAT(take_all(bus_to_ws), IsEmpty());
   EXPECT_THAT(fake_log::lines(), ElementsAre(no_memory_line(), no_memory_line()));
@@ -359,9 +273,8 @@ TEST_F(IpcWorkerTest, ALengthBeyond31BitsIsUnsigned) {
 TEST_F(IpcWorkerTest, NoMemoryLosesTheMessageAndReleasesTheRecord) {
   fake_bus::add_message(std::string(1000, 'x'));
   fake_bus::add_message("next");
-  refused_from = 1000;
+  const fake_memory::shortage shortage(1000);
   EXPECT_FALSE(worker->run_once());
-  refused_from = no_limit;
   EXPECT_EQ(fake_bus::records_in_use(), 0u);
   EXPECT_FALSE(worker->run_once());
   EXPECT_THAT(take_all(bus_to_ws), ElementsAre("next"));
@@ -378,19 +291,10 @@ TEST_F(IpcWorkerTest, FailedPushReleasesTheRecordAndReachesTheBase) {
 
 // To the bus.
 
-// MsgSend gets the bytes, NUL and "%n" among them, the constant 3 and the length 6.
-TEST_F(IpcWorkerTest, QueuedMessageIsSentWithConstantAndLength) {
-  const std::string payload("a\0b%n\xFF", 6);
-  ws_to_bus.push(message(payload));
-  EXPECT_FALSE(worker->run_once());
-  EXPECT_THAT(fake_bus::calls(),
-              ElementsAre("GetMsgFromQueueNoWait", "MsgSend " + payload + " 3 6"));
-}
-
 // Null data, length 0 or no buffer: the step returns false and MsgSend is not called; no line.
 TEST_F(IpcWorkerTest, EmptyQueuedMessagesAreDropped) {
   ws_to_bus.push(std::make_shared<buffer_info_t>());
-  ws_to_bus.push(message(""));
+  ws_to_bus.push(buffer_of(""));
   ws_to_bus.push(nullptr);
   EXPECT_FALSE(worker->run_once());
   EXPECT_FALSE(worker->run_once());
@@ -402,10 +306,10 @@ TEST_F(IpcWorkerTest, EmptyQueuedMessagesAreDropped) {
 
 // By reference and by shared pointer a text is sent; length 0 is dropped, and so is null data.
 TEST_F(IpcWorkerTest, BothFormsOfSendingSendOrDropAlike) {
-  const auto text = message("text");
+  const auto text = buffer_of("text");
   worker->send_to_bus(text);
   worker->send_to_bus(*text);
-  worker->send_to_bus(message(""));
+  worker->send_to_bus(buffer_of(""));
   worker->send_to_bus(buffer_info_t());
   buffer_info_t without_data;
   without_data.length = 4;
@@ -415,7 +319,7 @@ TEST_F(IpcWorkerTest, BothFormsOfSendingSendOrDropAlike) {
 
 // Both queues' mutexes are free during MsgSend.
 TEST_F(IpcWorkerTest, NothingIsSentWithAQueueLocked) {
-  ws_to_bus.push(message("text"));
+  ws_to_bus.push(buffer_of("text"));
   bool both_free = false;
   fake_bus::on_send([&] {
     const std::unique_lock<std::mutex> out(ws_to_bus.lock, std::try_to_lock);
@@ -431,19 +335,14 @@ TEST_F(IpcWorkerTest, NothingIsSentWithAQueueLocked) {
 // A cleared loop flag ends the steps, 100 ms apart: leave, 300 ms, and the whole joining again.
 TEST_F(IpcWorkerTest, DroppedModuleLeavesAndJoinsAgain) {
   int idle_steps = 0;
-  run_until_restart(2, [&] {
+  run_with_pauses(2, [&] {
     if (++idle_steps % 2 == 0)
       fake_bus::set_flag(0);
   });
-  const std::vector<std::string> round = {
-      "InitTrace VEMk",        "SetTraceOpt 0 4 0",     "InitLibParams 2 {-2, 0} 2",
-      "SetModuleLoop 0",       "GetModuleLoop",         "ModulePeerStart",
-      "GetModuleLoop",         "GetMsgFromQueueNoWait", "GetModuleLoop",
-      "GetMsgFromQueueNoWait", "GetModuleLoop",         "ModulePeerStop",
-      "SetModuleLoop 0",       "FreeLibParams"};
-  std::vector<std::string> expected = round;
-  expected.insert(expected.end(), round.begin(), round.end());
-  EXPECT_EQ(fake_bus::calls(), expected);
+  const texts_t step = {"GetModuleLoop", "GetMsgFromQueueNoWait"};
+  const texts_t round =
+      joined({opening, {"ModulePeerStart"}, step, step, {"GetModuleLoop"}, leaving});
+  EXPECT_EQ(fake_bus::calls(), joined({round, round}));
   EXPECT_THAT(fake_libc::sleeps_us(), ElementsAre(step_pause_us, step_pause_us, restart_pause_us,
                                                   step_pause_us, step_pause_us, restart_pause_us));
 }
@@ -451,7 +350,7 @@ TEST_F(IpcWorkerTest, DroppedModuleLeavesAndJoinsAgain) {
 // A loop flag that stays 0 after ModulePeerStart means no step, and another try every 300 ms.
 TEST_F(IpcWorkerTest, PeerThatDoesNotComeUpIsTriedAgain) {
   fake_bus::fail_peer_start();
-  run_until_restart(3);
+  run_with_pauses(3);
   EXPECT_THAT(fake_libc::sleeps_us(),
               ElementsAre(restart_pause_us, restart_pause_us, restart_pause_us));
   EXPECT_THAT(fake_bus::calls(), testing::Not(testing::Contains("GetMsgFromQueueNoWait")));
@@ -461,23 +360,18 @@ TEST_F(IpcWorkerTest, PeerThatDoesNotComeUpIsTriedAgain) {
 TEST_F(IpcWorkerTest, FlagThatStaysSetIsTriedAgainWithoutAStep) {
   fake_bus::set_flag(1);
   fake_bus::ignore_flag_changes();
-  run_until_restart(2);
-  const std::vector<std::string> round = {
-      "InitTrace VEMk", "SetTraceOpt 0 4 0", "InitLibParams 2 {-2, 0} 2", "SetModuleLoop 0",
-      "GetModuleLoop",  "ModulePeerStop",    "SetModuleLoop 0",           "FreeLibParams"};
-  std::vector<std::string> expected = round;
-  expected.insert(expected.end(), round.begin(), round.end());
-  EXPECT_EQ(fake_bus::calls(), expected);
+  run_with_pauses(2);
+  EXPECT_EQ(fake_bus::calls(), joined({opening, leaving, opening, leaving}));
   EXPECT_THAT(fake_libc::sleeps_us(), ElementsAre(restart_pause_us, restart_pause_us));
 }
 
 // A false run flag leads from the step's pause to the three leaving calls, then 300 ms.
 TEST_F(IpcWorkerTest, ClearedRunFlagLeavesTheBusBeforeTheNextPause) {
-  run_until_restart(1, [&] {
+  run_with_pauses(1, [&] {
     run_flag = false;
-    fake_bus::clear_calls();
+    fake_bus::calls.clear();
   });
-  EXPECT_THAT(fake_bus::calls(), ElementsAre("ModulePeerStop", "SetModuleLoop 0", "FreeLibParams"));
+  EXPECT_EQ(fake_bus::calls(), leaving);
   EXPECT_THAT(fake_libc::sleeps_us(), ElementsAre(step_pause_us, restart_pause_us));
 }
 
@@ -485,10 +379,10 @@ TEST_F(IpcWorkerTest, ClearedRunFlagLeavesTheBusBeforeTheNextPause) {
 TEST_F(IpcWorkerTest, MessagesInBothDirectionsMoveWithoutAPause) {
   for (int i = 0; i < 100; ++i) {
     fake_bus::add_message(std::to_string(i));
-    ws_to_bus.push(message(std::to_string(i)));
+    ws_to_bus.push(buffer_of(std::to_string(i)));
   }
   char name[32] = "";
-  run_until_restart(1, [&] {
+  run_with_pauses(1, [&] {
     pthread_getname_np(pthread_self(), name, sizeof name);
     fake_bus::set_flag(0);
   });

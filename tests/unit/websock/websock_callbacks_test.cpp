@@ -1,23 +1,15 @@
-#include <algorithm>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <set>
 #include <string>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "fakes/fake_libc.h"
-#include "fakes/fake_log.h"
-#include "fakes/fake_lws.h"
-#include "log/log_module.h"
 #include "unit/websock/websock_fixture.h"
-#include "unit/websock/wrapped_libc.h"
 
 namespace vemk {
 namespace {
@@ -58,59 +50,52 @@ protected:
 
 // The dispatch.
 
-// Reason 1 logs "process_client_connection_error:41", sets `closed` and clears `alive` only.
-TEST_F(WebsockCallbacksTest, ConnectionErrorEndsTheAttempt) {
-  make_connecting_worker();
-  worker->running = true;
-  EXPECT_EQ(fake_lws::deliver(static_cast<lws_callback_reasons>(1)), 0);
-  EXPECT_TRUE(worker->closed);
-  EXPECT_FALSE(worker->alive);
-  EXPECT_TRUE(worker->running);
-  EXPECT_FALSE(worker->keep_running(&run_flag));
-  EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("process_client_connection_error", 41)));
-  EXPECT_THAT(fake_lws::calls(), IsEmpty());
-}
-
-// Reasons 4 and 5 log "process_closed:76", set `closed`, clear `alive`; the other flags stay.
-TEST_F(WebsockCallbacksTest, BothCloseReasonsDropTheConnection) {
-  for (const int reason : {4, 5}) {
-    SCOPED_TRACE(reason);
+// Reasons 1, 4, 5, 28 and the release's own log their trace, set `closed`; 28 leaves `alive`.
+// Reason 45 of a handshake without an answer was logged as if there had been a connection.
+TEST_F(WebsockCallbacksTest, EveryEndSetsClosedAndAllButProtocolDestroyEndTheSteps) {
+  struct end_t {
+    int reason;
+    bool is_connected;
+    std::string trace;
+    bool stays_alive;
+  };
+  const std::string error = trace_line("process_client_connection_error", 41);
+  const std::string closed = trace_line("process_closed", 76);
+  std::vector<end_t> ends = {{1, false, error, false},
+                             {4, true, closed, false},
+                             {5, true, closed, false},
+                             {fake_lws::closed_reason, true, closed, false},
+                             {28, true, trace_line("process_protocol_destroy", 31), true}};
+  if (fake_lws::wakes_by_cancelling)
+    ends.push_back({45, false, error, false});
+  for (const end_t &end : ends) {
+    SCOPED_TRACE(end.reason);
     worker.reset();
-    make_connected_worker();
-    worker->running = true;
-    EXPECT_EQ(fake_lws::deliver(static_cast<lws_callback_reasons>(reason)), 0);
+    if (end.is_connected)
+      make_connected_worker();
+    else
+      make_connecting_worker();
+    take_to_bus();
+    EXPECT_EQ(fake_lws::deliver(static_cast<lws_callback_reasons>(end.reason)), 0);
     EXPECT_TRUE(worker->closed);
-    EXPECT_FALSE(worker->alive);
+    EXPECT_EQ(worker->alive, end.stays_alive);
+    EXPECT_EQ(worker->keep_running(&run_flag), end.stays_alive);
+    EXPECT_EQ(worker->connected, end.is_connected);
     EXPECT_TRUE(worker->running);
-    EXPECT_TRUE(worker->connected);
-    EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("process_closed", 76)));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(end.trace));
+    EXPECT_THAT(fake_lws::calls(), IsEmpty());
     EXPECT_THAT(take_to_bus(), IsEmpty());
   }
 }
 
-// Reason 28 logs "process_protocol_destroy:31" and sets `closed`; `alive` stays as it is.
-TEST_F(WebsockCallbacksTest, ProtocolDestroyLeavesTheConnectionAlive) {
-  make_connected_worker();
-  EXPECT_EQ(fake_lws::deliver(static_cast<lws_callback_reasons>(28), nullptr), 0);
-  EXPECT_TRUE(worker->closed);
-  EXPECT_TRUE(worker->alive);
-  EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("process_protocol_destroy", 31)));
-}
-
-// The 21 reasons 0, 2, 6, 7 and 11 to 27 change no state, call nothing and log nothing.
-TEST_F(WebsockCallbacksTest, ReasonsBelow29WithoutAHandlerDoNothing) {
+// Of 0 to 129 and 1000 only 1, 3, 4, 5, 8, 9, 10, 28 and the release's do, call or log anything.
+TEST_F(WebsockCallbacksTest, ReasonsWithoutAHandlerDoNothing) {
   make_busy_worker();
-  for (const int reason :
-       {0, 2, 6, 7, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27})
-    expect_nothing_done(reason);
-}
-
-// Reasons 29 to 129 and 1000 do nothing, but for those that the release itself has for the client.
-TEST_F(WebsockCallbacksTest, ReasonsFrom29OnAreIgnored) {
-  make_busy_worker();
-  const std::vector<int> of_the_release = fake_lws::release_reasons();
-  for (int reason = 29; reason < 130; ++reason) {
-    if (std::find(of_the_release.begin(), of_the_release.end(), reason) == of_the_release.end())
+  std::set<int> handled = {1, 3, 4, 5, 8, 9, 10, 28};
+  for (const int reason : fake_lws::release_reasons())
+    handled.insert(reason);
+  for (int reason = 0; reason < 130; ++reason) {
+    if (handled.count(reason) == 0)
       expect_nothing_done(reason);
   }
   expect_nothing_done(1000);
@@ -169,29 +154,17 @@ TEST_F(WebsockCallbacksTest, EstablishmentReleasesTheEarlierHook) {
   EXPECT_EQ(held.use_count(), 1);
 }
 
-// A count of 2 missed pongs is still 2 after an establishment.
-TEST_F(WebsockCallbacksTest, EstablishmentKeepsTheCountOfMissedPongs) {
-  make_connecting_worker();
-  worker->missed_pongs = 2;
-  fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
-  EXPECT_EQ(worker->missed_pongs, 2);
-  EXPECT_TRUE(worker->alive);
-}
-
-// A push while the attempt still runs calls nothing of the library.
-TEST_F(WebsockCallbacksTest, PushBeforeTheEstablishmentWakesNobody) {
+// Neither a push nor request_writeable reaches the library while `connected` is false.
+TEST_F(WebsockCallbacksTest, WriteableIsRequestedOnlyWhileConnected) {
   make_connecting_worker();
   push_from_bus("early");
   EXPECT_THAT(fake_lws::calls(), IsEmpty());
-}
-
-// With `connected` false neither request_writeable nor a push reaches the library.
-TEST_F(WebsockCallbacksTest, WriteableIsRequestedOnlyWhileConnected) {
-  make_connected_worker();
+  fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
+  fake_lws::calls.clear();
   worker->request_writeable(fake_lws::connection());
   EXPECT_THAT(fake_lws::calls(), ElementsAre(wake_call("context1", "wsi1")));
   worker->connected = false;
-  fake_lws::clear_calls();
+  fake_lws::calls.clear();
   worker->request_writeable(fake_lws::connection());
   push_from_bus("unheard");
   EXPECT_THAT(fake_lws::calls(), IsEmpty());
@@ -199,69 +172,63 @@ TEST_F(WebsockCallbacksTest, WriteableIsRequestedOnlyWhileConnected) {
 
 // Receiving.
 
-// One final piece: trace 87, final line with its length, "Send to Queue", dump, push.
+// One final piece: trace 87, final line with its length, "Send to Queue", dump, one push.
 TEST_F(WebsockCallbacksTest, WholeMessageGoesToTheBus) {
   make_connected_worker();
+  int wakeups = 0;
+  ws_to_bus.set_notify([&] {
+    ++wakeups;
+    EXPECT_EQ(fake_log::lines(), reception_lines("hello"));
+    // The buffer is replaced after the push.
+    EXPECT_EQ(ws_to_bus.items.back(), worker->rx_buffer);
+  });
   EXPECT_EQ(fake_lws::deliver_piece("hello"), 0);
-  EXPECT_THAT(fake_log::lines(),
-              ElementsAre(trace_line("process_client_receive", 87), final_line(5),
-                          line("websock-roaming->Send to Queue\n"), dump_line("hello")));
+  EXPECT_EQ(wakeups, 1);
+  EXPECT_EQ(fake_log::lines(), reception_lines("hello"));
   EXPECT_THAT(take_to_bus(), ElementsAre("hello"));
   EXPECT_THAT(fake_lws::calls(), IsEmpty());
 }
 
-// NUL, 0xFF, "%n", UTF-8 and newline reach the service-to-bus queue unchanged, nothing is added.
+// Messages keep their order, NUL, 0xFF, "%n", UTF-8 and newline; nothing is added.
 TEST_F(WebsockCallbacksTest, BytesArriveAsTheyAre) {
   make_connected_worker();
   const std::string bytes("\0\xFF%n\xC3\xA4\n\0", 8);
-  fake_lws::deliver_piece(bytes);
-  EXPECT_THAT(take_to_bus(), ElementsAre(bytes));
+  for (const std::string &text : {std::string("1"), bytes, std::string("3")})
+    fake_lws::deliver_piece(text);
+  EXPECT_THAT(take_to_bus(), ElementsAre("1", bytes, "3"));
 }
 
 // Three fragments are queued once, joined, after the third; two log "remaining len 0".
 TEST_F(WebsockCallbacksTest, ThreeFragmentsAreJoinedAfterTheLast) {
   make_connected_worker();
-  fake_lws::set_piece(0, false);
-  EXPECT_EQ(fake_lws::deliver_piece("one "), 0);
-  EXPECT_EQ(fake_lws::deliver_piece("two "), 0);
+  std::vector<std::string> expected;
+  for (const char *part : {"one ", "two "}) {
+    deliver_middle_piece(part);
+    expected.insert(expected.end(), {trace_line("process_client_receive", 87), incomplete_line(0)});
+  }
+  EXPECT_EQ(fake_log::lines(), expected);
   EXPECT_THAT(take_to_bus(), IsEmpty());
-  fake_lws::set_piece(0, true);
+  forget_records();
   fake_lws::deliver_piece("three");
   EXPECT_THAT(take_to_bus(), ElementsAre("one two three"));
-  EXPECT_THAT(fake_log::lines(),
-              ElementsAre(trace_line("process_client_receive", 87), incomplete_line(0),
-                          trace_line("process_client_receive", 87), incomplete_line(0),
-                          trace_line("process_client_receive", 87), final_line(13),
-                          line("websock-roaming->Send to Queue\n"), dump_line("one two three")));
+  EXPECT_EQ(fake_log::lines(), reception_lines("one two three"));
 }
 
-// A piece of the final fragment with 4096 bytes to come is kept: "remaining len 4096".
-TEST_F(WebsockCallbacksTest, ChunksOfTheFinalFragmentAreJoinedWhenNothingRemains) {
+// With 4096 or 1 bytes to come a piece is kept, final or not: "remaining len 4096" and "... 1".
+TEST_F(WebsockCallbacksTest, PiecesWithARestAreJoinedWhenNothingRemains) {
   make_connected_worker();
+  const std::string chunk(4096, 'a');
   fake_lws::set_piece(4096, true);
-  fake_lws::deliver_piece(std::string(4096, 'a'));
+  fake_lws::deliver_piece(chunk);
   EXPECT_THAT(take_to_bus(), IsEmpty());
   EXPECT_THAT(fake_log::lines(), Contains(incomplete_line(4096)));
-  fake_lws::set_piece(0, true);
-  fake_lws::deliver_piece(std::string(4096, 'b'));
-  EXPECT_THAT(take_to_bus(), ElementsAre(std::string(4096, 'a') + std::string(4096, 'b')));
-}
-
-// Not final and 1 byte to come: "remaining len 1", and the piece is kept.
-TEST_F(WebsockCallbacksTest, PieceOfAFragmentWithRestIsIncomplete) {
-  make_connected_worker();
   fake_lws::set_piece(1, false);
   fake_lws::deliver_piece("x");
   EXPECT_THAT(fake_log::lines(), Contains(incomplete_line(1)));
-  EXPECT_EQ(received_so_far(), "x");
-}
-
-// Three messages stand in the service-to-bus queue in the order of their completion.
-TEST_F(WebsockCallbacksTest, MessagesKeepTheirOrder) {
-  make_connected_worker();
-  for (const char *text : {"1", "2", "3"})
-    fake_lws::deliver_piece(text);
-  EXPECT_THAT(take_to_bus(), ElementsAre("1", "2", "3"));
+  EXPECT_EQ(received_so_far(), chunk + "x");
+  fake_lws::set_piece(0, true);
+  fake_lws::deliver_piece("end");
+  EXPECT_THAT(take_to_bus(), ElementsAre(chunk + "xend"));
 }
 
 // A queued message has its buffer for itself: the worker receives the next in a new, empty one.
@@ -275,40 +242,19 @@ TEST_F(WebsockCallbacksTest, QueuedMessageIsNeverWrittenToAgain) {
   EXPECT_EQ(std::string(reinterpret_cast<const char *>(first->data), first->length), "first");
 }
 
-// The push runs the queue's notify once, after all log lines, before the buffer is replaced.
-TEST_F(WebsockCallbacksTest, ReceivedMessageRunsTheBusQueuesHook) {
-  make_connected_worker();
-  int wakeups = 0;
-  ws_to_bus.set_notify([&] {
-    ++wakeups;
-    EXPECT_THAT(fake_log::lines(),
-                ElementsAre(trace_line("process_client_receive", 87), final_line(1),
-                            line("websock-roaming->Send to Queue\n"), dump_line("x")));
-    EXPECT_EQ(ws_to_bus.items.back(), worker->rx_buffer);
-  });
-  fake_lws::deliver_piece("x");
-  EXPECT_EQ(wakeups, 1);
-}
-
-// A final piece of length 0 gives -1, the dispatcher 0; nothing is queued, `alive` stays.
+// A final piece of length 0, or of 5 without data, gives -1, the dispatcher 0; `alive` stays.
 TEST_F(WebsockCallbacksTest, EmptyMessageIsRejectedAndTheConnectionStays) {
   make_connected_worker();
   char byte = 'x';
   EXPECT_EQ(worker->process_client_receive(fake_lws::connection(), nullptr, &byte, 0), -1);
   EXPECT_EQ(fake_lws::deliver_piece(""), 0);
-  EXPECT_THAT(take_to_bus(), IsEmpty());
-  EXPECT_TRUE(worker->alive);
-  EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("process_client_receive", 87),
-                                             trace_line("process_client_receive", 87)));
-}
-
-// A final piece of length 5 without data gives -1 and leaves the receive buffer empty.
-TEST_F(WebsockCallbacksTest, NullLastPieceIsRejected) {
-  make_connected_worker();
-  EXPECT_EQ(worker->process_client_receive(fake_lws::connection(), nullptr, nullptr, 5), -1);
+  EXPECT_EQ(receive_null(5), -1);
   EXPECT_EQ(fake_lws::deliver_null_piece(5), 0);
   EXPECT_THAT(take_to_bus(), IsEmpty());
-  EXPECT_EQ(worker->rx_buffer->length, 0u);
+  EXPECT_EQ(received_so_far(), "");
+  EXPECT_TRUE(worker->alive);
+  EXPECT_EQ(fake_log::lines(),
+            std::vector<std::string>(4, trace_line("process_client_receive", 87)));
 }
 
 // After an empty last piece "begun " stays in the receive buffer and leads the next message.
@@ -316,10 +262,8 @@ TEST_F(WebsockCallbacksTest, NullLastPieceIsRejected) {
 // next message and is delivered in front of it.
 TEST_F(WebsockCallbacksTest, EmptyLastPieceJoinsTheMessageToTheNextOne) {
   make_connected_worker();
-  fake_lws::set_piece(0, false);
-  fake_lws::deliver_piece("begun ");
-  fake_lws::set_piece(0, true);
-  EXPECT_EQ(worker->process_client_receive(fake_lws::connection(), nullptr, nullptr, 0), -1);
+  deliver_middle_piece("begun ");
+  EXPECT_EQ(receive_null(0), -1);
   EXPECT_THAT(take_to_bus(), IsEmpty());
   EXPECT_EQ(received_so_far(), "begun ");
   fake_lws::deliver_piece("next");
@@ -331,7 +275,7 @@ TEST_F(WebsockCallbacksTest, EmptyMiddlePieceChangesNothing) {
   make_connected_worker();
   fake_lws::set_piece(0, false);
   fake_lws::deliver_piece("a");
-  EXPECT_EQ(worker->process_client_receive(fake_lws::connection(), nullptr, nullptr, 0), 0);
+  EXPECT_EQ(receive_null(0), 0);
   fake_lws::set_piece(0, true);
   fake_lws::deliver_piece("b");
   EXPECT_THAT(take_to_bus(), ElementsAre("ab"));
@@ -343,67 +287,50 @@ TEST_F(WebsockCallbacksTest, CutOffMessageIsFollowedByTheNextConnectionsBytes) {
   fake_lws::set_piece(100, true);
   fake_lws::deliver_piece("cut off, ");
   fake_lws::deliver(fake_lws::closed_reason);
-  worker->deinit();
-  worker->init();
-  fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
-  take_to_bus();
+  reconnect();
   fake_lws::set_piece(0, true);
   fake_lws::deliver_piece("then whole");
   EXPECT_THAT(take_to_bus(), ElementsAre("cut off, then whole"));
 }
 
-// A failed append logs trace, "append:95 ..." and "can't receive message", empties and gives -1.
+// A failed append logs trace and two error lines, "append:95 ..." and "can't receive message".
 TEST_F(WebsockCallbacksTest, NoMemoryForTheLastPieceDropsTheMessage) {
-  make_connected_worker();
-  fake_lws::set_piece(0, false);
-  fake_lws::deliver_piece("lost");
-  const auto partial = worker->rx_buffer;
-  fake_lws::set_piece(0, true);
-  forget_records();
-  {
-    const wrapped_libc::memory_shortage shortage(1);
-    char piece[] = "too much";
-    EXPECT_EQ(worker->process_client_receive(fake_lws::connection(), nullptr, piece, 8), -1);
+  for (const std::uint32_t mask : {0x0Fu, std::uint32_t{log_category_error}}) {
+    g_log_level = mask;
+    make_connected_worker();
+    deliver_middle_piece("lost");
+    const auto partial = worker->rx_buffer;
+    forget_records();
+    {
+      const fake_memory::shortage shortage;
+      char piece[] = "too much";
+      EXPECT_EQ(worker->process_client_receive(fake_lws::connection(), nullptr, piece, 8), -1);
+    }
+    std::vector<std::string> expected = {
+        trace_line("process_client_receive", 87), no_memory_line(),
+        line("websock-roaming->process_client_receive: can't receive message\n")};
+    if (mask == log_category_error)
+      expected.erase(expected.begin());
+    EXPECT_EQ(fake_log::lines(), expected);
+    EXPECT_NE(worker->rx_buffer, partial);
+    EXPECT_EQ(received_so_far(), "");
+    EXPECT_TRUE(worker->alive);
+    fake_lws::deliver_piece("next");
+    EXPECT_THAT(take_to_bus(), ElementsAre("next"));
   }
-  EXPECT_THAT(
-      fake_log::lines(),
-      ElementsAre(trace_line("process_client_receive", 87),
-                  line_of("buffer-info", "append:95 Can't alloc memory\n"),
-                  line("websock-roaming->process_client_receive: can't receive message\n")));
-  EXPECT_NE(worker->rx_buffer, partial);
-  EXPECT_EQ(worker->rx_buffer->length, 0u);
-  EXPECT_TRUE(worker->alive);
-  fake_lws::deliver_piece("next");
-  EXPECT_THAT(take_to_bus(), ElementsAre("next"));
-}
-
-// "can't receive message" is written with the error category alone.
-TEST_F(WebsockCallbacksTest, LostMessageIsAnErrorLine) {
-  g_log_level = log_category_error;
-  make_connected_worker();
-  {
-    const wrapped_libc::memory_shortage shortage(1);
-    EXPECT_EQ(fake_lws::deliver_piece("lost"), 0);
-  }
-  EXPECT_THAT(fake_log::lines(),
-              Contains(line("websock-roaming->process_client_receive: can't receive message\n")));
 }
 
 // A failed append of a middle piece gives 0 without a line of the worker; the others are joined.
 TEST_F(WebsockCallbacksTest, NoMemoryForAMiddlePieceKeepsTheRest) {
   make_connected_worker();
-  fake_lws::set_piece(0, false);
-  fake_lws::deliver_piece("kept ");
+  deliver_middle_piece("kept ");
   forget_records();
   {
-    const wrapped_libc::memory_shortage shortage(1);
-    char piece[] = "lost ";
-    EXPECT_EQ(worker->process_client_receive(fake_lws::connection(), nullptr, piece, 5), 0);
+    const fake_memory::shortage shortage;
+    deliver_middle_piece("lost ");
   }
-  EXPECT_THAT(fake_log::lines(),
-              ElementsAre(trace_line("process_client_receive", 87), incomplete_line(0),
-                          line_of("buffer-info", "append:95 Can't alloc memory\n")));
-  fake_lws::set_piece(0, true);
+  EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("process_client_receive", 87),
+                                             incomplete_line(0), no_memory_line()));
   fake_lws::deliver_piece("end");
   EXPECT_THAT(take_to_bus(), ElementsAre("kept end"));
 }
@@ -419,10 +346,8 @@ TEST_F(WebsockCallbacksTest, WriteableCallbackSendsOneMessageAndAsksForTheNext) 
   EXPECT_EQ(fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE), 0);
   EXPECT_THAT(fake_lws::calls(),
               ElementsAre("lws_write wsi1 5 0", "lws_callback_on_writable wsi1"));
-  EXPECT_THAT(
-      fake_log::lines(),
-      ElementsAre(line("websock-roaming->From queue\n"), dump_line("first"),
-                  line("websock-roaming->lws_send:Send msg type [0] len [5/5]  to websocket\n")));
+  EXPECT_THAT(fake_log::lines(), ElementsAre(line("websock-roaming->From queue\n"),
+                                             dump_line("first"), sent_line(0, 5, 5)));
   fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE);
   ASSERT_EQ(fake_lws::frames().size(), 2u);
   EXPECT_EQ(fake_lws::frames()[0].payload, "first");
@@ -447,38 +372,21 @@ TEST_F(WebsockCallbacksTest, WriteableCallbackBeforeTheEstablishmentSendsAllTheS
               ElementsAre("lws_write wsi1 5 0", "lws_callback_on_writable wsi1"));
 }
 
-// The bus-to-service queue's mutex is free while the handler of its message runs.
-TEST_F(WebsockCallbacksTest, QueueIsUnlockedWhileItsMessageIsHandled) {
-  make_connected_worker();
-  push_from_bus(status_request);
-  bool was_free = false;
-  ws_to_bus.set_notify([&] {
-    const std::unique_lock<std::mutex> free(bus_to_ws.lock, std::try_to_lock);
-    was_free = free.owns_lock();
-  });
-  fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE);
-  EXPECT_TRUE(was_free);
-}
-
-// "From queue" and the dump of a status request are in the log before its answer is queued.
-TEST_F(WebsockCallbacksTest, RequestIsLoggedBeforeItIsAnswered) {
+// A status request is logged, answered "connected" with its queue unlocked, and not sent.
+TEST_F(WebsockCallbacksTest, RequestIsLoggedAndThenAnsweredInPlaceOfSent) {
   make_connected_worker();
   push_from_bus(R"({"service":"INTERNAL-IPC","cmd":"STATUS"})");
+  forget_records();
+  int answers = 0;
   ws_to_bus.set_notify([&] {
+    ++answers;
     ASSERT_EQ(fake_log::lines().size(), 2u);
     EXPECT_EQ(fake_log::lines()[0], line("websock-roaming->From queue\n"));
-    EXPECT_THAT(fake_log::lines()[1], StartsWith(line_of("buffer-info", "Buffer info dump:\n\t")));
+    EXPECT_THAT(fake_log::lines()[1], StartsWith(log_line("buffer-info", "Buffer info dump:\n\t")));
+    EXPECT_TRUE(std::unique_lock<std::mutex>(bus_to_ws.lock, std::try_to_lock).owns_lock());
   });
   fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE);
-  EXPECT_THAT(take_to_bus(), ElementsAre(connected_status));
-}
-
-// A status request is answered "connected", not sent, and followed by a writeable request.
-TEST_F(WebsockCallbacksTest, MessageKeptFromTheServerIsFollowedByTheNextRequest) {
-  make_connected_worker();
-  push_from_bus(status_request);
-  forget_records();
-  fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE);
+  EXPECT_EQ(answers, 1);
   EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_callback_on_writable wsi1"));
   EXPECT_THAT(take_to_bus(), ElementsAre(connected_status));
 }
@@ -492,10 +400,8 @@ TEST_F(WebsockCallbacksTest, FailedWriteLosesTheMessage) {
   fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE);
   EXPECT_EQ(fake_lws::frames().size(), 1u);
   EXPECT_TRUE(worker->alive);
-  EXPECT_THAT(
-      fake_log::lines(),
-      ElementsAre(line("websock-roaming->From queue\n"), dump_line("lost"),
-                  line("websock-roaming->lws_send:Can't send msg type [0] to websocket\n")));
+  EXPECT_THAT(fake_log::lines(), ElementsAre(line("websock-roaming->From queue\n"),
+                                             dump_line("lost"), failed_line(0)));
 }
 
 // What handlers throw.

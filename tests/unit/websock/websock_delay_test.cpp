@@ -3,14 +3,7 @@
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "fakes/fake_libc.h"
-#include "fakes/fake_log.h"
-#include "fakes/fake_lws.h"
 #include "unit/websock/websock_fixture.h"
-#include "unit/websock/wrapped_libc.h"
 
 namespace vemk {
 namespace {
@@ -21,34 +14,20 @@ using testing::IsEmpty;
 
 class WebsockDelayTest : public WebsockFixture {
 protected:
-  /// The delays that rand's smallest and largest value give at the worker's present state, and the
-  /// line that names the range.
-  struct range_t {
-    std::uint32_t first;
-    std::uint32_t last;
-    std::string log_line;
-  };
-
-  range_t draw_range(std::int32_t span) {
+  /// At the worker's present state rand's smallest and largest value give the ends of [low;high),
+  /// its line says so, and `stored` is the delay afterwards.
+  void expect_draw(std::uint32_t low, std::uint32_t high, std::uint32_t stored) {
     const std::uint32_t before = worker->current_delay;
-    wrapped_libc::script_rand({0, span - 1});
-    range_t range{};
-    range.first = worker->next_delay();
-    const std::uint32_t after = worker->current_delay;
-    worker->current_delay = before;
-    fake_log::clear();
-    range.last = worker->next_delay();
-    EXPECT_EQ(worker->current_delay, after);
-    range.log_line = fake_log::lines().at(0);
-    return range;
-  }
-
-  void expect_range(std::uint32_t low, std::uint32_t high) {
-    const range_t range = draw_range(static_cast<std::int32_t>(high - low));
-    EXPECT_EQ(range.first, low);
-    EXPECT_EQ(range.last, high - 1);
-    EXPECT_EQ(range.log_line, line("Generate delay into [" + std::to_string(low) + ";" +
-                                   std::to_string(high) + ") range\n"));
+    for (const std::uint32_t drawn : {low, high - 1}) {
+      worker->current_delay = before;
+      fake_log::clear();
+      fake_libc::script_rand({static_cast<int>(drawn - low)});
+      EXPECT_EQ(worker->next_delay(), drawn);
+      EXPECT_EQ(worker->current_delay, stored);
+      EXPECT_THAT(fake_log::lines(),
+                  ElementsAre(line("Generate delay into [" + std::to_string(low) + ";" +
+                                   std::to_string(high) + ") range\n")));
+    }
   }
 };
 
@@ -57,25 +36,19 @@ protected:
 // With delay 2: windows [1;3), [2;6), [4;12); the stored delay is 4, 8, 16 after each draw.
 TEST_F(WebsockDelayTest, DelayIsDrawnFromTheValueBeforeTheDoubling) {
   make_worker(2, 60);
-  expect_range(1, 3);
-  EXPECT_EQ(worker->current_delay, 4u);
-  expect_range(2, 6);
-  EXPECT_EQ(worker->current_delay, 8u);
-  expect_range(4, 12);
-  EXPECT_EQ(worker->current_delay, 16u);
+  expect_draw(1, 3, 4);
+  expect_draw(2, 6, 8);
+  expect_draw(4, 12, 16);
 }
 
 // 10 and 60: [5;15), [10;30), [20;60), then [30;90) for ever while 60 is stored.
 TEST_F(WebsockDelayTest, CapAppliesToTheStoredValueAndNotToTheDrawnDelay) {
   make_worker(10, 60);
-  expect_range(5, 15);
-  expect_range(10, 30);
-  expect_range(20, 60);
-  EXPECT_EQ(worker->current_delay, 60u);
-  for (int i = 0; i < 3; ++i) {
-    expect_range(30, 90);
-    EXPECT_EQ(worker->current_delay, 60u);
-  }
+  expect_draw(5, 15, 20);
+  expect_draw(10, 30, 40);
+  expect_draw(20, 60, 60);
+  for (int i = 0; i < 3; ++i)
+    expect_draw(30, 90, 60);
 }
 
 // After five growing delays an establishment makes the next window [5;15) again.
@@ -86,7 +59,7 @@ TEST_F(WebsockDelayTest, EstablishmentBringsTheInitialDelayBack) {
   worker->_connect();
   fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
   EXPECT_EQ(worker->current_delay, 10u);
-  expect_range(5, 15);
+  expect_draw(5, 15, 20);
 }
 
 // A connection attempt that has only started leaves the stored delay at 20.
@@ -101,48 +74,40 @@ TEST_F(WebsockDelayTest, AttemptThatOnlyStartsLeavesTheDelayGrowing) {
 TEST_F(WebsockDelayTest, InitialDelayZeroStartsWithOneOrTwoSeconds) {
   make_worker(0, 60);
   EXPECT_EQ(worker->current_delay, 0u);
-  expect_range(1, 3);
-  EXPECT_EQ(worker->current_delay, 2u);
-  expect_range(1, 3);
-  EXPECT_EQ(worker->current_delay, 4u);
+  expect_draw(1, 3, 2);
+  expect_draw(1, 3, 4);
 }
 
 // Initial delay 0, maximum 1: [1;3) at first, 1 stored, then always 0 seconds of [0;1).
 TEST_F(WebsockDelayTest, InitialDelayZeroIsCappedByASmallerMaximum) {
   make_worker(0, 1);
-  expect_range(1, 3);
-  EXPECT_EQ(worker->current_delay, 1u);
-  expect_range(0, 1);
-  EXPECT_EQ(worker->current_delay, 1u);
+  expect_draw(1, 3, 1);
+  expect_draw(0, 1, 1);
 }
 
 // With both delays 0 every window is [1;3) and the stored delay stays 0.
 TEST_F(WebsockDelayTest, BothDelaysZeroGiveOneOrTwoSecondsForEver) {
   make_worker(0, 0);
-  for (int i = 0; i < 4; ++i) {
-    expect_range(1, 3);
-    EXPECT_EQ(worker->current_delay, 0u);
-  }
+  for (int i = 0; i < 4; ++i)
+    expect_draw(1, 3, 0);
 }
 
 // 100 with maximum 60: the first window is [50;150), then 60 is stored.
 TEST_F(WebsockDelayTest, InitialDelayAboveTheMaximumCountsOnce) {
   make_worker(100, 60);
-  expect_range(50, 150);
-  EXPECT_EQ(worker->current_delay, 60u);
+  expect_draw(50, 150, 60);
 }
 
 // Delay 7 gives the window [3;10) and stores 14.
 TEST_F(WebsockDelayTest, OddDelayIsHalvedTowardsZero) {
   make_worker(7, 60);
-  expect_range(3, 10);
-  EXPECT_EQ(worker->current_delay, 14u);
+  expect_draw(3, 10, 14);
 }
 
 // RAND_MAX is taken modulo the span 10, plus 5.
 TEST_F(WebsockDelayTest, RandomValueIsReducedToTheSpan) {
   make_worker(10, 60);
-  wrapped_libc::script_rand({RAND_MAX});
+  fake_libc::script_rand({RAND_MAX});
   EXPECT_EQ(worker->next_delay(), static_cast<std::uint32_t>(RAND_MAX % 10 + 5));
 }
 
@@ -166,7 +131,7 @@ TEST_F(WebsockDelayTest, HugeDelaysWrapAsThirtyTwoBitValues) {
     SCOPED_TRACE(c.delay);
     make_worker(c.delay, 0xFFFFFFFFu);
     fake_log::clear();
-    wrapped_libc::script_rand({5});
+    fake_libc::script_rand({5});
     EXPECT_EQ(worker->next_delay(), c.drawn);
     EXPECT_EQ(worker->current_delay, c.doubled);
     EXPECT_THAT(fake_log::lines(),
@@ -189,20 +154,23 @@ TEST_F(WebsockDelayTest, NegativeDelayStillPollsTheQueueOnce) {
 // 2 seconds are 40 sleeps of 50 ms; two lines name window and delay.
 TEST_F(WebsockDelayTest, WaitLogsItsDelayAndPollsEveryFiftyMilliseconds) {
   make_worker(2, 60);
-  wrapped_libc::script_rand({1});
+  fake_libc::script_rand({1});
   worker->wait_before_connect();
   EXPECT_THAT(fake_libc::sleeps_us(), testing::AllOf(testing::SizeIs(40), testing::Each(50000)));
   EXPECT_THAT(fake_log::lines(), ElementsAre(line("Generate delay into [1;3) range\n"),
                                              line("Delay before connection: 2 sec\n")));
 }
 
-// Four queued messages go in four polls; one answer "disconnected", nothing is sent.
+// Four queued messages go in four polls; one is answered, with its queue free; nothing is sent.
 TEST_F(WebsockDelayTest, WaitTakesOneMessagePerPollAndAnswersOnlyStatusRequests) {
   make_worker(2, 60);
   for (const char *text : {"lost 1", status_request, R"({"service":"internal-ipc"})", "lost 2"})
     push_from_bus(text);
   std::vector<std::size_t> left;
   fake_libc::on_sleep([&](std::int64_t) { left.push_back(bus_to_ws.items.size()); });
+  ws_to_bus.set_notify([&] {
+    EXPECT_TRUE(std::unique_lock<std::mutex>(bus_to_ws.lock, std::try_to_lock).owns_lock());
+  });
   worker->wait_before_connect();
   left.resize(6);
   EXPECT_THAT(left, ElementsAre(4, 3, 2, 1, 0, 0));
@@ -232,24 +200,11 @@ TEST_F(WebsockDelayTest, ItemWithoutAMessageIsDropped) {
   worker.reset();
   make_connected_worker();
   bus_to_ws.push(nullptr);
-  fake_lws::clear_calls();
+  fake_lws::calls.clear();
   fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE);
   EXPECT_TRUE(bus_to_ws.items.empty());
   EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_callback_on_writable wsi1"));
   EXPECT_THAT(fake_log::lines(), IsEmpty());
-}
-
-// The bus-to-service queue's mutex is free while the wait answers a request from it.
-TEST_F(WebsockDelayTest, QueueIsUnlockedWhileItsMessageIsHandled) {
-  make_worker(2, 60);
-  push_from_bus(status_request);
-  bool was_free = false;
-  ws_to_bus.set_notify([&] {
-    const std::unique_lock<std::mutex> free(bus_to_ws.lock, std::try_to_lock);
-    was_free = free.owns_lock();
-  });
-  worker->wait_before_connect();
-  EXPECT_TRUE(was_free);
 }
 
 // A request pushed during poll 7 is answered "disconnected" by poll 8, 50 ms later.

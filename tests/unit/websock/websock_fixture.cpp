@@ -2,13 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <unistd.h>
-
-#include "fakes/fake_libc.h"
-#include "fakes/fake_log.h"
-#include "fakes/fake_lws.h"
-#include "log/log_module.h"
-#include "unit/websock/wrapped_libc.h"
 
 namespace vemk {
 
@@ -20,12 +13,10 @@ constexpr std::size_t bytes_per_dump_line = 32;
 
 } // namespace
 
-WebsockFixture::WebsockFixture() : run_flag(true) {
+WebsockFixture::WebsockFixture() : LoggingTest(all_categories), run_flag(true) {
   fake_libc::reset();
-  wrapped_libc::reset();
+  fake_memory::reset();
   fake_lws::reset();
-  fake_log::clear();
-  g_log_level = all_categories;
 }
 
 WebsockFixture::~WebsockFixture() {
@@ -34,7 +25,6 @@ WebsockFixture::~WebsockFixture() {
   fake_lws::on_destroy(nullptr);
   fake_libc::on_sleep(nullptr);
   worker.reset();
-  g_log_level = 0;
 }
 
 void WebsockFixture::make_worker(std::uint32_t first_delay, std::uint32_t largest_delay,
@@ -44,22 +34,29 @@ void WebsockFixture::make_worker(std::uint32_t first_delay, std::uint32_t larges
                                                  without_lws_binding, only_whole_messages);
 }
 
-void WebsockFixture::make_connecting_worker() {
-  make_worker();
-  ASSERT_TRUE(worker->_connect());
+void WebsockFixture::make_connecting_worker(bool only_whole_messages) {
+  make_worker(2, 60, false, only_whole_messages);
+  worker->running = worker->_connect();
+  ASSERT_TRUE(worker->running);
   forget_records();
 }
 
 void WebsockFixture::make_connected_worker(bool only_whole_messages) {
-  make_worker(2, 60, false, only_whole_messages);
-  ASSERT_TRUE(worker->_connect());
+  make_connecting_worker(only_whole_messages);
   fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
   take_to_bus();
   forget_records();
 }
 
+void WebsockFixture::reconnect() {
+  worker->deinit();
+  worker->init();
+  fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
+  take_to_bus();
+}
+
 void WebsockFixture::forget_records() {
-  fake_lws::clear_calls();
+  fake_lws::calls.clear();
   fake_log::clear();
 }
 
@@ -72,30 +69,18 @@ void WebsockFixture::let_pass(int seconds) {
   }
 }
 
-void WebsockFixture::push_from_bus(const std::string &text) {
-  const auto message = std::make_shared<buffer_info_t>();
-  message->append(text.data(), static_cast<std::uint32_t>(text.size()));
-  bus_to_ws.push(message);
+void WebsockFixture::deliver_middle_piece(const std::string &bytes) {
+  fake_lws::set_piece(0, false);
+  EXPECT_EQ(fake_lws::deliver_piece(bytes), 0);
+  fake_lws::set_piece(0, true);
 }
 
-std::vector<std::string> WebsockFixture::take_all(message_queue_t &queue) {
-  std::vector<std::string> texts;
-  while (const auto message = queue.try_pop())
-    texts.emplace_back(reinterpret_cast<const char *>(message->data), message->length);
-  return texts;
-}
-
-std::string WebsockFixture::received_so_far() const {
-  const buffer_info_t &buffer = *worker->rx_buffer;
-  return std::string(reinterpret_cast<const char *>(buffer.data), buffer.length);
+int WebsockFixture::receive_null(std::size_t length) {
+  return worker->process_client_receive(fake_lws::connection(), nullptr, nullptr, length);
 }
 
 std::string WebsockFixture::line(const std::string &message) {
-  return line_of("websock-worker", message);
-}
-
-std::string WebsockFixture::line_of(const std::string &module, const std::string &message) {
-  return "|" + std::to_string(getpid()) + "|" + module + "> " + message;
+  return log_line("websock-worker", message);
 }
 
 std::string WebsockFixture::trace_line(const std::string &handler, int number) {
@@ -112,10 +97,25 @@ std::string WebsockFixture::final_line(std::size_t length) {
               std::to_string(length) + " from websocket\n");
 }
 
+std::vector<std::string> WebsockFixture::reception_lines(const std::string &bytes) {
+  return {trace_line("process_client_receive", 87), final_line(bytes.size()),
+          line("websock-roaming->Send to Queue\n"), dump_line(bytes)};
+}
+
+std::string WebsockFixture::sent_line(int type, int result, std::size_t length) {
+  return line("websock-roaming->lws_send:Send msg type [" + std::to_string(type) + "] len [" +
+              std::to_string(result) + "/" + std::to_string(length) + "]  to websocket\n");
+}
+
+std::string WebsockFixture::failed_line(int type) {
+  return line("websock-roaming->lws_send:Can't send msg type [" + std::to_string(type) +
+              "] to websocket\n");
+}
+
 std::string WebsockFixture::dump_line(const std::string &bytes) {
   std::string listing = "Buffer info dump:\n";
   if (bytes.empty())
-    return line_of("buffer-info", listing);
+    return log_line("buffer-info", listing);
   listing += "\t";
   for (const char byte : bytes) {
     char hex[4];
@@ -123,7 +123,7 @@ std::string WebsockFixture::dump_line(const std::string &bytes) {
     listing += hex;
   }
   listing += std::string((bytes_per_dump_line - bytes.size()) * 3 + 4, ' ') + bytes + "\n";
-  return line_of("buffer-info", listing);
+  return log_line("buffer-info", listing);
 }
 
 std::string WebsockFixture::wake_call(const std::string &context, const std::string &connection) {
@@ -131,11 +131,11 @@ std::string WebsockFixture::wake_call(const std::string &context, const std::str
                                        : "lws_callback_on_writable " + connection;
 }
 
-std::vector<std::string> WebsockFixture::service_calls(const std::string &context) {
-  const std::string service = "lws_service " + context + " 500";
+std::vector<std::string> WebsockFixture::service_calls(const std::string &context, int limit_ms) {
+  const std::string service = "lws_service " + context + " " + std::to_string(limit_ms);
   if (!fake_lws::wakes_by_cancelling)
     return {service};
-  return {"lws_sul_schedule " + context + " 0 500000", service,
+  return {"lws_sul_schedule " + context + " 0 " + std::to_string(limit_ms * 1000), service,
           "lws_sul_schedule " + context + " 0 cancel"};
 }
 

@@ -9,65 +9,20 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "websock/websock_worker.h"
+#include "fakes/fake_libc.h"
+#include "fakes/fake_lws.h"
+#include "fakes/fake_memory.h"
+#include "support/buffers.h"
+#include "support/logging_test.h"
+#include "support/open_websock_worker.h"
+#include "support/status_texts.h"
 
 namespace vemk {
 
-class open_websock_worker : public websock_worker {
-public:
-  using websock_worker::websock_worker;
-
-  using websock_worker::_connect;
-  using websock_worker::from_queue_send;
-  using websock_worker::handle_status_request;
-  using websock_worker::lws_send;
-  using websock_worker::next_delay;
-  using websock_worker::ping_timeout;
-  using websock_worker::process_client_receive;
-  using websock_worker::queue_connected_status;
-  using websock_worker::queue_disconnected_status;
-  using websock_worker::request_writeable;
-  using websock_worker::wait_before_connect;
-
-  using websock_worker::alive;
-  using websock_worker::bus_to_ws_queue;
-  using websock_worker::closed;
-  using websock_worker::connect_info;
-  using websock_worker::connected;
-  using websock_worker::context;
-  using websock_worker::creation_info;
-  using websock_worker::current_delay;
-  using websock_worker::host;
-  using websock_worker::initial_delay;
-  using websock_worker::last_ping;
-  using websock_worker::log_hook;
-  using websock_worker::log_name;
-  using websock_worker::max_delay;
-  using websock_worker::missed_pongs;
-  using websock_worker::mode;
-  using websock_worker::path;
-  using websock_worker::ping_timeout_handler;
-  using websock_worker::port;
-  using websock_worker::protocol_callback;
-  using websock_worker::protocols;
-  using websock_worker::running;
-  using websock_worker::rx_buffer;
-  using websock_worker::skip_lws_binding;
-  using websock_worker::timers;
-  using websock_worker::wake_pipe;
-  using websock_worker::whole_messages;
-  using websock_worker::ws_to_bus_queue;
-};
-
-constexpr char connected_status[] =
-    R"({ "version": "2.0", "service": "internal-ipc", "cmd": "connected" })";
-constexpr char disconnected_status[] =
-    R"({ "version": "2.0", "service": "internal-ipc", "cmd": "disconnected" })";
-constexpr char status_request[] = R"({"service":"internal-ipc","cmd":"status"})";
-
-class WebsockFixture : public testing::Test {
+class WebsockFixture : public LoggingTest {
 protected:
   WebsockFixture();
   ~WebsockFixture() override;
@@ -77,9 +32,11 @@ protected:
                    bool without_lws_binding = false, bool only_whole_messages = false);
 
   /// Makes a worker whose connection attempt runs, and forgets the records so far.
-  void make_connecting_worker();
+  void make_connecting_worker(bool only_whole_messages = false);
   /// Makes a worker whose connection is established, and forgets the records so far.
   void make_connected_worker(bool only_whole_messages = false);
+  /// Lets the base make the connection anew.
+  void reconnect();
 
   /// Forgets calls and log lines. Status messages stay in their queue.
   static void forget_records();
@@ -87,27 +44,33 @@ protected:
   /// Advances the clock in steps that the clock check accepts, with a service round after each.
   void let_pass(int seconds);
 
-  void push_from_bus(const std::string &text);
-  /// Takes the texts of everything in the queue.
-  static std::vector<std::string> take_all(message_queue_t &queue);
+  void push_from_bus(const std::string &text) { bus_to_ws.push(buffer_of(text)); }
   std::vector<std::string> take_to_bus() { return take_all(ws_to_bus); }
   /// What the receive buffer holds.
-  std::string received_so_far() const;
+  std::string received_so_far() const { return text_of(*worker->rx_buffer); }
+  /// A piece of a message that has others behind it.
+  static void deliver_middle_piece(const std::string &bytes);
+  /// The handler's result for a piece of this length without data.
+  int receive_null(std::size_t length);
 
   /// The whole line of the module "websock-worker" with this message.
   static std::string line(const std::string &message);
-  static std::string line_of(const std::string &module, const std::string &message);
   /// "websock-roaming->handler:number\n", as a whole line.
   static std::string trace_line(const std::string &handler, int number);
   /// The lines of a received piece: one that is not the last, and the last of a message.
   static std::string incomplete_line(int remaining);
   static std::string final_line(std::size_t length);
+  /// All lines of a message of up to 31 bytes that came in one piece.
+  static std::vector<std::string> reception_lines(const std::string &bytes);
+  /// The lines of a frame of this type: one that was written, and one that was not.
+  static std::string sent_line(int type, int result, std::size_t length);
+  static std::string failed_line(int type);
   /// The whole line of a dump of up to 31 bytes below 0x80.
   static std::string dump_line(const std::string &bytes);
   /// The call that a push makes while the connection is established.
   static std::string wake_call(const std::string &context, const std::string &connection);
   /// The calls by which one run_once() serves a context.
-  static std::vector<std::string> service_calls(const std::string &context);
+  static std::vector<std::string> service_calls(const std::string &context, int limit_ms = 500);
 
   bool run_flag;
   message_queue_t bus_to_ws;

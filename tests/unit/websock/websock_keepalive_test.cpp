@@ -2,12 +2,6 @@
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "fakes/fake_libc.h"
-#include "fakes/fake_log.h"
-#include "fakes/fake_lws.h"
 #include "unit/websock/websock_fixture.h"
 
 namespace vemk {
@@ -37,9 +31,13 @@ protected:
                 " pong answer in a row from server\n");
   }
 
-  static std::string sent_line(int result) {
-    return line("websock-roaming->lws_send:Send msg type [5] len [" + std::to_string(result) +
-                "/0]  to websocket\n");
+  /// It ends the steps in so many seconds and not in one less.
+  void expect_watchdog_in(int seconds) {
+    let_pass(seconds - 1);
+    EXPECT_TRUE(worker->running);
+    forget_records();
+    let_pass(1);
+    EXPECT_FALSE(worker->running);
   }
 };
 
@@ -63,7 +61,7 @@ TEST_F(WebsockKeepaliveTest, PingGoesOutAtThirtySeconds) {
   become_writeable();
   EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_write wsi1 0 5", "lws_callback_on_writable wsi1",
                                              "lws_callback_on_writable wsi1"));
-  EXPECT_THAT(fake_log::lines(), ElementsAre(ping_line(30), sent_line(6)));
+  EXPECT_THAT(fake_log::lines(), ElementsAre(ping_line(30), sent_line(5, 6, 0)));
   EXPECT_EQ(worker->missed_pongs, 1);
   EXPECT_EQ(worker->last_ping.tv_sec, 1030);
 }
@@ -111,31 +109,22 @@ TEST_F(WebsockKeepaliveTest, NoPingIsSentWhileNotConnected) {
   EXPECT_THAT(fake_lws::frames(), IsEmpty());
 }
 
-// Results 0 and -1 leave the count at 0, but the time of the last ping moves on.
+// Results 0 and -1 leave the count at 0, 1 byte makes it 1; the time of the last ping moves on.
 TEST_F(WebsockKeepaliveTest, PingWithoutAPositiveResultIsNotCounted) {
   make_connected_worker();
-  for (const int result : {0, -1}) {
+  for (const int result : {0, -1, 1}) {
     fake_lws::script_write_results({result});
     send_ping();
-    EXPECT_EQ(worker->missed_pongs, 0) << result;
+    EXPECT_EQ(worker->missed_pongs, result == 1 ? 1 : 0) << result;
   }
-  EXPECT_EQ(fake_lws::frames().size(), 2u);
+  EXPECT_EQ(fake_lws::frames().size(), 3u);
   // Failed or not, it counts for the interval.
-  EXPECT_EQ(worker->last_ping.tv_sec, 1060);
-}
-
-// A result of 1 byte makes the count 1.
-TEST_F(WebsockKeepaliveTest, PingWithTheSmallestPositiveResultIsCounted) {
-  make_connected_worker();
-  fake_lws::script_write_results({1});
-  send_ping();
-  EXPECT_EQ(worker->missed_pongs, 1);
+  EXPECT_EQ(worker->last_ping.tv_sec, 1090);
 }
 
 // Twenty pings, each answered: the count goes 0, 1, 0 with trace 119, and the connection stays.
 TEST_F(WebsockKeepaliveTest, AnsweredPingsKeepTheConnection) {
   make_connected_worker();
-  worker->running = true;
   for (int round = 0; round < 20; ++round) {
     send_ping();
     EXPECT_EQ(worker->missed_pongs, 1);
@@ -148,21 +137,15 @@ TEST_F(WebsockKeepaliveTest, AnsweredPingsKeepTheConnection) {
   EXPECT_TRUE(worker->running);
 }
 
-// A pong sets the count from 2 to 0, not to 1.
-TEST_F(WebsockKeepaliveTest, PongClearsACountOfTwo) {
+// Reason 7, a server connection's pong, leaves a count of 2; a pong sets it to 0, not to 1.
+TEST_F(WebsockKeepaliveTest, PongClearsACountOfTwoAndAServersPongDoesNot) {
   make_connected_worker();
   worker->missed_pongs = 2;
+  fake_lws::deliver(LWS_CALLBACK_RECEIVE_PONG);
+  EXPECT_EQ(worker->missed_pongs, 2);
   fake_lws::deliver(LWS_CALLBACK_CLIENT_RECEIVE_PONG);
   EXPECT_EQ(worker->missed_pongs, 0);
   EXPECT_TRUE(worker->alive);
-}
-
-// Reason 7, a server connection's pong, leaves the count at 1.
-TEST_F(WebsockKeepaliveTest, ServersPingIsNoPong) {
-  make_connected_worker();
-  send_ping();
-  fake_lws::deliver(LWS_CALLBACK_RECEIVE_PONG);
-  EXPECT_EQ(worker->missed_pongs, 1);
 }
 
 // The third ping makes the count 3; the callback after it logs, sets it to 0 and clears `alive`.
@@ -206,9 +189,9 @@ TEST_F(WebsockKeepaliveTest, CountOfAnEarlierConnectionGoesOnInTheNext) {
   send_ping();
   send_ping();
   fake_lws::deliver(fake_lws::closed_reason);
-  worker->deinit();
-  worker->init();
-  fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
+  reconnect();
+  EXPECT_EQ(worker->missed_pongs, 2);
+  EXPECT_TRUE(worker->alive);
   send_ping();
   EXPECT_EQ(worker->missed_pongs, 3);
   forget_records();
@@ -217,23 +200,18 @@ TEST_F(WebsockKeepaliveTest, CountOfAnEarlierConnectionGoesOnInTheNext) {
   EXPECT_THAT(fake_log::lines(), ElementsAre(missing_line(3)));
 }
 
-// A count of 5 is logged as 5 and drops as 3 does.
-TEST_F(WebsockKeepaliveTest, CountAboveTheLimitIsNamedAsItIs) {
-  make_connected_worker();
-  worker->missed_pongs = 5;
-  become_writeable();
-  EXPECT_THAT(fake_log::lines(), ElementsAre(missing_line(5)));
-  EXPECT_FALSE(worker->alive);
-}
-
-// A count of 2 logs nothing, stays 2 and leaves `alive` set.
-TEST_F(WebsockKeepaliveTest, TwoMissingPongsDropNothing) {
+// A count of 2 logs nothing, stays and drops nothing; one of 5 is logged as 5 and drops as 3 does.
+TEST_F(WebsockKeepaliveTest, CountAboveTheLimitIsNamedAsItIsAndTwoDropNothing) {
   make_connected_worker();
   worker->missed_pongs = 2;
   become_writeable();
   EXPECT_TRUE(worker->alive);
   EXPECT_EQ(worker->missed_pongs, 2);
   EXPECT_THAT(fake_log::lines(), IsEmpty());
+  worker->missed_pongs = 5;
+  become_writeable();
+  EXPECT_THAT(fake_log::lines(), ElementsAre(missing_line(5)));
+  EXPECT_FALSE(worker->alive);
 }
 
 // A pong at count 3 first logs and drops, then writes its own trace 119.
@@ -249,12 +227,7 @@ TEST_F(WebsockKeepaliveTest, PongThatComesTooLateDropsAllTheSame) {
 // At 60 s, not at 59, "ping_timeout:197" is logged and `running` cleared; the flags stay.
 TEST_F(WebsockKeepaliveTest, WatchdogFiresSixtySecondsAfterTheEstablishment) {
   make_connected_worker();
-  worker->running = true;
-  let_pass(59);
-  EXPECT_TRUE(worker->running);
-  fake_log::clear();
-  let_pass(1);
-  EXPECT_FALSE(worker->running);
+  expect_watchdog_in(60);
   EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("ping_timeout", 197)));
   // The flags of the connection are left to deinit.
   EXPECT_TRUE(worker->alive);
@@ -275,7 +248,6 @@ TEST_F(WebsockKeepaliveTest, WatchdogRunsTheCopyMadeWhenItWasArmed) {
 // The watchdog is a timer with id 0: cancelling that id by hand takes it away.
 TEST_F(WebsockKeepaliveTest, WatchdogHasTheTimerIdZero) {
   make_connected_worker();
-  worker->running = true;
   worker->timers.cancel_timers(0);
   let_pass(70);
   EXPECT_TRUE(worker->running);
@@ -295,7 +267,6 @@ TEST_F(WebsockKeepaliveTest, OtherTimersSurviveTheArming) {
 // In one step lws_service comes first, then the due watchdog, and the step returns true.
 TEST_F(WebsockKeepaliveTest, WatchdogFiresInTheStepThatFollowsTheService) {
   make_connected_worker();
-  worker->running = true;
   let_pass(59);
   fake_libc::advance_seconds(1);
   forget_records();
@@ -310,37 +281,23 @@ TEST_F(WebsockKeepaliveTest, WatchdogFiresInTheStepThatFollowsTheService) {
 // After four pings 45 s apart the watchdog fires 60 s after the last of them.
 TEST_F(WebsockKeepaliveTest, EveryPingPushesTheWatchdogBack) {
   make_connected_worker();
-  worker->running = true;
   for (int ping = 0; ping < 4; ++ping) {
     let_pass(45);
     become_writeable();
     fake_lws::deliver(LWS_CALLBACK_CLIENT_RECEIVE_PONG);
   }
-  let_pass(59);
-  EXPECT_TRUE(worker->running);
-  let_pass(1);
-  EXPECT_FALSE(worker->running);
+  expect_watchdog_in(60);
 }
 
-// A ping with the result -1 at 50 s moves the watchdog to 110 s.
+// A ping with the result -1 at 50 s moves it to 110 s; a callback at 70 s sends none and does not.
 TEST_F(WebsockKeepaliveTest, FailedPingPushesTheWatchdogBackToo) {
   make_connected_worker();
-  worker->running = true;
   let_pass(50);
   fake_lws::script_write_results({-1});
   become_writeable();
-  let_pass(59);
-  EXPECT_TRUE(worker->running);
-}
-
-// A writeable callback at 20 s sends no ping: the watchdog fires at 60 s.
-TEST_F(WebsockKeepaliveTest, WriteableCallbacksWithoutAPingDoNotPushTheWatchdogBack) {
-  make_connected_worker();
-  worker->running = true;
   let_pass(20);
   become_writeable();
-  let_pass(40);
-  EXPECT_FALSE(worker->running);
+  expect_watchdog_in(40);
 }
 
 // A second establishment at 30 s moves the one watchdog to 90 s, and it fires once.
@@ -348,11 +305,7 @@ TEST_F(WebsockKeepaliveTest, EstablishmentArmsOneWatchdogOnly) {
   make_connected_worker();
   let_pass(30);
   fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
-  worker->running = true;
-  let_pass(59);
-  EXPECT_TRUE(worker->running);
-  let_pass(1);
-  EXPECT_FALSE(worker->running);
+  expect_watchdog_in(60);
   worker->running = true;
   let_pass(120);
   EXPECT_TRUE(worker->running);
@@ -361,7 +314,6 @@ TEST_F(WebsockKeepaliveTest, EstablishmentArmsOneWatchdogOnly) {
 // 120 seconds into an attempt `running` is still set.
 TEST_F(WebsockKeepaliveTest, NoWatchdogRunsBeforeTheEstablishment) {
   make_connecting_worker();
-  worker->running = true;
   let_pass(120);
   EXPECT_TRUE(worker->running);
 }

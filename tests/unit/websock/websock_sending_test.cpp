@@ -4,14 +4,7 @@
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "fakes/fake_log.h"
-#include "fakes/fake_lws.h"
-#include "log/log_module.h"
 #include "unit/websock/websock_fixture.h"
-#include "unit/websock/wrapped_libc.h"
 
 namespace vemk {
 namespace {
@@ -60,16 +53,6 @@ protected:
     return job.result;
   }
 
-  static std::string sent_line(int type, int result, std::size_t length) {
-    return line("websock-roaming->lws_send:Send msg type [" + std::to_string(type) + "] len [" +
-                std::to_string(result) + "/" + std::to_string(length) + "]  to websocket\n");
-  }
-
-  static std::string failed_line(int type) {
-    return line("websock-roaming->lws_send:Can't send msg type [" + std::to_string(type) +
-                "] to websocket\n");
-  }
-
   /// Text that repeats at no power of two.
   static std::string payload_of(std::size_t length) {
     std::string payload(length, '\0');
@@ -83,20 +66,8 @@ protected:
 TEST_F(WebsockSendingTest, FramesOfEverySizeAreWrittenWhole) {
   make_connected_worker();
   // Around 16 KiB a frame moves from the stack to the heap.
-  const std::vector<std::size_t> lengths = {0,
-                                            1,
-                                            125,
-                                            126,
-                                            4096,
-                                            16 * 1024 - 17,
-                                            16 * 1024 - 16,
-                                            16 * 1024 - 15,
-                                            16 * 1024 - 1,
-                                            16 * 1024,
-                                            16 * 1024 + 1,
-                                            65535,
-                                            65536,
-                                            mebibyte};
+  const std::vector<std::size_t> lengths = {0,     1,     125,   126,   4096,  16367, 16368,
+                                            16369, 16383, 16384, 16385, 65535, 65536, mebibyte};
   for (const std::size_t length : lengths) {
     SCOPED_TRACE(length);
     const std::string payload = payload_of(length);
@@ -144,21 +115,14 @@ TEST_F(WebsockSendingTest, BytesLeaveAsTheyAre) {
   EXPECT_EQ(fake_lws::frames()[0].payload, bytes);
 }
 
-// A result of 2 for 4 bytes gives "len [2/4]  to", is returned, and the rest is not sent.
+// A result of 2 or 0 for 4 bytes gives "len [2/4]  to", is returned, and the rest is not sent.
 TEST_F(WebsockSendingTest, ShortWriteIsOnlyLogged) {
   make_connected_worker();
-  fake_lws::script_write_results({2});
+  fake_lws::script_write_results({2, 0});
   EXPECT_EQ(send("four"), 2);
-  EXPECT_EQ(fake_lws::frames().size(), 1u);
-  EXPECT_THAT(fake_log::lines(), ElementsAre(sent_line(0, 2, 4)));
-}
-
-// A result of 0 is logged as sent, "len [0/4]  to", with its two blanks.
-TEST_F(WebsockSendingTest, ResultZeroIsNoFailure) {
-  make_connected_worker();
-  fake_lws::script_write_results({0});
   EXPECT_EQ(send("four"), 0);
-  EXPECT_THAT(fake_log::lines(), ElementsAre(sent_line(0, 0, 4)));
+  EXPECT_EQ(fake_lws::frames().size(), 2u);
+  EXPECT_THAT(fake_log::lines(), ElementsAre(sent_line(0, 2, 4), sent_line(0, 0, 4)));
 }
 
 // Results -1 and -7 log "Can't send msg type" with [0] and [5], and are returned.
@@ -172,20 +136,15 @@ TEST_F(WebsockSendingTest, FailedWriteIsLoggedWithItsType) {
 
 // The failure line needs the error bit alone, the success line the info bit alone.
 TEST_F(WebsockSendingTest, FailureIsAnErrorLineAndSuccessAnInfoLine) {
-  g_log_level = log_category_error;
-  make_connected_worker();
-  fake_lws::script_write_results({4, -1});
-  send("four");
-  send("four");
-  EXPECT_THAT(fake_log::lines(), ElementsAre(failed_line(0)));
-  worker.reset();
-
-  g_log_level = log_category_info;
-  make_connected_worker();
-  fake_lws::script_write_results({4, -1});
-  send("four");
-  send("four");
-  EXPECT_THAT(fake_log::lines(), ElementsAre(sent_line(0, 4, 4)));
+  for (const std::uint32_t mask : {log_category_error, log_category_info}) {
+    g_log_level = mask;
+    make_connected_worker();
+    fake_lws::script_write_results({4, -1});
+    send("four");
+    send("four");
+    EXPECT_THAT(fake_log::lines(),
+                ElementsAre(mask == log_category_error ? failed_line(0) : sent_line(0, 4, 4)));
+  }
 }
 
 // A thread with 128 KiB of stack sends 16 MiB in one frame, byte for byte.
@@ -214,7 +173,7 @@ TEST_F(WebsockSendingTest, NoMemoryForALargeFrameLosesOnlyThatMessage) {
   push_from_bus("small");
   forget_records();
   {
-    const wrapped_libc::memory_shortage shortage(mebibyte);
+    const fake_memory::shortage shortage(mebibyte);
     fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE);
   }
   EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_callback_on_writable wsi1"));
@@ -229,7 +188,7 @@ TEST_F(WebsockSendingTest, NoMemoryForALargeFrameLosesOnlyThatMessage) {
 // The frame's size once wrapped round to a few bytes of the stack, and the payload went over it.
 TEST_F(WebsockSendingTest, ALengthThatLeavesNoRoomForTheHeadroomIsNotSent) {
   make_connected_worker();
-  const wrapped_libc::memory_shortage shortage(mebibyte);
+  const fake_memory::shortage shortage(mebibyte);
   constexpr std::size_t longest = static_cast<std::size_t>(-1);
   for (const std::size_t length : {std::size_t{0x80000000u}, longest - 16, longest - 15, longest}) {
     forget_records();
@@ -242,7 +201,7 @@ TEST_F(WebsockSendingTest, ALengthThatLeavesNoRoomForTheHeadroomIsNotSent) {
 // Up to 16368 bytes are sent while no byte can be allocated, and 16369 are not.
 TEST_F(WebsockSendingTest, SmallFramesNeedNoHeap) {
   make_connected_worker();
-  const wrapped_libc::memory_shortage shortage(1);
+  const fake_memory::shortage shortage;
   EXPECT_EQ(send("small"), 5);
   EXPECT_EQ(send(payload_of(16 * 1024 - 16)), 16 * 1024 - 16);
   EXPECT_EQ(send(payload_of(16 * 1024 - 15)), -1);
@@ -251,8 +210,9 @@ TEST_F(WebsockSendingTest, SmallFramesNeedNoHeap) {
 // The block of a frame of 1 MiB goes to free before lws_send returns.
 TEST_F(WebsockSendingTest, LargeFramesGiveTheirMemoryBack) {
   make_connected_worker();
+  fake_memory::watch_next_calloc();
   EXPECT_EQ(send(payload_of(mebibyte)), static_cast<int>(mebibyte));
-  EXPECT_TRUE(wrapped_libc::last_calloc_was_freed());
+  EXPECT_EQ(fake_memory::frees_of_watched(), 1);
 }
 
 } // namespace

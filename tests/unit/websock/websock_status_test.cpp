@@ -1,10 +1,6 @@
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "fakes/fake_lws.h"
 #include "unit/websock/websock_fixture.h"
 
 namespace vemk {
@@ -18,11 +14,7 @@ using testing::Not;
 
 class WebsockStatusTest : public WebsockFixture {
 protected:
-  bool is_kept(const std::string &text) {
-    buffer_info_t message;
-    message.append(text.data(), static_cast<std::uint32_t>(text.size()));
-    return worker->handle_status_request(message);
-  }
+  bool is_kept(const std::string &text) { return worker->handle_status_request(*buffer_of(text)); }
 
   void send_from_bus(const std::string &text) {
     push_from_bus(text);

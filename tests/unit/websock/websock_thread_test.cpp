@@ -6,12 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "fakes/fake_libc.h"
-#include "fakes/fake_log.h"
-#include "fakes/fake_lws.h"
+#include "support/worker_thread.h"
 #include "unit/websock/websock_fixture.h"
 
 namespace vemk {
@@ -20,25 +15,8 @@ namespace {
 using testing::ElementsAre;
 using testing::Not;
 
-constexpr std::int64_t restart_pause_us = 300000;
-constexpr std::int64_t step_pause_us = 100000;
-
-/// Runs the worker on its own thread, which the base never ends: the test ends it in a restart
-/// pause.
 class WebsockThreadTest : public WebsockFixture {
 protected:
-  /// Ends the worker's thread in its restart pause number `restarts`.
-  void run_until_restart(int restarts) {
-    std::atomic<int> pauses{0};
-    fake_libc::on_sleep([&](std::int64_t microseconds) {
-      if (microseconds == restart_pause_us && ++pauses == restarts)
-        pthread_exit(nullptr);
-    });
-    worker->start();
-    worker->join();
-    fake_libc::on_sleep(nullptr);
-  }
-
   /// The library establishes the connection in one step and closes it in the next.
   static void script_short_connection() {
     fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED); });
@@ -74,7 +52,7 @@ TEST_F(WebsockThreadTest, ThreadIsNamedAfterTheWorker) {
     pthread_getname_np(pthread_self(), name, sizeof name);
     fake_lws::deliver(LWS_CALLBACK_CLIENT_CONNECTION_ERROR);
   });
-  run_until_restart(1);
+  run_until_restart(*worker, 1);
   EXPECT_STREQ(name, "websock-roaming");
 }
 
@@ -83,7 +61,7 @@ TEST_F(WebsockThreadTest, ClosedConnectionIsFollowedByAnotherAttempt) {
   make_worker();
   script_short_connection();
   script_short_connection();
-  run_until_restart(2);
+  run_until_restart(*worker, 2);
   EXPECT_THAT(take_to_bus(),
               ElementsAre(disconnected_status, connected_status, disconnected_status,
                           disconnected_status, connected_status, disconnected_status));
@@ -99,7 +77,7 @@ TEST_F(WebsockThreadTest, UnreachableServerIsTriedForEverWithGrowingWaits) {
   fake_lws::fail_next_connection();
   for (int i = 0; i < 4; ++i)
     fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_CONNECTION_ERROR); });
-  run_until_restart(5);
+  run_until_restart(*worker, 5);
   EXPECT_EQ(fake_lws::connect_infos().size(), 5u);
   // rand() is 0, so the waits are half the delays 2, 4, 8, 8, 8.
   EXPECT_THAT(announced_waits(), ElementsAre(1, 2, 4, 4, 4));
@@ -111,7 +89,7 @@ TEST_F(WebsockThreadTest, ContextThatCannotBeMadeIsTriedAgainWithALongerWait) {
   make_worker(4, 60);
   fake_lws::fail_next_context();
   fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_CONNECTION_ERROR); });
-  run_until_restart(2);
+  run_until_restart(*worker, 2);
   EXPECT_THAT(announced_waits(), ElementsAre(2, 4));
   EXPECT_THAT(long_sleeps(), ElementsAre(restart_pause_us, step_pause_us, restart_pause_us));
   EXPECT_EQ(take_to_bus(), std::vector<std::string>(4, disconnected_status));
@@ -127,7 +105,7 @@ TEST_F(WebsockThreadTest, ThirdUnansweredPingRestartsTheWorker) {
       fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE);
     });
   fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE); });
-  run_until_restart(1);
+  run_until_restart(*worker, 1);
   EXPECT_EQ(fake_lws::frames().size(), 3u);
   EXPECT_THAT(fake_log::lines(),
               testing::Contains(
@@ -143,7 +121,7 @@ TEST_F(WebsockThreadTest, WatchdogRestartsTheWorker) {
   fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED); });
   for (int i = 0; i < 6; ++i)
     fake_lws::script_service([] { fake_libc::advance_seconds(10); });
-  run_until_restart(1);
+  run_until_restart(*worker, 1);
   EXPECT_THAT(take_to_bus(),
               ElementsAre(disconnected_status, connected_status, disconnected_status));
   EXPECT_FALSE(worker->closed);
@@ -153,7 +131,7 @@ TEST_F(WebsockThreadTest, WatchdogRestartsTheWorker) {
 TEST_F(WebsockThreadTest, FalseRunFlagCyclesWithoutSteps) {
   make_worker();
   run_flag = false;
-  run_until_restart(3);
+  run_until_restart(*worker, 3);
   EXPECT_EQ(fake_lws::connect_infos().size(), 3u);
   EXPECT_THAT(long_sleeps(), ElementsAre(restart_pause_us, restart_pause_us, restart_pause_us));
   EXPECT_THAT(fake_lws::calls(), Not(testing::Contains(testing::HasSubstr("lws_service"))));
@@ -181,7 +159,7 @@ TEST_F(WebsockThreadTest, PushesDuringReconnectsTouchOnlyWhatExists) {
       std::this_thread::yield();
     }
   });
-  run_until_restart(rounds);
+  run_until_restart(*worker, rounds);
   stop = true;
   pusher.join();
   EXPECT_THAT(fake_lws::calls(), Not(testing::Contains(testing::HasSubstr("dead"))));

@@ -8,13 +8,7 @@
 #include <memory>
 #include <string>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "fakes/fake_log.h"
-#include "fakes/fake_lws.h"
 #include "unit/websock/websock_fixture.h"
-#include "unit/websock/wrapped_libc.h"
 
 namespace vemk {
 namespace {
@@ -25,25 +19,6 @@ using testing::IsEmpty;
 class WebsockWholeMessagesTest : public WebsockFixture {
 protected:
   WebsockWholeMessagesTest() { make_connected_worker(true); }
-
-  static void deliver_middle_piece(const std::string &bytes) {
-    fake_lws::set_piece(0, false);
-    fake_lws::deliver_piece(bytes);
-    fake_lws::set_piece(0, true);
-  }
-
-  /// The handler's result for a last piece of this length without data.
-  int end_with_null(std::size_t length) {
-    return worker->process_client_receive(fake_lws::connection(), nullptr, nullptr, length);
-  }
-
-  /// Lets the base make the connection anew.
-  void reconnect() {
-    worker->deinit();
-    worker->init();
-    fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
-    take_to_bus();
-  }
 };
 
 // The first fragment's bytes are queued with the lines of any last piece, and the result is 0.
@@ -53,9 +28,7 @@ TEST_F(WebsockWholeMessagesTest, EmptyLastPieceDeliversTheMessage) {
   forget_records();
   char byte = 'x';
   EXPECT_EQ(worker->process_client_receive(fake_lws::connection(), nullptr, &byte, 0), 0);
-  EXPECT_THAT(fake_log::lines(),
-              ElementsAre(trace_line("process_client_receive", 87), final_line(5),
-                          line("websock-roaming->Send to Queue\n"), dump_line("begun")));
+  EXPECT_EQ(fake_log::lines(), reception_lines("begun"));
   EXPECT_NE(worker->rx_buffer, message);
   EXPECT_EQ(received_so_far(), "");
   EXPECT_THAT(take_to_bus(), ElementsAre("begun"));
@@ -65,7 +38,7 @@ TEST_F(WebsockWholeMessagesTest, EmptyLastPieceDeliversTheMessage) {
 TEST_F(WebsockWholeMessagesTest, NullLastPieceDeliversTheMessage) {
   for (const std::size_t length : {0u, 5u, 4096u}) {
     deliver_middle_piece("begun");
-    EXPECT_EQ(end_with_null(length), 0) << length;
+    EXPECT_EQ(receive_null(length), 0) << length;
     EXPECT_THAT(take_to_bus(), ElementsAre("begun")) << length;
   }
 }
@@ -96,19 +69,19 @@ TEST_F(WebsockWholeMessagesTest, OtherMessagesAreReceivedAsEver) {
 TEST_F(WebsockWholeMessagesTest, OnlyTheLastPieceEndsAMessage) {
   deliver_middle_piece("begun");
   fake_lws::set_piece(0, false);
-  EXPECT_EQ(end_with_null(0), 0);
+  EXPECT_EQ(receive_null(0), 0);
   fake_lws::set_piece(9, true);
-  EXPECT_EQ(end_with_null(0), 0);
+  EXPECT_EQ(receive_null(0), 0);
   EXPECT_THAT(take_to_bus(), IsEmpty());
   EXPECT_EQ(received_so_far(), "begun");
 }
 
 // With nothing received before it the result is -1, also behind an empty middle piece.
 TEST_F(WebsockWholeMessagesTest, EmptyMessageStaysUndelivered) {
-  EXPECT_EQ(end_with_null(0), -1);
-  EXPECT_EQ(end_with_null(5), -1);
+  EXPECT_EQ(receive_null(0), -1);
+  EXPECT_EQ(receive_null(5), -1);
   deliver_middle_piece("");
-  EXPECT_EQ(end_with_null(0), -1);
+  EXPECT_EQ(receive_null(0), -1);
   EXPECT_THAT(take_to_bus(), IsEmpty());
   fake_lws::deliver_piece("next");
   EXPECT_THAT(take_to_bus(), ElementsAre("next"));
@@ -118,8 +91,8 @@ TEST_F(WebsockWholeMessagesTest, EmptyMessageStaysUndelivered) {
 TEST_F(WebsockWholeMessagesTest, EmptyLastPieceNeedsNoMemory) {
   deliver_middle_piece("begun");
   {
-    const wrapped_libc::memory_shortage shortage(1);
-    EXPECT_EQ(end_with_null(0), 0);
+    const fake_memory::shortage shortage;
+    EXPECT_EQ(receive_null(0), 0);
   }
   EXPECT_THAT(take_to_bus(), ElementsAre("begun"));
 }
@@ -138,12 +111,11 @@ TEST_F(WebsockWholeMessagesTest, CloseForgetsThePartialMessage) {
 
 // The same where the watchdog ends the connection, and an empty last piece comes on the next one.
 TEST_F(WebsockWholeMessagesTest, WatchdogForgetsThePartialMessage) {
-  worker->running = true;
   deliver_middle_piece("cut off, ");
   let_pass(60);
   EXPECT_FALSE(worker->running);
   reconnect();
-  EXPECT_EQ(end_with_null(0), -1);
+  EXPECT_EQ(receive_null(0), -1);
   fake_lws::deliver_piece("then whole");
   EXPECT_THAT(take_to_bus(), ElementsAre("then whole"));
 }

@@ -17,21 +17,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "fakes/fake_libc.h"
-#include "fakes/fake_log.h"
-#include "log/log_module.h"
+#include "support/logging_test.h"
+#include "support/worker_thread.h"
 
 namespace vemk {
 
 namespace {
 
-using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-
-constexpr std::int32_t restart_pause = 300000;
 
 /// Records its operations; each does what the test gave for it.
 class recording_worker : public abstract_worker {
@@ -81,40 +77,35 @@ public:
 
 /// Sleeps are recorded with the operations, and the worker's thread ends in its last restart pause:
 /// the loop has no end of its own.
-class AbstractWorkerTest : public testing::Test {
+class AbstractWorkerTest : public LoggingTest {
 protected:
-  AbstractWorkerTest() {
+  AbstractWorkerTest() : LoggingTest(0) {
     fake_libc::reset();
-    fake_log::clear();
     make_worker(100000);
   }
 
   ~AbstractWorkerTest() override { fake_libc::reset(); }
 
   void make_worker(std::int32_t step_pause) {
-    worker = std::make_unique<recording_worker>(&run_flag, "recording", step_pause, restart_pause);
+    worker =
+        std::make_unique<recording_worker>(&run_flag, "recording", step_pause, restart_pause_us);
   }
 
   /// The worker's operations and sleeps over this many rounds of its loop.
   std::vector<std::string> events_of(int rounds) {
-    int rounds_left = rounds;
-    fake_libc::on_sleep([&](std::int64_t sleep_us) {
+    run_until_restart(*worker, rounds, [this](std::int64_t sleep_us) {
       worker->note("sleep " + std::to_string(sleep_us));
-      if (sleep_us == restart_pause && --rounds_left == 0)
-        pthread_exit(nullptr);
     });
-    worker->start();
-    worker->join();
     return worker->events;
   }
 
-  /// run_once() that returns `result` and restarts the worker in its call number `last`.
-  std::function<bool()> steps(int last, bool result) {
-    return [this, last, result, count = 0]() mutable {
-      if (++count == last) {
-        count = 0;
+  /// run_once() that returns the results in turn and restarts the worker with the last.
+  std::function<bool()> steps(const std::vector<bool> &results) {
+    return [this, results, count = std::size_t{0}]() mutable {
+      const bool result = results[count];
+      count = (count + 1) % results.size();
+      if (count == 0)
         worker->stop_running();
-      }
       return result;
     };
   }
@@ -127,17 +118,34 @@ class AbstractWorkerDeathTest : public AbstractWorkerTest {
 protected:
   AbstractWorkerDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
-  /// For the child process: standard output goes where the test can match it, and exit() is the
-  /// real one.
+  /// For the child process: standard output alone goes where the test can match it, and exit() is
+  /// the real one.
   void run_in_child() {
     dup2(STDERR_FILENO, STDOUT_FILENO);
+    dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
     fake_libc::let_exit_end_the_process();
     worker->start();
     worker->join();
   }
 
-  void tell_deinit() {
-    worker->on_deinit = [] { fputs("deinit called\n", stderr); };
+  /// The loop ends the process with its message: no log line and no deinit() is told beside it.
+  void expect_the_message_alone() {
+    g_log_level = 0xFFFF;
+    worker->on_deinit = [] { fputs("deinit called\n", stdout); };
+    EXPECT_EXIT(
+        {
+          atexit([] {
+            for (const std::string &line : fake_log::lines())
+              printf("logged %s", line.c_str());
+          });
+          run_in_child();
+        },
+        testing::ExitedWithCode(255),
+        testing::StrEq("Unhandled exception at worker 'recording'\n"));
+  }
+
+  void expect_termination() {
+    EXPECT_EXIT(run_in_child(), testing::KilledBySignal(SIGABRT), Not(HasSubstr("Unhandled")));
   }
 };
 
@@ -165,11 +173,9 @@ TEST_F(AbstractWorkerTest, ConstructionMakesATimerServiceOfTheConfiguredLevel) {
   EXPECT_EQ(1, fake_libc::clock_reads());
   fake_libc::script_readings({999, 1000});
   worker->service().run_expired();
-  g_log_level = 0;
   EXPECT_THAT(fake_log::lines(),
-              ElementsAre("|" + std::to_string(getpid()) +
-                          "|timers> time_monotonic: Time error, need restart, expired [999] "
-                          "[1000] cnt 0\n"));
+              ElementsAre(log_line("timers", "time_monotonic: Time error, need restart, expired "
+                                             "[999] [1000] cnt 0\n")));
 }
 
 // A pending timer's callback is destroyed with the worker.
@@ -196,44 +202,31 @@ TEST_F(AbstractWorkerTest, FalseRunFlagGivesACycleWithoutSteps) {
   EXPECT_THAT(worker->flags, ElementsAre(&run_flag, &run_flag));
 }
 
-// Three steps that return false have no sleep between or after them.
-TEST_F(AbstractWorkerTest, StepsThatReturnFalseRunBackToBack) {
-  worker->on_run_once = steps(3, false);
-  EXPECT_THAT(events_of(1),
-              ElementsAre("init", "run_once", "run_once", "run_once", "deinit", "sleep 300000"));
-}
-
-// After each step that returns true comes a sleep of 100000 us, after the last one too.
+// A sleep of 100000 us follows each step that returns true, the last one too, and no other step.
 TEST_F(AbstractWorkerTest, StepsThatReturnTrueAreFollowedByTheStepPause) {
-  worker->on_run_once = steps(2, true);
-  EXPECT_THAT(events_of(1), ElementsAre("init", "run_once", "sleep 100000", "run_once",
-                                        "sleep 100000", "deinit", "sleep 300000"));
+  for (const std::vector<bool> &results :
+       {std::vector<bool>(3, false), std::vector<bool>(2, true), {false, true, false}}) {
+    make_worker(100000);
+    worker->on_run_once = steps(results);
+    std::vector<std::string> expected = {"init"};
+    for (const bool result : results) {
+      expected.emplace_back("run_once");
+      if (result)
+        expected.emplace_back("sleep 100000");
+    }
+    expected.insert(expected.end(), {"deinit", "sleep 300000"});
+    EXPECT_EQ(events_of(1), expected);
+  }
 }
 
-// Of the results false, true, false only the second step is followed by the pause.
-TEST_F(AbstractWorkerTest, EveryStepDecidesAboutItsOwnPause) {
-  worker->on_run_once = [this, count = 0]() mutable {
-    ++count;
-    if (count == 3)
-      worker->stop_running();
-    return count == 2;
-  };
-  EXPECT_THAT(events_of(1), ElementsAre("init", "run_once", "run_once", "sleep 100000", "run_once",
-                                        "deinit", "sleep 300000"));
-}
-
-// With a step pause of 1 a step that returns true is followed by a sleep of 1 us.
-TEST_F(AbstractWorkerTest, StepPauseOfOneMicrosecondIsAPause) {
-  make_worker(1);
-  worker->on_run_once = steps(1, true);
-  EXPECT_THAT(events_of(1), ElementsAre("init", "run_once", "sleep 1", "deinit", "sleep 300000"));
-}
-
-// With 0, -1 and -2147483648 steps that return true run back-to-back.
+// With 1 a step that returns true is followed by a sleep of 1 us, with 0, -1 and -2^31 by none.
 TEST_F(AbstractWorkerTest, StepPauseOfZeroOrLessIsNone) {
+  make_worker(1);
+  worker->on_run_once = steps({true});
+  EXPECT_THAT(events_of(1), ElementsAre("init", "run_once", "sleep 1", "deinit", "sleep 300000"));
   for (const std::int32_t pause : {0, -1, -2147483647 - 1}) {
     make_worker(pause);
-    worker->on_run_once = steps(2, true);
+    worker->on_run_once = steps({true, true});
     EXPECT_THAT(events_of(1), ElementsAre("init", "run_once", "run_once", "deinit", "sleep 300000"))
         << pause;
   }
@@ -254,7 +247,7 @@ TEST_F(AbstractWorkerTest, KeepRunningIsAskedWithTheRunFlagBeforeEveryStep) {
 
 // A null run flag is handed on to keep_running and not read by the base.
 TEST_F(AbstractWorkerTest, RunFlagMayBeNullWhereKeepRunningIgnoresIt) {
-  worker = std::make_unique<recording_worker>(nullptr, "recording", 0, restart_pause);
+  worker = std::make_unique<recording_worker>(nullptr, "recording", 0, restart_pause_us);
   worker->on_keep_running = [](const bool *) { return false; };
   events_of(1);
   EXPECT_THAT(worker->flags, ElementsAre(nullptr));
@@ -272,7 +265,7 @@ TEST_F(AbstractWorkerTest, ClearedRunFlagEndsTheStepsAfterTheCurrentOne) {
 
 // After it come deinit, 300000 us and init, and keep_running is asked once a round.
 TEST_F(AbstractWorkerTest, StepThatClearsRunningForcesARestartWithoutAnotherQuestion) {
-  worker->on_run_once = steps(1, false);
+  worker->on_run_once = steps({false});
   EXPECT_THAT(events_of(2), ElementsAre("init", "run_once", "deinit", "sleep 300000", "init",
                                         "run_once", "deinit", "sleep 300000"));
   EXPECT_EQ(2u, worker->flags.size());
@@ -295,7 +288,7 @@ TEST_F(AbstractWorkerTest, RunningIsTheResultOfInitAndIsClearedAfterTheRestartPa
 // init false, deinit, 300000 us, then init true and the first step.
 TEST_F(AbstractWorkerTest, InitIsTriedAnewUntilItSucceeds) {
   worker->on_init = [count = 0]() mutable { return ++count == 2; };
-  worker->on_run_once = steps(1, false);
+  worker->on_run_once = steps({false});
   EXPECT_THAT(events_of(2), ElementsAre("init", "deinit", "sleep 300000", "init", "run_once",
                                         "deinit", "sleep 300000"));
 }
@@ -335,7 +328,7 @@ TEST_F(AbstractWorkerTest, ThreadCarriesTheWorkersNameCutTo15Characters) {
       {"", ""},
   };
   for (const auto &[given, expected] : names) {
-    worker = std::make_unique<recording_worker>(&run_flag, given, 0, restart_pause);
+    worker = std::make_unique<recording_worker>(&run_flag, given, 0, restart_pause_us);
     char thread_name[16] = "unread";
     worker->on_init = [&] {
       prctl(PR_GET_NAME, thread_name);
@@ -364,117 +357,59 @@ TEST_F(AbstractWorkerTest, JoinOfAWorkerThatWasNeverStartedReturnsAtOnce) {
   EXPECT_THAT(worker->events, IsEmpty());
 }
 
-// "Unhandled exception at worker 'recording'\n", status 255, and deinit is not called.
+// "Unhandled exception at worker 'recording'\n" is all of standard output; 255, no deinit, no log.
 TEST_F(AbstractWorkerDeathTest, ExceptionOfAStepEndsTheProcessWithAMessageAndNoTearDown) {
   worker->on_run_once = []() -> bool { throw std::runtime_error("step"); };
-  tell_deinit();
-  EXPECT_EXIT(run_in_child(), testing::ExitedWithCode(255),
-              AllOf(HasSubstr("Unhandled exception at worker 'recording'\n"),
-                    Not(HasSubstr("deinit called"))));
+  expect_the_message_alone();
 }
 
 // A thrown 42 ends the process like an exception object: message, status 255, no deinit.
 TEST_F(AbstractWorkerDeathTest, AnyThrownTypeIsCaughtInAStep) {
   worker->on_run_once = []() -> bool { throw 42; };
-  tell_deinit();
-  EXPECT_EXIT(run_in_child(), testing::ExitedWithCode(255),
-              AllOf(HasSubstr("Unhandled exception at worker 'recording'\n"),
-                    Not(HasSubstr("deinit called"))));
+  expect_the_message_alone();
 }
 
 // One thrown by the pause after a step gives the message, status 255 and no deinit.
 TEST_F(AbstractWorkerDeathTest, ExceptionOfTheStepPauseCountsAsTheSteps) {
   worker->on_run_once = [] { return true; };
-  tell_deinit();
   fake_libc::on_sleep([](std::int64_t) { throw std::runtime_error("pause"); });
-  EXPECT_EXIT(run_in_child(), testing::ExitedWithCode(255),
-              AllOf(HasSubstr("Unhandled exception at worker 'recording'\n"),
-                    Not(HasSubstr("deinit called"))));
-}
-
-// Standard output has "Unhandled exception at worker 'recording'\n" and nothing else.
-TEST_F(AbstractWorkerDeathTest, MessageIsAllThatStandardOutputGets) {
-  worker->on_run_once = []() -> bool { throw std::runtime_error("step"); };
-  EXPECT_EXIT(
-      {
-        const int matched = dup(STDERR_FILENO);
-        dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
-        dup2(matched, STDOUT_FILENO);
-        fake_libc::let_exit_end_the_process();
-        worker->start();
-        worker->join();
-      },
-      testing::ExitedWithCode(255), testing::StrEq("Unhandled exception at worker 'recording'\n"));
-}
-
-// With g_log_level 0xFFFF the step's exception leaves no line in the log.
-TEST_F(AbstractWorkerDeathTest, MessageDoesNotGoThroughTheLog) {
-  worker->on_run_once = []() -> bool { throw std::runtime_error("step"); };
-  g_log_level = 0xFFFF;
-  EXPECT_EXIT(
-      {
-        atexit([] {
-          for (const std::string &line : fake_log::lines())
-            fprintf(stderr, "logged %s", line.c_str());
-        });
-        run_in_child();
-      },
-      testing::ExitedWithCode(255), Not(HasSubstr("logged")));
-  g_log_level = 0;
+  expect_the_message_alone();
 }
 
 // It ends the process by SIGABRT, with nothing said about an unhandled exception.
 TEST_F(AbstractWorkerDeathTest, ExceptionOfInitTerminatesWithoutTheMessage) {
   worker->on_init = []() -> bool { throw std::runtime_error("init"); };
-  EXPECT_EXIT(run_in_child(), testing::KilledBySignal(SIGABRT), Not(HasSubstr("Unhandled")));
+  expect_termination();
 }
 
 // It ends the process by SIGABRT although it is asked between steps that are guarded.
 TEST_F(AbstractWorkerDeathTest, ExceptionOfKeepRunningTerminatesWithoutTheMessage) {
   worker->on_keep_running = [](const bool *) -> bool { throw std::runtime_error("keep_running"); };
-  EXPECT_EXIT(run_in_child(), testing::KilledBySignal(SIGABRT), Not(HasSubstr("Unhandled")));
+  expect_termination();
 }
 
 // It ends the process by SIGABRT, after an init that returned false.
 TEST_F(AbstractWorkerDeathTest, ExceptionOfDeinitTerminatesWithoutTheMessage) {
   worker->on_init = [] { return false; };
   worker->on_deinit = [] { throw std::runtime_error("deinit"); };
-  EXPECT_EXIT(run_in_child(), testing::KilledBySignal(SIGABRT), Not(HasSubstr("Unhandled")));
+  expect_termination();
 }
 
 // One thrown by the sleep of 300000 us ends the process by SIGABRT.
 TEST_F(AbstractWorkerDeathTest, ExceptionOfTheRestartPauseTerminatesWithoutTheMessage) {
   worker->on_init = [] { return false; };
   fake_libc::on_sleep([](std::int64_t) { throw std::runtime_error("pause"); });
-  EXPECT_EXIT(run_in_child(), testing::KilledBySignal(SIGABRT), Not(HasSubstr("Unhandled")));
+  expect_termination();
 }
 
-// Destroying it while its thread waits ends the process by SIGABRT.
-TEST_F(AbstractWorkerDeathTest, DestructionOfAStartedUnjoinedWorkerTerminates) {
+// A second start, or destroying it, while its thread waits ends the process by SIGABRT.
+TEST_F(AbstractWorkerDeathTest, SecondStartAndDestructionOfAnUnjoinedWorkerTerminate) {
   worker->on_init = [] {
     pause();
     return false;
   };
-  EXPECT_EXIT(
-      {
-        worker->start();
-        worker.reset();
-      },
-      testing::KilledBySignal(SIGABRT), "");
-}
-
-// A start over a thread that is still joinable ends the process by SIGABRT.
-TEST_F(AbstractWorkerDeathTest, SecondStartTerminates) {
-  worker->on_init = [] {
-    pause();
-    return false;
-  };
-  EXPECT_EXIT(
-      {
-        worker->start();
-        worker->start();
-      },
-      testing::KilledBySignal(SIGABRT), "");
+  EXPECT_EXIT((worker->start(), worker.reset()), testing::KilledBySignal(SIGABRT), "");
+  EXPECT_EXIT((worker->start(), worker->start()), testing::KilledBySignal(SIGABRT), "");
 }
 
 } // namespace vemk

@@ -1,16 +1,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "fakes/fake_log.h"
 #include "fakes/fake_memory.h"
-#include "log/log_module.h"
-#include "worker/buffer_info.h"
+#include "support/buffers.h"
+#include "support/logging_test.h"
 
 namespace vemk {
 
@@ -34,21 +32,21 @@ std::string hex(const std::string &bytes) {
   return text;
 }
 
-std::string full_line(const std::string &bytes) {
-  return "\t" + hex(bytes) + "    " + bytes + "\n";
+/// The hex columns of up to 32 bytes and the gap behind them.
+std::string columns_of(const std::string &bytes) {
+  return "\t" + hex(bytes) + std::string((32 - bytes.size()) * 3, ' ') + "    ";
 }
 
-std::string last_line(const std::string &bytes) {
-  return "\t" + hex(bytes) + std::string((32 - bytes.size()) * 3, ' ') + "    " + bytes + "\n";
+std::string line_of(const std::string &bytes) {
+  return columns_of(bytes) + bytes + "\n";
 }
 
 /// What the log shows of bytes that are listed in full and hold no "%" and no NUL.
 std::string plain_listing(const std::string &bytes) {
   std::string text = heading;
-  std::size_t at = 0;
-  for (; at + 32 <= bytes.size(); at += 32)
-    text += full_line(bytes.substr(at, 32));
-  return at < bytes.size() ? text + last_line(bytes.substr(at)) : text;
+  for (std::size_t at = 0; at < bytes.size(); at += 32)
+    text += line_of(bytes.substr(at, 32));
+  return text;
 }
 
 /// `count` lines of 32 bytes, each of which tells its index.
@@ -66,31 +64,20 @@ std::string numbered_listing(int first, int last) {
   std::string text;
   const std::string bytes = numbered_lines(last + 1);
   for (int line = first; line <= last; ++line)
-    text += full_line(bytes.substr(static_cast<std::size_t>(line) * 32, 32));
+    text += line_of(bytes.substr(static_cast<std::size_t>(line) * 32, 32));
   return text;
 }
 
-class BufferDumpTest : public testing::Test {
+class BufferDumpTest : public LoggingTest {
 protected:
-  BufferDumpTest() {
-    fake_log::clear();
-    fake_memory::reset();
-    g_log_level = 0x08;
-  }
+  BufferDumpTest() : LoggingTest(0x08) { fake_memory::reset(); }
 
-  ~BufferDumpTest() override {
-    fake_memory::reset();
-    g_log_level = 0;
-  }
-
-  static std::string prefix() { return "|" + std::to_string(getpid()) + "|buffer-info> "; }
+  static std::string prefix() { return log_line("buffer-info", ""); }
 
   /// What the log shows of these bytes: one debug line's message.
   static std::string dumped(const std::string &bytes) {
     fake_log::clear();
-    buffer_info_t buffer;
-    buffer.append(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
-    buffer.dump();
+    buffer_of(bytes)->dump();
     const std::vector<std::string> lines = fake_log::lines();
     EXPECT_THAT(lines, ElementsAre(StartsWith(prefix())));
     return lines.empty() ? "" : lines.front().substr(prefix().size());
@@ -99,8 +86,7 @@ protected:
   /// The character column of a message shorter than a line.
   static std::string characters(const std::string &bytes) {
     const std::string text = dumped(bytes);
-    const std::string start =
-        heading + "\t" + hex(bytes) + std::string((32 - bytes.size()) * 3, ' ') + "    ";
+    const std::string start = heading + columns_of(bytes);
     EXPECT_EQ(start, text.substr(0, start.size()));
     return text.substr(std::min(start.size(), text.size()));
   }
@@ -116,67 +102,33 @@ TEST_F(BufferDumpTest, EmptyBufferIsTheHeadingAlone) {
   EXPECT_EQ("Buffer info dump:\n", dumped(""));
 }
 
-// "\t41 ", 93 blanks, four blanks, "A\n" below the heading.
-TEST_F(BufferDumpTest, OneByteIsPaddedToTheCharacterColumn) {
-  EXPECT_EQ("Buffer info dump:\n\t41 " + std::string(93, ' ') + "    A\n", dumped("A"));
+// 32 columns "%02X ", blanks for the missing ones, four blanks, the characters: 32 bytes a line.
+TEST_F(BufferDumpTest, LinesHoldThirtyTwoBytesAndTheLastIsPaddedToTheCharacterColumn) {
+  const std::string bytes = "0123456789abcdef0123456789abcdef";
+  const std::string columns = "30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66 "
+                              "30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66 ";
+  const std::string line = "\t" + columns + "    " + bytes + "\n";
+  EXPECT_EQ(heading + "\t30 " + std::string(93, ' ') + "    0\n", dumped("0"));
+  EXPECT_EQ(heading + "\t" + columns.substr(0, 93) + "   " + "    " + bytes.substr(0, 31) + "\n",
+            dumped(bytes.substr(0, 31)));
+  EXPECT_EQ(heading + line, dumped(bytes));
+  EXPECT_EQ(heading + line + "\t21 " + std::string(93, ' ') + "    !\n", dumped(bytes + "!"));
 }
 
-// 31 columns, three blanks for the missing one, four blanks, the 31 characters.
-TEST_F(BufferDumpTest, ThirtyOneBytesArePaddedByOneColumn) {
-  const std::string bytes(31, 'z');
-  std::string columns;
-  for (int i = 0; i < 31; ++i)
-    columns += "7A ";
-  EXPECT_EQ("Buffer info dump:\n\t" + columns + "   " + "    " + bytes + "\n", dumped(bytes));
-}
-
-// 32 columns "%02X ", four blanks, the 32 characters, and no line for a remainder.
-TEST_F(BufferDumpTest, ThirtyTwoBytesAreOneFullLine) {
-  EXPECT_EQ("Buffer info dump:\n"
-            "\t30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66 30 31 32 33 34 35 36 37 38 39 61 62 "
-            "63 64 65 66     0123456789abcdef0123456789abcdef\n",
-            dumped("0123456789abcdef0123456789abcdef"));
-}
-
-// The second line is "\t21 ", 93 blanks, four blanks and "!\n".
-TEST_F(BufferDumpTest, ThirtyThreeBytesAddAPaddedLine) {
-  EXPECT_EQ("Buffer info dump:\n"
-            "\t30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66 30 31 32 33 34 35 36 37 38 39 61 62 "
-            "63 64 65 66     0123456789abcdef0123456789abcdef\n"
-            "\t21 " +
-                std::string(93, ' ') + "    !\n",
-            dumped("0123456789abcdef0123456789abcdef!"));
-}
-
-// 12,800 bytes, and four more, show lines 0 to 399, the four as a remainder line.
-TEST_F(BufferDumpTest, FourHundredLinesAreListedInFull) {
-  EXPECT_EQ(heading + numbered_listing(0, 399), dumped(numbered_lines(400)));
-  EXPECT_EQ(heading + numbered_listing(0, 399) + last_line("rest"),
-            dumped(numbered_lines(400) + "rest"));
-}
-
-// Lines 0 to 49, "\t....part of message are skipped...\n", lines 352 to 400.
-TEST_F(BufferDumpTest, FourHundredAndOneLinesSkipTheMiddle) {
-  EXPECT_EQ(heading + numbered_listing(0, 49) + skip_notice + numbered_listing(352, 400),
-            dumped(numbered_lines(401)));
-}
-
-// With 8 bytes beyond 401 lines the remainder line stands behind line 400.
-TEST_F(BufferDumpTest, RemainderFollowsTheLastLinesOfALongMessage) {
-  EXPECT_EQ(heading + numbered_listing(0, 49) + skip_notice + numbered_listing(352, 400) +
-                last_line("the rest"),
-            dumped(numbered_lines(401) + "the rest"));
-}
-
-// Of 32,768 lines it shows 0 to 49, the notice and 32719 to 32767.
-TEST_F(BufferDumpTest, VeryLongMessageStillShowsItsEnds) {
-  EXPECT_EQ(heading + numbered_listing(0, 49) + skip_notice + numbered_listing(32719, 32767),
-            dumped(numbered_lines(32768)));
+// Up to 400 lines all, from 401 on 0 to 49, the notice and the last 49; then the remainder line.
+TEST_F(BufferDumpTest, FromFourHundredAndOneLinesOnTheMiddleIsSkipped) {
+  for (const std::string rest : {"", "rest"}) {
+    const std::string end = rest.empty() ? "" : line_of(rest);
+    EXPECT_EQ(heading + numbered_listing(0, 399) + end, dumped(numbered_lines(400) + rest));
+    const std::string start = heading + numbered_listing(0, 49) + skip_notice;
+    EXPECT_EQ(start + numbered_listing(352, 400) + end, dumped(numbered_lines(401) + rest));
+    EXPECT_EQ(start + numbered_listing(32719, 32767) + end, dumped(numbered_lines(32768) + rest));
+  }
 }
 
 // C3 80 FF 7F print as "FFFFFFC3 FFFFFF80 FFFFFFFF 7F ", each with its own blank.
 TEST_F(BufferDumpTest, HighBytesTakeNineColumnsAndShiftTheCharacters) {
-  EXPECT_EQ("Buffer info dump:\n\tFFFFFFC3 FFFFFF80 FFFFFFFF 7F " + std::string(28 * 3, ' ') +
+  EXPECT_EQ(heading + "\tFFFFFFC3 FFFFFF80 FFFFFFFF 7F " + std::string(28 * 3, ' ') +
                 "    \xC3\x80\xFF\x7F\n",
             dumped("\xC3\x80\xFF\x7F"));
 }
@@ -200,17 +152,13 @@ TEST_F(BufferDumpTest, ControlAndHighBytesAreShownUnfiltered) {
   EXPECT_EQ(plain_listing(bytes), dumped(bytes));
 }
 
-// Of "ab\0cd" the hex part has all five bytes, and the text ends behind "ab".
+// All bytes of its line stand in the hex part, and the text ends in front of it, later lines too.
 TEST_F(BufferDumpTest, NulByteEndsTheEmittedText) {
-  const std::string bytes("ab\0cd", 5);
-  EXPECT_EQ(heading + "\t61 62 00 63 64 " + std::string(27 * 3, ' ') + "    ab", dumped(bytes));
-}
-
-// A NUL in the second of four lines ends the text there, without a line end.
-TEST_F(BufferDumpTest, NulByteInAnEarlierLineHidesTheLaterLines) {
+  EXPECT_EQ(heading + "\t61 62 00 63 64 " + std::string(27 * 3, ' ') + "    ab",
+            dumped(std::string("ab\0cd", 5)));
   std::string bytes(100, 'x');
   bytes[40] = '\0';
-  EXPECT_EQ(heading + full_line(std::string(32, 'x')) + "\t" + hex(bytes.substr(32, 32)) + "    " +
+  EXPECT_EQ(heading + line_of(std::string(32, 'x')) + "\t" + hex(bytes.substr(32, 32)) + "    " +
                 std::string(8, 'x'),
             dumped(bytes));
 }
@@ -235,18 +183,13 @@ TEST_F(BufferDumpTest, PairOfPercentSignsComesOutAsOne) {
     EXPECT_EQ(pair.shown, characters(pair.bytes)) << pair.bytes;
 }
 
-// A "%" as the 32nd byte comes out, also with an "n" as the first byte of the next line.
+// A "%" as the 32nd byte comes out, alone, in front of an "n" and in front of another "%".
+// The line end stands between them in the listing, so they are no pair there.
 TEST_F(BufferDumpTest, PercentSignAtTheEndOfALineStandsForItself) {
   const std::string line = std::string(31, 'x') + "%";
-  EXPECT_EQ(heading + full_line(line), dumped(line));
-  EXPECT_EQ(heading + full_line(line) + last_line("n"), dumped(line + "n"));
-}
-
-// A "%" as the 32nd byte and one as the 33rd both come out.
-// The line end stands between them in the listing, so they are no pair there.
-TEST_F(BufferDumpTest, PercentSignsOnBothSidesOfALineEndAreNoPair) {
-  const std::string line = std::string(31, 'x') + "%";
-  EXPECT_EQ(heading + full_line(line) + last_line("%n"), dumped(line + "%n"));
+  EXPECT_EQ(heading + line_of(line), dumped(line));
+  for (const std::string next : {"n", "%n"})
+    EXPECT_EQ(heading + line_of(line) + line_of(next), dumped(line + next));
 }
 
 // "a%\0n" shows "a%", and "%%\0" shows "%".
@@ -272,42 +215,32 @@ TEST_F(BufferDumpTest, MessageOfPercentSignsShowsHalfOfThem) {
   EXPECT_EQ(heading + line + line, dumped(bytes));
 }
 
-// With every bit but 0x08 set nothing is logged.
-TEST_F(BufferDumpTest, DumpIsOfTheDebugCategory) {
-  g_log_level = 0xFFFFFFF7;
-  buffer_info_t buffer;
-  buffer.append("abc", 3);
-  buffer.dump();
-  EXPECT_THAT(fake_log::lines(), IsEmpty());
-}
-
-// With mask 0 its one block is still allocated.
-TEST_F(BufferDumpTest, ListingIsBuiltWhateverTheMask) {
-  g_log_level = 0;
-  buffer_info_t buffer;
-  buffer.append("abc", 3);
-  buffer.dump();
-  EXPECT_THAT(fake_memory::calloc_sizes(), SizeIs(1));
+// With every bit but 0x08 set nothing is logged, though with mask 0 its one block is allocated.
+TEST_F(BufferDumpTest, DumpIsOfTheDebugCategoryAndBuiltWhateverTheMask) {
+  for (const std::uint32_t mask : {0xFFFFFFF7u, 0u}) {
+    fake_memory::reset();
+    g_log_level = mask;
+    buffer_of("abc")->dump();
+    EXPECT_THAT(fake_memory::calloc_sizes(), SizeIs(1));
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+  }
 }
 
 // When calloc fails there is neither a listing nor a message about it.
 TEST_F(BufferDumpTest, NoMemoryForTheListingMeansNoLine) {
-  buffer_info_t buffer;
-  buffer.append("abc", 3);
-  fake_memory::refuse_calloc();
-  buffer.dump();
+  const auto buffer = buffer_of("abc");
+  const fake_memory::shortage shortage;
+  buffer->dump();
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
 // Data pointer, length and the bytes "a%n" are the same after it.
 TEST_F(BufferDumpTest, DumpLeavesTheBufferAlone) {
-  buffer_info_t buffer;
-  buffer.append("a%n", 3);
-  const std::uint8_t *const before = buffer.data;
-  buffer.dump();
-  EXPECT_EQ(before, buffer.data);
-  EXPECT_EQ(3u, buffer.length);
-  EXPECT_STREQ("a%n", reinterpret_cast<const char *>(buffer.data));
+  const auto buffer = buffer_of("a%n");
+  const std::uint8_t *const before = buffer->data;
+  buffer->dump();
+  EXPECT_EQ(before, buffer->data);
+  EXPECT_EQ("a%n", text_of(*buffer));
 }
 
 // Lengths of 2^31 to 2^32 - 64 log nothing, the last 63 below 2^32 the heading alone.

@@ -3,63 +3,44 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "fakes/fake_log.h"
 #include "fakes/fake_memory.h"
-#include "log/log_module.h"
-
-namespace {
-
-const void *watched_block = nullptr;
-int frees_of_watched_block = 0;
-
-} // namespace
-
-extern "C" {
-
-void __real_free(void *block);
-
-void __wrap_free(void *block) {
-  if (block != nullptr && block == watched_block)
-    ++frees_of_watched_block;
-  __real_free(block);
-}
-}
+#include "support/buffers.h"
+#include "support/logging_test.h"
 
 namespace vemk {
 
 namespace {
 
+using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class BufferInfoTest : public testing::Test {
+class BufferInfoTest : public LoggingTest {
 protected:
-  BufferInfoTest() {
-    fake_log::clear();
-    fake_memory::reset();
-    g_log_level = 0x0F;
-  }
-
-  ~BufferInfoTest() override {
-    fake_memory::reset();
-    g_log_level = 0;
-  }
+  BufferInfoTest() : LoggingTest(0x0F) { fake_memory::reset(); }
 
   static std::uint8_t *append(buffer_info_t &buffer, const std::string &bytes) {
     return buffer.append(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
   }
 
-  static std::string bytes_of(const buffer_info_t &buffer) {
-    return std::string(reinterpret_cast<const char *>(buffer.data), buffer.length);
+  static std::uint8_t *append_without_memory(buffer_info_t &buffer, const std::string &bytes) {
+    const fake_memory::shortage shortage;
+    return append(buffer, bytes);
   }
 
-  static std::string allocation_failure() {
-    return "|" + std::to_string(getpid()) + "|buffer-info> append:95 Can't alloc memory\n";
+  static void expect_no_data(const buffer_info_t &buffer) {
+    EXPECT_EQ(nullptr, buffer.data);
+    EXPECT_EQ(0u, buffer.length);
+  }
+
+  static void expect_empty_text(const buffer_info_t &buffer) {
+    ASSERT_NE(nullptr, buffer.data);
+    EXPECT_EQ(0, buffer.data[0]);
+    EXPECT_EQ(0u, buffer.length);
   }
 };
 
@@ -68,32 +49,24 @@ protected:
 // data is null, length 0, and nothing was allocated.
 TEST_F(BufferInfoTest, NewBufferIsEmpty) {
   const buffer_info_t buffer;
-  EXPECT_EQ(nullptr, buffer.data);
-  EXPECT_EQ(0u, buffer.length);
+  expect_no_data(buffer);
   EXPECT_THAT(fake_memory::realloc_sizes(), IsEmpty());
   EXPECT_THAT(fake_memory::calloc_sizes(), IsEmpty());
 }
 
-// It returns data, which holds "abc" and a NUL after the source has changed.
-TEST_F(BufferInfoTest, AppendCopiesTheBytesAndEndsThemWithANul) {
+// It copies the bytes behind those before and a NUL behind them, and returns data.
+TEST_F(BufferInfoTest, AppendGoesOnAtTheEndAndEndsTheBytesWithANul) {
   buffer_info_t buffer;
-  std::string source = "abc";
-  EXPECT_EQ(append(buffer, source), buffer.data);
-  ASSERT_NE(nullptr, buffer.data);
-  source = "xyz";
-  EXPECT_EQ("abc", bytes_of(buffer));
-  EXPECT_EQ(3u, buffer.length);
-  EXPECT_EQ(0, buffer.data[3]);
-}
-
-// "abc", "de" and "f" make "abcdef" with a NUL behind it.
-TEST_F(BufferInfoTest, AppendGoesOnAtTheEnd) {
-  buffer_info_t buffer;
-  append(buffer, "abc");
-  EXPECT_EQ(append(buffer, "de"), buffer.data);
-  append(buffer, "f");
-  EXPECT_EQ("abcdef", bytes_of(buffer));
-  EXPECT_EQ(0, buffer.data[6]);
+  std::string whole;
+  // NUL and high bytes are ordinary bytes.
+  for (std::string source : {"abc"s, "d"s, "\0a\xFF\0\x80\0"s}) {
+    whole += source;
+    EXPECT_EQ(append(buffer, source), buffer.data);
+    source.assign(source.size(), 'x');
+    EXPECT_EQ(whole, text_of(buffer));
+    EXPECT_EQ(whole.size(), buffer.length);
+    EXPECT_EQ(0, buffer.data[whole.size()]);
+  }
 }
 
 // 3, 2 and 4096 bytes ask realloc for 4, 6 and 4102: no reserve.
@@ -106,34 +79,19 @@ TEST_F(BufferInfoTest, EveryAppendAllocatesExactlyTheBytesAndTheirNul) {
   EXPECT_THAT(fake_memory::calloc_sizes(), IsEmpty());
 }
 
-// It asks realloc for 1 byte, returns it, and length stays 0.
-TEST_F(BufferInfoTest, AppendOfNothingToAnEmptyBufferMakesOneZeroByte) {
-  buffer_info_t buffer;
-  EXPECT_EQ(buffer.append("", 0), buffer.data);
-  ASSERT_NE(nullptr, buffer.data);
-  EXPECT_EQ(0, buffer.data[0]);
-  EXPECT_EQ(0u, buffer.length);
-  EXPECT_THAT(fake_memory::realloc_sizes(), ElementsAre(1));
-}
-
-// append(nullptr, 0) succeeds on an empty buffer and leaves "abc" as it is.
-TEST_F(BufferInfoTest, AppendOfNothingTakesANullSource) {
-  buffer_info_t buffer;
-  EXPECT_NE(nullptr, buffer.append(nullptr, 0));
-  append(buffer, "abc");
-  EXPECT_EQ(buffer.append(nullptr, 0), buffer.data);
-  EXPECT_EQ("abc", bytes_of(buffer));
-  EXPECT_EQ(0, buffer.data[3]);
-}
-
-// Bytes 0x00, 0x80 and 0xFF are kept and counted, behind one another too.
-TEST_F(BufferInfoTest, NulAndHighBytesAreOrdinaryBytes) {
-  const std::string bytes("\0a\xFF\0\x80\0", 6);
-  buffer_info_t buffer;
-  append(buffer, bytes);
-  append(buffer, bytes);
-  EXPECT_EQ(bytes + bytes, bytes_of(buffer));
-  EXPECT_EQ(0, buffer.data[12]);
+// On an empty buffer it asks realloc for 1 byte, a NUL; "abc" stays as it is; null is a source.
+TEST_F(BufferInfoTest, AppendOfNothingMakesAnEmptyBufferOneZeroByte) {
+  for (const char *nothing : {"", static_cast<const char *>(nullptr)}) {
+    fake_memory::reset();
+    buffer_info_t buffer;
+    EXPECT_EQ(buffer.append(nothing, 0), buffer.data);
+    expect_empty_text(buffer);
+    EXPECT_THAT(fake_memory::realloc_sizes(), ElementsAre(1));
+    append(buffer, "abc");
+    EXPECT_EQ(buffer.append(nothing, 0), buffer.data);
+    EXPECT_EQ("abc", text_of(buffer));
+    EXPECT_EQ(0, buffer.data[3]);
+  }
 }
 
 // It returns null and logs "|PID|buffer-info> append:95 Can't alloc memory\n".
@@ -141,27 +99,22 @@ TEST_F(BufferInfoTest, AppendWithoutMemoryLeavesTheBufferAsItWas) {
   buffer_info_t buffer;
   append(buffer, "abc");
   const std::uint8_t *const before = buffer.data;
-  fake_memory::refuse_realloc();
-  EXPECT_EQ(nullptr, append(buffer, "def"));
+  EXPECT_EQ(nullptr, append_without_memory(buffer, "def"));
   EXPECT_EQ(before, buffer.data);
-  EXPECT_EQ("abc", bytes_of(buffer));
+  EXPECT_EQ("abc", text_of(buffer));
   EXPECT_EQ(0, buffer.data[3]);
-  EXPECT_THAT(fake_log::lines(), ElementsAre(allocation_failure()));
-
-  fake_memory::reset();
+  EXPECT_THAT(fake_log::lines(), ElementsAre(no_memory_line()));
   append(buffer, "ghi");
-  EXPECT_EQ("abcghi", bytes_of(buffer));
+  EXPECT_EQ("abcghi", text_of(buffer));
 }
 
 // data stays null and length 0; each of two tries, one of them of 0 bytes, logs its line.
 TEST_F(BufferInfoTest, AppendWithoutMemoryToAnEmptyBufferLeavesItEmpty) {
   buffer_info_t buffer;
-  fake_memory::refuse_realloc();
-  EXPECT_EQ(nullptr, append(buffer, ""));
-  EXPECT_EQ(nullptr, append(buffer, "a"));
-  EXPECT_EQ(nullptr, buffer.data);
-  EXPECT_EQ(0u, buffer.length);
-  EXPECT_THAT(fake_log::lines(), ElementsAre(allocation_failure(), allocation_failure()));
+  EXPECT_EQ(nullptr, append_without_memory(buffer, ""));
+  EXPECT_EQ(nullptr, append_without_memory(buffer, "a"));
+  expect_no_data(buffer);
+  EXPECT_THAT(fake_log::lines(), ElementsAre(no_memory_line(), no_memory_line()));
 }
 
 // From length + count = 2^32 - 1 on: no memory asked for, null, the buffer unchanged, the line.
@@ -184,106 +137,78 @@ TEST_F(BufferInfoTest, AppendNearTheLimitOf32BitsFailsAsAFailedAllocationDoes) {
     EXPECT_EQ(limit.length, buffer.length);
     EXPECT_STREQ("abc", reinterpret_cast<const char *>(buffer.data));
     EXPECT_THAT(fake_memory::realloc_sizes(), ElementsAre(4));
-    EXPECT_THAT(fake_log::lines(), ElementsAre(allocation_failure()));
+    EXPECT_THAT(fake_log::lines(), ElementsAre(no_memory_line()));
     buffer.length = 3;
   }
 }
 
 // 4294967294 bytes ask realloc for 4294967295.
 TEST_F(BufferInfoTest, LargestLengthThatFitsIsAskedFor) {
-  fake_memory::refuse_realloc();
-  buffer_info_t buffer;
-  EXPECT_EQ(nullptr, buffer.append("x", 4294967294u));
+  const fake_memory::shortage shortage;
+  EXPECT_EQ(nullptr, buffer_info_t().append("x", 4294967294u));
   EXPECT_THAT(fake_memory::realloc_sizes(), ElementsAre(4294967295u));
 }
 
 // With mask 0x01 the line comes, with every other bit it does not.
 TEST_F(BufferInfoTest, FailureIsOfTheErrorCategory) {
   for (const std::uint32_t mask : {0x01u, 0xFFFFFFFEu}) {
-    fake_log::clear();
+    fake_log::lines.clear();
     g_log_level = mask;
     buffer_info_t buffer;
-    fake_memory::refuse_realloc();
-    append(buffer, "a");
-    fake_memory::reset();
+    append_without_memory(buffer, "a");
     EXPECT_EQ(mask == 0x01u ? 1u : 0u, fake_log::lines().size()) << mask;
   }
 }
 
-// "a\0\xFF" is copied into one calloc of 4 bytes, and later appends stay apart.
+// "a\0\xFF" is one calloc of 4 bytes; what is appended to it and its source's end stay apart.
 TEST_F(BufferInfoTest, CopyHasItsOwnBytes) {
-  const std::string bytes("a\0\xFF", 3);
-  buffer_info_t source;
-  append(source, bytes);
-  buffer_info_t copy(source);
-  EXPECT_NE(source.data, copy.data);
-  EXPECT_EQ(bytes, bytes_of(copy));
+  auto source = buffer_of("a\0\xFF"s);
+  buffer_info_t copy(*source);
+  EXPECT_NE(source->data, copy.data);
+  EXPECT_EQ("a\0\xFF"s, text_of(copy));
   EXPECT_EQ(0, copy.data[3]);
   EXPECT_THAT(fake_memory::calloc_sizes(), ElementsAre(4));
 
   append(copy, "more");
-  EXPECT_EQ(bytes, bytes_of(source));
-  EXPECT_EQ(bytes + "more", bytes_of(copy));
-}
-
-// The copy still holds "abc" after the source is destroyed.
-TEST_F(BufferInfoTest, CopyOutlivesItsSource) {
-  auto source = std::make_unique<buffer_info_t>();
-  append(*source, "abc");
-  const buffer_info_t copy(*source);
+  EXPECT_EQ("a\0\xFF"s, text_of(*source));
   source.reset();
-  EXPECT_EQ("abc", bytes_of(copy));
+  EXPECT_EQ("a\0\xFFmore"s, text_of(copy));
 }
 
 // The block of "abc" goes to free once, with the buffer and not before.
 TEST_F(BufferInfoTest, DestructionReleasesTheBytes) {
-  auto buffer = std::make_unique<buffer_info_t>();
-  append(*buffer, "abc");
-  watched_block = buffer->data;
-  frees_of_watched_block = 0;
+  auto buffer = buffer_of("abc");
+  fake_memory::watch(buffer->data);
   buffer->dump();
-  EXPECT_EQ(0, frees_of_watched_block);
+  EXPECT_EQ(0, fake_memory::frees_of_watched());
   buffer.reset();
-  EXPECT_EQ(1, frees_of_watched_block);
-  watched_block = nullptr;
+  EXPECT_EQ(1, fake_memory::frees_of_watched());
 }
 
 // It allocates 1 zero byte, and length is 0.
 TEST_F(BufferInfoTest, CopyOfAnEmptyBufferIsAnEmptyText) {
   const buffer_info_t source;
   const buffer_info_t copy(source);
-  ASSERT_NE(nullptr, copy.data);
-  EXPECT_EQ(0, copy.data[0]);
-  EXPECT_EQ(0u, copy.length);
+  expect_empty_text(copy);
   EXPECT_THAT(fake_memory::calloc_sizes(), ElementsAre(1));
 }
 
-// data is null, length 0, and no line is logged.
+// 3, 2^31 and 2^32 - 2 bytes without memory give no data and no line; 2^32 - 1 are not asked for.
+// Where sizes have 32 bits, 2^32 - 1 bytes and their NUL once wrapped round to a block of 0 bytes.
 TEST_F(BufferInfoTest, CopyWithoutMemoryIsEmptyAndSilent) {
   buffer_info_t source;
   append(source, "abc");
-  fake_memory::refuse_calloc();
-  const buffer_info_t copy(source);
-  EXPECT_EQ(nullptr, copy.data);
-  EXPECT_EQ(0u, copy.length);
-  EXPECT_EQ("abc", bytes_of(source));
-  EXPECT_THAT(fake_log::lines(), IsEmpty());
-}
-
-// Where memory lacks, 2^31 and 2^32 - 2 bytes give no data; 2^32 - 1 bytes are not asked for.
-// Where sizes have 32 bits, 2^32 - 1 bytes and their NUL once wrapped round to a block of 0 bytes.
-TEST_F(BufferInfoTest, CopyOfALengthThatHasNoRoomForItsNulIsEmpty) {
-  buffer_info_t source;
-  append(source, "abc");
-  fake_memory::refuse_calloc();
-  for (const std::uint32_t length : {0x80000000u, 0xFFFFFFFEu, 0xFFFFFFFFu}) {
-    source.length = length;
-    const buffer_info_t copy(source);
-    EXPECT_EQ(nullptr, copy.data);
-    EXPECT_EQ(0u, copy.length);
+  {
+    const fake_memory::shortage shortage;
+    for (const std::uint32_t length : {0x80000000u, 0xFFFFFFFEu, 0xFFFFFFFFu, 3u}) {
+      source.length = length;
+      const buffer_info_t copy(source);
+      expect_no_data(copy);
+    }
   }
-  source.length = 3;
-  EXPECT_THAT(fake_memory::calloc_sizes(), ElementsAre(0x80000001u, 0xFFFFFFFFu));
+  EXPECT_THAT(fake_memory::calloc_sizes(), ElementsAre(0x80000001u, 0xFFFFFFFFu, 4u));
+  EXPECT_EQ("abc", text_of(source));
+  EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
 // "buffer-info" takes g_log_level with a new buffer and with a copy, and at no append.
@@ -291,17 +216,16 @@ TEST_F(BufferInfoTest, LevelIsCopiedAtEveryConstruction) {
   g_log_level = 0;
   buffer_info_t buffer;
   g_log_level = 0x01;
-  fake_memory::refuse_realloc();
-  append(buffer, "a");
+  append_without_memory(buffer, "a");
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 
   const buffer_info_t other;
-  append(buffer, "a");
+  append_without_memory(buffer, "a");
   EXPECT_EQ(1u, fake_log::lines().size());
 
   g_log_level = 0;
   const buffer_info_t copy(other);
-  append(buffer, "a");
+  append_without_memory(buffer, "a");
   EXPECT_EQ(1u, fake_log::lines().size());
 }
 

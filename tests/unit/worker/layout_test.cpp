@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/layout.h"
 #include "worker/abstract_worker.h"
 #include "worker/buffer_info.h"
 #include "worker/message_queue.h"
@@ -48,14 +49,8 @@ std::size_t slot_of(member_t member) {
 // After the table's pointer: started, running, thread, run_flag, name, timers and the two pauses.
 TEST(WorkerLayoutTest, MembersFollowOneAnotherInTheirOrder) {
   const bare_worker worker;
-  const void *last = &worker;
-  for (const void *member : worker.members()) {
-    EXPECT_LT(last, member);
-    last = member;
-  }
-  EXPECT_EQ(static_cast<const char *>(worker.members().front()) -
-                reinterpret_cast<const char *>(&worker),
-            static_cast<std::ptrdiff_t>(word));
+  EXPECT_TRUE(lie_in_order(worker.members()));
+  EXPECT_EQ(offset_in(worker, worker.members().front()), word);
 }
 
 // init, run_once, deinit and keep_running have the slots 0 to 3, the two destructors 4 and 5.
@@ -78,13 +73,9 @@ TEST(BufferLayoutTest, IsTwoWordsDataThenLength) {
 // The three lie behind one another in this order, with nothing else.
 TEST(QueueLayoutTest, IsNotifyThenItemsThenLock) {
   const message_queue_t queue;
-  const auto offset_of = [&](const void *member) {
-    return static_cast<std::size_t>(static_cast<const char *>(member) -
-                                    reinterpret_cast<const char *>(&queue));
-  };
-  EXPECT_EQ(offset_of(&queue.notify), 0u);
-  EXPECT_EQ(offset_of(&queue.items), sizeof queue.notify);
-  EXPECT_EQ(offset_of(&queue.lock), sizeof queue.notify + sizeof queue.items);
+  EXPECT_EQ(offset_in(queue, &queue.notify), 0u);
+  EXPECT_EQ(offset_in(queue, &queue.items), sizeof queue.notify);
+  EXPECT_EQ(offset_in(queue, &queue.lock), sizeof queue.notify + sizeof queue.items);
   EXPECT_EQ(sizeof queue, sizeof queue.notify + sizeof queue.items + sizeof queue.lock);
 }
 

@@ -14,10 +14,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "fakes/fake_log.h"
 #include "fakes/fake_memory.h"
 #include "fakes/fake_mutex.h"
-#include "log/log_module.h"
+#include "support/buffers.h"
+#include "support/logging_test.h"
 
 namespace vemk {
 
@@ -28,14 +28,8 @@ using testing::IsEmpty;
 
 using item_t = std::shared_ptr<buffer_info_t>;
 
-item_t message(const std::string &text) {
-  item_t item = std::make_shared<buffer_info_t>();
-  item->append(text.data(), static_cast<std::uint32_t>(text.size()));
-  return item;
-}
-
-std::string text_of(const item_t &item) {
-  return item ? reinterpret_cast<const char *>(item->data) : "nothing";
+std::string text(const item_t &item) {
+  return item ? text_of(*item) : "nothing";
 }
 
 int error_of(const std::function<void()> &operation) {
@@ -47,14 +41,13 @@ int error_of(const std::function<void()> &operation) {
   return 0;
 }
 
-class MessageQueueTest : public testing::Test {
+class MessageQueueTest : public LoggingTest {
 protected:
-  MessageQueueTest() {
-    fake_log::clear();
-    g_log_level = 0xFFFF;
-  }
+  MessageQueueTest() : LoggingTest(0xFFFF) {}
 
-  ~MessageQueueTest() override { g_log_level = 0; }
+  void expect_last(const std::string &expected) {
+    EXPECT_THAT(take_all(queue), ElementsAre(expected));
+  }
 
   message_queue_t queue;
 };
@@ -69,79 +62,57 @@ TEST_F(MessageQueueTest, NewQueueIsEmptyAndHoldsADoNothingNotify) {
   EXPECT_TRUE(queue.items.empty());
 }
 
-// try_pop returns null and take false, and a push after them works as before.
+// try_pop returns null and take false, take(nullptr) too, and a push after them works as before.
 TEST_F(MessageQueueTest, EmptyQueueReportsNothingAndStaysAsItIs) {
   EXPECT_EQ(nullptr, queue.try_pop());
   EXPECT_FALSE(queue.take([](const item_t &) { ADD_FAILURE() << "called"; }));
-  queue.push(message("a"));
-  EXPECT_EQ("a", text_of(queue.try_pop()));
-  EXPECT_EQ(nullptr, queue.try_pop());
+  EXPECT_FALSE(queue.take(nullptr));
+  queue.push(buffer_of("a"));
+  expect_last("a");
 }
 
-// The reference count rises from 1 to 2, and the item is the caller's buffer itself.
-TEST_F(MessageQueueTest, PushSharesTheBuffer) {
-  const item_t item = message("a");
-  queue.push(item);
-  EXPECT_EQ(2, item.use_count());
-  EXPECT_EQ(1u, queue.items.size());
-  EXPECT_EQ(item, queue.items.front());
-}
-
-// The popped pointer holds the queue's share: 2 holders, then 1 when it is dropped.
-TEST_F(MessageQueueTest, PopHandsTheShareOver) {
-  const item_t item = message("a");
-  queue.push(item);
-  item_t popped = queue.try_pop();
-  EXPECT_EQ(item, popped);
-  EXPECT_EQ(2, item.use_count());
-  popped.reset();
-  EXPECT_EQ(1, item.use_count());
-}
-
-// 1000 items, more than 15 blocks of 64, leave as 0 to 999.
-TEST_F(MessageQueueTest, ItemsLeaveInTheirOrderAcrossTheBlocksOfTheContainer) {
-  for (int i = 0; i < 1000; ++i)
-    queue.push(message(std::to_string(i)));
-  for (int i = 0; i < 1000; ++i)
-    ASSERT_EQ(std::to_string(i), text_of(queue.try_pop()));
-  EXPECT_EQ(nullptr, queue.try_pop());
-}
-
-// 200 rounds of three pushes and two pops take 0 to 399 in order and leave 200.
-TEST_F(MessageQueueTest, OrderHoldsWhilePushesAndPopsAlternate) {
-  int pushed = 0;
-  int popped = 0;
-  for (int round = 0; round < 200; ++round) {
-    for (int i = 0; i < 3; ++i)
-      queue.push(message(std::to_string(pushed++)));
-    for (int i = 0; i < 2; ++i)
-      ASSERT_EQ(std::to_string(popped++), text_of(queue.try_pop()));
-  }
-  EXPECT_EQ(200u, queue.items.size());
-}
-
-// The producer's pointer is gone, the item is whole when popped, and freed when dropped.
-TEST_F(MessageQueueTest, BufferOutlivesItsProducersShare) {
-  item_t item = message("a");
+// The item is the caller's buffer itself: 2 holders, its producer may drop it, then the popper.
+TEST_F(MessageQueueTest, PushSharesTheBufferAndPopHandsTheShareOver) {
+  item_t item = buffer_of("a");
   const std::weak_ptr<buffer_info_t> watch = item;
   queue.push(item);
+  EXPECT_EQ(2, watch.use_count());
+  EXPECT_EQ(1u, queue.items.size());
+  EXPECT_EQ(item, queue.items.front());
   item.reset();
-  EXPECT_FALSE(watch.expired());
+  EXPECT_EQ(1, watch.use_count());
   item = queue.try_pop();
-  EXPECT_EQ("a", text_of(item));
+  EXPECT_EQ(1, watch.use_count());
+  EXPECT_EQ("a", text(item));
   item.reset();
   EXPECT_TRUE(watch.expired());
+}
+
+// 1000 rounds of three pushes and two pops, blocks of the container long, take 0 to 1999 in order.
+TEST_F(MessageQueueTest, ItemsLeaveInTheirOrderAcrossTheBlocksOfTheContainer) {
+  int pushed = 0;
+  int popped = 0;
+  for (int round = 0; round < 1000; ++round) {
+    for (int i = 0; i < 3; ++i)
+      queue.push(buffer_of(std::to_string(pushed++)));
+    for (int i = 0; i < 2; ++i)
+      ASSERT_EQ(std::to_string(popped++), text(queue.try_pop()));
+  }
+  EXPECT_EQ(1000u, queue.items.size());
+  while (popped < pushed)
+    ASSERT_EQ(std::to_string(popped++), text(queue.try_pop()));
+  EXPECT_EQ(nullptr, queue.try_pop());
 }
 
 // It sees the sizes 1, 2 and 1 of three pushes and is not called by pops.
 TEST_F(MessageQueueTest, NotifyRunsOnceForEveryPushAfterTheItemIsStored) {
   std::vector<std::size_t> sizes;
   queue.set_notify([&] { sizes.push_back(queue.items.size()); });
-  queue.push(message("a"));
-  queue.push(message("b"));
+  queue.push(buffer_of("a"));
+  queue.push(buffer_of("b"));
   queue.try_pop();
   queue.take([](const item_t &) {});
-  queue.push(message("c"));
+  queue.push(buffer_of("c"));
   EXPECT_THAT(sizes, ElementsAre(1, 2, 1));
 }
 
@@ -156,7 +127,7 @@ TEST_F(MessageQueueTest, NotifyRunsUnderTheLockOnThePushingThread) {
   std::thread::id producer_id;
   std::thread producer([&] {
     producer_id = std::this_thread::get_id();
-    queue.push(message("a"));
+    queue.push(buffer_of("a"));
   });
   producer.join();
   EXPECT_TRUE(held);
@@ -167,33 +138,26 @@ TEST_F(MessageQueueTest, NotifyRunsUnderTheLockOnThePushingThread) {
 // A push over set_notify(nullptr) stores its item and throws nothing.
 TEST_F(MessageQueueTest, NotifyWithoutATargetIsSkipped) {
   queue.set_notify(nullptr);
-  queue.push(message("a"));
-  EXPECT_EQ("a", text_of(queue.try_pop()));
+  queue.push(buffer_of("a"));
+  expect_last("a");
 }
 
-// set_notify destroys the old target, and the next push calls the new one alone.
+// set_notify destroys the old target and the next push calls the new one; reset_notify leaves none.
 TEST_F(MessageQueueTest, ReplacedNotifyIsReleasedAndNoLongerCalled) {
-  const auto old_target = std::make_shared<int>(0);
-  int calls = 0;
-  queue.set_notify([old_target] { ++*old_target; });
-  queue.push(message("a"));
-  queue.set_notify([&] { ++calls; });
-  EXPECT_EQ(1, old_target.use_count());
-  queue.push(message("b"));
-  EXPECT_EQ(1, *old_target);
-  EXPECT_EQ(1, calls);
-}
-
-// After it notify holds a target again, and a push only stores its item.
-TEST_F(MessageQueueTest, ResetNotifyReleasesTheTargetAndHoldsTheDoNothingFunction) {
-  const auto target = std::make_shared<int>(0);
-  queue.set_notify([target] { ++*target; });
+  const auto first = std::make_shared<int>(0);
+  const auto second = std::make_shared<int>(0);
+  queue.set_notify([first] { ++*first; });
+  queue.push(buffer_of("a"));
+  queue.set_notify([second] { ++*second; });
+  EXPECT_EQ(1, first.use_count());
+  queue.push(buffer_of("b"));
   queue.reset_notify();
-  EXPECT_EQ(1, target.use_count());
+  EXPECT_EQ(1, second.use_count());
   EXPECT_TRUE(queue.notify);
-  queue.push(message("a"));
-  EXPECT_EQ(0, *target);
-  EXPECT_EQ("a", text_of(queue.try_pop()));
+  queue.push(buffer_of("c"));
+  EXPECT_EQ(1, *first);
+  EXPECT_EQ(1, *second);
+  EXPECT_THAT(take_all(queue), ElementsAre("a", "b", "c"));
 }
 
 // set_notify and reset_notify lock the queue's mutex once each.
@@ -208,27 +172,30 @@ TEST_F(MessageQueueTest, SetNotifyTakesTheLock) {
 // It leaves push, and the item can be popped.
 TEST_F(MessageQueueTest, ExceptionOfNotifyLeavesTheItemStoredAndTheLockFree) {
   queue.set_notify([] { throw std::runtime_error("notify"); });
-  EXPECT_THROW(queue.push(message("a")), std::runtime_error);
+  EXPECT_THROW(queue.push(buffer_of("a")), std::runtime_error);
   EXPECT_FALSE(fake_mutex::is_held(queue.lock));
-  EXPECT_EQ("a", text_of(queue.try_pop()));
+  expect_last("a");
 }
 
-// Two items go to the handler in order with the result true, the third call is false.
+// Three items, a null pointer among them, go to the handler in order; true, and then false.
+// A null pointer was taken out without the handler's knowledge, and counted as an empty queue.
 TEST_F(MessageQueueTest, TakeGivesTheFrontItemToTheHandler) {
-  queue.push(message("a"));
-  queue.push(message("b"));
+  queue.push(buffer_of("a"));
+  queue.push(nullptr);
+  queue.push(buffer_of("b"));
   std::vector<std::string> taken;
-  const auto handler = [&](const item_t &item) { taken.push_back(text_of(item)); };
-  EXPECT_TRUE(queue.take(handler));
-  EXPECT_THAT(taken, ElementsAre("a"));
-  EXPECT_TRUE(queue.take(handler));
+  const auto handler = [&](const item_t &item) { taken.push_back(text(item)); };
+  for (std::size_t count = 1; count <= 3; ++count) {
+    EXPECT_TRUE(queue.take(handler));
+    EXPECT_EQ(count, taken.size());
+  }
   EXPECT_FALSE(queue.take(handler));
-  EXPECT_THAT(taken, ElementsAre("a", "b"));
+  EXPECT_THAT(taken, ElementsAre("a", "nothing", "b"));
 }
 
 // Inside it the item is already removed, the mutex free, and a push works.
 TEST_F(MessageQueueTest, HandlerRunsWithoutTheLockAndMayUseTheQueue) {
-  queue.push(message("a"));
+  queue.push(buffer_of("a"));
   bool held = true;
   EXPECT_TRUE(queue.take([&](const item_t &item) {
     held = fake_mutex::is_held(queue.lock);
@@ -236,66 +203,43 @@ TEST_F(MessageQueueTest, HandlerRunsWithoutTheLockAndMayUseTheQueue) {
     queue.push(item);
   }));
   EXPECT_FALSE(held);
-  EXPECT_EQ("a", text_of(queue.try_pop()));
+  expect_last("a");
 }
 
-// A null pointer between two messages: the handler gets it, and take returns true as for them.
-// It was taken out of the queue without the handler's knowledge, and counted as an empty queue.
-TEST_F(MessageQueueTest, TakenNullPointerIsAnItemLikeAnyOther) {
-  queue.push(message("a"));
-  queue.push(nullptr);
-  queue.push(message("b"));
-  std::vector<std::string> taken;
-  while (queue.take([&](const item_t &item) { taken.push_back(text_of(item)); })) {
-  }
-  EXPECT_THAT(taken, ElementsAre("a", "nothing", "b"));
-  EXPECT_TRUE(queue.items.empty());
-}
-
-// 1 holder is left after a handler that keeps nothing, 2 after one that does.
+// 1 holder is left after a handler that keeps nothing or throws, 2 after one that keeps it.
 TEST_F(MessageQueueTest, ItemIsReleasedAfterTheHandlerUnlessItKeepsIt) {
-  const item_t item = message("a");
+  const item_t item = buffer_of("a");
   item_t kept;
   queue.push(item);
   queue.take([](const item_t &) {});
   EXPECT_EQ(1, item.use_count());
   queue.push(item);
+  EXPECT_THROW(queue.take([](const item_t &) { throw std::runtime_error("handler"); }),
+               std::runtime_error);
+  EXPECT_EQ(1, item.use_count());
+  queue.push(item);
   queue.take([&](const item_t &taken) { kept = taken; });
   EXPECT_EQ(2, item.use_count());
+  EXPECT_EQ(nullptr, queue.try_pop());
 }
 
 // std::bad_function_call, the item is out of the queue, and the next one is in front.
 TEST_F(MessageQueueTest, TakeWithAnEmptyHandlerThrowsAndReleasesTheItem) {
-  const item_t item = message("a");
+  const item_t item = buffer_of("a");
   queue.push(item);
-  queue.push(message("b"));
+  queue.push(buffer_of("b"));
   EXPECT_THROW(queue.take(nullptr), std::bad_function_call);
   EXPECT_EQ(1, item.use_count());
-  EXPECT_EQ("b", text_of(queue.try_pop()));
-}
-
-// take(nullptr) on an empty queue returns false.
-TEST_F(MessageQueueTest, EmptyHandlerDoesNotMatterWhenNothingIsTaken) {
-  EXPECT_FALSE(queue.take(nullptr));
-}
-
-// It leaves take, and the item is neither held nor in the queue.
-TEST_F(MessageQueueTest, ExceptionOfTheHandlerReleasesTheItem) {
-  const item_t item = message("a");
-  queue.push(item);
-  EXPECT_THROW(queue.take([](const item_t &) { throw std::runtime_error("handler"); }),
-               std::runtime_error);
-  EXPECT_EQ(1, item.use_count());
-  EXPECT_EQ(nullptr, queue.try_pop());
+  expect_last("b");
 }
 
 // EDEADLK comes out of push, try_pop, take and set_notify; nothing is logged.
 TEST_F(MessageQueueTest, LockFailureIsThrownWithItsCodeAndChangesNothing) {
   int notified = 0;
   queue.set_notify([&] { ++notified; });
-  queue.push(message("a"));
+  queue.push(buffer_of("a"));
   fake_mutex::refuse(queue.lock, EDEADLK);
-  EXPECT_EQ(EDEADLK, error_of([this] { queue.push(message("b")); }));
+  EXPECT_EQ(EDEADLK, error_of([this] { queue.push(buffer_of("b")); }));
   EXPECT_EQ(EDEADLK, error_of([this] { queue.try_pop(); }));
   EXPECT_EQ(EDEADLK, error_of([this] { queue.take([](const item_t &) {}); }));
   EXPECT_EQ(EDEADLK, error_of([this] { queue.set_notify(nullptr); }));
@@ -310,7 +254,7 @@ TEST_F(MessageQueueTest, LockFailureIsThrownWithItsCodeAndChangesNothing) {
 TEST_F(MessageQueueTest, NoMemoryToGrowThrowsAndLeavesTheQueueAsItWas) {
   int notified = 0;
   queue.set_notify([&] { ++notified; });
-  const item_t item = message("a");
+  const item_t item = buffer_of("a");
   int pushed = 0;
   bool threw = false;
   while (!threw && pushed < 1000) {
@@ -351,13 +295,13 @@ TEST(MessageQueueEndTest, DestructionFreesEveryItemThenNotify) {
 
 // An item with another holder is whole after the queue is destroyed.
 TEST(MessageQueueEndTest, ItemsHeldElsewhereOutliveTheQueue) {
-  const item_t item = message("a");
+  const item_t item = buffer_of("a");
   {
     message_queue_t queue;
     queue.push(item);
   }
   EXPECT_EQ(1, item.use_count());
-  EXPECT_EQ("a", text_of(item));
+  EXPECT_EQ("a", text(item));
 }
 
 // 5000 messages of one thread arrive at the other in order while notify is set and reset.
@@ -368,7 +312,7 @@ TEST_F(MessageQueueTest, ProducerAndConsumerMeetWithoutLossOrRace) {
   std::atomic<int> wakes{0};
   std::thread producer([&] {
     for (int i = 0; i < count; ++i)
-      queue.push(message(std::to_string(i)));
+      queue.push(buffer_of(std::to_string(i)));
   });
   int taken = 0;
   bool in_order = true;
@@ -378,7 +322,7 @@ TEST_F(MessageQueueTest, ProducerAndConsumerMeetWithoutLossOrRace) {
     else
       queue.reset_notify();
     while (queue.take([&](const item_t &item) {
-      in_order = in_order && text_of(item) == std::to_string(taken);
+      in_order = in_order && text(item) == std::to_string(taken);
       ++taken;
     })) {
     }
@@ -395,7 +339,7 @@ TEST_F(MessageQueueTest, OldTargetIsNeitherRunningNorCalledAfterItsReplacement) 
   std::atomic<bool> done{false};
   std::thread producer([&] {
     while (!done) {
-      queue.push(message("a"));
+      queue.push(buffer_of("a"));
       queue.try_pop();
     }
   });

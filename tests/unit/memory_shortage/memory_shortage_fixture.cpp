@@ -1,4 +1,4 @@
-#include "unit/message_way/message_way_fixture.h"
+#include "unit/memory_shortage/memory_shortage_fixture.h"
 
 #include <cstddef>
 #include <new>
@@ -7,9 +7,8 @@
 
 #include "fakes/fake_bus.h"
 #include "fakes/fake_libc.h"
-#include "fakes/fake_log.h"
 #include "fakes/fake_lws.h"
-#include "log/log_module.h"
+#include "support/buffers.h"
 
 namespace vemk {
 
@@ -29,13 +28,12 @@ std::vector<std::string> frame_payloads() {
 
 } // namespace
 
-MessageWayFixture::~MessageWayFixture() {
+MemoryShortageFixture::~MemoryShortageFixture() {
   websock.reset();
   ipc.reset();
-  g_log_level = 0;
 }
 
-std::vector<outcome_t> MessageWayFixture::run_all(const way_t &prepare, const way_t &way) {
+std::vector<outcome_t> MemoryShortageFixture::run_all(const way_t &prepare, const way_t &way) {
   std::vector<outcome_t> outcomes;
   for (std::size_t nth = 1; nth <= most_requests; ++nth) {
     current = outcome_t{};
@@ -54,7 +52,7 @@ std::vector<outcome_t> MessageWayFixture::run_all(const way_t &prepare, const wa
   return outcomes;
 }
 
-void MessageWayFixture::make_workers() {
+void MemoryShortageFixture::make_workers() {
   websock.reset();
   ipc.reset();
   fake_memory::reset();
@@ -62,7 +60,6 @@ void MessageWayFixture::make_workers() {
   fake_libc::reset();
   fake_log::clear();
   fake_lws::reset();
-  g_log_level = log_category_error;
   bus_to_ws = std::make_unique<message_queue_t>();
   ws_to_bus = std::make_unique<message_queue_t>();
   websock = std::make_unique<websock_worker>(bus_to_ws.get(), ws_to_bus.get(), "roam.example",
@@ -71,10 +68,10 @@ void MessageWayFixture::make_workers() {
   ipc->init();
 }
 
-void MessageWayFixture::connect(int earlier) {
+void MemoryShortageFixture::connect(int earlier) {
   make_workers();
   websock->init();
-  websock_step([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED); });
+  establishment_step();
   for (int i = 0; i < earlier; ++i) {
     fake_bus::add_message("earlier");
     bus_step();
@@ -86,20 +83,24 @@ void MessageWayFixture::connect(int earlier) {
   }
 }
 
-void MessageWayFixture::bus_step() {
+void MemoryShortageFixture::bus_step() {
   step("ipc", [this] { ipc->run_once(); });
 }
 
-void MessageWayFixture::websock_step(const way_t &event) {
+void MemoryShortageFixture::websock_step(const way_t &event) {
   fake_lws::script_service(event);
   step("websock-roaming", [this] { websock->run_once(); });
 }
 
-void MessageWayFixture::writeable_step() {
+void MemoryShortageFixture::establishment_step() {
+  websock_step([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED); });
+}
+
+void MemoryShortageFixture::writeable_step() {
   websock_step([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE); });
 }
 
-void MessageWayFixture::receive_steps(const std::vector<std::string> &pieces) {
+void MemoryShortageFixture::receive_steps(const std::vector<std::string> &pieces) {
   for (std::size_t i = 0; i < pieces.size(); ++i) {
     const std::string &piece = pieces[i];
     const bool is_last = i + 1 == pieces.size();
@@ -110,11 +111,11 @@ void MessageWayFixture::receive_steps(const std::vector<std::string> &pieces) {
   }
 }
 
-void MessageWayFixture::websock_init() {
+void MemoryShortageFixture::websock_init() {
   step("websock-roaming", [this] { websock->init(); });
 }
 
-void MessageWayFixture::step(const std::string &worker, const way_t &action) {
+void MemoryShortageFixture::step(const std::string &worker, const way_t &action) {
   if (!current.ended.empty())
     return;
   try {
@@ -125,20 +126,20 @@ void MessageWayFixture::step(const std::string &worker, const way_t &action) {
   }
 }
 
-void MessageWayFixture::collect() {
+void MemoryShortageFixture::collect() {
   current.refused = fake_memory::refused_request();
   current.at_server = frame_payloads();
   current.on_bus = fake_bus::sent();
   // What waits for the bus thread would still go out.
-  while (const auto waiting = ws_to_bus->try_pop())
-    current.on_bus.emplace_back(reinterpret_cast<const char *>(waiting->data), waiting->length);
+  for (const std::string &waiting : take_all(*ws_to_bus))
+    current.on_bus.push_back(waiting);
   for (const char *module : {"buffer-info", "websock-worker"}) {
     for (const std::string &message : fake_log::messages(module))
       current.errors.push_back(module + std::string(": ") + message);
   }
 }
 
-void MessageWayFixture::expect_messages_pass(const outcome_t &after) {
+void MemoryShortageFixture::expect_messages_pass(const outcome_t &after) {
   SCOPED_TRACE("after a refused " + after.refused.kind + " of " +
                std::to_string(after.refused.size) + " bytes");
   fake_memory::refuse_request(0);
@@ -152,9 +153,9 @@ void MessageWayFixture::expect_messages_pass(const outcome_t &after) {
   EXPECT_THAT(fake_bus::sent(), ElementsAre("next down"));
 }
 
-void MessageWayFixture::clear_far_ends() {
-  fake_bus::clear_sent();
-  fake_lws::clear_frames();
+void MemoryShortageFixture::clear_far_ends() {
+  fake_bus::sent.clear();
+  fake_lws::frames.clear();
   fake_log::clear();
 }
 

@@ -7,7 +7,7 @@
 
 #include "fakes/fake_bus.h"
 #include "fakes/fake_lws.h"
-#include "unit/message_way/message_way_fixture.h"
+#include "unit/memory_shortage/memory_shortage_fixture.h"
 
 namespace vemk {
 namespace {
@@ -38,7 +38,7 @@ std::string description(const outcome_t &outcome) {
          " bytes";
 }
 
-class MessageWayTest : public MessageWayFixture {
+class MemoryShortageTest : public MemoryShortageFixture {
 protected:
   std::vector<outcome_t> run_up(const std::string &message, int earlier = 0) {
     return run_all(
@@ -59,32 +59,6 @@ protected:
                      bus_step();
                    });
   }
-
-  std::vector<outcome_t> run_status_request() {
-    return run_all(
-        [this] {
-          connect();
-          fake_bus::add_message(status_request);
-        },
-        [this] {
-          bus_step();
-          writeable_step();
-          bus_step();
-        });
-  }
-
-  std::vector<outcome_t> run_establishment() {
-    return run_all(
-        [this] {
-          make_workers();
-          websock_init();
-          bus_step();
-        },
-        [this] {
-          websock_step([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED); });
-          bus_step();
-        });
-  }
 };
 
 /// A status message with any of its three members left out, as the writer leaves out what it has
@@ -100,7 +74,7 @@ auto a_status_without_a_member(const std::string &cmd) {
 // Fault, in the process: no memory at request 1, 2, 3 ... of a short message's way to the server.
 // Seen: its copy: "append:95 Can't alloc memory" and no message; a smart pointer or the queue:
 // std::bad_alloc out of the worker "ipc"; its dump or its look-up: the exact message.
-TEST_F(MessageWayTest, UpAShortMessageArrivesExactOrNotAtAll) {
+TEST_F(MemoryShortageTest, UpAShortMessageArrivesExactOrNotAtAll) {
   // The name in it is what has it looked up.
   const std::string message = R"({"service":"roam","cmd":"internal-ipc"})";
   const auto outcomes = run_up(message);
@@ -124,7 +98,7 @@ TEST_F(MessageWayTest, UpAShortMessageArrivesExactOrNotAtAll) {
 
 // Fault, in the process: no memory for the frame of a message of 20,000 bytes.
 // Seen: "lws_send:Can't send msg type [0] to websocket", no frame, the next message passes.
-TEST_F(MessageWayTest, UpALongMessageArrivesExactOrNotAtAll) {
+TEST_F(MemoryShortageTest, UpALongMessageArrivesExactOrNotAtAll) {
   const std::string message(20000, 'x');
   bool frame_refused = false;
   for (const outcome_t &outcome : run_up(message)) {
@@ -145,7 +119,7 @@ TEST_F(MessageWayTest, UpALongMessageArrivesExactOrNotAtAll) {
 // Seen: the last piece: "append:95 Can't alloc memory", "can't receive message", nothing on the
 // bus; an earlier piece: the message without it; a smart pointer: std::bad_alloc out of the worker
 // "websock-roaming"; the dump: the exact message.
-TEST_F(MessageWayTest, DownAMessageInThreePiecesArrivesAsDesigned) {
+TEST_F(MemoryShortageTest, DownAMessageInThreePiecesArrivesAsDesigned) {
   const std::vector<std::string> pieces = {"first, ", "second piece, ", "and the third"};
   const std::string whole = pieces[0] + pieces[1] + pieces[2];
   const auto outcomes = run_down(pieces);
@@ -177,7 +151,7 @@ TEST_F(MessageWayTest, DownAMessageInThreePiecesArrivesAsDesigned) {
 
 // Without memory for a queue's next block a message arrives as it is or not at all.
 // A block holds 32, 64 or 256 messages, depending on the library.
-TEST_F(MessageWayTest, AMessageThatNeedsANewBlockOfItsQueueArrivesExactOrNotAtAll) {
+TEST_F(MemoryShortageTest, AMessageThatNeedsANewBlockOfItsQueueArrivesExactOrNotAtAll) {
   std::set<std::size_t> runs_up;
   std::set<std::size_t> runs_down;
   for (const int earlier : {0, 29, 31, 61, 63, 253, 255}) {
@@ -197,8 +171,17 @@ TEST_F(MessageWayTest, AMessageThatNeedsANewBlockOfItsQueueArrivesExactOrNotAtAl
 // Fault, in the process: no memory at each request of a status request's way.
 // Seen: the answer, or none, or the answer without the members for which there was no memory
 // ("null" without the object); without memory to parse it the request goes on to the server.
-TEST_F(MessageWayTest, AStatusRequestIsAnsweredWithWhatThereIsMemoryFor) {
-  const auto outcomes = run_status_request();
+TEST_F(MemoryShortageTest, AStatusRequestIsAnsweredWithWhatThereIsMemoryFor) {
+  const auto outcomes = run_all(
+      [this] {
+        connect();
+        fake_bus::add_message(status_request);
+      },
+      [this] {
+        bus_step();
+        writeable_step();
+        bus_step();
+      });
   for (const outcome_t &outcome : outcomes) {
     SCOPED_TRACE(description(outcome));
     const std::string &kind = outcome.refused.kind;
@@ -226,8 +209,17 @@ TEST_F(MessageWayTest, AStatusRequestIsAnsweredWithWhatThereIsMemoryFor) {
 // Fault, in the process: no memory at each request of the connection's establishment.
 // Seen: "connected" is announced, or not, or without a member; without memory for the watchdog's
 // timer or a smart pointer std::bad_alloc out of the worker "websock-roaming".
-TEST_F(MessageWayTest, AnEstablishmentWithoutMemoryStillBridgesOrEndsTheProcess) {
-  const auto outcomes = run_establishment();
+TEST_F(MemoryShortageTest, AnEstablishmentWithoutMemoryStillBridgesOrEndsTheProcess) {
+  const auto outcomes = run_all(
+      [this] {
+        make_workers();
+        websock_init();
+        bus_step();
+      },
+      [this] {
+        establishment_step();
+        bus_step();
+      });
   for (const outcome_t &outcome : outcomes) {
     SCOPED_TRACE(description(outcome));
     EXPECT_EQ(outcome.ended, outcome.refused.kind == "new" ? "websock-roaming" : "");
@@ -243,14 +235,13 @@ TEST_F(MessageWayTest, AnEstablishmentWithoutMemoryStillBridgesOrEndsTheProcess)
 // Fault, in the process: no memory at each request of a connection attempt.
 // Seen: the attempt is made with or without its "disconnected"; without memory for a smart pointer
 // std::bad_alloc leaves init(), which ends the process.
-TEST_F(MessageWayTest, AnAttemptWithoutMemoryIsStillMadeOrEndsTheProcess) {
-  const auto outcomes =
-      run_all([this] { make_workers(); },
-              [this] {
-                websock_init();
-                bus_step();
-                websock_step([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED); });
-              });
+TEST_F(MemoryShortageTest, AnAttemptWithoutMemoryIsStillMadeOrEndsTheProcess) {
+  const auto outcomes = run_all([this] { make_workers(); },
+                                [this] {
+                                  websock_init();
+                                  bus_step();
+                                  establishment_step();
+                                });
   for (const outcome_t &outcome : outcomes) {
     SCOPED_TRACE(description(outcome));
     EXPECT_EQ(outcome.ended, outcome.refused.kind == "new" ? "websock-roaming" : "");

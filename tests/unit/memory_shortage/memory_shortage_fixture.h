@@ -1,6 +1,6 @@
 /// One message's way through both workers, with memory that runs out at a chosen request.
-#ifndef VEMK_TESTS_UNIT_MESSAGE_WAY_MESSAGE_WAY_FIXTURE_H
-#define VEMK_TESTS_UNIT_MESSAGE_WAY_MESSAGE_WAY_FIXTURE_H
+#ifndef VEMK_TESTS_UNIT_MEMORY_SHORTAGE_MEMORY_SHORTAGE_FIXTURE_H
+#define VEMK_TESTS_UNIT_MEMORY_SHORTAGE_MEMORY_SHORTAGE_FIXTURE_H
 
 #include <functional>
 #include <memory>
@@ -12,15 +12,11 @@
 
 #include "fakes/fake_memory.h"
 #include "ipc/ipc_worker.h"
+#include "support/logging_test.h"
+#include "support/status_texts.h"
 #include "websock/websock_worker.h"
 
 namespace vemk {
-
-constexpr char connected_status[] =
-    R"({ "version": "2.0", "service": "internal-ipc", "cmd": "connected" })";
-constexpr char disconnected_status[] =
-    R"({ "version": "2.0", "service": "internal-ipc", "cmd": "disconnected" })";
-constexpr char status_request[] = R"({"service":"internal-ipc","cmd":"status"})";
 
 /// What came of one run of a way.
 struct outcome_t {
@@ -34,9 +30,10 @@ struct outcome_t {
   std::vector<std::string> errors;
 };
 
-class MessageWayFixture : public testing::Test {
+class MemoryShortageFixture : public LoggingTest {
 protected:
-  ~MessageWayFixture() override;
+  MemoryShortageFixture() : LoggingTest(log_category_error) {}
+  ~MemoryShortageFixture() override;
 
   using way_t = std::function<void()>;
 
@@ -55,6 +52,7 @@ protected:
   void bus_step();
   /// The library's event happens inside one step of the WebSocket worker.
   void websock_step(const way_t &event);
+  void establishment_step();
   void writeable_step();
   /// One message from the server in these pieces, a step for each.
   void receive_steps(const std::vector<std::string> &pieces);

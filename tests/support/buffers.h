@@ -1,6 +1,6 @@
 /// Message buffers and queues as plain texts.
-#ifndef VEMK_TESTS_FUZZ_BUFFERS_H
-#define VEMK_TESTS_FUZZ_BUFFERS_H
+#ifndef VEMK_TESTS_SUPPORT_BUFFERS_H
+#define VEMK_TESTS_SUPPORT_BUFFERS_H
 
 #include <cstdint>
 #include <memory>
@@ -10,7 +10,7 @@
 #include "worker/buffer_info.h"
 #include "worker/message_queue.h"
 
-namespace vemk::fuzz {
+namespace vemk {
 
 inline std::string text_of(const buffer_info_t &buffer) {
   return buffer.length == 0
@@ -31,6 +31,6 @@ inline std::vector<std::string> take_all(message_queue_t &queue) {
   return texts;
 }
 
-} // namespace vemk::fuzz
+} // namespace vemk
 
 #endif
