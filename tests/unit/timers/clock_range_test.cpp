@@ -1,15 +1,6 @@
 // The monotonic clock up to the last second that 32 bits can hold, whatever the width of time_t.
 
-#include "timers/timer_service.h"
-
-#include <memory>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "fakes/fake_libc.h"
+#include "unit/timers/timers_fixture.h"
 
 namespace vemk {
 namespace {
@@ -19,21 +10,17 @@ using testing::IsEmpty;
 
 constexpr std::int32_t last_second = 2147483647;
 
-class ClockRangeTest : public testing::Test {
+class ClockRangeTest : public TimersFixture {
 protected:
-  ClockRangeTest() { fake_libc::reset(); }
-
   void make_service_at(std::int64_t seconds) {
     fake_libc::set_seconds(seconds);
     service = std::make_unique<timer_service>();
   }
 
-  std::function<void()> record(const std::string &text) {
-    return [this, text] { fired.push_back(text); };
+  std::vector<std::string> run_at(std::int64_t seconds) {
+    fake_libc::set_seconds(seconds);
+    return run();
   }
-
-  std::unique_ptr<timer_service> service;
-  std::vector<std::string> fired;
 };
 
 // Timers for 2147483646 and 2147483647 fire in their seconds.
@@ -41,14 +28,9 @@ TEST_F(ClockRangeTest, TimersFireUpToTheLastSecond) {
   make_service_at(last_second - 5);
   service->add_timer(record("last"), 0, 5);
   service->add_timer(record("earlier"), 0, 4);
-  service->run_expired();
-  EXPECT_THAT(fired, IsEmpty());
-  fake_libc::set_seconds(last_second - 1);
-  service->run_expired();
-  EXPECT_THAT(fired, ElementsAre("earlier"));
-  fake_libc::set_seconds(last_second);
-  service->run_expired();
-  EXPECT_THAT(fired, ElementsAre("earlier", "last"));
+  EXPECT_THAT(run(), IsEmpty());
+  EXPECT_THAT(run_at(last_second - 1), ElementsAre("earlier"));
+  EXPECT_THAT(run_at(last_second), ElementsAre("last"));
 }
 
 // 2 seconds from 2147483645 make 40 polls and end at 2147483647.
@@ -62,8 +44,7 @@ TEST_F(ClockRangeTest, ADelayEndsWithTheLastSecond) {
 TEST_F(ClockRangeTest, AnExpiryBeyondTheLastSecondLiesFarBackAndFiresAtOnce) {
   make_service_at(last_second - 5);
   EXPECT_EQ(service->add_timer(record("wrapped"), 0, 6)->expiry, -last_second - 1);
-  service->run_expired();
-  EXPECT_THAT(fired, ElementsAre("wrapped"));
+  EXPECT_THAT(run(), ElementsAre("wrapped"));
 }
 
 // A deadline of 2147483647 + 1 is one far back, so the delay ends after its first poll.

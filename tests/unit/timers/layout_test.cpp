@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/layout.h"
 #include "timers/timer_service.h"
 
 namespace vemk {
@@ -13,13 +14,9 @@ namespace {
 // The callback lies at 0, then the id and the expiry with 4 bytes each.
 TEST(TimerLayoutTest, IsCallbackThenIdThenExpiry) {
   const timer_entry entry{nullptr, 0, 0};
-  const auto offset_of = [&](const void *member) {
-    return static_cast<std::size_t>(static_cast<const char *>(member) -
-                                    reinterpret_cast<const char *>(&entry));
-  };
-  EXPECT_EQ(offset_of(&entry.callback), 0u);
-  EXPECT_EQ(offset_of(&entry.id), sizeof entry.callback);
-  EXPECT_EQ(offset_of(&entry.expiry), sizeof entry.callback + 4);
+  EXPECT_EQ(offset_in(entry, &entry.callback), 0u);
+  EXPECT_EQ(offset_in(entry, &entry.id), sizeof entry.callback);
+  EXPECT_EQ(offset_in(entry, &entry.expiry), sizeof entry.callback + 4);
   EXPECT_EQ(sizeof entry, sizeof entry.callback + 8);
 }
 

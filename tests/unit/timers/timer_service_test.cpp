@@ -1,18 +1,9 @@
-#include "timers/timer_service.h"
-
-#include <functional>
 #include <iterator>
-#include <memory>
 #include <new>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "fakes/fake_libc.h"
 #include "fakes/fake_memory.h"
+#include "unit/timers/timers_fixture.h"
 
 namespace vemk {
 
@@ -21,33 +12,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// The clock stands at second 1000 when the service is made.
-class TimerServiceTest : public testing::Test {
-protected:
-  TimerServiceTest() {
-    fake_libc::reset();
-    service = std::make_unique<timer_service>();
-  }
-
-  std::function<void()> record(const std::string &text) {
-    return [this, text] { fired.push_back(text); };
-  }
-
-  /// What the next run_expired() fires.
-  std::vector<std::string> run() {
-    fired.clear();
-    service->run_expired();
-    return fired;
-  }
-
-  std::vector<std::string> run_after(std::int64_t seconds) {
-    fake_libc::advance_seconds(seconds);
-    return run();
-  }
-
-  std::unique_ptr<timer_service> service;
-  std::vector<std::string> fired;
-};
+class TimerServiceTest : public TimersFixture {};
 
 } // namespace
 
@@ -60,49 +25,29 @@ TEST_F(TimerServiceTest, EmptyListOnlyChecksTheClock) {
   EXPECT_THAT(fake_libc::select_timeouts_us(), IsEmpty());
 }
 
-// With delay 3 nothing fires at 1000 and 1002, the callback runs at 1003 and never again.
+// Added at 1005 with delay 3 a timer fires at 1008, or at the next run after it, and never again.
 TEST_F(TimerServiceTest, TimerFiresInItsSecondAndOnlyOnce) {
+  fake_libc::advance_seconds(5);
   service->add_timer(record("a"), 0, 3);
   EXPECT_THAT(run(), IsEmpty());
   EXPECT_THAT(run_after(2), IsEmpty());
   EXPECT_THAT(run_after(1), ElementsAre("a"));
   EXPECT_THAT(run(), IsEmpty());
   EXPECT_THAT(run_after(3), IsEmpty());
+  service->add_timer(record("late"), 0, 3);
+  EXPECT_THAT(run_after(9), ElementsAre("late"));
 }
 
-// With delay 3 and no run before 1009 it fires at 1009.
-TEST_F(TimerServiceTest, LateTimerFiresAtTheNextRun) {
-  service->add_timer(record("a"), 0, 3);
-  EXPECT_THAT(run_after(9), ElementsAre("a"));
-}
-
-// Added at 1005 with delay 2 it fires at 1007, although the service was built at 1000.
-TEST_F(TimerServiceTest, DelayCountsFromTheSecondOfTheCall) {
-  fake_libc::advance_seconds(5);
-  service->add_timer(record("a"), 0, 2);
-  EXPECT_THAT(run_after(1), IsEmpty());
-  EXPECT_THAT(run_after(1), ElementsAre("a"));
-}
-
-// Added at 1000 with delay 0 it fires in the run at 1000.
-TEST_F(TimerServiceTest, DelayZeroIsDueInTheSameSecond) {
-  service->add_timer(record("a"), 0, 0);
-  EXPECT_THAT(run(), ElementsAre("a"));
-}
-
-// Delay -5 fires in the same second, in front of delay 0.
-TEST_F(TimerServiceTest, NegativeDelayIsOverdueAtOnce) {
+// Delays -5 and 0 fire in the same second, in this order, and not before the run.
+TEST_F(TimerServiceTest, DelayZeroIsDueInTheSameSecondAndANegativeOneOverdue) {
   service->add_timer(record("now"), 0, 0);
   service->add_timer(record("overdue"), 0, -5);
-  EXPECT_THAT(run(), ElementsAre("overdue", "now"));
-}
-
-// add_timer leaves a due timer unfired.
-TEST_F(TimerServiceTest, AddingFiresNothing) {
-  service->add_timer(record("a"), 0, 0);
-  fake_libc::advance_seconds(1);
-  service->add_timer(record("b"), 0, 0);
   EXPECT_THAT(fired, IsEmpty());
+  EXPECT_THAT(run(), ElementsAre("overdue", "now"));
+  service->add_timer(record("due"), 0, 0);
+  fake_libc::advance_seconds(1);
+  service->add_timer(record("other"), 0, 0);
+  EXPECT_THAT(fired, ElementsAre("overdue", "now"));
 }
 
 // Added as 4, 2, 3, 1 seconds they fire as 1, 2, 3 at 1003 and 4 at 1004.
@@ -148,25 +93,18 @@ TEST_F(TimerServiceTest, ExpiryIsASigned32BitSecond) {
   EXPECT_THAT(run(), ElementsAre("wraps"));
 }
 
-// Of six timers cancel_timers(0) removes the four with id 0; those with 1 and 2 fire.
+// Of six timers cancel_timers(0) removes the four with id 0; an unknown id changes nothing.
 TEST_F(TimerServiceTest, CancellingRemovesEveryTimerOfItsIdAndNoOther) {
+  service->cancel_timers(0);
   service->add_timer(record("zero 1"), 0, 1);
   service->add_timer(record("one"), 1, 1);
   service->add_timer(record("zero 2"), 0, 2);
   service->add_timer(record("zero 3"), 0, 2);
   service->add_timer(record("two"), 2, 2);
   service->add_timer(record("zero 4"), 0, 3);
-  service->cancel_timers(0);
+  for (const std::uint32_t id : {0u, 0u, 4294967295u})
+    service->cancel_timers(id);
   EXPECT_THAT(run_after(3), ElementsAre("one", "two"));
-}
-
-// Cancelling 0 and 4294967295, also in an empty list, leaves the timer with id 1.
-TEST_F(TimerServiceTest, CancellingAnUnknownIdChangesNothing) {
-  service->cancel_timers(0);
-  service->add_timer(record("a"), 1, 1);
-  service->cancel_timers(0);
-  service->cancel_timers(4294967295u);
-  EXPECT_THAT(run_after(1), ElementsAre("a"));
 }
 
 // cancel_timers drops a due timer unfired and without a clock reading.
@@ -178,36 +116,23 @@ TEST_F(TimerServiceTest, CancellingNeitherReadsTheClockNorFires) {
   EXPECT_THAT(fired, IsEmpty());
 }
 
-// Two timers hold two copies of one callback; cancel_timers destroys both.
-TEST_F(TimerServiceTest, CallbackIsCopiedAndReleasedWhenCancelled) {
+// Each timer holds a copy of its callback until it has fired, is cancelled, or the service goes.
+TEST_F(TimerServiceTest, CallbackIsCopiedAndReleasedWithItsTimer) {
   const auto token = std::make_shared<int>();
   {
-    const std::function<void()> callback = [token] {};
-    service->add_timer(callback, 0, 1);
-    service->add_timer(callback, 0, 2);
+    const std::function<void()> callback = [this, token] { fired.push_back("fired"); };
+    for (const std::uint32_t id : {0u, 0u, 1u, 2u})
+      service->add_timer(callback, id, id == 1 ? 0 : 60);
   }
-  EXPECT_EQ(3, token.use_count());
+  EXPECT_EQ(5, token.use_count());
   service->cancel_timers(0);
-  EXPECT_EQ(1, token.use_count());
-}
-
-// After its run the service holds no copy of the callback.
-TEST_F(TimerServiceTest, CallbackIsReleasedAfterFiring) {
-  const auto token = std::make_shared<int>();
-  service->add_timer([token] {}, 0, 0);
-  ASSERT_EQ(2, token.use_count());
-  service->run_expired();
-  EXPECT_EQ(1, token.use_count());
-}
-
-// A due and a pending timer's callbacks are destroyed with the service and never run.
-TEST_F(TimerServiceTest, DestructionReleasesPendingTimersUnfired) {
-  const auto token = std::make_shared<int>();
-  service->add_timer([this, token] { fired.push_back("fired"); }, 0, 0);
-  service->add_timer([token] {}, 1, 60);
+  EXPECT_EQ(3, token.use_count());
+  EXPECT_THAT(run(), ElementsAre("fired"));
+  EXPECT_EQ(2, token.use_count());
+  service->add_timer([this, token] { fired.push_back("due"); }, 0, 0);
   service.reset();
   EXPECT_EQ(1, token.use_count());
-  EXPECT_THAT(fired, IsEmpty());
+  EXPECT_THAT(fired, ElementsAre("fired"));
 }
 
 // One that cancels its id and adds itself with delay 2 fires at 1002 and at 1004.
@@ -294,17 +219,9 @@ TEST_F(TimerServiceTest, EmptyCallbackThrowsWhenDueAndAfterItsRemoval) {
   EXPECT_THAT(run(), ElementsAre("after"));
 }
 
-// It leaves run_expired with its own timer gone and the next one still pending.
-TEST_F(TimerServiceTest, ExceptionOfACallbackLeavesTheOthersForTheNextRun) {
-  service->add_timer([] { throw std::runtime_error("callback"); }, 0, 0);
-  service->add_timer(record("other"), 0, 0);
-  EXPECT_THROW(service->run_expired(), std::runtime_error);
-  EXPECT_THAT(run(), ElementsAre("other"));
-}
-
-// After the exception cancel_timers(1) and add_timer work, and the next run fires "b" and "c".
+// It leaves run_expired; its timer is gone, the others pending: one is cancelled, "b" and "c" fire.
 // The walk that an exception ended must leave nothing behind that a later cancelling could trip on.
-TEST_F(TimerServiceTest, CancellingAfterACallbacksExceptionIsSafe) {
+TEST_F(TimerServiceTest, ExceptionOfACallbackLeavesTheOthersForTheNextRun) {
   service->add_timer([] { throw std::runtime_error("callback"); }, 0, 0);
   service->add_timer(record("a"), 1, 0);
   service->add_timer(record("b"), 0, 0);
