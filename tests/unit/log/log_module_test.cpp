@@ -136,12 +136,16 @@ TEST_F(LogModuleTest, ProcessWideLevelIsZeroUntilConfigured) {
   EXPECT_EQ(0u, log_level_before_main);
 }
 
-// log_module_init stores "timers" and all 32 bits of 0x8000000F.
+// log_module_init stores "timers" and all 32 bits of 0x8000000F, log_set_level 0xFFFFFFFF and 2.
 TEST_F(LogModuleTest, InitStoresNameAndLevel) {
   log_module_t other;
   log_module_init(other, "timers", 0x8000000F);
   EXPECT_STREQ("timers", other.name);
   EXPECT_EQ(0x8000000Fu, other.level);
+  for (const std::uint32_t mask : {0xFFFFFFFFu, 2u}) {
+    log_set_level(other, mask);
+    EXPECT_EQ(mask, other.level);
+  }
 }
 
 // A standard output with a buffer of 4096 bytes has one of at most 1 byte after log_module_init.
@@ -164,30 +168,13 @@ TEST_F(LogModuleTest, StaticSetupNamesTheModuleAndLeavesItSilent) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-// 0xFFFFFFFF and 2 are stored as they are, the second in place of the first.
-TEST_F(LogModuleTest, SetLevelStoresTheWholeMask) {
-  log_set_level(module, 0xFFFFFFFF);
-  EXPECT_EQ(0xFFFFFFFFu, module.level);
-  log_set_level(module, 2);
-  EXPECT_EQ(2u, module.level);
-}
-
-// 0x01 is log_error's, 0x02 log_warning's, 0x04 log_info's and 0x08 log_debug's line, no other.
+// 1 is log_error's, 2 log_warning's, 4 log_info's, 8 log_debug's line, 15 all; other bits none.
 TEST_F(LogModuleTest, EveryBitOpensItsCategoryOnly) {
   EXPECT_THAT(lines_with_mask(0x01), ElementsAre(error_line));
   EXPECT_THAT(lines_with_mask(0x02), ElementsAre(warning_line));
   EXPECT_THAT(lines_with_mask(0x04), ElementsAre(info_line));
   EXPECT_THAT(lines_with_mask(0x08), ElementsAre(debug_line));
-}
-
-// 15 and 0x0F are one mask, with which error, warning, info and debug lines all come.
-TEST_F(LogModuleTest, FifteenOpensAllFourCategories) {
   EXPECT_THAT(lines_with_mask(15), ElementsAre(error_line, warning_line, info_line, debug_line));
-  EXPECT_THAT(lines_with_mask(0x0F), ElementsAre(error_line, warning_line, info_line, debug_line));
-}
-
-// With the masks 0 and 0xFFFFFFF0 none of the four emitters writes.
-TEST_F(LogModuleTest, MasksWithoutACategoryBitAreSilent) {
   EXPECT_THAT(lines_with_mask(0), IsEmpty());
   EXPECT_THAT(lines_with_mask(0xFFFFFFF0), IsEmpty());
 }
@@ -205,17 +192,13 @@ TEST_F(LogModuleTest, OneLineIsAPrefixCallThenAMessageCall) {
   EXPECT_EQ("websock-roaming->init:7\n", calls[1].text);
 }
 
-// "100%n %s %d" as an argument of "%s\n" comes out as it is.
-TEST_F(LogModuleTest, ArgumentsAreNeverTakenAsAFormat) {
+// log_vprint writes prefix and message although the mask is 0; "100%n %s %d" comes out as it is.
+TEST_F(LogModuleTest, VprintWritesWhateverTheMaskAndTakesNoArgumentAsAFormat) {
+  vprint(module, "%s %u\n", "text", 5u);
   log_set_level(module, 0x01);
   log_error(module, "%s\n", "100%n %s %d");
-  EXPECT_THAT(lines(), ElementsAre(prefix("buffer-info") + "100%n %s %d\n"));
-}
-
-// log_vprint writes prefix and message although the module's mask is 0.
-TEST_F(LogModuleTest, VprintWritesWhateverTheMask) {
-  vprint(module, "%s %u\n", "text", 5u);
-  EXPECT_THAT(lines(), ElementsAre(prefix("buffer-info") + "text 5\n"));
+  EXPECT_THAT(lines(), ElementsAre(prefix("buffer-info") + "text 5\n",
+                                   prefix("buffer-info") + "100%n %s %d\n"));
 }
 
 // All five emitters lock once a message, over both platform calls, and unlock.
@@ -255,22 +238,16 @@ TEST_F(LogModuleTest, MutexThatCannotBeLockedThrowsItsErrorAndWritesNothing) {
   fake_mutex::watch(g_log_mutex);
 }
 
-// With mask 0x08 in one module and 0 in another only the first one's debug line comes.
+// With 0x08 in one module only its line comes; g_log_level opens nothing in one whose mask is 0.
 TEST_F(LogModuleTest, LevelOfOneModuleLeavesOthersAlone) {
   log_module_t other;
   log_module_init(other, "timers", 0);
   log_set_level(module, 0x08);
-  log_debug(other, "%s\n", "other");
-  log_debug(module, "%s\n", "this");
-  EXPECT_THAT(lines(), ElementsAre(prefix("buffer-info") + "this\n"));
-}
-
-// g_log_level of 0x0F opens nothing in a module whose own mask is 0.
-TEST_F(LogModuleTest, ProcessWideLevelReachesNoModuleByItself) {
   g_log_level = 0x0F;
-  log_in_every_category(module);
+  log_in_every_category(other);
   g_log_level = 0;
-  EXPECT_THAT(lines(), IsEmpty());
+  log_in_every_category(module);
+  EXPECT_THAT(lines(), ElementsAre(debug_line));
 }
 
 // 4 threads write 200 lines each: every prefix is followed by its own thread's message.

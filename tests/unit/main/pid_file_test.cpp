@@ -24,13 +24,21 @@ class PidFileTest : public testing::Test {
 protected:
   PidFileTest() { fake_process::reset(); }
 
+  static std::vector<std::string> events_of_a_start() {
+    replace_earlier_instance();
+    return fake_process::events();
+  }
+
+  static std::string kill_command(int pid) {
+    return "/bin/kill -s TERM " + std::to_string(pid) + " 2> /dev/null";
+  }
+
   /// The commands that a start runs over a PID file of this text.
   static std::vector<std::string> commands_for(const std::string &text) {
     fake_process::reset();
     fake_process::write_pid_file(text);
-    replace_earlier_instance();
     std::vector<std::string> commands;
-    for (const std::string &event : fake_process::events()) {
+    for (const std::string &event : events_of_a_start()) {
       if (event.rfind("system ", 0) == 0)
         commands.push_back(event.substr(7));
     }
@@ -46,7 +54,7 @@ protected:
     ASSERT_EQ(1, sscanf(commands[0].c_str(), "/bin/kill -s TERM %u", &pid)) << text;
     EXPECT_GT(pid, 1u << 22) << text;
     EXPECT_LT(pid, 1u << 31) << text;
-    EXPECT_EQ("/bin/kill -s TERM " + std::to_string(pid) + " 2> /dev/null", commands[0]);
+    EXPECT_EQ(kill_command(static_cast<int>(pid)), commands[0]);
   }
 };
 
@@ -54,8 +62,7 @@ protected:
 
 // Without the file no command is run; the file is opened with "w+" and holds "4242\n" then.
 TEST_F(PidFileTest, MissingFileIsSkippedAndWritten) {
-  replace_earlier_instance();
-  EXPECT_THAT(fake_process::events(),
+  EXPECT_THAT(events_of_a_start(),
               ElementsAre("open PID file r failed", "open PID file w+", "fclose PID file"));
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
@@ -63,28 +70,24 @@ TEST_F(PidFileTest, MissingFileIsSkippedAndWritten) {
 // "r", "/bin/kill -s TERM 123 2> /dev/null" run, close, "w+", close, in this order.
 TEST_F(PidFileTest, RecordedProcessIsTerminatedBeforeTheOwnPidIsWritten) {
   fake_process::write_pid_file("123\n");
-  replace_earlier_instance();
-  EXPECT_THAT(fake_process::events(),
-              ElementsAre("open PID file r", "system /bin/kill -s TERM 123 2> /dev/null",
-                          "fclose PID file", "open PID file w+", "fclose PID file"));
+  EXPECT_THAT(events_of_a_start(),
+              ElementsAre("open PID file r", "system " + kill_command(123), "fclose PID file",
+                          "open PID file w+", "fclose PID file"));
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
 
-// "123" with blanks before it, or a sign, zeros, letters or numbers around it, is PID 123.
-TEST_F(PidFileTest, OnlyTheFirstNumberIsRead) {
-  for (const char *text : {"123", "123\n", "  \n 123\n456\n", "123abc", "+123", "0123", "123 456"})
-    EXPECT_THAT(commands_for(text), ElementsAre("/bin/kill -s TERM 123 2> /dev/null")) << text;
+// Of "123 456", with blanks, a sign or zeros before it and letters behind, the command has the 123.
+TEST_F(PidFileTest, OnlyTheFirstNumberIsReadAndReachesTheCommand) {
+  for (const char *text : {"123", "123\n", "  \n 123\n456\n", "123abc", "+123", "0123", "123 456",
+                           "123; reboot\n", "123%n%s\n"})
+    EXPECT_THAT(commands_for(text), ElementsAre(kill_command(123))) << text;
 }
 
-// A file that holds this process's own PID, 4242, leads to the same kill command.
+// The own PID, 4242, reaches it too, and 2147483647, which stands for a file that holds no PID.
 TEST_F(PidFileTest, OwnPidIsNoException) {
-  EXPECT_THAT(commands_for("4242\n"), ElementsAre("/bin/kill -s TERM 4242 2> /dev/null"));
-}
-
-// Of "7; reboot" and "7%n%s" the command has the 7 only.
-TEST_F(PidFileTest, NothingButTheNumberReachesTheCommand) {
-  EXPECT_THAT(commands_for("7; reboot\n"), ElementsAre("/bin/kill -s TERM 7 2> /dev/null"));
-  EXPECT_THAT(commands_for("7%n%s\n"), ElementsAre("/bin/kill -s TERM 7 2> /dev/null"));
+  EXPECT_THAT(commands_for("4242\n"), ElementsAre(kill_command(4242)));
+  for (const char *text : {"2147483647", "2147483648", ""})
+    EXPECT_THAT(commands_for(text), ElementsAre(kill_command(2147483647))) << text;
 }
 
 // Empty, blank, a word or NULs: one kill command, with a PID above 2^22 that nobody can have.
@@ -110,22 +113,13 @@ TEST_F(PidFileTest, NumberBeyond32BitsReachesNoProcess) {
     expect_harmless_command(text);
 }
 
-// 2147483647, 2^31 - 1, reaches the kill command, and stands there when the file holds no PID.
-TEST_F(PidFileTest, LargestNumberOfTheKillCommandIsNobodys) {
-  for (const char *text : {"2147483647", "2147483648", ""})
-    EXPECT_THAT(commands_for(text), ElementsAre("/bin/kill -s TERM 2147483647 2> /dev/null"))
-        << text;
-}
-
 // When system() returns -1, perror("system") is called and the PID file written all the same.
 TEST_F(PidFileTest, CommandThatCannotBeRunIsReportedAndSkipped) {
   fake_process::write_pid_file("123\n");
   fake_process::set_system_result(-1);
-  replace_earlier_instance();
-  EXPECT_THAT(fake_process::events(),
-              ElementsAre("open PID file r", "system /bin/kill -s TERM 123 2> /dev/null",
-                          "perror system", "fclose PID file", "open PID file w+",
-                          "fclose PID file"));
+  EXPECT_THAT(events_of_a_start(),
+              ElementsAre("open PID file r", "system " + kill_command(123), "perror system",
+                          "fclose PID file", "open PID file w+", "fclose PID file"));
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
 
@@ -135,33 +129,26 @@ TEST_F(PidFileTest, CommandThatFindsNoProcessIsNotReported) {
     fake_process::reset();
     fake_process::write_pid_file("123\n");
     fake_process::set_system_result(status);
-    replace_earlier_instance();
-    EXPECT_THAT(fake_process::events(), Not(Contains(StartsWith("perror")))) << status;
+    EXPECT_THAT(events_of_a_start(), Not(Contains(StartsWith("perror")))) << status;
   }
 }
 
 // When neither "r" nor "w+" opens the file there is no command, no perror() and no more tries.
 TEST_F(PidFileTest, FileThatCannotBeWrittenIsSkippedSilently) {
   fake_process::make_pid_file_unreachable();
-  replace_earlier_instance();
-  EXPECT_THAT(fake_process::events(),
+  EXPECT_THAT(events_of_a_start(),
               ElementsAre("open PID file r failed", "open PID file w+ failed"));
 }
 
-// A FIFO at the PID file's path is opened without waiting and closed: no command, no perror().
+// A FIFO or a folder at the PID file's path is opened without waiting: no command, no perror().
 // A start used to wait for ever until somebody wrote to the FIFO.
-TEST_F(PidFileTest, FifoInItsPlaceIsSkipped) {
+TEST_F(PidFileTest, FifoOrFolderInItsPlaceIsSkipped) {
   ASSERT_EQ(0, mkfifo(fake_process::pid_file_path().c_str(), 0600));
-  replace_earlier_instance();
-  EXPECT_THAT(fake_process::events(), ElementsAre("open PID file r", "close PID file",
-                                                  "open PID file w+", "close PID file"));
-}
-
-// A folder at the PID file's path: no command, no perror().
-TEST_F(PidFileTest, FolderInItsPlaceIsSkipped) {
+  EXPECT_THAT(events_of_a_start(), ElementsAre("open PID file r", "close PID file",
+                                               "open PID file w+", "close PID file"));
+  fake_process::reset();
   ASSERT_EQ(0, mkdir(fake_process::pid_file_path().c_str(), 0700));
-  replace_earlier_instance();
-  EXPECT_THAT(fake_process::events(),
+  EXPECT_THAT(events_of_a_start(),
               ElementsAre("open PID file r", "close PID file", "open PID file w+ failed"));
 }
 
@@ -170,8 +157,7 @@ TEST_F(PidFileTest, FolderInItsPlaceIsSkipped) {
 TEST_F(PidFileTest, SymbolicLinkInItsPlaceIsNotFollowed) {
   const std::string target = fake_process::write_file("target", "123\n");
   ASSERT_EQ(0, symlink(target.c_str(), fake_process::pid_file_path().c_str()));
-  replace_earlier_instance();
-  EXPECT_THAT(fake_process::events(),
+  EXPECT_THAT(events_of_a_start(),
               ElementsAre("open PID file r failed", "open PID file w+ failed"));
   EXPECT_EQ("123\n", fake_process::pid_file());
 }
@@ -194,8 +180,7 @@ TEST_F(PidFileTest, LongerOldContentLeavesNoRest) {
 // The PID 4242 that one start writes is the one that the next start's kill command names.
 TEST_F(PidFileTest, NextStartTerminatesTheOneThatWroteTheFile) {
   replace_earlier_instance();
-  replace_earlier_instance();
-  EXPECT_THAT(fake_process::events(), Contains("system /bin/kill -s TERM 4242 2> /dev/null"));
+  EXPECT_THAT(events_of_a_start(), Contains("system /bin/kill -s TERM 4242 2> /dev/null"));
 }
 
 } // namespace vemk

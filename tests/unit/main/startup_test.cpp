@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <initializer_list>
 #include <stdexcept>
 #include <string>
@@ -10,8 +11,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "fakes/fake_log.h"
-#include "log/log_module.h"
+#include "support/joined.h"
+#include "support/logging_test.h"
 #include "unit/main/fake_process.h"
 #include "unit/main/fake_workers.h"
 
@@ -26,16 +27,21 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-class StartupTest : public testing::Test {
+using texts_t = std::vector<std::string>;
+
+// The parts of a start.
+const texts_t opening = {"init_zandor_logrotate vemk", "srand 1700000000", "thread name main"};
+const texts_t reading = {"fopen vemk.conf r", "fclose vemk.conf"};
+const texts_t pid_file_steps = {"open PID file r", "system /bin/kill -s TERM 123 2> /dev/null",
+                                "fclose PID file", "open PID file w+", "fclose PID file"};
+const texts_t release = {"service-to-bus queue released", "bus-to-service queue released"};
+
+class StartupTest : public LoggingTest {
 protected:
-  StartupTest() {
+  StartupTest() : LoggingTest(0) {
     fake_process::reset();
     fake_workers::reset();
-    fake_log::clear();
-    g_log_level = 0;
   }
-
-  ~StartupTest() override { g_log_level = 0; }
 
   static int run(std::initializer_list<std::string> options) {
     std::vector<std::string> texts{"vemk"};
@@ -49,6 +55,16 @@ protected:
 
   static int run_with_file(const std::string &text) {
     return run({"-f", fake_process::write_file("vemk.conf", text)});
+  }
+
+  /// In a process of its own, as it were: its PID file is a new one.
+  static void expect_no_worker(const std::function<int()> &start) {
+    fake_process::reset();
+    EXPECT_EQ(0, start());
+    EXPECT_THAT(fake_process::events(),
+                AllOf(Contains("queue").Times(2), Contains("open PID file w+"),
+                      Not(Contains(HasSubstr("worker")))));
+    EXPECT_EQ("4242\n", fake_process::pid_file());
   }
 };
 
@@ -68,57 +84,34 @@ const std::string complete_file = "roam_service_url=ws://192.0.2.7:8080/roam\n"
 TEST_F(StartupTest, CompleteConfigurationRunsTheBridgeAfterEveryStepBeforeIt) {
   fake_process::write_pid_file("123\n");
   EXPECT_EQ(0, run_with_file(complete_file));
-  EXPECT_THAT(fake_process::events(),
-              ElementsAre("init_zandor_logrotate vemk", "srand 1700000000", "thread name main",
-                          "fopen vemk.conf r", "fclose vemk.conf", "queue", "queue",
-                          "level of vemk-main 13", "open PID file r",
-                          "system /bin/kill -s TERM 123 2> /dev/null", "fclose PID file",
-                          "open PID file w+", "fclose PID file", "websock_worker", "ipc_worker",
-                          "start ipc_worker", "start websock_worker", "join ipc_worker",
-                          "join websock_worker", "~ipc_worker", "~websock_worker",
-                          "service-to-bus queue released", "bus-to-service queue released"));
+  EXPECT_EQ(fake_process::events(),
+            joined({opening,
+                    reading,
+                    {"queue", "queue", "level of vemk-main 13"},
+                    pid_file_steps,
+                    {"websock_worker", "ipc_worker", "start ipc_worker", "start websock_worker",
+                     "join ipc_worker", "join websock_worker", "~ipc_worker", "~websock_worker"},
+                    release}));
 }
 
 // Without -f both queues are built and destroyed, PID 123 killed, no worker built; 0 is returned.
 TEST_F(StartupTest, WithoutAFileThePidFileIsReplacedAndNothingElseStarted) {
   fake_process::write_pid_file("123\n");
   EXPECT_EQ(0, run({}));
-  EXPECT_THAT(fake_process::events(),
-              ElementsAre("init_zandor_logrotate vemk", "srand 1700000000", "thread name main",
-                          "queue", "queue", "level of vemk-main 0", "open PID file r",
-                          "system /bin/kill -s TERM 123 2> /dev/null", "fclose PID file",
-                          "open PID file w+", "fclose PID file", "service-to-bus queue released",
-                          "bus-to-service queue released"));
+  EXPECT_EQ(fake_process::events(),
+            joined({opening, {"queue", "queue", "level of vemk-main 0"}, pid_file_steps, release}));
   EXPECT_EQ("4242\n", fake_process::pid_file());
 }
 
-// -d, -P and -p without -f: no worker is built, the PID file holds "4242\n", 0 is returned.
-TEST_F(StartupTest, OptionsAloneStartNoWorker) {
-  EXPECT_EQ(0, run({"-d", "192.0.2.7", "-P", "8080", "-p", "/roam"}));
-  EXPECT_THAT(fake_process::events(), Not(Contains(HasSubstr("worker"))));
-  EXPECT_EQ("4242\n", fake_process::pid_file());
-}
-
-// No URL, no port, no "/" or scheme wss: two queues, the PID file, no worker, result 0.
+// No URL, no port, no "/", scheme wss, no file, -d, -P and -p: queues, PID file, no worker, 0.
 TEST_F(StartupTest, ConfigurationsWithoutACompleteUrlStartNoWorker) {
   for (const char *text :
        {"", "roam_service_url=ws://192.0.2.7/roam\n", "roam_service_url=ws://192.0.2.7:8080\n",
-        "roam_service_url=wss://192.0.2.7:8080/roam\n", "log_level=15\n"}) {
-    fake_process::reset();
-    EXPECT_EQ(0, run_with_file(text)) << text;
-    EXPECT_THAT(fake_process::events(),
-                AllOf(Contains("queue").Times(2), Contains("open PID file w+"),
-                      Not(Contains(HasSubstr("worker")))))
-        << text;
-    EXPECT_EQ("4242\n", fake_process::pid_file()) << text;
-  }
-}
-
-// A named file that does not exist: no worker, no log line, the PID file written, result 0.
-TEST_F(StartupTest, MissingConfigurationFileStartsNoWorker) {
-  EXPECT_EQ(0, run({"-f", "/nonexistent/vemk.conf"}));
-  EXPECT_THAT(fake_process::events(), Not(Contains(HasSubstr("worker"))));
-  EXPECT_EQ("4242\n", fake_process::pid_file());
+        "roam_service_url=wss://192.0.2.7:8080/roam\n", "log_level=15\n"})
+    expect_no_worker([&] { return run_with_file(text); });
+  fake_log::clear();
+  expect_no_worker([] { return run({"-f", "/nonexistent/vemk.conf"}); });
+  expect_no_worker([] { return run({"-d", "192.0.2.7", "-P", "8080", "-p", "/roam"}); });
   EXPECT_THAT(fake_log::lines(), IsEmpty());
 }
 
@@ -147,8 +140,8 @@ TEST_F(StartupTest, UrlStoredBeforeARefusedOneStillRunsTheBridge) {
   EXPECT_EQ("192.0.2.7", fake_workers::websock_arguments().host);
 }
 
-// The queue built first is bus-to-WebSocket for both workers, the second one back.
-TEST_F(StartupTest, WorkersGetTheQueuesInTheOrderOfTheirConstruction) {
+// Both get both queues, bus-to-WebSocket first, and a true run flag of their own; URL, delays, 2.
+TEST_F(StartupTest, WorkersGetTheQueuesTheirRunFlagsAndTheConfiguration) {
   run_with_file(complete_file);
   ASSERT_EQ(2u, fake_process::queues().size());
   const fake_workers::websock_arguments_t websock = fake_workers::websock_arguments();
@@ -157,28 +150,15 @@ TEST_F(StartupTest, WorkersGetTheQueuesInTheOrderOfTheirConstruction) {
   EXPECT_EQ(fake_process::queues()[1], websock.to_bus);
   EXPECT_EQ(fake_process::queues()[0], ipc.from_bus);
   EXPECT_EQ(fake_process::queues()[1], ipc.to_bus);
-}
-
-// The two workers' run flags are two bools, both true before the threads start.
-TEST_F(StartupTest, WorkersHaveRunFlagsOfTheirOwnThatAreSet) {
-  run_with_file(complete_file);
-  const fake_workers::websock_arguments_t websock = fake_workers::websock_arguments();
-  const fake_workers::ipc_arguments_t ipc = fake_workers::ipc_arguments();
   EXPECT_NE(websock.run_flag, ipc.run_flag);
   EXPECT_TRUE(websock.run_flag_value);
   EXPECT_TRUE(ipc.run_flag_value);
-}
-
-// Host, path, port and the delays 5 and 300 of the file arrive; the bus worker gets module 2.
-TEST_F(StartupTest, ConfigurationReachesTheWebSocketWorker) {
-  run_with_file(complete_file);
-  const fake_workers::websock_arguments_t arguments = fake_workers::websock_arguments();
-  EXPECT_EQ("192.0.2.7", arguments.host);
-  EXPECT_EQ("/roam", arguments.path);
-  EXPECT_EQ(8080, arguments.port);
-  EXPECT_EQ(5u, arguments.first_delay);
-  EXPECT_EQ(300u, arguments.largest_delay);
-  EXPECT_EQ(2, fake_workers::ipc_arguments().module_id);
+  EXPECT_EQ("192.0.2.7", websock.host);
+  EXPECT_EQ("/roam", websock.path);
+  EXPECT_EQ(8080, websock.port);
+  EXPECT_EQ(5u, websock.first_delay);
+  EXPECT_EQ(300u, websock.largest_delay);
+  EXPECT_EQ(2, ipc.module_id);
 }
 
 // "vemk-main" gets mask 0 from a file without "log_level=", whatever g_log_level was before.
@@ -199,33 +179,21 @@ TEST_F(StartupTest, ExceptionOfAWorkersConstructionUnwindsWhatWasBuilt) {
                           "service-to-bus queue released", "bus-to-service queue released"));
 }
 
-// The exception leaves the start with the bus-to-service queue destroyed, the PID file untouched.
-TEST_F(StartupTest, ExceptionOfTheSecondQueuesConstructionDestroysTheFirst) {
-  fake_process::write_pid_file("123\n");
-  fake_process::let_queue_construction_throw(2);
-  EXPECT_THROW(run_with_file(complete_file), std::runtime_error);
-  EXPECT_THAT(fake_process::events(),
-              ElementsAre("init_zandor_logrotate vemk", "srand 1700000000", "thread name main",
-                          "fopen vemk.conf r", "fclose vemk.conf", "queue",
-                          "bus-to-service queue released"));
-  EXPECT_EQ("123\n", fake_process::pid_file());
+// The exception leaves the start, the first queue destroyed if built, the PID file untouched.
+TEST_F(StartupTest, ExceptionOfAQueuesConstructionEndsTheStart) {
+  for (const std::size_t nth : {1u, 2u}) {
+    fake_process::reset();
+    fake_process::write_pid_file("123\n");
+    fake_process::let_queue_construction_throw(nth);
+    EXPECT_THROW(run_with_file(complete_file), std::runtime_error);
+    const texts_t end = nth == 1 ? texts_t{} : texts_t{"queue", "bus-to-service queue released"};
+    EXPECT_EQ(fake_process::events(), joined({opening, reading, end}));
+    EXPECT_EQ("123\n", fake_process::pid_file());
+  }
 }
 
-// The exception leaves the start with no queue built, nothing killed and the PID file untouched.
-TEST_F(StartupTest, ExceptionOfTheFirstQueuesConstructionEndsTheStart) {
-  fake_process::write_pid_file("123\n");
-  fake_process::let_queue_construction_throw(1);
-  EXPECT_THROW(run_with_file(complete_file), std::runtime_error);
-  EXPECT_THAT(fake_process::events(),
-              ElementsAre("init_zandor_logrotate vemk", "srand 1700000000", "thread name main",
-                          "fopen vemk.conf r", "fclose vemk.conf"));
-  EXPECT_EQ("123\n", fake_process::pid_file());
-}
-
-// It holds "4242\n" after a start without workers, one with them and one that an exception ends.
+// It holds "4242\n" after a start with workers, also one that an exception ends.
 TEST_F(StartupTest, PidFileStaysOnEveryPath) {
-  run({});
-  EXPECT_EQ("4242\n", fake_process::pid_file());
   run_with_file(complete_file);
   EXPECT_EQ("4242\n", fake_process::pid_file());
   fake_workers::let_websock_construction_throw();
