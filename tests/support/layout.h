@@ -15,8 +15,11 @@ std::size_t offset_in(const record_t &record, const void *member) {
                                   reinterpret_cast<const char *>(&record));
 }
 
-inline bool lie_in_order(const std::vector<const void *> &members) {
-  return std::is_sorted(members.begin(), members.end(), std::less<const void *>());
+/// Whether the members, given by their addresses, lie one behind the other.
+template<typename... members_t>
+bool lie_in_order(const members_t *...members) {
+  const std::vector<const void *> places = {members...};
+  return std::is_sorted(places.begin(), places.end(), std::less<const void *>());
 }
 
 } // namespace vemk

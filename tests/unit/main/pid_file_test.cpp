@@ -170,17 +170,12 @@ TEST_F(PidFileTest, DanglingLinkInItsPlaceMakesNoFile) {
   EXPECT_EQ(-1, access(target.c_str(), F_OK));
 }
 
-// "1234567890\nmore\n" becomes "4242\n": the file is truncated.
-TEST_F(PidFileTest, LongerOldContentLeavesNoRest) {
+// "1234567890\nmore\n" becomes "4242\n", the PID that the next start's kill command names.
+TEST_F(PidFileTest, NextStartTerminatesTheOneThatWroteTheFile) {
   fake_process::write_pid_file("1234567890\nmore\n");
   replace_earlier_instance();
   EXPECT_EQ("4242\n", fake_process::pid_file());
-}
-
-// The PID 4242 that one start writes is the one that the next start's kill command names.
-TEST_F(PidFileTest, NextStartTerminatesTheOneThatWroteTheFile) {
-  replace_earlier_instance();
-  EXPECT_THAT(events_of_a_start(), Contains("system /bin/kill -s TERM 4242 2> /dev/null"));
+  EXPECT_THAT(events_of_a_start(), Contains("system " + kill_command(4242)));
 }
 
 } // namespace vemk

@@ -144,13 +144,16 @@ TEST_F(WebsockCallbacksTest, EstablishmentTakesItsStepsInOrder) {
   EXPECT_EQ(fake_log::lines().size(), 2u);
 }
 
-// The bus-to-service queue's earlier notify is destroyed when the establishment installs a new one.
-TEST_F(WebsockCallbacksTest, EstablishmentReleasesTheEarlierHook) {
+// The bus-to-service queue's notify is destroyed, with what it holds, by establishment and deinit.
+TEST_F(WebsockCallbacksTest, EstablishmentAndDeinitReleaseTheEarlierHook) {
   make_connecting_worker();
   const auto held = std::make_shared<int>(0);
   bus_to_ws.set_notify([held] {});
   ASSERT_EQ(held.use_count(), 2);
   fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
+  EXPECT_EQ(held.use_count(), 1);
+  bus_to_ws.set_notify([held] {});
+  worker->deinit();
   EXPECT_EQ(held.use_count(), 1);
 }
 

@@ -88,43 +88,12 @@ TEST_F(WebsockLifecycleTest, WholeMessagesAreOffUnlessAskedFor) {
 TEST_F(WebsockLifecycleTest, MembersLieInTheOrderOfTheirDeclaration) {
   make_worker();
   const open_websock_worker &w = *worker;
-  const std::vector<const void *> members = {&w.timers,
-                                             &w.skip_lws_binding,
-                                             &w.log_name,
-                                             &w.bus_to_ws_queue,
-                                             &w.ws_to_bus_queue,
-                                             &w.mode,
-                                             &w.context,
-                                             &w.protocol_callback,
-                                             &w.log_hook,
-                                             &w.host,
-                                             &w.path,
-                                             &w.port,
-                                             &w.wake_pipe,
-                                             &w.rx_buffer,
-                                             &w.protocols,
-                                             &w.creation_info,
-                                             &w.connect_info,
-                                             &w.missed_pongs,
-                                             &w.alive,
-                                             &w.connected,
-                                             &w.closed,
-                                             &w.last_ping,
-                                             &w.ping_timeout_handler,
-                                             &w.current_delay,
-                                             &w.initial_delay,
-                                             &w.max_delay,
-                                             &w.whole_messages};
-  EXPECT_TRUE(lie_in_order(members));
-}
-
-// The handler made by the constructor logs "ping_timeout:197" and clears `running`.
-TEST_F(WebsockLifecycleTest, ConstructorBindsTheWatchdogsHandler) {
-  make_worker();
-  worker->running = true;
-  worker->ping_timeout_handler();
-  EXPECT_FALSE(worker->running);
-  EXPECT_THAT(fake_log::lines(), ElementsAre(trace_line("ping_timeout", 197)));
+  EXPECT_TRUE(lie_in_order(&w.timers, &w.skip_lws_binding, &w.log_name, &w.bus_to_ws_queue,
+                           &w.ws_to_bus_queue, &w.mode, &w.context, &w.protocol_callback,
+                           &w.log_hook, &w.host, &w.path, &w.port, &w.wake_pipe, &w.rx_buffer,
+                           &w.protocols, &w.creation_info, &w.connect_info, &w.missed_pongs,
+                           &w.alive, &w.connected, &w.closed, &w.last_ping, &w.ping_timeout_handler,
+                           &w.current_delay, &w.initial_delay, &w.max_delay, &w.whole_messages));
 }
 
 // A failed context is an error line; the mask is the construction's, though 15 is set later.
@@ -161,28 +130,23 @@ TEST_F(WebsockLifecycleTest, SecondWorkerTakesTheCallbacksAwayUnlessItIsWithoutB
   }
 }
 
-// One pipe() at construction; destruction closes its two ends in order.
+// One pipe() at construction, at descriptor 0 without standard input; destruction closes its ends.
 TEST_F(WebsockLifecycleTest, PipeIsMadeByTheConstructorAndClosedByTheDestructor) {
-  make_worker();
-  const std::vector<int> ends = fake_libc::made_pipes();
-  ASSERT_EQ(ends.size(), 2u);
-  EXPECT_THAT(worker->wake_pipe, ElementsAre(ends[0], ends[1]));
-  EXPECT_THAT(fake_libc::closed_descriptors(), IsEmpty());
-  worker.reset();
-  EXPECT_THAT(fake_libc::closed_descriptors(), ElementsAre(ends[0], ends[1]));
-  EXPECT_THAT(fake_libc::perror_texts(), IsEmpty());
-}
-
-// Without standard input the pipe starts at descriptor 0, which is closed as any other end.
-TEST_F(WebsockLifecycleTest, PipeAtDescriptor0IsClosedAsWell) {
   const int standard_input = dup(0);
-  close(0);
-  fake_libc::reset();
-  make_worker();
-  const std::vector<int> ends = fake_libc::made_pipes();
-  EXPECT_EQ(ends.front(), 0);
-  worker.reset();
-  EXPECT_EQ(fake_libc::closed_descriptors(), ends);
+  for (const bool with_standard_input : {true, false}) {
+    if (!with_standard_input)
+      close(0);
+    fake_libc::reset();
+    make_worker();
+    const std::vector<int> ends = fake_libc::made_pipes();
+    ASSERT_EQ(ends.size(), 2u);
+    EXPECT_EQ(ends[0] == 0, !with_standard_input);
+    EXPECT_THAT(worker->wake_pipe, ElementsAre(ends[0], ends[1]));
+    EXPECT_THAT(fake_libc::closed_descriptors(), IsEmpty());
+    worker.reset();
+    EXPECT_EQ(fake_libc::closed_descriptors(), ends);
+    EXPECT_THAT(fake_libc::perror_texts(), IsEmpty());
+  }
   dup2(standard_input, 0);
   close(standard_input);
 }
@@ -405,17 +369,6 @@ TEST_F(WebsockLifecycleTest, InitReturnsFalseWhenConnectingFails) {
   EXPECT_EQ(worker->current_delay, 8u);
 }
 
-// A timer that is due fires in the step, after lws_service has returned.
-TEST_F(WebsockLifecycleTest, StepFiresDueTimersAfterTheService) {
-  make_connecting_worker();
-  bool served = false;
-  bool fired_after_service = false;
-  fake_lws::script_service([&] { served = true; });
-  worker->timers.add_timer([&] { fired_after_service = served; }, 9, 0);
-  worker->run_once();
-  EXPECT_TRUE(fired_after_service);
-}
-
 // False for a false run flag whatever `alive` is, else what `alive` is.
 TEST_F(WebsockLifecycleTest, WorkerKeepsRunningWhileFlagAndConnectionHold) {
   make_worker();
@@ -438,25 +391,23 @@ TEST_F(WebsockLifecycleTest, DeinitRemovesTheHookAnnouncesAndDestroysInOrder) {
   EXPECT_THAT(fake_libc::closed_descriptors(), IsEmpty());
 }
 
-// The six steps of deinit in order, and after the context's end both pipe ends closed.
-TEST_F(WebsockLifecycleTest, DestructorStopsAsDeinitDoesAndThenClosesThePipe) {
+// The six steps of deinit in order, then both pipe ends closed and the receive buffer gone.
+TEST_F(WebsockLifecycleTest, DeletionThroughTheBaseStopsAsDeinitDoesAndThenClosesThePipe) {
   make_connected_worker();
-  expect_ordered_end([this] { worker.reset(); });
+  const std::weak_ptr<buffer_info_t> receive_buffer = worker->rx_buffer;
+  expect_ordered_end([this] {
+    std::unique_ptr<abstract_worker> base = std::move(worker);
+    base.reset();
+  });
   EXPECT_EQ(fake_libc::closed_descriptors(), fake_libc::made_pipes());
+  EXPECT_TRUE(receive_buffer.expired());
 }
 
-// The bus-to-service queue's notify is destroyed by deinit, with what it holds.
-TEST_F(WebsockLifecycleTest, DeinitReleasesTheHookThatHeldTheConnection) {
+// 60 s inside lws_context_destroy or 70 s after it fire no timer with id 0, but one with id 1.
+TEST_F(WebsockLifecycleTest, DeinitCancelsTheWatchdogAndLeavesOtherTimers) {
   make_connected_worker();
-  const auto held = std::make_shared<int>(0);
-  bus_to_ws.set_notify([held] {});
-  worker->deinit();
-  EXPECT_EQ(held.use_count(), 1);
-}
-
-// 60 seconds that pass inside lws_context_destroy fire no watchdog.
-TEST_F(WebsockLifecycleTest, WatchdogIsCancelledBeforeTheContextIsDestroyed) {
-  make_connected_worker();
+  int others = 0;
+  worker->timers.add_timer([&] { ++others; }, 1, 65);
   fake_lws::on_destroy([&] {
     for (int i = 0; i < 6; ++i) {
       fake_libc::advance_seconds(10);
@@ -465,14 +416,7 @@ TEST_F(WebsockLifecycleTest, WatchdogIsCancelledBeforeTheContextIsDestroyed) {
   });
   worker->deinit();
   EXPECT_TRUE(worker->running);
-}
-
-// After deinit no timer with id 0 fires in 70 s; one with id 1 does.
-TEST_F(WebsockLifecycleTest, DeinitCancelsTheWatchdogAndLeavesOtherTimers) {
-  make_connected_worker();
-  int others = 0;
-  worker->timers.add_timer([&] { ++others; }, 1, 5);
-  worker->deinit();
+  EXPECT_EQ(others, 0);
   worker->_connect();
   let_pass(70);
   EXPECT_TRUE(worker->running);
@@ -515,17 +459,6 @@ TEST_F(WebsockLifecycleTest, CallbacksDuringTheContextsEndAreHandled) {
   EXPECT_EQ(worker->context, nullptr);
   EXPECT_TRUE(worker->_connect());
   EXPECT_TRUE(worker->keep_running(&run_flag));
-}
-
-// delete on an abstract_worker pointer ends context, pipe and receive buffer.
-TEST_F(WebsockLifecycleTest, DeletionThroughTheBaseDestroysTheWholeWorker) {
-  make_connected_worker();
-  const std::weak_ptr<buffer_info_t> receive_buffer = worker->rx_buffer;
-  std::unique_ptr<abstract_worker> base = std::move(worker);
-  base.reset();
-  EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_context_destroy context1"));
-  EXPECT_EQ(fake_libc::closed_descriptors(), fake_libc::made_pipes());
-  EXPECT_TRUE(receive_buffer.expired());
 }
 
 // "disconnected" is queued a second time, the context is not destroyed again.

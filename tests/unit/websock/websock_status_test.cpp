@@ -14,7 +14,11 @@ using testing::Not;
 
 class WebsockStatusTest : public WebsockFixture {
 protected:
-  bool is_kept(const std::string &text) { return worker->handle_status_request(*buffer_of(text)); }
+  void expect_answer(const std::string &status) {
+    take_to_bus();
+    EXPECT_TRUE(worker->handle_status_request(*buffer_of(status_request)));
+    EXPECT_THAT(take_to_bus(), ElementsAre(status));
+  }
 
   void send_from_bus(const std::string &text) {
     push_from_bus(text);
@@ -30,27 +34,16 @@ TEST_F(WebsockStatusTest, StatusMessagesSayWhatTheConnectionIs) {
   EXPECT_THAT(take_to_bus(), ElementsAre(connected_status, disconnected_status));
 }
 
-// The same request is answered "disconnected" before the establishment and "connected" after.
+// "disconnected" before the establishment, "connected" after it and a close, until deinit.
 TEST_F(WebsockStatusTest, RequestIsAnsweredWithThePresentState) {
   make_connecting_worker();
-  EXPECT_TRUE(is_kept(status_request));
-  EXPECT_THAT(take_to_bus(), ElementsAre(disconnected_status));
+  expect_answer(disconnected_status);
   fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED);
-  take_to_bus();
-  EXPECT_TRUE(is_kept(status_request));
-  EXPECT_THAT(take_to_bus(), ElementsAre(connected_status));
-}
-
-// After a close the answer is still "connected"; only deinit makes it "disconnected".
-TEST_F(WebsockStatusTest, LostConnectionStillCountsAsConnectedUntilDeinit) {
-  make_connected_worker();
+  expect_answer(connected_status);
   fake_lws::deliver(fake_lws::closed_reason);
-  EXPECT_TRUE(is_kept(status_request));
-  EXPECT_THAT(take_to_bus(), ElementsAre(connected_status));
+  expect_answer(connected_status);
   worker->deinit();
-  take_to_bus();
-  EXPECT_TRUE(is_kept(status_request));
-  EXPECT_THAT(take_to_bus(), ElementsAre(disconnected_status));
+  expect_answer(disconnected_status);
 }
 
 // "INTERNAL-ipc" with "StAtUs" is answered and not sent.

@@ -151,12 +151,18 @@ protected:
 
 } // namespace
 
-// started and running are false, the thread is empty and no operation has been called.
-TEST_F(AbstractWorkerTest, NewWorkerHasNoThreadAndHasDoneNothing) {
+// Unstarted: no thread, no operation called, two joins return. start sets started, join waits.
+TEST_F(AbstractWorkerTest, StartSetsStartedAndJoinWaitsForTheThread) {
+  worker->join();
+  worker->join();
   EXPECT_FALSE(worker->was_started());
   EXPECT_FALSE(worker->is_running());
   EXPECT_FALSE(worker->has_thread());
   EXPECT_THAT(worker->events, IsEmpty());
+  worker->on_init = [] { return false; };
+  EXPECT_THAT(events_of(1), ElementsAre("init", "deinit", "sleep 300000"));
+  EXPECT_TRUE(worker->was_started());
+  EXPECT_FALSE(worker->has_thread());
 }
 
 // The step pause is 100000 us and the restart pause 300000 us.
@@ -186,20 +192,14 @@ TEST_F(AbstractWorkerTest, DestructionReleasesPendingTimers) {
   EXPECT_EQ(1, token.use_count());
 }
 
-// init false: deinit, 300000 us, init again, three rounds long; keep_running is never asked.
+// init false: deinit, 300000 us, init again until it is true; only then is keep_running asked.
 TEST_F(AbstractWorkerTest, FailingInitTearsDownAndPausesBeforeTheNextTry) {
-  worker->on_init = [] { return false; };
-  EXPECT_THAT(events_of(3), ElementsAre("init", "deinit", "sleep 300000", "init", "deinit",
-                                        "sleep 300000", "init", "deinit", "sleep 300000"));
-  EXPECT_THAT(worker->flags, IsEmpty());
-}
-
-// init, one keep_running, deinit, 300000 us, and all again; run_once is never called.
-TEST_F(AbstractWorkerTest, FalseRunFlagGivesACycleWithoutSteps) {
-  run_flag = false;
-  EXPECT_THAT(events_of(2), ElementsAre("init", "deinit while running", "sleep 300000", "init",
-                                        "deinit while running", "sleep 300000"));
-  EXPECT_THAT(worker->flags, ElementsAre(&run_flag, &run_flag));
+  worker->on_init = [count = 0]() mutable { return ++count == 3; };
+  worker->on_run_once = steps({false});
+  EXPECT_THAT(events_of(3),
+              ElementsAre("init", "deinit", "sleep 300000", "init", "deinit", "sleep 300000",
+                          "init", "run_once", "deinit", "sleep 300000"));
+  EXPECT_THAT(worker->flags, ElementsAre(&run_flag));
 }
 
 // A sleep of 100000 us follows each step that returns true, the last one too, and no other step.
@@ -272,6 +272,7 @@ TEST_F(AbstractWorkerTest, StepThatClearsRunningForcesARestartWithoutAnotherQues
 }
 
 // It is true in the step, in deinit and in the pause, and false in the next init.
+// A false run flag gives init, one keep_running, deinit, 300000 us, and no step.
 TEST_F(AbstractWorkerTest, RunningIsTheResultOfInitAndIsClearedAfterTheRestartPause) {
   bool running_in_step = false;
   worker->on_run_once = [&] {
@@ -279,18 +280,12 @@ TEST_F(AbstractWorkerTest, RunningIsTheResultOfInitAndIsClearedAfterTheRestartPa
     run_flag = false;
     return false;
   };
-  EXPECT_THAT(events_of(2), ElementsAre("init", "run_once", "deinit while running", "sleep 300000",
-                                        "init", "deinit while running", "sleep 300000"));
+  EXPECT_THAT(events_of(3), ElementsAre("init", "run_once", "deinit while running", "sleep 300000",
+                                        "init", "deinit while running", "sleep 300000", "init",
+                                        "deinit while running", "sleep 300000"));
+  EXPECT_EQ(worker->flags, std::vector<const bool *>(4, &run_flag));
   EXPECT_TRUE(running_in_step);
   EXPECT_TRUE(worker->is_running());
-}
-
-// init false, deinit, 300000 us, then init true and the first step.
-TEST_F(AbstractWorkerTest, InitIsTriedAnewUntilItSucceeds) {
-  worker->on_init = [count = 0]() mutable { return ++count == 2; };
-  worker->on_run_once = steps({false});
-  EXPECT_THAT(events_of(2), ElementsAre("init", "deinit", "sleep 300000", "init", "run_once",
-                                        "deinit", "sleep 300000"));
 }
 
 // init, keep_running, run_once and deinit all run on one thread that is not the starter's.
@@ -337,24 +332,6 @@ TEST_F(AbstractWorkerTest, ThreadCarriesTheWorkersNameCutTo15Characters) {
     events_of(1);
     EXPECT_EQ(expected, thread_name);
   }
-}
-
-// After join deinit has run, started is true and the thread is no longer joinable.
-TEST_F(AbstractWorkerTest, StartSetsStartedAndJoinWaitsForTheThread) {
-  bool ended = false;
-  worker->on_init = [] { return false; };
-  worker->on_deinit = [&] { ended = true; };
-  events_of(1);
-  EXPECT_TRUE(worker->was_started());
-  EXPECT_TRUE(ended);
-  EXPECT_FALSE(worker->has_thread());
-}
-
-// Two joins without a start return and call no operation.
-TEST_F(AbstractWorkerTest, JoinOfAWorkerThatWasNeverStartedReturnsAtOnce) {
-  worker->join();
-  worker->join();
-  EXPECT_THAT(worker->events, IsEmpty());
 }
 
 // "Unhandled exception at worker 'recording'\n" is all of standard output; 255, no deinit, no log.
