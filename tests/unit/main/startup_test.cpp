@@ -140,7 +140,7 @@ TEST_F(StartupTest, UrlStoredBeforeARefusedOneStillRunsTheBridge) {
   EXPECT_EQ("192.0.2.7", fake_workers::websock_arguments().host);
 }
 
-// Both get both queues, bus-to-WebSocket first, and a true run flag of their own; URL, delays, 2.
+// Both get the queues, bus-to-WebSocket first, a run flag of their own, set, and their settings.
 TEST_F(StartupTest, WorkersGetTheQueuesTheirRunFlagsAndTheConfiguration) {
   run_with_file(complete_file);
   ASSERT_EQ(2u, fake_process::queues().size());

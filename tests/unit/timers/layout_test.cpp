@@ -1,8 +1,5 @@
 // How a pending timer lies in memory.
 
-#include <cstddef>
-#include <cstdint>
-
 #include <gtest/gtest.h>
 
 #include "support/layout.h"

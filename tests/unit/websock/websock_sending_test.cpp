@@ -1,4 +1,3 @@
-#include <cstring>
 #include <memory>
 #include <pthread.h>
 #include <string>

@@ -1,6 +1,5 @@
 #include "worker/buffer_info.h"
 
-#include <memory>
 #include <string>
 #include <thread>
 

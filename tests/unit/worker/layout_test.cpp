@@ -2,7 +2,6 @@
 // words hold on every processor.
 
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <deque>
 #include <memory>
