@@ -233,8 +233,9 @@ private:
       sent.push_back(frame_text(frame.type, frame.payload));
     }
     expect_equal("the frames", frames, sent);
-    expect_equal("how often a frame's block is freed", fake_memory::calloc_sizes().empty() ? 0 : 1,
-                 fake_memory::frees_of_watched());
+    // Its address may belong to another block by now, and that one may be freed, too.
+    expect_equal("whether a frame's block is freed", !fake_memory::calloc_sizes().empty(),
+                 fake_memory::frees_of_watched() > 0);
     fake_memory::reset();
     fake_memory::watch_next_calloc();
     fake_lws::frames.clear();
