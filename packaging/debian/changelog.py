@@ -2,10 +2,10 @@
 """Prints the package's change log, made of the headings and items of CHANGELOG.md.
 
 A heading "## [1.2.3] - 2026-01-31" begins the entry of a version; brackets and date may be missing.
-What stands below another "##" heading, such as "Unreleased", belongs to the version at hand. Every
-item and paragraph becomes one item. An entry without a date gets that of SOURCE_DATE_EPOCH, which
-makes the outcome the same at every build. Of two versions of one day the later is a minute later,
-because a package's entries have to differ in their dates.
+Text below another "##" heading, such as "Unreleased", belongs to the version of the option. Every
+item and paragraph becomes one item. An entry without a date gets that of SOURCE_DATE_EPOCH, so that
+every build gives the same result. Of two versions of one day the later is a minute later, because a
+package's entries have to differ in their dates.
 """
 
 import argparse
