@@ -1,5 +1,5 @@
 /// The keys of the configuration file. The daemon, its tools, its tests and the documents' tests
-/// take their names from here.
+/// take the names from here.
 #ifndef VEMK_CONFIG_CONFIG_KEYS_H
 #define VEMK_CONFIG_CONFIG_KEYS_H
 
@@ -17,8 +17,8 @@ enum class config_key {
   whole_messages,
 };
 
-/// By config_key: a line sets the key that it begins with, in any letter case. In lower case; the
-/// "=" at the end keeps each from being the beginning of another.
+/// By config_key, in lower case. A line sets the key that it begins with, in any letter case. With
+/// the "=" at its end, no text is the beginning of another.
 constexpr const char *config_key_texts[] = {
     "roam_service_url=",         // [ws://]HOST:PORT/PATH
     "initial_connection_delay=", // seconds

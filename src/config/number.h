@@ -6,12 +6,12 @@
 
 namespace vemk {
 
-/// What strtoul gives where long has 32 bits: blanks and a sign are skipped, reading stops at the
-/// first character that is no digit of the base, no digits give 0, too large a number gives the
-/// largest one.
+/// The result of strtoul where long has 32 bits. Blanks and a sign are skipped; reading stops at
+/// the first character that is not a digit of the base. Without digits the result is 0; a number
+/// that is too large gives the largest one.
 std::uint32_t unsigned_number(const char *text, int base);
 
-/// What atoi gives where long has 32 bits; a number out of range gives the nearest one.
+/// The result of atoi where long has 32 bits; a number out of range gives the nearest one.
 std::int32_t signed_number(const char *text);
 
 } // namespace vemk

@@ -6,7 +6,7 @@ namespace vemk {
 
 namespace {
 
-/// Ends `text` at the first `separator` and returns what follows it, or null where there is none.
+/// Ends `text` at the first `separator` and returns the rest, or null if there is no separator.
 char *split_at(char *text, const char *separator) {
   char *const found = strstr(text, separator);
   if (found == nullptr)

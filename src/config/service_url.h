@@ -4,7 +4,7 @@
 
 namespace vemk {
 
-/// Pieces of a URL text, each zero-terminated, null where the text has no such piece.
+/// Pieces of a URL text. Each is zero-terminated, and null if the text does not have that piece.
 struct service_url_t {
   const char *scheme;
   const char *host;
@@ -13,8 +13,8 @@ struct service_url_t {
   const char *path;
 };
 
-/// Splits "[scheme://]host[:port][/path]" in place; the pieces point into `text`. A "/" counts only
-/// behind the port where there is one.
+/// Splits "[scheme://]host[:port][/path]" in place; the pieces point into `text`. If there is a
+/// port, only a "/" behind it counts.
 service_url_t split_service_url(char *text);
 
 } // namespace vemk

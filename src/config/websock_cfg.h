@@ -12,15 +12,16 @@ namespace vemk {
 constexpr std::size_t config_text_size = 256;
 
 /// The order of the fields is fixed; a new one goes to the end. Texts are NUL-terminated. Numbers
-/// are what strtoul and atoi give where long has 32 bits: one too large becomes the largest.
+/// are read as strtoul and atoi read them where long has 32 bits. A number that is too large
+/// becomes the largest.
 struct websock_cfg_t {
   /// Location (domain) of this access point.
   char ap_location[config_text_size];
   char host[config_text_size];
-  /// Starts with "/" when it comes from the URL.
+  /// Starts with "/" if it comes from the URL.
   char path[config_text_size];
   std::int32_t port;
-  /// The file's URL gave host, port and path. Without it no connection is made.
+  /// The file's URL gave host, port and path. Otherwise the daemon does not connect.
   bool url_valid;
   /// Seconds.
   std::uint32_t initial_connection_delay;
@@ -30,7 +31,7 @@ struct websock_cfg_t {
   std::uint32_t log_level;
   /// By design without a use: 3 once the options are parsed.
   std::int32_t cfg_mode;
-  /// By design without a use: a file was named that could not be opened or held a URL with a wrong
+  /// By design without a use: the named file could not be opened, or held a URL with a wrong
   /// scheme.
   bool cfg_file_failed;
   /// An empty last fragment ends a message, and a lost connection's partial message is forgotten.
@@ -39,12 +40,12 @@ struct websock_cfg_t {
 
 /// Fills the record from the options "f:d:p:P:", then from the file that -f named, whose URL
 /// replaces -d, -p and -P. Ends the process with exit(-1) on a bad option. A file that cannot be
-/// used is no error here: it leaves `url_valid` clear and sets `cfg_file_failed`.
+/// used leaves `url_valid` clear and sets `cfg_file_failed`.
 void parse_command_line(websock_cfg_t &cfg, int argc, char **argv);
 
 /// Reads a configuration file into the record, and "log_level=" into `g_log_level` as well. Returns
-/// false when it cannot be opened or holds a URL whose scheme is not "ws"; what the lines before
-/// that one set stays. A line that starts with no known key is ignored.
+/// false when the file cannot be opened, or at a URL whose scheme is not "ws". The settings of
+/// earlier lines then stay. A line that does not start with a known key is ignored.
 bool read_config_file(websock_cfg_t &cfg, const char *file_name);
 
 } // namespace vemk

@@ -11,18 +11,19 @@
 
 namespace vemk {
 
-/// The thread "ipc": joins the module-messaging bus, copies every message for this module into the
-/// bus-to-service queue and sends every message of the service-to-bus queue onto the bus, bytes
-/// unchanged.
+/// The thread "ipc": joins the module-messaging bus. The thread copies every message for this
+/// module into the bus-to-service queue, and sends every message of the service-to-bus queue onto
+/// the bus. The bytes do not change.
 ///
-/// It polls: at most one message a step, the bus before the queue, and 100 ms of pause when there
-/// was neither. When the bus drops the module, it leaves and joins again every 300 ms.
+/// Each step takes at most one message, from the bus before the queue. When there is neither, the
+/// worker pauses for 100 ms. When the bus drops the module, the worker leaves and tries to join
+/// every 300 ms.
 ///
-/// Threading: as abstract_worker; the bus library is called from this thread only (from the
-///   owner's in the destructor), and never with a queue's lock held.
+/// Threading: as abstract_worker. The bus library is called from this thread only (from the owner's
+///   in the destructor), and never with a queue's lock held.
 /// Ownership: the queues and the run flag are the caller's and outlive the worker.
-/// Errors: no result of the bus library is checked. A message for which there is no memory is
-///   lost; queue errors are thrown, which ends the process.
+/// Errors: no result of the bus library is checked. A message for which there is no memory is lost;
+///   queue errors are thrown, which ends the process.
 class ipc_worker : public abstract_worker {
 public:
   /// `module` is the identifier under which the daemon joins the bus.
@@ -33,7 +34,7 @@ public:
   bool run_once() override;
   void deinit() override;
 
-  /// True while `*flag` is and the library's module-loop flag says that the module is live.
+  /// True while `*flag` is true and the library's module-loop flag says that the module is live.
   bool keep_running(const bool *flag) override;
 
   /// Leaves the bus, also when deinit() already did.

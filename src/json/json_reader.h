@@ -1,4 +1,4 @@
-/// Reading JSON without ever failing.
+/// Reading JSON without errors.
 #ifndef VEMK_JSON_JSON_READER_H
 #define VEMK_JSON_JSON_READER_H
 
@@ -8,15 +8,15 @@ struct json_object;
 
 namespace vemk {
 
-/// A JSON value that answers questions about itself. A missing key, a wrong type or an index out of
-/// range gives null or 0, never an error.
+/// A JSON value. A missing key, a wrong type or an index out of range gives null or 0, never an
+/// error.
 ///
 /// The daemon calls get_string() and is_null(). The other operations are by design without a use:
-/// they make the reader whole for code to come.
+/// they complete the reader for future code.
 ///
 /// Threading: one thread at a time, as the value itself.
-/// Ownership: a reader that parsed its text owns the value; any other one borrows it and is valid
-///   only as long as the reader or the object that it came from.
+/// Ownership: a reader that parsed its text owns the value. Any other one borrows the value, and is
+///   valid only as long as the reader or the object that it came from.
 class json_reader {
 public:
   /// Borrows an object, which may be null.
@@ -48,8 +48,8 @@ public:
 
   int get_int(const char *key) const;
 
-  /// A member's string, or the JSON text of a member that is something else. It belongs to the
-  /// value and lives as long. Null when the member is missing or JSON null.
+  /// A member's string, or the JSON text of a member of another type. The text belongs to the value
+  /// and lives as long. Null when the member is missing or JSON null.
   const char *get_string(const char *key) const;
 
 private:

@@ -15,9 +15,10 @@ constexpr char service_name[] = "internal-ipc";
 constexpr char status_command[] = "status";
 constexpr char message_version[] = "2.0";
 
-/// Whether the parser could find the service's name in a text. It copies strings byte for byte but
-/// for what a backslash introduces, and no other value reads like the name. Nearly all messages are
-/// for the roaming service, and parsing takes hundreds of times the memory of some of them.
+/// Whether the parser could find the service's name in a text. The parser copies the bytes of a
+/// string, except escapes that begin with a backslash, and no other value reads like the name.
+/// Nearly all messages are for the roaming service, and parsing takes hundreds of times the memory
+/// of some of them.
 bool may_be_own(const char *text) {
   return strchr(text, '\\') != nullptr || strcasestr(text, service_name) != nullptr;
 }

@@ -1,5 +1,5 @@
-/// The connection status messages of service "internal-ipc", by which other modules learn whether
-/// the connection to the roaming service is up.
+/// The status messages of service "internal-ipc". They report to other modules whether the
+/// connection to the roaming service is up.
 #ifndef VEMK_JSON_STATUS_MESSAGES_H
 #define VEMK_JSON_STATUS_MESSAGES_H
 
@@ -8,19 +8,19 @@
 
 namespace vemk {
 
-/// What a message from the bus is to this daemon.
+/// The kind of a message from the bus.
 enum class bus_message_kind {
   /// A message for the roaming service.
   foreign,
-  /// Of the daemon's own service, and not a request that has an answer: kept and dropped.
+  /// For the daemon's own service, but not a status request: dropped.
   internal,
   /// Asks for the connection's status.
   status_request,
 };
 
-/// Recognises a message by its members "service" and "cmd", in any letter case. The data is read
-/// as a zero-terminated string, and parsed only when it holds the service's name or a backslash,
-/// which can spell it.
+/// Recognises a message by its members "service" and "cmd", in any letter case. The data is read as
+/// a zero-terminated string. It is parsed only if it holds the service's name, or a backslash,
+/// which can spell the name.
 bus_message_kind classify_bus_message(const buffer_info_t &message);
 
 /// Builds the status message, "connected" or "disconnected", and pushes it into the queue. Without

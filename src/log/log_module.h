@@ -1,8 +1,8 @@
 /// Log modules and emitters.
 ///
 /// Every source file that logs has one static log_module_t with a mask of message categories. An
-/// emitter writes a message when its category bit is set in the module's mask: one line that reads
-/// timestamp, "|PID|MODULE> ", message. Formats are printf's and carry their own line end.
+/// emitter writes a message when its category bit is set in the module's mask. The line reads:
+/// timestamp, "|PID|MODULE> ", message. Formats are printf's and include the line end.
 ///
 /// log_warning() and log_vprint() are by design without a use.
 ///
@@ -27,21 +27,21 @@ constexpr std::uint32_t log_category_debug = 0x08;
 
 struct log_module_t {
   const char *name;
-  /// Set on one thread while another one logs, hence atomic; no order with other data is implied.
+  /// Set on one thread while another one logs, hence atomic. It does not order other data.
   std::atomic<std::uint32_t> level;
 };
 
-/// The mask that the configuration gave; 0 until then. Written before the worker threads exist and
-/// copied into a module's level only at the moments that its owner names.
+/// The mask of the configuration; 0 until it is read. Written before the worker threads exist. The
+/// owner of a module decides when the mask is copied into the module's level.
 extern std::uint32_t g_log_level;
 
-/// Held over the two platform calls that make up one line.
+/// Held during the two platform calls that write one line.
 extern std::mutex g_log_mutex;
 
 /// Names a module, sets its mask and makes standard output unbuffered. `name` is not copied.
 void log_module_init(log_module_t &module, const char *name, std::uint32_t level) noexcept;
 
-/// A source file's static initialiser: makes its module known, silent at first.
+/// A source file's static initialiser: registers its module, silent at first.
 struct log_module_setup {
   log_module_setup(log_module_t &module, const char *name) noexcept;
 };
@@ -57,7 +57,7 @@ void log_info(const log_module_t &module, const char *format, ...)
 void log_debug(const log_module_t &module, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 
-/// Writes whatever the module's mask says.
+/// Writes regardless of the module's mask.
 void log_vprint(const log_module_t &module, const char *format, va_list arguments)
     __attribute__((format(printf, 2, 0)));
 

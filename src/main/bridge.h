@@ -7,10 +7,9 @@
 
 namespace vemk {
 
-/// Builds both workers, starts them and waits for their ends, which in practice never come: the
-/// process lives until a signal or one of the workers ends it. The bus-to-service queue runs from
-/// the bus to the WebSocket, the other one back; the workers' run flags are the configuration's
-/// `url_valid` and `bus_run_flag`. An exception in a construction leaves nothing running.
+/// Builds both workers, starts them and waits for their ends. In practice they never end: a signal
+/// or one of the workers ends the process. The workers' run flags are the configuration's
+/// `url_valid` and `bus_run_flag`. An exception in a construction leaves no thread running.
 void run_bridge(const websock_cfg_t &cfg, const bool &bus_run_flag,
                 message_queue_t &bus_to_ws_queue, message_queue_t &ws_to_bus_queue);
 

@@ -12,21 +12,21 @@ namespace {
 
 constexpr char pid_file_path[] = "/tmp/vemk.roaming.pid";
 
-// The PID to kill when the file holds none. It lies above Linux's largest PID, 2^22, so that the
-// kill command finds no process. 0, and numbers that turn negative in the kill command, are not
-// PIDs: they would reach whole groups of processes, this one among them, and so at every start.
+// The PID to kill when the file holds none. It is above Linux's largest PID, 2^22, so that the kill
+// command does not find a process. 0, and numbers that turn negative in the kill command, are not
+// PIDs. They would reach groups of processes, this one included, at every start.
 constexpr long long nobodys_pid = 2147483647;
 
-/// fopen for the PID file, with `flags` for `mode`. The file lies where everybody may write: a link
-/// is not followed to the file behind it, and a FIFO is not waited for. Null when the path holds
-/// anything but a regular file.
+/// fopen for the PID file, with `flags` for `mode`. Everybody may write in the file's folder, so a
+/// symbolic link is not followed and a FIFO is not waited for. Null when the path holds anything
+/// but a regular file.
 FILE *open_pid_file(int flags, const char *mode) {
-  // As fopen creates a file, before the umask.
+  // The mode of a file that fopen creates, before the umask.
   constexpr mode_t permissions = 0666;
   const int descriptor = open(pid_file_path, flags | O_NOFOLLOW | O_NONBLOCK, permissions);
   if (descriptor < 0)
     return nullptr;
-  // Zeroes, which stay where the call fails, are not those of a regular file.
+  // If the call fails, the zeroes stay, and they do not describe a regular file.
   struct stat status {};
   fstat(descriptor, &status);
   FILE *const file = S_ISREG(status.st_mode) ? fdopen(descriptor, mode) : nullptr;
@@ -39,7 +39,7 @@ void terminate_recorded_process() {
   FILE *const file = open_pid_file(O_RDONLY, "r");
   if (file == nullptr)
     return;
-  // Wider than a PID, so that no larger number is cut to one that is a PID.
+  // Wider than a PID, so that a larger number is not cut to a PID.
   long long number = 0;
   // NOLINTNEXTLINE(cert-err34-c): values that are not PIDs are replaced below
   if (fscanf(file, "%lld", &number) != 1 || number <= 0 || number > nobodys_pid)

@@ -20,12 +20,12 @@ constexpr int clock_check_tries = 11;
 constexpr useconds_t poll_pause_us = 50000;
 constexpr useconds_t wait_pause_us = 1000000;
 
-/// Seconds count as signed 32-bit values, whatever the width of time_t.
+/// Seconds are signed 32-bit values for any width of time_t.
 std::int32_t whole_seconds(const timespec &time) {
   return static_cast<std::int32_t>(time.tv_sec);
 }
 
-/// The sum as 32-bit arithmetic gives it, wrapping round instead of overflowing.
+/// The sum in 32-bit arithmetic, which wraps round instead of overflowing.
 std::int32_t seconds_after(std::int32_t now, std::int32_t delay) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(now) +
                                    static_cast<std::uint32_t>(delay));
@@ -122,7 +122,7 @@ void timer_service::wait_next() {
 }
 
 std::int32_t timer_service::sleep_seconds(std::uint32_t seconds) {
-  // Linux leaves in the timeout what an interrupted select did not sleep.
+  // On Linux, the timeout then holds the time that an interrupted select did not sleep.
   timeval left{};
   left.tv_sec = static_cast<time_t>(seconds);
   while (select(0, nullptr, nullptr, nullptr, &left) < 0) {

@@ -19,19 +19,19 @@ struct timer_entry {
 
 /// One-shot timers in whole seconds of CLOCK_MONOTONIC, and waits that keep working.
 ///
-/// Every reading of the clock is checked against the last good one: a step backward or of more
-/// than 10 seconds forward is read again at once, and after 11 bad readings in a row the process
-/// ends with exit(-1), for its supervisor to start it again. So from construction on, an operation
-/// that reads the clock must be called at least every 10 seconds; cancel_timers() and
+/// Every reading of the clock is compared with the last good one. After a step backward, or forward
+/// by more than 10 seconds, the clock is read again at once. After 11 bad readings in a row the
+/// process ends with exit(-1), and its supervisor starts it again. So from construction on, an
+/// operation that reads the clock must be called at least every 10 seconds. cancel_timers() and
 /// sleep_seconds() do not read it.
 ///
 /// wait_while(), wait_next() and sleep_seconds() are by design without a use.
 ///
-/// Threading: none of its own; everything, callbacks included, runs on the thread that calls.
-///   Not thread-safe.
+/// Threading: none of its own; everything, callbacks included, runs on the thread that calls. Not
+///   thread-safe.
 /// Ownership: keeps a copy of each callback until it fires or is cancelled.
-/// Errors: an empty callback throws std::bad_function_call when it is due, after its removal; no
-///   memory for an entry throws std::bad_alloc and leaves the list as it was.
+/// Errors: an empty callback throws std::bad_function_call when it is due, after its removal. Lack
+///   of memory for an entry throws std::bad_alloc and leaves the list as it was.
 class timer_service {
 public:
   using timer_list = std::list<timer_entry>;
@@ -60,12 +60,12 @@ public:
   /// Sleeps in steps of one second while `predicate` returns true. Returns 0.
   std::int32_t wait_while(const std::function<bool()> &predicate);
 
-  /// Sleeps until the first timer that is not overdue is due, then fires what is due. Returns at
-  /// once when there is no such timer. One that lies more than 10 seconds ahead ends the process,
-  /// by the check of the clock after the sleep.
+  /// Sleeps until the first timer that is not overdue is due, then fires the timers that are due.
+  /// Returns at once when there is no such timer. With a timer more than 10 seconds ahead, the
+  /// check of the clock after the sleep ends the process.
   void wait_next();
 
-  /// Sleeps `seconds`, whatever signals arrive. Returns 0 or the error number of select.
+  /// Sleeps `seconds`, also when signals arrive. Returns 0 or the error number of select.
   static std::int32_t sleep_seconds(std::uint32_t seconds);
 
 private:
@@ -77,7 +77,7 @@ private:
   /// Ascending by expiry; equal ones in the order in which they were added.
   timer_list timers;
   timespec last_now;
-  /// Where a walk over the due timers goes on after a callback; kept valid while callbacks cancel.
+  /// The next timer of a walk over the due ones; kept valid while callbacks cancel timers.
   timer_list::iterator next_to_fire;
 };
 

@@ -25,8 +25,8 @@ constexpr unsigned patience_seconds = 20;
 
 void wait_for_slow_servers(lws_context_creation_info &info) {
   info.timeout_secs = patience_seconds;
-  // This one ends the whole attempt. The one above has to come first, as it leads to the host's
-  // next address, and it would not at the default, which is 20 seconds too.
+  // This limit ends the whole attempt. The limit above leads to the host's next address, so it has
+  // to expire first. With this one at its default, which is 20 seconds too, it would not.
   info.connect_timeout_secs = patience_seconds + 1;
 }
 
@@ -39,7 +39,7 @@ void refuse_redirects(lws_client_connect_info &info) {
 }
 
 void service_for_at_most(lws_context *context, int limit_ms) {
-  // The library's own argument is ignored; a timer of its own ends the wait.
+  // The library ignores the argument; a timer ends the wait.
   lws_sorted_usec_list_t limit{};
   lws_sul_schedule(
       context, 0, &limit, [](lws_sorted_usec_list_t *) {}, limit_ms * LWS_US_PER_MS);
@@ -60,8 +60,8 @@ int writeable_wakeup::observe(lws *wsi, lws_callback_reasons reason) {
     connection = nullptr;
     return LWS_CALLBACK_CLOSED;
   case LWS_CALLBACK_CLOSED_CLIENT_HTTP:
-    // All that is told of a server that accepts the connection and never answers the handshake.
-    // An attempt that was reported as an error is not reported in this way as well.
+    // The library's only report of a server that accepts the connection and never answers the
+    // handshake. It does not come for an attempt that was reported as an error.
     return LWS_CALLBACK_CLIENT_CONNECTION_ERROR;
   case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
   case LWS_CALLBACK_WSI_DESTROY:

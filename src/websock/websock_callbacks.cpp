@@ -10,13 +10,13 @@ namespace vemk {
 
 namespace {
 
-// Headroom that the library wants in front of every payload. Some releases define less.
+// Headroom that the library needs in front of every payload. Some releases define less.
 constexpr std::size_t headroom = 16;
 static_assert(LWS_PRE <= headroom, "the library needs more headroom in front of a payload");
 
-// Frames up to this size, headroom included, are assembled on the stack. Larger ones are assembled
-// on the heap: threads of small C libraries have 128 KiB of stack or less, and no message from the
-// bus may overrun it.
+// Frames up to this size, headroom included, are assembled on the stack, larger ones on the heap.
+// Threads of small C libraries have 128 KiB of stack or less, and no message from the bus may
+// overrun it.
 constexpr std::size_t max_stack_frame = 16 * 1024;
 
 /// A zeroed area for one frame: the headroom, then a copy of the payload.

@@ -55,8 +55,8 @@ websock_worker::websock_worker(message_queue_t *from_bus, message_queue_t *to_bu
     log_name = worker_name;
     protocol_callback = forward_callback;
     log_hook = log_library_line;
-    // A capture this small is kept inside the function object, so that a callback that is still
-    // running while another thread ends the process finds it.
+    // The function object holds a capture this small itself. So a callback that still runs while
+    // another thread ends the process finds it.
     g_lws_callback = [this](lws *wsi, lws_callback_reasons reason, void *user, void *in,
                             std::size_t length) {
       return lws_callback(wsi, reason, user, in, length);
@@ -161,7 +161,7 @@ std::uint32_t websock_worker::next_delay() {
 
   const std::int32_t low = previous == 0 ? 1 : previous / 2;
   const std::int32_t span = previous == 0 ? 2 : previous;
-  // The sums wrap round as unsigned numbers, for delays that no configuration should ask for.
+  // The sums wrap round as unsigned numbers, for delays that a configuration should not have.
   const std::uint32_t high = static_cast<std::uint32_t>(low) + static_cast<std::uint32_t>(span);
   log_debug(websock_log_module, "Generate delay into [%u;%u) range\n", static_cast<unsigned>(low),
             static_cast<unsigned>(high));

@@ -20,31 +20,31 @@ namespace vemk {
 
 /// The thread "websock-roaming": owns the one client connection to the roaming service.
 ///
-/// Every init() waits a random delay that grows with each failure, then opens a library context and
-/// a connection; every deinit() destroys them. While connected, messages of the bus-to-service
-/// queue leave as text frames, one per writeable callback, and received messages go whole into the
-/// service-to-bus queue. A connection that errs, closes, leaves three pings unanswered or gets no
-/// writeable callback for 60 seconds is torn down and made anew. The service-to-bus queue also gets
-/// a status message at each change, and the answer to every status request found in the
-/// bus-to-service queue.
+/// Every init() waits a random delay that grows with each failure. Then it opens a library context
+/// and a connection; every deinit() destroys them. While connected, messages of the bus-to-service
+/// queue leave as text frames, one per writeable callback. Received messages go whole into the
+/// service-to-bus queue. That queue also gets a status message at each change and for every status
+/// request.
 ///
-/// Only one may exist at a time: a second one takes the library's callbacks away from the first.
+/// The worker tears the connection down and connects again after an error, a close, three
+/// unanswered pings, or 60 seconds without a writeable callback.
+///
+/// Only one worker may exist at a time: a second one takes over the library's callbacks from the
+/// first.
 ///
 /// Threading: as abstract_worker. The handlers run inside the library's calls: on the worker's
 ///   thread, and on the owner's in the destructor. Only request_writeable() is for the bus thread,
 ///   which calls it through the bus-to-service queue's notify.
 /// Ownership: owns context, connection and receive buffer; the queues and the run flag are the
 ///   caller's and outlive the worker.
-/// Errors: connection failures are logged and retried for ever, but for a name server that is
-/// silent
-///   for more than 10 seconds: the look-up blocks, and the clock check ends the process. Queue
-///   errors and std::bad_alloc are thrown through the library's callbacks, which ends the process
-///   as well.
+/// Errors: connection failures are logged and retried for ever. A name server that is silent for
+///   more than 10 seconds blocks the look-up, and the clock check ends the process. Queue errors
+///   and std::bad_alloc are thrown through the library's callbacks, which ends the process as well.
 class websock_worker : public abstract_worker {
 public:
   /// Delays are in seconds. `without_lws_binding` builds the object without taking over the
   /// library's callbacks; it then cannot connect. `only_whole_messages` delivers a message that an
-  /// empty last fragment ends, and forgets one that a lost connection cut off; without it both stay
+  /// empty last fragment ends, and forgets one that a lost connection cut off. Without it both stay
   /// in front of the next message. Removes proxy variables from the environment.
   websock_worker(message_queue_t *from_bus, message_queue_t *to_bus, std::string server_host,
                  std::string server_path, std::int32_t server_port, const bool *keep_running_flag,
@@ -55,7 +55,7 @@ public:
   bool run_once() override;
   void deinit() override;
 
-  /// True while `*flag` is and the connection or its attempt lives.
+  /// True while `*flag` is true and the connection or its attempt lives.
   bool keep_running(const bool *flag) override;
 
   /// Stops as deinit() does.
@@ -68,7 +68,7 @@ protected:
   bool _connect();
 
   /// One step of the delay algorithm: returns seconds drawn from a window around the current delay,
-  /// then doubles that up to the maximum.
+  /// and doubles the delay up to the maximum.
   std::uint32_t next_delay();
 
   /// Waits next_delay() while answering status requests from the bus-to-service queue and dropping
@@ -87,8 +87,8 @@ protected:
   int process_closed();
   int process_protocol_destroy();
 
-  /// Returns 0, or -1 for a last piece that delivers nothing: it is empty and ends no message, or
-  /// there is no memory for it.
+  /// Returns 0, or -1 for a last piece that delivers nothing: an empty one that does not end a
+  /// message, or one without memory for it.
   int process_client_receive(lws *wsi, void *user, void *in, std::size_t length);
   int process_client_receive_pong();
   int process_client_writeable(lws *wsi, void *user, void *in);
@@ -100,8 +100,8 @@ protected:
   /// -1 when there is no memory for the frame.
   int lws_send(lws *wsi, const void *data, std::size_t length, lws_write_protocol type);
 
-  /// Asks for a writeable callback if connected. Any thread that holds off deinit(), as the first
-  /// queue's lock does.
+  /// Asks for a writeable callback if connected. May be called on any thread that holds off
+  /// deinit(), as the bus-to-service queue's lock does.
   void request_writeable(lws *wsi);
 
   // Keepalive.

@@ -63,7 +63,7 @@ private:
   }
 
   /// The bytes as they are. The listing becomes a printf format, so a percent sign must never start
-  /// a conversion: a pair of them already stands for one, any other one is doubled.
+  /// a conversion. Two side by side already print as one; a single one is doubled.
   void add_characters(const std::uint8_t *bytes, std::int32_t count) {
     for (std::int32_t i = 0; i < count; ++i) {
       *end++ = static_cast<char>(bytes[i]);
@@ -96,8 +96,8 @@ void write_listing(char *block, const std::uint8_t *data, std::int32_t lines, st
 } // namespace
 
 void buffer_info_t::dump() const {
-  // The length counts as signed here. From 2^31 on it is negative, and a listing of that many lines
-  // is one for which there is no memory.
+  // The length counts as signed here. From 2^31 on it is negative, and there is no memory for a
+  // listing of that many lines.
   const auto signed_length = static_cast<std::int32_t>(length);
   const std::int32_t lines = signed_length / bytes_per_line;
   const std::int32_t rest = signed_length % bytes_per_line;

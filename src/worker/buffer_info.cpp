@@ -14,7 +14,7 @@ namespace {
 
 const log_module_setup module_setup(buffer_log_module, "buffer-info");
 
-// Part of a fixed message text, whatever line reports the failure.
+// Part of a fixed message text, not the number of a source line.
 constexpr int append_failure_line = 95;
 
 // A message and its NUL byte must fit the target's 32-bit size_t.

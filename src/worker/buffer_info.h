@@ -1,4 +1,4 @@
-/// The message buffer: the one unit of data that crosses between the worker threads.
+/// The message buffer: the unit of data that passes between the worker threads.
 #ifndef VEMK_WORKER_BUFFER_INFO_H
 #define VEMK_WORKER_BUFFER_INFO_H
 
@@ -9,7 +9,7 @@ namespace vemk {
 /// One whole message as a growable byte block that always ends in a NUL byte.
 ///
 /// Invariant: `data` is null, or the allocation is exactly `length` + 1 bytes and the byte at
-///   `length` is 0, so a message without NUL bytes of its own reads as a C string.
+///   `length` is 0. So a message without NUL bytes of its own reads as a C string.
 /// Threading: no lock. Filled by one thread before it is pushed to a queue, only read afterwards.
 ///   Handled through std::shared_ptr<buffer_info_t>, whose last holder may be on either thread.
 /// Ownership: owns `data`, which comes from realloc or calloc and goes to free.
@@ -28,14 +28,14 @@ struct buffer_info_t {
 
   ~buffer_info_t();
 
-  /// Adds `count` bytes of `source` at the end. Returns the whole data, which may have moved, or
-  /// null with the buffer unchanged and an error logged when there is no memory or the length
-  /// would not fit 32 bits. Appending 0 bytes to an empty buffer makes an empty C string.
+  /// Adds `count` bytes of `source` at the end. Returns the whole data, which may have moved. If
+  /// there is no memory, or the length would not fit 32 bits, it logs an error, leaves the buffer
+  /// unchanged and returns null. Appending 0 bytes to an empty buffer makes an empty C string.
   std::uint8_t *append(const void *source, std::uint32_t count);
 
   /// Writes a listing of the buffer, hexadecimal beside characters, as one debug line. The listing
-  /// is made before the category is tested, so it costs its time in any case. When there is no
-  /// memory for it, nothing is written.
+  /// is made before the category is tested, so it takes its time in any case. Without memory for
+  /// it, nothing is written.
   void dump() const;
 };
 

@@ -1,4 +1,4 @@
-/// The log module "buffer-info", shared by the sources that make up buffer_info_t.
+/// The log module "buffer-info", shared by the sources of buffer_info_t.
 #ifndef VEMK_WORKER_BUFFER_LOG_H
 #define VEMK_WORKER_BUFFER_LOG_H
 
