@@ -1,15 +1,15 @@
 /// The access point's internal module-messaging bus, as the daemon uses it.
 ///
 /// A process joins the bus as one module with an identifier. Other modules send messages to that
-/// identifier; what the process sends reaches the modules that listen to it.
+/// identifier; the process's own messages reach the modules that listen to it.
 ///
 /// Order of use: InitTrace, SetTraceOpt, InitLibParams, SetModuleLoop(0), ModulePeerStart; then
 /// GetMsgFromQueueNoWait and MsgSend for as long as GetModuleLoop returns non-zero; then
-/// ModulePeerStop, SetModuleLoop(0), FreeLibParams. The whole round may be repeated, and the three
+/// ModulePeerStop, SetModuleLoop(0), FreeLibParams. The sequence may be repeated, and the three
 /// closing calls may come twice or without an earlier start.
 ///
 /// Threading: all calls come from one thread; the library need not lock anything for its caller.
-/// Errors: none of the calls throws, ends the process or blocks for good.
+/// Errors: none of the calls throws, ends the process or blocks without end.
 #ifndef VEMK_PLATFORM_MODULE_BUS_H
 #define VEMK_PLATFORM_MODULE_BUS_H
 
@@ -29,7 +29,7 @@ void SetTraceOpt(int target, int level, int flags);
 /// the library copies; the daemon passes {-2, 0}. Returns 0, or -1 when it cannot.
 int InitLibParams(int module_id, const signed char *list, int count);
 
-/// Releases what InitLibParams set up. Harmless when there is nothing to release.
+/// Releases the resources of InitLibParams. Harmless without any.
 void FreeLibParams(void);
 
 /// Joins the bus. Returns 0 with the module-loop flag set, or -1 with the flag left as it was.

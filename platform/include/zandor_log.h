@@ -20,7 +20,7 @@ void init_zandor_logrotate(const char *program);
 /// Begins a line: a timestamp, then the formatted text.
 void zandor_log_msg_timed(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-/// Appends the formatted text, which brings its own line end, to the line begun last.
+/// Appends the formatted text, which includes the line end, to the line begun last.
 void vzandor_log_msg(const char *format, va_list arguments) __attribute__((format(printf, 1, 0)));
 
 #ifdef __cplusplus

@@ -14,10 +14,10 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// A module gives waiting listeners 100 ms to come back; this leaves them three attempts.
+// A module gives waiting listeners 100 ms to come back, enough for three attempts.
 constexpr int reconnect_ms = 20;
 
-// The library's default would let a sender hold a thousand messages of any size.
+// With the library's default a sender could hold a thousand messages of any size.
 constexpr int sender_messages = 64;
 
 constexpr int listener_pieces = 10000;
@@ -60,7 +60,7 @@ bool send_now(zmq::socket_t &socket, zmq::message_t &message) {
 
 bus_sender::bus_sender(const std::string &folder, int module_id)
     : socket(context, zmq::socket_type::dealer) {
-  // Without ZMQ_IMMEDIATE, with which the answers that wait here would be dropped when the module
+  // Without ZMQ_IMMEDIATE: with it, the answers that wait here would be dropped when the module
   // closes the connection.
   socket.set(zmq::sockopt::reconnect_ivl, reconnect_ms);
   socket.set(zmq::sockopt::sndhwm, sender_messages);
@@ -138,7 +138,7 @@ std::optional<std::string> bus_listener::receive(bus_deadline deadline) {
   return message;
 }
 
-// False when no frame came until the deadline.
+// False when no frame came before the deadline.
 bool bus_listener::read_frame(bus_deadline deadline) {
   zmq::message_t frame;
   while (!receive_now(socket, frame)) {

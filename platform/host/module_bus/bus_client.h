@@ -1,7 +1,7 @@
 /// The other side of the bus: sending to a module and listening to one.
 ///
 /// A client may come before the module and outlive it; it connects again whenever the module is
-/// back. Deadlines are on the steady clock; time_point::max() waits for good.
+/// back. Deadlines are on the steady clock; time_point::max() waits without end.
 ///
 /// Threading: each object on one thread at a time. Errors: constructors throw bus_error when the
 /// folder's path is too long for a socket address.
@@ -25,21 +25,22 @@ using bus_deadline = std::chrono::steady_clock::time_point;
 
 /// Sends messages to one module, which takes them in order.
 ///
-/// What the module has not taken when the object goes away is lost; wait_until_taken() before.
+/// Messages that the module has not taken when the object goes away are lost; call
+/// wait_until_taken() before.
 class bus_sender {
 public:
   bus_sender(const std::string &folder, int module_id);
 
-  /// Sends one message, or keeps it for a module that is not there yet; only wait_until_taken()
-  /// tells. False when there was no room for it until the deadline.
-  /// REQUIRES: payload.size() <= max_payload_bytes
+  /// Sends one message, or keeps it for a module that is not there yet; wait_until_taken() shows
+  /// which. False when there was no room for the message before the deadline. REQUIRES:
+  /// payload.size() <= max_payload_bytes
   bool send(std::string_view payload, bus_deadline deadline);
 
-  /// Tells the module to leave the bus; as send().
+  /// Asks the module to leave the bus; otherwise as send().
   bool send_leave(bus_deadline deadline);
 
-  /// True once the module has taken all that was sent; false when that is not so at the deadline,
-  /// because it does not take messages or has left the bus with some of them.
+  /// True once the module has taken all messages. False at the deadline: the module does not take
+  /// messages, or has left the bus with some of them.
   bool wait_until_taken(bus_deadline deadline);
 
 private:
@@ -51,7 +52,7 @@ private:
   int unanswered = 0;
 };
 
-/// Hears every message of one module from the moment of subscription on.
+/// Receives every message of one module from the subscription on.
 class bus_listener {
 public:
   bus_listener(const std::string &folder, int module_id);

@@ -29,8 +29,8 @@ std::string user_folder() {
   return "/tmp/module-bus-" + std::to_string(geteuid());
 }
 
-// A path with a slash at its end would be looked up behind a symbolic link, and one that begins
-// with '@' would be a socket address outside the file system, open to everybody.
+// A path with a slash at its end would follow a symbolic link. A path that begins with '@' would be
+// a socket address outside the file system, open to everybody.
 std::string plain_absolute(const std::string &path) {
   std::string plain = std::filesystem::absolute(path).string();
   while (plain.size() > 1 && plain.back() == '/')
@@ -44,7 +44,7 @@ std::string octal(mode_t mode) {
   return text;
 }
 
-/// What keeps a process from using a folder; empty texts if nothing does.
+/// The reason why a process cannot use a folder; empty texts if it can.
 struct folder_fault_t {
   std::string what;
   std::string remedy;

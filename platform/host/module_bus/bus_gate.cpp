@@ -72,7 +72,7 @@ descriptor open_door(const std::string &path) {
   return door;
 }
 
-/// One way of a connection. It reads no further while bytes wait for the other side.
+/// One direction of a connection. It does not read on while bytes wait for the other side.
 class direction {
 public:
   direction(const descriptor &from, const descriptor &to) : source(from.get()), sink(to.get()) {}
@@ -80,13 +80,13 @@ public:
   bool wants_input() const { return waiting.empty() && !source_ended && !sink_broken; }
   bool wants_output() const { return !waiting.empty(); }
 
-  /// What comes cannot go on.
+  /// The bytes cannot be passed on.
   bool is_broken() const { return sink_broken; }
 
-  /// Nothing more will come, and all that came has gone on.
+  /// The end of the bytes was read, and all of them were passed on.
   bool is_done() const { return source_ended && waiting.empty(); }
 
-  /// Reads once and writes what the watch lets pass, or all of it without one.
+  /// Reads once and writes the bytes that the watch lets pass, or all of them without a watch.
   void pass(std::vector<char> &buffer, frame_watch *watch) {
     const ssize_t got = recv(source, buffer.data(), buffer.size(), 0);
     if (got < 0 && (errno == EAGAIN || errno == EINTR))
@@ -106,14 +106,14 @@ public:
   void write_waiting() { waiting.erase(0, write(waiting)); }
 
 private:
-  /// Returns how many of the bytes are done with.
+  /// Returns the number of bytes that are done.
   std::size_t write(std::string_view bytes) {
     const ssize_t written = send(sink, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (written >= 0)
       return static_cast<std::size_t>(written);
     if (errno == EAGAIN || errno == EINTR)
       return 0;
-    // The other way learns of the end by reading, once it has all that came before.
+    // The other direction reads the end after all earlier bytes.
     sink_broken = true;
     return bytes.size();
   }
@@ -125,7 +125,7 @@ private:
   bool sink_broken = false;
 };
 
-/// A descriptor with the events that are waited for on it, and those that came.
+/// A descriptor with its awaited events, and those that came.
 struct watched_t {
   explicit watched_t(descriptor watched) : end(std::move(watched)) {}
 
@@ -194,15 +194,16 @@ private:
     return deadline && (connections.empty() || steady_clock::now() >= *deadline);
   }
 
-  // Not poll(), which fails in a process that has more descriptors than its limit, once lowered,
-  // allows. False when there is no memory.
+  // Not poll(), which fails in a process that has more descriptors than a lowered limit allows.
+  // False when there is no memory.
   bool watch(watched_t &one, std::uint32_t events) const {
     if (events == one.asked)
       return true;
     epoll_event entry{};
     entry.events = events;
     entry.data.ptr = &one;
-    // Without an event to wait for, an end that was hung up would wake the thread for ever.
+    // A descriptor without an awaited event is left out: after a hang-up it would wake the thread
+    // for ever.
     const int what = one.asked == 0 ? EPOLL_CTL_ADD : events == 0 ? EPOLL_CTL_DEL : EPOLL_CTL_MOD;
     if (epoll_ctl(poll.get(), what, one.end.get(), &entry) != 0)
       return false;

@@ -1,4 +1,4 @@
-/// Stands between the peers of a module and the sockets of the messaging library.
+/// The gate between the peers of a module and the sockets of the messaging library.
 #ifndef VEMK_MODULE_BUS_BUS_GATE_H
 #define VEMK_MODULE_BUS_BUS_GATE_H
 
@@ -18,22 +18,21 @@ struct gate_door_t {
   frame_limits_t limits;
 };
 
-/// Passes the bytes of each connection on, both ways, until a peer sends what frame_watch does not
-/// let pass. Then the connection ends, and the other ones never notice.
+/// Passes the bytes of each connection on, both ways, until a peer sends bytes that frame_watch
+/// does not let pass. Then that connection ends; the other ones go on.
 ///
 /// Threading: one thread of its own, from the constructor to the end of the destructor.
 /// Ownership: the sockets and the connections. The socket files at the doors are the caller's to
 ///   remove.
 /// Errors: the constructor throws bus_error when a door cannot be opened, and std::system_error
-/// when
-///   there is no thread to be had. A connection for which there are no descriptors or no memory is
-///   ended; its peer tries again.
+///   when a thread cannot be started. A connection without descriptors or memory for it is ended;
+///   its peer tries again.
 class bus_gate {
 public:
   /// REQUIRES: the library has bound its sockets.
   explicit bus_gate(const std::vector<gate_door_t> &doors);
 
-  /// Closes the doors. What the library has written by then still gets 100 ms to reach the peers.
+  /// Closes the doors. The bytes that the library has written still get 100 ms to reach the peers.
   /// REQUIRES: the library has closed its sockets, or will without this thread.
   ~bus_gate();
   bus_gate(const bus_gate &) = delete;

@@ -26,29 +26,29 @@ using std::chrono::steady_clock;
 constexpr std::size_t record_length_offset = 4;
 constexpr std::size_t record_payload_offset = 13;
 
-// The messages that wait in the module; what is beyond waits in the senders.
+// The messages that wait in the module; further ones wait in the senders.
 constexpr int inbox_messages = 256;
 
 // About 200 MiB of pieces for a listener that does not read; 64 MiB need a third of them.
 constexpr int outlet_pieces = 200000;
 
-// Without these the messaging library ends the process while it sets itself up: it takes ten, the
-// gate four, and another thread of the process may take some at the same time.
+// Without these descriptors the messaging library ends the process during its set-up. The library
+// takes ten, the gate four, and another thread of the process may take some at the same time.
 constexpr std::size_t needed_descriptors = 20;
 
 // A kind byte comes before the payload.
 constexpr frame_limits_t inbox_limits{max_payload_bytes + 1,
                                       std::numeric_limits<std::uint64_t>::max()};
 
-// A listener greets, says what it is and subscribes, in some 130 bytes. Each subscription costs the
-// library a multiple of its bytes, and they add up.
+// A listener's greeting, its description and its subscription take some 130 bytes. Each
+// subscription costs the library a multiple of its bytes.
 constexpr frame_limits_t outlet_limits{1024, 64 * 1024};
 
 constexpr int leave_linger_ms = 100;
 constexpr milliseconds settle_time{100};
 
-// The library looks at the size of a frame before it takes memory for it. It lets this process in
-// only: the other ones come through the gate.
+// The library checks the size of a frame before it allocates memory for it. Only this process may
+// connect to the socket; the other ones come through the gate.
 void bind(zmq::socket_t &socket, const std::string &path, const frame_limits_t &limits) {
   const pid_t own = getpid();
   try {
@@ -75,7 +75,7 @@ bool has_free_descriptors(int any_descriptor) {
   return taken.size() == needed_descriptors;
 }
 
-// Nothing to receive and an interrupted call come to the same here: there will be a next call.
+// Nothing to receive and an interrupted call have the same result: there will be a next call.
 bool receive_now(zmq::socket_t &socket, zmq::message_t &message) {
   try {
     return socket.recv(message, zmq::recv_flags::dontwait).has_value();
@@ -187,7 +187,7 @@ bool bus_module::publish(const void *data, std::uint32_t length) {
   return true;
 }
 
-// A listener's subscription is known here at the earliest, so only now it may rely on hearing all.
+// The subscription is first known here, so only from now on the listener receives all messages.
 void bus_module::greet_new_listeners() {
   zmq::message_t subscription;
   while (receive_now(outlet, subscription)) {

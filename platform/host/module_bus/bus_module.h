@@ -13,9 +13,9 @@
 
 namespace vemk {
 
-/// Keeps a module to one process, by a lock that ends with its holder, however that ends.
+/// Limits a module to one process, by a lock that ends with its holder in any case.
 ///
-/// Removes the module's socket files when it goes, while the lock still keeps others from them.
+/// The destructor removes the module's socket files while it still holds the lock.
 /// Errors: the constructor throws bus_error when another process has the module.
 class module_claim {
 public:
@@ -35,27 +35,27 @@ private:
 
 /// A module that has joined the bus: its inbox and its outlet.
 ///
-/// Beyond the whole messages that wait to be taken, a peer costs it at most one of the largest
-/// size. A message of several parts ends its sender's connection.
+/// Beyond the whole messages that wait to be taken, a peer costs the module the memory of at most
+/// one of the largest size. A message of several parts ends its sender's connection.
 ///
-/// Threading: all calls on one thread. The messaging library and the gate have threads of their own
-///   meanwhile.
-/// Ownership: owns sockets, their files and the module's lock, and gives all of them back before
-///   the destructor returns, which takes 200 ms at the most for messages still on their way.
+/// Threading: all calls on one thread. The messaging library and the gate have threads of their
+///   own.
+/// Ownership: owns sockets, their files and the module's lock. The destructor releases them all,
+///   and waits at most 200 ms for messages still on their way.
 /// Errors: the constructor throws bus_error; the other calls do not throw.
 class bus_module {
 public:
-  /// Joins, and gives listeners that were waiting for the module the time to come back.
+  /// Joins, and gives waiting listeners the time to come back.
   bus_module(const std::string &folder, int module_id);
 
   /// Takes the next message as a packed record for free(), or returns null when there is none.
   /// Never blocks. A record that cannot be allocated is tried again with the next call.
   void *take_record();
 
-  /// True once a peer has told the module to leave.
+  /// True once a peer has asked the module to leave.
   bool told_to_leave() const { return leave_received; }
 
-  /// Sends to every listener, without ever waiting for one. False when nothing was sent.
+  /// Sends to every listener and never waits for one. False when nothing was sent.
   bool publish(const void *data, std::uint32_t length);
 
 private:
@@ -65,9 +65,9 @@ private:
   void answer(zmq::message_t &sender);
   bool send_frame(frame_header_t header, const char *piece, std::size_t piece_bytes);
 
-  // Destroyed from below: the sockets, then the context, which waits until nothing of the library
-  // is left that could touch the files of the next join, then the gate, through which the library's
-  // last words go, then the claim.
+  // Destroyed in reverse order: the sockets, the context, the gate, the claim. The context waits
+  // until the library can no longer touch the files of the next join. The library's last bytes go
+  // through the gate.
   module_claim claim;
   std::optional<bus_gate> gate;
   zmq::context_t context;

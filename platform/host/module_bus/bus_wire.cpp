@@ -67,7 +67,7 @@ std::optional<std::string> message_reassembler::add(std::string_view frame) {
   return add_piece(*header, frame.substr(frame_header_bytes));
 }
 
-// Whoever arrives in the middle of a message was not yet listening when it began.
+// A listener that arrives in the middle of a message was not yet listening when it began.
 void message_reassembler::enter_session(const frame_header_t &header) {
   if (!partial.empty())
     ++lost_messages;

@@ -1,12 +1,12 @@
-/// What travels between a module and its peers. All numbers are little-endian, of fixed width.
+/// The protocol between a module and its peers. All numbers are little-endian, of fixed width.
 ///
 /// Each message is one part; a peer that sends several is cut off.
 ///
-/// Inbox, peer to module: one kind byte, then the payload. The module answers each with one byte
-/// once it has taken the message, which is how a sender learns that nothing was lost.
+/// Inbox, peer to module: one kind byte, then the payload. The module answers each message with one
+/// byte once it has taken it, so a sender learns that nothing was lost.
 ///
-/// Outlet, module to listeners: a payload travels as pieces of at most 1 KiB, so that the number of
-/// pieces waiting for a listener that has stopped reading bounds its cost in bytes.
+/// Outlet, module to listeners: a payload travels as pieces of at most 1 KiB. So a limit on the
+/// pieces that wait for a listener that does not read also limits the bytes.
 #ifndef VEMK_MODULE_BUS_BUS_WIRE_H
 #define VEMK_MODULE_BUS_BUS_WIRE_H
 
@@ -30,11 +30,12 @@ enum class inbox_kind : unsigned char { data = 'D', leave = 'L' };
 
 constexpr char taken_answer = 'A';
 
-/// A piece carries part of a message. A hello carries nothing: it follows each new subscription,
-/// and `number` is that of the next message, the first that the new listener can count on.
+/// A piece carries part of a message. A hello is empty and follows each new subscription. Its
+/// `number` is that of the next message, the first that the new listener is sure to receive.
 enum class frame_kind : unsigned char { piece = 'P', hello = 'H' };
 
-/// Head of each outlet frame. `session` tells one stay of the module on the bus from the next.
+/// Head of each outlet frame. `session` distinguishes one stay of the module on the bus from the
+/// next.
 struct frame_header_t {
   frame_kind kind;
   std::uint32_t session;
@@ -51,9 +52,9 @@ std::optional<frame_header_t> read_frame_header(std::string_view frame);
 
 /// Puts the pieces of one module's messages together again.
 ///
-/// A message with a missing piece is dropped and counted, and reading goes on with the next one
-/// that is complete. Messages from before the first frame seen, or between two sessions, do not
-/// count. Threading: none; not thread-safe. Errors: malformed frames are ignored.
+/// A message with a missing piece is dropped and counted. Reading then goes on with the next
+/// complete one. Messages from before the first frame seen, or between two sessions, do not count.
+/// Threading: none; not thread-safe. Errors: malformed frames are ignored.
 class message_reassembler {
 public:
   /// Takes one frame; returns the message that it completes, if it does.

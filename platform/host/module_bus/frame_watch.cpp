@@ -12,7 +12,7 @@ constexpr std::uint64_t signature_end = 9;
 constexpr std::uint64_t version_at = 10;
 constexpr unsigned char least_version = 3;
 
-// The flags that begin a frame. The lowest one, which may not stand there, says that parts follow.
+// The flags that begin a frame. The lowest one, which is not allowed, says that parts follow.
 constexpr unsigned char long_size_flag = 2;
 constexpr unsigned char command_flag = 4;
 
@@ -45,7 +45,7 @@ std::size_t frame_watch::pass(std::string_view bytes) {
   return done;
 }
 
-// False when the byte may not pass; it is then asked about again, with the same answer.
+// False when the byte may not pass; a second call with it has the same result.
 bool frame_watch::take(unsigned char byte) {
   switch (now) {
   case stage::greeting:

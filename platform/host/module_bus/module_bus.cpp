@@ -1,7 +1,7 @@
 // The platform's ten functions over a bus_module.
 //
-// Tracing on a workstation is one line on standard error that says why the bus cannot be joined;
-// trace options and the library's parameter list have no meaning beyond that.
+// Tracing on a workstation is one line on standard error, with the reason why the bus cannot be
+// joined. Trace options and the library's parameter list have no other effect.
 #include "module_bus.h"
 
 #include <cstdio>
@@ -23,13 +23,13 @@ struct library_t {
 };
 
 // Never destroyed: the process may end with exit() on one thread while the bus thread is inside a
-// call, and a destructor that closes the sockets under it would crash or wait for it.
+// call. A destructor that closes the sockets then would crash or wait for that thread.
 library_t &library() {
   static library_t *const instance = new library_t;
   return *instance;
 }
 
-// The caller tries again every 300 ms; the reason is worth a line only when it changes.
+// The caller tries again every 300 ms; the reason is printed only when it changes.
 void report_once(library_t &bus, const std::string &reason) {
   if (reason == bus.last_reason)
     return;

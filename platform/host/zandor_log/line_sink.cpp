@@ -19,7 +19,7 @@ line_sink::line_sink(std::string program_name, std::string path)
 void line_sink::sink_it_(const spdlog::details::log_msg &message) {
   spdlog::memory_buf_t buffer;
   formatter_->format(message, buffer);
-  // A message that was cut by a NUL byte has lost its line end.
+  // A message that a NUL byte cut off has lost its line end.
   if (buffer[buffer.size() - 1] != '\n')
     buffer.push_back('\n');
   const std::string_view line(buffer.data(), buffer.size());

@@ -14,9 +14,9 @@ namespace vemk {
 /// The destination of the log: a rotating file, or standard error.
 ///
 /// Threading: log() may be called from any thread; the base class serialises.
-/// Errors: while the file cannot be opened the lines go to standard error, after one note with the
-///   reason, and another when that changes. Everything else that cannot be written is lost. Throws
-///   std::bad_alloc.
+/// Errors: while the file cannot be opened the lines go to standard error. One note gives the
+///   reason, and another when the reason changes. All other text that cannot be written is lost.
+///   Throws std::bad_alloc.
 class line_sink : public spdlog::sinks::base_sink<std::mutex> {
 public:
   /// An empty `path` means standard error; `program_name` signs the note.

@@ -15,15 +15,15 @@ namespace vemk {
 namespace {
 
 using std::chrono::steady_clock;
-// Longer than for a file: while the reader of a pipe is slow, the write would wait just as well.
+// Longer than for a file: while the reader of a pipe is slow, the write itself would wait as long.
 constexpr std::chrono::milliseconds pipe_lock_patience{1000};
 constexpr std::chrono::microseconds first_lock_pause{20};
 constexpr std::chrono::microseconds longest_lock_pause{250};
 constexpr std::chrono::microseconds pause_for_others{500};
 constexpr int writable_patience_ms = 100;
 
-// A record lock, because it belongs to the process: flock() would not tell two processes apart that
-// inherited one standard error.
+// A record lock, because it belongs to the process: with flock(), two processes that inherited one
+// standard error would share the lock.
 bool set_lock(int descriptor, short type) noexcept {
   struct flock whole {};
   whole.l_type = type;
@@ -75,12 +75,13 @@ void line_writer::write(int descriptor, std::string_view line) noexcept {
   if (!locked)
     return;
   unlock(descriptor);
-  // Who waits only looks now and then: without a pause a busy writer would always be first again.
+  // A waiting process only tries from time to time. Without this pause a busy writer would always
+  // be first again.
   std::this_thread::sleep_for(pause_for_others);
 }
 
 void line_writer::write_unit(int descriptor, std::string_view line) noexcept {
-  // writev() takes the line end that a cut line still lacks along in the same system call.
+  // writev() writes the missing line end of a cut line in the same system call.
   iovec parts[2] = {{const_cast<char *>("\n"), cut ? 1U : 0U},
                     {const_cast<char *>(line.data()), line.size()}};
   bool begun = false;

@@ -21,7 +21,7 @@ std::string octal(mode_t mode) {
   return text;
 }
 
-// Only root can make a device, and several of them are for everybody.
+// Only root can make a device, and several devices are for everybody.
 bool may_be_trusted(const struct stat &status) noexcept {
   return S_ISCHR(status.st_mode) || ((status.st_uid == geteuid() || status.st_uid == 0) &&
                                      (status.st_mode & (S_IWGRP | S_IWOTH)) == 0);
@@ -63,7 +63,7 @@ bool log_file::write_line(std::string_view line) {
 bool log_file::open_if_closed() {
   if (descriptor >= 0)
     return true;
-  // O_NONBLOCK: a FIFO without a reader must not hold up the program.
+  // O_NONBLOCK: a FIFO without a reader must not block the program.
   const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW;
   descriptor = open(path.c_str(), flags, 0600);
   if (descriptor < 0) {
@@ -71,7 +71,7 @@ bool log_file::open_if_closed() {
     open_fault = is_link() ? "it is a symbolic link" : std::generic_category().message(error);
     return false;
   }
-  // Behind the descriptor it cannot become another file between the look and the write.
+  // The check uses the descriptor, so the file cannot change between the check and the write.
   struct stat status {};
   if (fstat(descriptor, &status) == 0 && may_be_trusted(status))
     return true;
@@ -100,7 +100,7 @@ bool log_file::is_link() const noexcept {
 
 bool log_file::is_full_for(std::string_view line) const noexcept {
   struct stat status {};
-  // Only a regular file is ever renamed: the path may well be a device.
+  // Only a regular file is renamed: the path may be a device.
   return fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0 &&
          status.st_size + static_cast<off_t>(line.size()) > rotation_bytes;
 }

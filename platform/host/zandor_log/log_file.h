@@ -12,13 +12,13 @@ namespace vemk {
 /// A log file that is rotated by size: NAME.1 is the youngest older file, NAME.4 the oldest.
 ///
 /// Several processes may write the same file, each with an object of its own. The lock of the file
-/// at the path is held from the look at its size to the end of the write; who gets the lock of a
-/// file that has been renamed or removed meanwhile opens the path again. A lock that cannot be had
-/// costs the rotation, not the line.
+/// at the path is held from the check of its size to the end of the write. A process that gets the
+/// lock of a file that has been renamed or removed opens the path again. Without the lock the line
+/// is written, but the file is not rotated.
 ///
-/// The path is not followed when it is a symbolic link, and what others own or may write is not
-/// taken over: the lines would end up in a file, or before eyes, that nobody meant. Only a device
-/// may be open to others.
+/// A symbolic link at the path is not followed, and a file that others own or may write is not
+/// used. Otherwise another user could redirect or read the lines. Only a device may be open to
+/// others.
 ///
 /// Threading: none of its own; one call at a time.
 /// Ownership: owns its descriptor.
@@ -33,8 +33,8 @@ public:
   log_file(const log_file &) = delete;
   log_file &operator=(const log_file &) = delete;
 
-  /// Writes `line`, which ends with a line end. Returns false, with nothing written and the reason
-  /// in fault(), when the path cannot be opened or may not be trusted; each call tries again. A
+  /// Writes `line`, which ends with a line end. Returns false when the path cannot be opened or may
+  /// not be trusted. Then nothing is written, and fault() has the reason; each call tries again. A
   /// line that an open file does not take (a full disk) is lost. Throws std::bad_alloc.
   bool write_line(std::string_view line);
 

@@ -1,8 +1,8 @@
 // The workstation's stand-in for the platform's log library.
 //
 // Lines go to standard error, or to the rotating file that the environment variable ZANDOR_LOG_FILE
-// names. What is formatted here never passes through another formatter: braces and percent signs of
-// a message come out as they are.
+// names. Text that is formatted here never passes through another formatter: braces and percent
+// signs of a message come out as they are.
 #include "zandor_log.h"
 #include "zandor_log/line_sink.h"
 
@@ -37,7 +37,7 @@ spdlog::logger *make_logger(const char *program) {
   const char *file_path = std::getenv("ZANDOR_LOG_FILE");
   auto sink = std::make_shared<vemk::line_sink>(program, file_path ? file_path : "");
   auto made = std::make_unique<spdlog::logger>(program, std::move(sink));
-  // The built-in handler would report on standard error what is to be lost silently.
+  // The built-in handler would report errors on standard error that must be lost silently.
   made->set_error_handler([](const std::string &) {});
   spdlog::logger *existing = nullptr;
   return g_logger.compare_exchange_strong(existing, made.get()) ? made.release() : existing;
@@ -60,7 +60,7 @@ void write_line(spdlog::log_clock::time_point time, const std::string &text) {
   logger().log(time, spdlog::source_loc{}, spdlog::level::info, spdlog::string_view_t(text));
 }
 
-// Takes what was begun on this thread, so that nothing is left of it whatever happens next.
+// Takes the line begun on this thread, so that nothing of it is left after any error.
 std::string take_begun_text() {
   const std::unique_ptr<char, decltype(&std::free)> text(t_line.text, &std::free);
   t_line.begun = false;
@@ -68,7 +68,7 @@ std::string take_begun_text() {
   return text ? text.get() : "";
 }
 
-// A socket that happened to become descriptor 2 would otherwise receive the log.
+// A socket that became descriptor 2 would otherwise receive the log.
 void occupy_standard_descriptors() {
   for (int descriptor = 0; descriptor <= STDERR_FILENO; descriptor++)
     if (fcntl(descriptor, F_GETFD) < 0 && errno == EBADF)
@@ -90,7 +90,7 @@ void init_zandor_logrotate(const char *program) {
     if (!g_logger.load())
       make_logger(program);
   } catch (...) {
-    // The next line tries again, under the name that the system knows the program by.
+    // The next line tries again, under the system's name of the program.
   }
 }
 
@@ -104,7 +104,7 @@ void zandor_log_msg_timed(const char *format, ...) {
     t_line.text = format_text(format, arguments);
     t_line.begun = true;
   } catch (...) {
-    // Out of memory: the line goes without its beginning.
+    // Out of memory: the line is written without its beginning.
   }
   va_end(arguments);
 }
