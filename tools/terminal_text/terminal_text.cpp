@@ -10,7 +10,8 @@ unsigned char byte_at(std::string_view bytes, std::size_t index) {
   return static_cast<unsigned char>(bytes[index]);
 }
 
-// Bytes that follow the first of a sequence, and the bounds of the second one; 0xff: no sequence.
+// The number of bytes after the first of a sequence, and the bounds of the second; 0xff: not a
+// sequence.
 struct utf8_lead_t {
   unsigned following;
   unsigned char lowest_second;
@@ -33,7 +34,7 @@ utf8_lead_t utf8_lead(unsigned char byte) {
           static_cast<unsigned char>(byte == 0xf4 ? 0x8f : 0xbf)};
 }
 
-/// The length of the UTF-8 sequence at the beginning; 0 when there is none.
+/// The length of the UTF-8 sequence at the beginning; 0 if there is none.
 std::size_t sequence_length(std::string_view bytes) {
   const utf8_lead_t lead = utf8_lead(byte_at(bytes, 0));
   if (lead.following == no_sequence || bytes.size() <= lead.following)
@@ -46,7 +47,7 @@ std::size_t sequence_length(std::string_view bytes) {
   return 1 + lead.following;
 }
 
-/// Of a UTF-8 sequence, or of a byte that is part of none.
+/// Of a UTF-8 sequence, or of a byte that is not part of one.
 bool is_control(std::string_view character) {
   const unsigned char first = byte_at(character, 0);
   if (character.size() == 1)

@@ -1,4 +1,4 @@
-/// Text from elsewhere on a terminal.
+/// Text from other programs on a terminal.
 #ifndef VEMK_TERMINAL_TEXT_H
 #define VEMK_TERMINAL_TEXT_H
 
@@ -7,9 +7,9 @@
 
 namespace vemk {
 
-/// The text on one line and without what a terminal obeys: control bytes come out as \n, \r, \t or
-/// \xNN, and so does each byte of the characters U+0080 to U+009F, in UTF-8 or as bytes of their
-/// own. Backslashes and all other bytes stay as they are.
+/// The text on one line and without terminal controls: control bytes come out as \n, \r, \t or
+/// \xNN. So does each byte of the characters U+0080 to U+009F, in UTF-8 or as single bytes.
+/// Backslashes and all other bytes stay as they are.
 std::string on_one_line(std::string_view text);
 
 /// Strict: no overlong forms, no surrogates, nothing beyond U+10FFFF.

@@ -1,5 +1,4 @@
-/// What vemkctl can be told, as the parser knows it: the one description behind parsing, help and
-/// shell completion.
+/// The commands and options of vemkctl: one description for parsing, help and shell completion.
 #ifndef VEMKCTL_COMMAND_DESCRIPTION_H
 #define VEMKCTL_COMMAND_DESCRIPTION_H
 
@@ -11,8 +10,8 @@ class App;
 
 namespace vemk {
 
-/// Gives the parser, made for "vemkctl", its commands and options. Parsing writes into `options`,
-/// which has to live as long as the parser.
+/// Adds the commands and options to the parser, which was made for "vemkctl". Parsing writes into
+/// `options`, which must live as long as the parser.
 void describe_command_line(CLI::App &app, options_t &options);
 
 } // namespace vemk

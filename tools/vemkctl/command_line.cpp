@@ -26,7 +26,7 @@ constexpr char footer[] =
     "Exit status: 0 done, 3 bus error, 4 input or output error, 64 wrong usage; 1 and 2 as the\n"
     "command says.";
 
-// The library's own range lets "nan" pass, and puts the bounds in the help instead of a name.
+// The library's own range check accepts "nan", and puts the bounds into the help instead of a name.
 template<typename number_t>
 CLI::Validator number_from(number_t lowest, number_t highest) {
   const auto check = [lowest, highest](const std::string &text) {
@@ -130,8 +130,8 @@ command chosen_command(const CLI::App &app) {
 
 constexpr double default_timeout_seconds = 10;
 
-// Longer than the 20 seconds for which the daemon waits for a server's handshake: a request that
-// arrives meanwhile is answered when the daemon gives that attempt up.
+// Longer than the 20 seconds that the daemon waits for a server's handshake. A request that arrives
+// meanwhile is answered when the daemon gives that attempt up.
 constexpr double default_status_timeout_seconds = 30;
 
 void set_default_timeout(options_t &options) {

@@ -34,9 +34,9 @@ bus_deadline deadline_after(double seconds) {
          std::chrono::duration_cast<std::chrono::steady_clock::duration>(time);
 }
 
-/// Waits for the folder as the commands wait for the module: either may come later than they do.
+/// Waits for the folder as the commands wait for the module: both may come later than the command.
 std::string find_bus_folder(const options_t &options, bus_deadline deadline) {
-  // Shorter than the time for which a module that has made the folder waits for listeners.
+  // Shorter than the time that a module waits for listeners after it has made the folder.
   constexpr std::chrono::milliseconds pause{10};
   const bool is_told_at_once =
       (options.what == command::listen || isatty(STDERR_FILENO) != 0) && !options.quiet;
@@ -171,8 +171,8 @@ int no_answer(const options_t &options, const std::string &folder) {
   return exit_timeout;
 }
 
-/// Waits until the deadline for what `wait` returns something true for; a person at a terminal is
-/// told what is waited for when it takes long.
+/// Waits until `wait` returns a true value or the deadline comes. If this takes long, a note on a
+/// terminal says what the command waits for.
 template<typename wait_t>
 auto wait_and_tell(bus_deadline deadline, const std::string &what, wait_t wait) {
   auto result = wait(std::min(deadline, deadline_after(1)));
@@ -226,7 +226,7 @@ int run_check_config(const options_t &options) {
   return exit_unusable;
 }
 
-/// The commands that have one time for all they do.
+/// The commands with one deadline for the whole command.
 int run_until(bus_deadline deadline, const options_t &options) {
   const std::string folder = find_bus_folder(options, deadline);
   switch (options.what) {

@@ -1,4 +1,4 @@
-/// What vemkctl does.
+/// The commands of vemkctl.
 #ifndef VEMKCTL_COMMANDS_H
 #define VEMKCTL_COMMANDS_H
 
@@ -16,7 +16,7 @@ public:
   using std::runtime_error::runtime_error;
 };
 
-/// Runs the command on the standard streams and returns the exit status for what it found.
+/// Runs the command on the standard streams and returns its exit status.
 /// Errors: bus_error, io_error. REQUIRES: SIGPIPE is ignored.
 int run_command(const options_t &options);
 

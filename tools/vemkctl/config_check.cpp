@@ -33,7 +33,7 @@ constexpr std::int64_t longest_plausible_wait = 600;
 
 constexpr std::int64_t largest_number = std::numeric_limits<std::int32_t>::max();
 
-/// As the daemon takes it when it draws a wait.
+/// As the daemon reads it when it draws a wait.
 bool is_negative(std::uint32_t delay) {
   return delay > largest_number;
 }
@@ -48,7 +48,7 @@ std::string hexadecimal(std::uint32_t value) {
   return text;
 }
 
-/// The file's bytes, or why the daemon would get none.
+/// The file's bytes, or the reason why the daemon could not read any.
 struct file_content_t {
   std::string bytes;
   std::string fault;
@@ -62,7 +62,7 @@ file_content_t read_file(const std::string &name) {
   if (S_ISDIR(status.st_mode))
     return {"", "is a folder; name a file in it"};
   if (!S_ISREG(status.st_mode))
-    throw io_error(name + " is no regular file and cannot be read twice; copy it to a file and "
+    throw io_error(name + " is not a regular file and cannot be read twice; copy it to a file and "
                           "check that");
   errno = 0;
   std::ifstream file(name, std::ios::binary);
@@ -72,7 +72,7 @@ file_content_t read_file(const std::string &name) {
   return {{std::istreambuf_iterator<char>(file), {}}, "", (status.st_mode & S_IWOTH) != 0};
 }
 
-/// Why a daemon with this configuration would not connect.
+/// The reason why a daemon with this configuration would not connect.
 std::optional<std::string> why_unusable(const websock_cfg_t &cfg,
                                         const std::vector<finding_t> &findings) {
   const bool is_explained = std::any_of(findings.begin(), findings.end(),
@@ -80,7 +80,7 @@ std::optional<std::string> why_unusable(const websock_cfg_t &cfg,
   if (!cfg.url_valid)
     return std::string("the daemon would end at once with status 0, because no line gives it a "
                        "service; ") +
-           (is_explained ? "mend the errors above" : "add roam_service_url=ws://HOST:PORT/PATH");
+           (is_explained ? "fix the errors above" : "add roam_service_url=ws://HOST:PORT/PATH");
   if (const auto fault = service_fault(cfg.host, cfg.port))
     return "the daemon would start and never connect: " + *fault;
   return {};

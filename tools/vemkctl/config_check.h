@@ -1,4 +1,4 @@
-/// vemkctl check-config: what the daemon makes of a configuration file.
+/// vemkctl check-config: how the daemon reads a configuration file.
 #ifndef VEMKCTL_CONFIG_CHECK_H
 #define VEMKCTL_CONFIG_CHECK_H
 
@@ -10,16 +10,14 @@ enum class config_verdict { usable, usable_with_warnings, unusable };
 
 struct config_check_t {
   config_verdict verdict;
-  /// For standard output: the findings by line, then what the daemon uses.
+  /// For standard output: the findings by line, then the daemon's settings.
   std::string report;
 };
 
-/// Usable means that the daemon run with this file connects to the service that the file names, as
-/// far as the file alone can tell. The daemon's own parser decides what is read from it, and so
-/// `g_log_level` changes.
+/// Usable means that the daemon with this file connects to the service that the file names, judged
+/// by the file alone. The check runs the daemon's own parser, which also sets `g_log_level`.
 ///
-/// Errors: io_error for what is neither a file nor a folder, a pipe for instance, because the
-/// parser
+/// Errors: io_error for anything but a file or a folder, a pipe for instance, because the parser
 ///   and this check could not both read it.
 config_check_t check_config(const std::string &file_name);
 

@@ -19,7 +19,7 @@ namespace {
 constexpr unsigned long whole_file = 0;
 constexpr std::size_t most_ignored_lines_told = 20;
 
-/// A file may be garbage altogether, so each of these is told for its first line only.
+/// A file may be garbage altogether, so each of these is reported for its first line only.
 struct told_once_t {
   bool control_byte = false;
   bool carriage_return = false;
@@ -58,7 +58,7 @@ std::string name_of(config_key key) {
   return name;
 }
 
-/// The key that a misspelt one may stand for.
+/// The key that a misspelt one may mean.
 std::optional<config_key> nearest_key(const std::string &word) {
   const auto distance = [&](const char *text) { return edit_distance(word + "=", text); };
   const auto *const nearest =
@@ -200,13 +200,13 @@ private:
     else if (key && sign != std::string_view::npos)
       add(line,
           quoted(without_blanks_around(before)) +
-              " is no key, and the line is ignored; did "
+              " is not a key, and the line is ignored; did "
               "you mean " +
               text_of(*key) + "?",
           key == config_key::service_url);
     else if (sign != std::string_view::npos)
       add(line, quoted(without_blanks_around(before)) +
-                    " is no key, and the line is ignored; begin it with # if it is a comment");
+                    " is not a key, and the line is ignored; begin it with # if it is a comment");
     else
       add(line, quoted(trimmed) + " is neither KEY=VALUE nor a comment, and the line is ignored; "
                                   "begin it with # if it is a comment");
@@ -220,7 +220,7 @@ private:
         std::find_if(pieces.begin() + static_cast<std::ptrdiff_t>(first), pieces.end(), has_text);
     if (from != pieces.end())
       add(from->line, "from here on nothing is read, because of the scheme on line " +
-                          std::to_string(pieces[first - 1].line) + "; mend that first");
+                          std::to_string(pieces[first - 1].line) + "; fix that first");
   }
 
   config_findings_t result{};

@@ -1,4 +1,4 @@
-/// What a person would want to know about a configuration file, line by line.
+/// Findings about a configuration file, line by line.
 #ifndef VEMKCTL_CONFIG_FINDINGS_H
 #define VEMKCTL_CONFIG_FINDINGS_H
 
@@ -14,21 +14,21 @@ namespace vemk {
 struct finding_t {
   /// 0: the file as a whole.
   unsigned long line;
-  /// In the form "what is the matter; what to do".
+  /// In the form "fault; remedy".
   std::string text;
-  /// It may be why the daemon would not connect.
+  /// A possible reason why the daemon would not connect.
   bool about_service;
-  /// Worth knowing, and nothing is wrong: it changes no verdict.
+  /// A note and not a fault: it does not change the verdict.
   bool is_note = false;
 };
 
 struct config_findings_t {
   std::vector<finding_t> findings;
-  /// Where each key's value comes from, by config_key; 0: from no line.
+  /// The line that each key's value comes from, by config_key; 0: none.
   std::array<unsigned long, config_key_count> source_lines;
 };
 
-/// Only looks; what the daemon makes of the file is for its own parser to say.
+/// Reads the text only; the daemon's own parser decides about its settings.
 config_findings_t find_in_config(std::string_view bytes);
 
 } // namespace vemk

@@ -12,16 +12,16 @@ namespace vemk {
 /// The longest piece that the daemon reads at once, line end included.
 constexpr std::size_t longest_piece_bytes = 254;
 
-/// What the daemon takes for one line.
+/// A piece of the file that the daemon reads as one line.
 struct config_piece_t {
   /// The line of the file, from 1.
   unsigned long line;
-  /// Not the beginning of that line.
+  /// True for a piece that does not begin that line.
   bool continues;
   /// All its bytes, line end included.
   std::string_view bytes;
 
-  /// What the daemon sees of it: up to a NUL byte.
+  /// The part that the daemon reads: up to a NUL byte.
   std::string_view seen() const { return bytes.substr(0, bytes.find('\0')); }
 };
 
@@ -31,7 +31,7 @@ std::vector<config_piece_t> cut_into_pieces(std::string_view bytes);
 /// Without a LF or CR LF at its end.
 std::string_view without_line_end(std::string_view text);
 
-/// What C calls space.
+/// White space as C defines it.
 bool is_blank(char byte);
 
 std::string_view without_blanks_around(std::string_view text);

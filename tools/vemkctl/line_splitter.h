@@ -9,18 +9,19 @@
 
 namespace vemk {
 
-/// Hands each line on as soon as its line feed has come, without it; other bytes stay as they are.
+/// Passes each line on as soon as its line feed has come, without the line feed. Other bytes stay
+/// as they are.
 ///
 /// Threading: none; the handler runs inside add() and finish().
-/// Errors: a line that grows over `longest_bytes` throws std::length_error, which names its number;
-///   what the handler throws passes through.
+/// Errors: a line of more than `longest_bytes` throws std::length_error, which names its number.
+///   The handler's exceptions pass through.
 class line_splitter {
 public:
   line_splitter(std::size_t longest_bytes, std::function<void(std::string_view)> handler);
 
   void add(std::string_view bytes);
 
-  /// Hands on a last line that has no line feed.
+  /// Passes on a last line without a line feed.
   void finish();
 
 private:

@@ -20,7 +20,7 @@ int run(int argc, char **argv) {
 } // namespace
 
 int main(int argc, char **argv) {
-  // A reader that went away is reported as a failed write.
+  // If the reader has gone, the write fails and that is reported.
   std::signal(SIGPIPE, SIG_IGN);
   try {
     return run(argc, argv);

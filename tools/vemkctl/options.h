@@ -1,4 +1,4 @@
-/// What a command line of vemkctl asks for, and how its commands end.
+/// The options of a command line of vemkctl, and the exit statuses of its commands.
 #ifndef VEMKCTL_OPTIONS_H
 #define VEMKCTL_OPTIONS_H
 
@@ -25,7 +25,7 @@ struct options_t {
   std::string config_file; // check_config
 };
 
-/// Exit statuses. 1 and 2 answer the question that was asked, the rest say that something failed.
+/// Exit statuses. 1 and 2 answer the command's question, the rest report a failure.
 enum exit_status {
   exit_done = 0,
   exit_disconnected = 1,

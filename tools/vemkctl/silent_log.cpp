@@ -1,4 +1,4 @@
-// The daemon's parser logs; a report that quotes the line needs no second message about it.
+// The daemon's parser logs; a report that quotes the line does not need a second message about it.
 #include "zandor_log.h"
 
 void init_zandor_logrotate(const char * /*program*/) {}

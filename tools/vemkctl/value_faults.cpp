@@ -19,14 +19,14 @@ namespace {
 
 constexpr std::int32_t largest_port = 65535;
 // libwebsockets 4.1.6 has 127 bytes for a line of its request, "Origin: http://" and line end
-// included, and leaves out the line end of a longer one, which hides the line behind it.
+// included. It leaves out the line end of a longer one, which hides the next line.
 constexpr std::size_t longest_host = 110;
 constexpr std::uint32_t every_log_category =
     log_category_error | log_category_warning | log_category_info | log_category_debug;
 
 using fault_t = std::optional<std::string>;
 
-/// How the text differs from a plain number; `counts_as` is what the daemon makes of it.
+/// The difference between the text and a plain number; `counts_as` is the daemon's value for it.
 fault_t number_fault(const std::string &text, int base, const std::string &counts_as) {
   const std::string result = " and counts as " + counts_as;
   if (text.empty())
@@ -35,7 +35,7 @@ fault_t number_fault(const std::string &text, int base, const std::string &count
   errno = 0;
   const long long value = std::strtoll(text.c_str(), &end, base);
   if (end == text.c_str())
-    return quoted(text) + " is no number" + result + "; give a number";
+    return quoted(text) + " is not a number" + result + "; give a number";
   constexpr long long largest = std::numeric_limits<std::uint32_t>::max();
   if (errno == ERANGE || value > largest || value < -largest)
     return quoted(text) + " is beyond 32 bits" + result + "; give a smaller number";
@@ -199,7 +199,7 @@ std::uint16_t connected_port(std::int32_t port) {
 fault_t service_fault(std::string_view host, std::int32_t port) {
   if (connected_port(port) == 0)
     return "port " + std::to_string(port) + (port == 0 ? "" : " counts as 0, which") +
-           " is no port to connect to; give one from 1 to 65535";
+           " is not a port to connect to; give one from 1 to 65535";
   if (host.empty())
     return "the URL has no host; write ws://HOST:PORT/PATH";
   if (host.front() == '[')
@@ -208,7 +208,7 @@ fault_t service_fault(std::string_view host, std::int32_t port) {
   if (has_blank(host) || std::any_of(host.begin(), host.end(), is_control))
     return "host " + quoted(host) + " holds blanks or control characters, and no name has them; " +
            "remove them";
-  // The WebSocket library takes a local socket's path behind a '+'.
+  // The WebSocket library reads a name that begins with '+' as the path of a local socket.
   if (host.front() != '+' && host.find('/') != std::string_view::npos)
     return "host " + quoted(host) + " holds a '/', and no name has one; write the port before " +
            "the path: ws://HOST:PORT/PATH";

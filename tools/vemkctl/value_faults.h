@@ -1,4 +1,4 @@
-/// What may be wrong with a value of the configuration file.
+/// Faults in the values of the configuration file.
 #ifndef VEMKCTL_VALUE_FAULTS_H
 #define VEMKCTL_VALUE_FAULTS_H
 
@@ -11,10 +11,10 @@
 
 namespace vemk {
 
-/// The port that a connection is made to: the WebSocket library keeps 16 bits of the number.
+/// The port of the connection: the WebSocket library keeps 16 bits of the number.
 std::uint16_t connected_port(std::int32_t port);
 
-/// Why a connection to this host and port can never come about, if so.
+/// The reason why a connection to this host and port always fails, if it does.
 std::optional<std::string> service_fault(std::string_view host, std::int32_t port);
 
 /// None for the URL, which may have several: see url_faults().

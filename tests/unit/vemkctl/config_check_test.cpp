@@ -112,7 +112,7 @@ TEST_F(ConfigCheckTest, NoteIsNoWarning) {
 TEST_F(ConfigCheckTest, WholeMessagesAre0Or1) {
   const std::pair<const char *, const char *> cases[] = {
       {"", "whole_messages: it has no value and counts as 0; give a number"},
-      {"yes", "'yes' is no number and counts as 0"},
+      {"yes", "'yes' is not a number and counts as 0"},
       {"0x1", "'0x1' has 'x1' behind the number and counts as 0"},
       {"1 ", "'1 ' has ' ' behind the number and counts as 1"},
       {" 1", "' 1' has blanks or a sign before the number and counts as 1"},
@@ -150,11 +150,11 @@ TEST_F(ConfigCheckTest, LinesThatMatchNoKeyAreNamed) {
       ElementsAre(
           AllOf(StartsWith("1: blanks before the key"), HasSubstr("write log_level= in the first")),
           AllOf(StartsWith("2: blanks before the key"), HasSubstr("write log_level= in the first")),
-          AllOf(StartsWith("3: 'max_conection_delay' is no key"),
+          AllOf(StartsWith("3: 'max_conection_delay' is not a key"),
                 EndsWith("did you mean max_connection_delay=?")),
-          AllOf(StartsWith("4: 'MAX-CONNECTION-DELAY' is no key"),
+          AllOf(StartsWith("4: 'MAX-CONNECTION-DELAY' is not a key"),
                 EndsWith("did you mean max_connection_delay=?")),
-          AllOf(StartsWith("5: 'colour' is no key"), Not(HasSubstr("did you mean"))),
+          AllOf(StartsWith("5: 'colour' is not a key"), Not(HasSubstr("did you mean"))),
           StartsWith("6: '[vemk]' is neither KEY=VALUE nor a comment"),
           StartsWith("7: 'log_level 5' is neither KEY=VALUE nor a comment")));
 }
@@ -214,11 +214,12 @@ TEST_F(ConfigCheckTest, ServiceReadBeforeARefusedSchemeOrAnIncompleteUrlStays) {
 
 // Ports 0, 65536, empty, "http" and one with a password before it are errors.
 TEST_F(ConfigCheckTest, PortsThatCannotBeConnectedToAreUnusable) {
-  expect_unusable("roam_service_url=ws://h:0/\n", ":1: error: port 0 is no port to connect to");
-  expect_unusable("roam_service_url=ws://h:65536/\n", "port 65536 counts as 0, which is no port");
+  expect_unusable("roam_service_url=ws://h:0/\n", ":1: error: port 0 is not a port to connect to");
+  expect_unusable("roam_service_url=ws://h:65536/\n",
+                  "port 65536 counts as 0, which is not a port");
   expect_unusable("roam_service_url=ws://h:/\n", ":1: error: port: it has no value");
-  expect_unusable("roam_service_url=ws://h:http/\n", ":1: error: port: 'http' is no number");
-  expect_unusable("roam_service_url=ws://u:pw@h:80/\n", "port: 'pw@h:80' is no number");
+  expect_unusable("roam_service_url=ws://h:http/\n", ":1: error: port: 'http' is not a number");
+  expect_unusable("roam_service_url=ws://u:pw@h:80/\n", "port: 'pw@h:80' is not a number");
 }
 
 // 83616 is a warning and shown as 18080.
@@ -296,7 +297,7 @@ TEST_F(ConfigCheckTest, NumbersThatAreNotPlainAreNamedWithWhatTheyCountAs) {
               testing::Contains("1: max_connection_delay: it has no value and counts as 0; give a "
                                 "number"));
   const std::pair<const char *, const char *> cases[] = {
-      {"ten", "'ten' is no number and counts as 0"},
+      {"ten", "'ten' is not a number and counts as 0"},
       {"5s", "'5s' has 's' behind the number and counts as 5"},
       {"5 ", "'5 ' has ' ' behind the number and counts as 5"},
       {"0x10", "'0x10' has 'x10' behind the number and counts as 0"},

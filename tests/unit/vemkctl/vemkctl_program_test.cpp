@@ -336,7 +336,7 @@ TEST_F(VemkctlProgramTest, CheckConfigReportsWithoutABus) {
   program_run full(folder, {"check-config", cases[0].first}, "", "/dev/full");
   EXPECT_EQ(full.exit_status(), 4);
   program_run device(folder, {"check-config", "/dev/null"});
-  EXPECT_THAT(device.next_note(), StartsWith("vemkctl: /dev/null is no regular file"));
+  EXPECT_THAT(device.next_note(), StartsWith("vemkctl: /dev/null is not a regular file"));
   EXPECT_EQ(device.exit_status(), 4);
 }
 
