@@ -1,4 +1,4 @@
-# Thin over the CMake presets; README.md says what each target is for.
+# A thin layer over the CMake presets; README.md describes the targets.
 SHELL := /bin/bash
 # Most tests wait for a peer or a delay rather than compute.
 TEST_JOBS ?= 16
@@ -9,12 +9,12 @@ TEST_JOBS ?= 16
 packages:
 	scripts/install-packages.sh build run test
 
-# Programs for the tests, which would run as services of the machine if they were installed.
+# Programs for the tests. If they were installed, they would run as services of the machine.
 unpacked: packages
 	scripts/unpack-packages.sh build-unpacked
 
-# The tests need packages that the programs do without. A folder that has tests keeps them, so that
-# they are still there to run, and Ninja does not forget what their objects were made from.
+# The tests need packages that the programs do not need. A folder that has tests keeps them: they
+# can still run, and Ninja does not forget the dependencies of their objects.
 configure:
 	scripts/install-packages.sh build run
 	cmake --preset default -DBUILD_TESTING=$(if $(wildcard build/CTestTestfile.cmake),ON,OFF)
@@ -30,7 +30,7 @@ test: packages unpacked
 	cmake --build --preset default
 	ctest --test-dir build --output-on-failure -j $(TEST_JOBS)
 
-# The console in a headless browser, which `make test` does without.
+# The console in a headless browser; `make test` does not include this.
 browser-test: build
 	scripts/install-packages.sh test browser
 	VEMK_BUILD_DIR=build PYTHONDONTWRITEBYTECODE=1 \
@@ -48,7 +48,7 @@ test-go: build
 	VEMK_BUILD_DIR=build VEMK_GO_DIR=build-go PYTHONDONTWRITEBYTECODE=1 \
 	  /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/go
 
-# As for MIPS under emulation; the native companions are the other ends of the system tests.
+# All tests as MIPS programs under emulation; the system tests' peers are the native companions.
 target: packages unpacked
 	scripts/install-packages.sh target
 	scripts/target-env.sh build-mips-env
@@ -67,7 +67,7 @@ target-size: packages
 	scripts/target-env.sh build-mips-env
 	tests/target_size/measure_size.py --write docs/target.md
 
-# Without a shared library, an FPU or glibc: as near to a device as can be run here.
+# Without a shared library, an FPU or glibc: the nearest to a device that can run here.
 target-static: packages
 	scripts/install-packages.sh target static
 	scripts/static-env.sh build-static-env
@@ -100,8 +100,8 @@ analyze: packages
 	cmake --build --preset clang
 	scripts/analyze.sh build-clang
 
-# Which lines and branches of src/ the unit tests execute, and one system test that lets the daemon
-# come to its own end: a daemon that is ended by a signal writes no counters.
+# The lines and branches of src/ that the unit tests execute, and one system test in which the
+# daemon ends by itself: a daemon that a signal ends does not write counters.
 coverage: packages
 	scripts/install-packages.sh coverage
 	cmake --preset default
@@ -131,13 +131,13 @@ soak: build
 	VEMK_BUILD_DIR=$${VEMK_BUILD_DIR:-build} \
 	  /usr/bin/python3 tests/soak/soak.py --minutes $(MINUTES) $(if $(SEED),--seed $(SEED))
 
-# What it costs to look at a message from the bus, and what it would cost to parse each.
+# The cost of looking at a message from the bus, and of parsing each message.
 bench-classify: configure
 	cmake --build --preset default --target bench_classify
 	build/bench_classify
 
-# A Debian package for this machine; the date in it is that of the last change, so that it can be
-# made again byte by byte.
+# A Debian package for this machine. Its date is that of the last change, so that another build
+# gives the same bytes.
 package:
 	scripts/install-packages.sh build package
 	cmake -S . -B build-package -G Ninja -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF
@@ -150,7 +150,7 @@ package-test: package
 	scripts/install-packages.sh package-test
 	scripts/test-package.sh build-package/vemk_*.deb
 
-# Every behaviour with the test that shows it, in build/behaviours.md, and docs/faults.md.
+# Every behaviour with its test, in build/behaviours.md, and docs/faults.md.
 behaviours:
 	scripts/list-behaviours.py
 

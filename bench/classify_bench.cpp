@@ -1,9 +1,9 @@
-/// What it costs to tell a message for the roaming service from one of the daemon's own: messages
-/// of 1 MiB through the JSON parser, as every message went once, and through classify_bus_message.
+/// The cost of distinguishing a message for the roaming service from one for the daemon itself.
+/// Messages of 1 MiB go through the JSON parser, and through classify_bus_message.
 ///
 /// Usage: bench_classify [REPEATS]
-/// Each figure is of a process of its own. The processor time is the median of the repeats (default
-/// 15), the peak the most that was resident; program and message are some 3 MiB of it.
+/// Each figure comes from a process of its own. The processor time is the median of the repeats
+/// (default 15). The peak is the largest resident memory; program and message are some 3 MiB of it.
 
 #include <algorithm>
 #include <cstdio>
@@ -29,7 +29,7 @@ struct cost_t {
   long peak_kib;
 };
 
-/// `head`, then `unit` as often as there is room for it, then `tail`.
+/// `head`, then `unit` as often as it fits, then `tail`.
 struct input_t {
   const char *name;
   std::string head;

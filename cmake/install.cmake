@@ -1,11 +1,11 @@
-# What `cmake --install` puts where. A device gets the daemon with its configuration and manuals; a
-# workstation also the companions, the systemd unit and the shell completion.
+# The files of `cmake --install` and their folders. A device gets the daemon with its configuration
+# and manuals. A workstation also gets the companions, the systemd unit and the shell completion.
 include(GNUInstallDirs)
 set(VEMK_CONFIGURATION_DIR ${CMAKE_INSTALL_FULL_SYSCONFDIR}/vemk)
 
 install(TARGETS vemk RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-# The example works beside roam-service. Installed, it names no service: on another machine whoever
-# took that port would be the service.
+# The example works together with roam-service. The installed file has its URL commented out: on
+# another machine any program on that port could pose as the service.
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS examples/vemk.conf)
 file(READ examples/vemk.conf configuration)
 string(REPLACE "\nroam_service_url=" "\n#roam_service_url=" configuration "${configuration}")
@@ -24,7 +24,7 @@ endforeach()
 if(VEMK_PLATFORM STREQUAL "host")
   install(TARGETS vemkctl roam-service RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-  # It is written by a program of this build, which another processor's build could not run.
+  # A program of this build writes the completion; a build for another processor could not run it.
   if(NOT CMAKE_CROSSCOMPILING)
     add_subdirectory(completions)
     install(FILES ${VEMKCTL_COMPLETION}

@@ -1,4 +1,4 @@
-# `cpack` makes a Debian package of what `cmake --install` installs with the prefix /usr.
+# `cpack` makes a Debian package of the files that `cmake --install` installs with the prefix /usr.
 set(VEMK_MAINTAINER "vemk maintainers <maintainers@users.noreply.c-seed-90aff2fa.example>"
     CACHE STRING "Who maintains the package: NAME <ADDRESS>")
 set(VEMK_PACKAGE_RELEASE 1 CACHE STRING "Release of the package of one version of the program")
@@ -35,7 +35,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${debian}/conffiles ${debian}/postinst ${debian}/prerm ${debian}/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
-# What only the package has: compressed manuals, the change log, the copyright.
+# Files that only the package has: compressed manuals, the change log, the copyright.
 set(CPACK_PRE_BUILD_SCRIPTS ${debian}/finish_tree.cmake)
 set(CPACK_VEMK_SOURCE_DIR ${CMAKE_SOURCE_DIR})
 set(CPACK_VEMK_MAINTAINER ${VEMK_MAINTAINER})

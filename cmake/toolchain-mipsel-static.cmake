@@ -1,6 +1,6 @@
-# Fully static programs for 32-bit little-endian MIPS without FPU, from the environment that
-# scripts/static-env.sh makes, run under emulation of the device's kind of processor.
-# VEMK_STATIC_ENV names the folder it made them in.
+# Fully static programs for 32-bit little-endian MIPS without FPU, run under emulation of the
+# device's kind of processor. scripts/static-env.sh makes the environment; VEMK_STATIC_ENV names its
+# folder.
 set(VEMK_STATIC_ENV ${CMAKE_CURRENT_LIST_DIR}/../build-static-env CACHE PATH
     "The folder made by scripts/static-env.sh")
 get_filename_component(static_env ${VEMK_STATIC_ENV} ABSOLUTE)
@@ -17,10 +17,10 @@ set(CMAKE_AR ${static_env}/bin/mipsel-ar)
 set(CMAKE_RANLIB ${static_env}/bin/mipsel-ranlib)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${static_env}/bin/qemu-mipsel -cpu 24Kc)
 
-# Unoptimised code would be compiled with checks of undefined behaviour, configure checks too.
+# Unoptimised code, configure checks included, would be compiled with checks of undefined behaviour.
 set(CMAKE_C_FLAGS_INIT "-Os -ffunction-sections -fdata-sections")
 set(CMAKE_CXX_FLAGS_INIT "-Os -ffunction-sections -fdata-sections")
-# The driver asks for thread stacks of 8 MiB, where programs for musl get 128 KiB.
+# The driver asks for thread stacks of 8 MiB; other programs for musl get 128 KiB.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -Wl,--gc-sections,-z,stack-size=131072 -s")
 set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
 

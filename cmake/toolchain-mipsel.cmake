@@ -1,5 +1,5 @@
 # 32-bit little-endian MIPS, with the tools and libraries that scripts/target-env.sh makes.
-# VEMK_TARGET_ENV names the folder it made them in.
+# VEMK_TARGET_ENV names their folder.
 get_filename_component(checkout ${CMAKE_CURRENT_LIST_DIR} DIRECTORY)
 set(VEMK_TARGET_ENV ${checkout}/build-mips-env CACHE PATH
     "The folder made by scripts/target-env.sh")
@@ -20,7 +20,7 @@ foreach(tool ar nm objdump ranlib readelf strip)
   set(CMAKE_${variable} ${target_env}/bin/mipsel-${tool})
 endforeach()
 # Debian's mipsel needs release 2 of MIPS32 and a floating-point unit; this processor has both. Like
-# the real one, it does not load a word from an address that is not a multiple of four.
+# a real one, it does not load a word from an address that is not a multiple of four.
 set(CMAKE_CROSSCOMPILING_EMULATOR ${target_env}/bin/qemu -cpu 24Kf)
 
 set(CMAKE_FIND_ROOT_PATH ${CMAKE_SYSROOT})

@@ -1,5 +1,5 @@
-// What ThreadSanitizer is to pass over in libraries that are not ours; part of every program of a
-// build with it, so that no test depends on the caller's environment.
+// Reports of ThreadSanitizer about other projects' libraries to suppress. Part of every program of
+// a build with it, so that no test depends on the caller's environment.
 
 extern "C" const char *__tsan_default_suppressions();
 
@@ -7,12 +7,12 @@ extern "C" const char *__tsan_default_suppressions() {
   return
       // ZeroMQ is not built with ThreadSanitizer, so its lock-free pipes look like missing
       // synchronisation between the thread that wrote a message and the one that reads it. This
-      // passes over only what ZeroMQ itself does to memory; races among our own threads are
-      // still reported.
+      // suppresses only ZeroMQ's own memory accesses; races among our own threads are still
+      // reported.
       "called_from_lib:libzmq.so\n"
-      // The release of libwebsockets that is installed formats every log line in one static
-      // buffer. The bus thread's lws_cancel_service, the one call that other threads may make,
-      // writes such a line too. The buffer always ends in a zero byte, so the worst outcome is a
-      // garbled line of the library's own.
+      // The installed release of libwebsockets formats every log line in one static buffer. The bus
+      // thread's lws_cancel_service, the one call that other threads may make, writes such a line
+      // too. The buffer always ends in a zero byte, so the worst outcome is a garbled line of the
+      // library's own.
       "race:_lws_logv\n";
 }

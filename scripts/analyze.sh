@@ -10,7 +10,7 @@ sources="^$PWD/(src|platform|tools|bench)/"
 run-clang-tidy -quiet -p "$build" -j "$(nproc)" "$sources" 2>&1 |
   sed -E '/^clang-tidy-|^[0-9]+ warnings? generated|^Suppressed [0-9]+ warnings|^Use -header-filter/d'
 
-# useStlAlgorithm is a matter of taste.
+# useStlAlgorithm is a question of style only.
 cppcheck --quiet --error-exitcode=1 --inline-suppr --std=c++17 -j "$(nproc)" \
   --enable=warning,performance,portability,style --suppress=useStlAlgorithm \
   -I src -I platform/include -I platform/host -I tools \

@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """Reports which lines and branches of src/ the tests of a coverage build executed.
 
-Branches are the decisions in the source: the way on from a call and the one that an exception takes
-out of it are the compiler's and do not count. Exit status 1 when something was not executed that
-tests/coverage/exclusions.toml gives no reason for, or when a reason there excuses nothing.
+Branches are the decisions in the source. The compiler's branches after a call, onward and for an
+exception, do not count. The exit status is 1 when a line or branch was not executed and
+tests/coverage/exclusions.toml has no reason for it, or when a reason there is not needed.
 """
 
 import argparse
@@ -15,7 +15,7 @@ import sys
 import tomllib
 
 # This program compiles sources again, for another release of a library. gcovr cannot add up
-# functions that begin at different lines of one file, so it is asked for each build apart.
+# functions that begin at different lines of one file, so it runs for each build apart.
 second_build = "tests/unit/websock/CMakeFiles/websock_api_2_0_test.dir"
 
 exclusion_list = "tests/coverage/exclusions.toml"
@@ -48,7 +48,7 @@ def measured_files(arguments, name, *words):
 
 
 def without_calls(branches):
-    """Leaves out each exception's way together with the way on, which stands right before it."""
+    """Leaves out each exception's branch and the onward branch, which comes right before it."""
     kept = []
     for number, branch in enumerate(branches):
         following = branches[number + 1:number + 2]
@@ -108,7 +108,7 @@ class figure:
     def __str__(self):
         if self.total == 0:
             return "none"
-        # Rounded down: 100 % is said of nothing less.
+        # Rounded down, so that only 100 % is printed as 100 %.
         tenths = 1000 * self.executed // self.total
         return f"{self.executed} of {self.total} ({tenths // 10}.{tenths % 10} %)"
 

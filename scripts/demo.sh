@@ -2,10 +2,10 @@
 # Shows the bridge at work: a roaming service, a listener on the bus and the daemon between them.
 # Usage: demo.sh [BUILD_FOLDER]    (default: build)
 #
-# With a terminal on standard input, or VEMK_DEMO_STAY=1, it stays up until Ctrl-C.
+# With a terminal on standard input, or VEMK_DEMO_STAY=1, the demonstration stays up until Ctrl-C.
 #
-# The daemon replaces an earlier instance by the PID in /tmp, so it gets a /tmp of its own: another
-# vemk on this machine is neither seen nor stopped.
+# The daemon replaces an earlier instance by the PID in /tmp. Here it gets a /tmp of its own, so it
+# does not stop another vemk on this machine.
 set -euo pipefail
 
 readonly pid_file=/tmp/vemk.roaming.pid
@@ -31,7 +31,7 @@ namespace_options() {
   return 1
 }
 
-# Goes on in a mount namespace of its own where one can be had.
+# Goes on in a mount namespace of its own if one can be made.
 enter_namespace() {
   local options
   [ -z "${VEMK_DEMO_NAMESPACE:-}" ] || return 0
@@ -41,7 +41,7 @@ enter_namespace() {
   VEMK_DEMO_NAMESPACE=none
 }
 
-# Keeps a folder below /tmp reachable in the new /tmp that is being set up in $1.
+# Keeps a folder below /tmp reachable in the new /tmp, which is made in $1.
 keep_in_private_tmp() {
   local place
   case "$2" in
@@ -114,7 +114,7 @@ clean_up() {
   for ((index = ${#started[@]} - 1; index >= 0; index--)); do
     stop_process "${started[index]}"
   done
-  # The daemon leaves its PID file behind, and a later one would stop whoever has the PID by then.
+  # The daemon leaves its PID file. A later one would stop the process that then has the PID.
   if [ -n "${daemon:-}" ] && [ "$(cat "$pid_file" 2>/dev/null)" = "$daemon" ]; then
     rm -f "$pid_file"
   fi
@@ -144,7 +144,7 @@ not_seen() {
 }
 
 # Waits for a line with the text $3 in the file $1 after its line number $2, and leaves the line in
-# `line` and its number in `line_number`. $4 says what is not seen otherwise.
+# `line` and its number in `line_number`. $4 describes the line in the error message.
 wait_for_line() {
   local deadline=$((SECONDS + step_limit_s)) found pid
   while true; do
@@ -245,7 +245,7 @@ show_status_request() {
   item 'answer:' "$state"
 }
 
-# Prints what is added to the file $1 from its line $2 on, each line after the label $3.
+# Prints the lines that are added to the file $1 from its line $2 on, each after the label $3.
 follow() {
   tail -n "+$2" -f "$1" 2>/dev/null > >(sed -u "s/^/   $3/") 3>&- &
   started+=($!)
@@ -261,7 +261,7 @@ stay() {
   heading 'A line typed here is sent by the service. What arrives is shown here:'
   follow "$work/from-bus" $((bus_line + 1)) 'on the bus:       '
   follow "$work/from-service" $((service_line + 1)) 'service received: '
-  # Only a note of it: bash crashes when a trap exits while `read -t` waits for the terminal.
+  # Only sets a variable: bash crashes when a trap exits while `read -t` waits for the terminal.
   trap 'stop=yes' INT TERM HUP
   while is_running "$daemon"; do
     status=0

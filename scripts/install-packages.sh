@@ -1,5 +1,5 @@
 #!/bin/sh
-# Installs those packages of sections of packages.txt that this machine does not have yet.
+# Installs the packages of sections of packages.txt that this machine does not have yet.
 # Usage: install-packages.sh SECTION ...
 set -eu
 
@@ -24,6 +24,6 @@ fi
 echo "Installing:$missing"
 # DPKG_FRONTEND settings go through env, because sudo drops the caller's environment.
 $as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq update
-# shellcheck disable=SC2086  # the list is meant to be split
+# shellcheck disable=SC2086  # the shell must split the list
 $as_root env DEBIAN_FRONTEND=noninteractive \
   apt-get -qq -y -o Dpkg::Use-Pty=0 --no-install-recommends install $missing >/dev/null

@@ -1,9 +1,9 @@
 #!/usr/bin/python3
-"""Runs the fuzz targets of a build side by side and sums up what each one did.
+"""Runs the fuzz targets of a build side by side and sums up their results.
 
-Inputs that reach something new, and those that fail, go into the build's folder, never into the
-checkout. Exit status 1 when a target crashed, leaked, hung or differed from its model, or did not
-run at all.
+Inputs that reach new code, and those that fail, go into the build's folder, never into the
+checkout. The exit status is 1 when a target crashed, leaked, hung, differed from its model, or did
+not run.
 """
 
 import argparse
@@ -39,7 +39,7 @@ def parse_arguments():
 
 
 class fuzz_run:
-    """One target's run: its folders, its log, and what the log says."""
+    """One target's run: its folders, its log, and the log's results."""
 
     def __init__(self, arguments, target):
         self.target = target

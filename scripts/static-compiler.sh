@@ -8,7 +8,7 @@ language=${0##*mipsel-}
 export ZIG_LIB_DIR=$root/toolchain/lib
 export ZIG_GLOBAL_CACHE_DIR=$root/cache ZIG_LOCAL_CACHE_DIR=$root/cache
 zig=$root/toolchain/zig/bin/zig
-# Its notion of nullability is not that of musl's headers.
+# The driver's rules for nullability differ from those of musl's headers.
 driver=("$zig" "$language" -target mipsel-linux-musleabi -mcpu=mips32r2
   -Wno-nullability-completeness)
 
@@ -26,8 +26,8 @@ for argument; do
 done
 [ ${#wraps[@]} -gt 0 ] || exec "${driver[@]}" "$@"
 
-# The driver refuses --wrap. Wrapping in a link of its own, of the project's objects and GoogleTest,
-# also leaves the other libraries their real calls, as they have them where they are shared ones.
+# The driver refuses --wrap, so a separate link of the project's objects and GoogleTest wraps the
+# calls. The other libraries keep their real calls, as shared libraries do.
 wrapped=$(mktemp --suffix=.o)
 trap 'rm -f "$wrapped"' EXIT
 "$zig" ld.lld -r -m elf32ltsmip -u main "${wraps[@]}" "${project_inputs[@]}" -o "$wrapped"

@@ -1,15 +1,15 @@
 #!/bin/bash
-# Makes a folder with all that the static MIPS build needs: a clang for 32-bit little-endian MIPS
-# without FPU with musl and libc++, the libraries built with it, and an emulator to run the result.
-# The machine's own package lists and architecture stay as they are. What is there is not made
-# again, unless its recipe below has changed.
+# Makes a folder for the static MIPS build: a clang for 32-bit little-endian MIPS without FPU, with
+# musl and libc++; the libraries built with it; and an emulator. The machine's own package lists and
+# architectures stay as they are. An existing part is made again only if its recipe below has
+# changed.
 # Usage: static-env.sh FOLDER
 set -euo pipefail
 
 root=${1:?usage: static-env.sh FOLDER}
 scripts=$(cd "$(dirname "$0")" && pwd)
 release=bookworm
-# From where this machine gets its own packages of the release.
+# The source of this machine's own packages of the release.
 # shellcheck disable=SC2016  # the names are apt's, not the shell's
 mirror=$(apt-get indextargets --format '$(REPO_URI) $(RELEASE)' 'Created-By: Packages' |
   awk -v release=$release '$2 == release && !seen++ { print $1 }')
@@ -136,7 +136,7 @@ cmake_install() {
   cmake --install build
 }
 
-# As on the device: plain connections, and nothing that the daemon does not use.
+# As on the device: plain connections, and only parts that the daemon uses.
 make_libwebsockets() {
   debian_source libwebsockets
   cmake_install source -DLWS_WITH_STATIC=ON -DLWS_WITH_SHARED=OFF -DLWS_STATIC_PIC=OFF \

@@ -1,10 +1,10 @@
 #!/bin/bash
-# Run inside the system of test-package.sh: starts what the unit starts, and sends messages both ways.
+# Runs inside the system of test-package.sh: starts the unit's command, sends messages both ways.
 set -euo pipefail
 
 fail() { printf 'test-package: %s\n' "$*" >&2; exit 1; }
 
-# Prints the status and always succeeds; the command's exit status says the same.
+# Prints the status and always succeeds; the exit status would repeat the text.
 status() { vemkctl status || true; }
 
 wait_for_status() {
@@ -24,8 +24,8 @@ wait_for_line() {
   done
 }
 
-# Becomes the command of the unit's key $1. A shell takes the line apart as systemd does, but for the
-# prefix "-" and "$$", which stands for "$".
+# Runs the command of the unit's key $1 in this process. A shell splits the line as systemd does,
+# except the prefix "-" and "$$", which means "$".
 become() {
   local line
   line=$(sed -n "s/^$1=-\{0,1\}//p" /usr/lib/systemd/system/vemk.service | sed 's/\$\$/$/g')

@@ -1,7 +1,7 @@
 #!/bin/bash
 # Installs a package into a fresh system below /var/tmp, uses it there, and takes it off again.
 # Usage: test-package.sh PACKAGE.deb
-# Needs root, the machine's package sources, and about 800 MB for as long as it runs.
+# Needs root, the machine's package sources, and about 800 MB while it runs.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 
@@ -67,14 +67,14 @@ check_installation() {
     fail "the unit is not enabled"
 
   step "systemd-analyze verify"
-  # The manuals that it names were looked for above; without man it cannot.
+  # The check above already looked for the manuals that the unit names; systemd cannot without man.
   in_system systemd-analyze verify --man=no vemk.service
   in_system systemd-analyze security --offline=true --no-pager vemk.service | tail -n 1
 }
 
 check_messages() {
   step "use"
-  # A network of its own: the shipped configuration's port is free in it, and nobody else's.
+  # A network of its own, in which the port of the shipped configuration is free.
   # shellcheck disable=SC2016  # it expands inside
   unshare --net /bin/bash -c 'ip link set lo up && exec chroot "$1" /bin/bash -s' bash "$system" \
     <"$here/test-package-messages.sh"
@@ -130,6 +130,6 @@ package=$(realpath "$1")
 check_statically
 work=$(mktemp -d /var/tmp/vemk-package-test.XXXXXX)
 trap 'rm -rf --one-file-system "$work"' EXIT
-# Mounts and processes of the test end with these namespaces, however it ends.
+# Mounts and processes of the test end with these namespaces in any case.
 unshare --mount --pid --fork --kill-child "$0" --inside "$work" "$package"
 step "the package passed, in $SECONDS seconds"

@@ -2,10 +2,10 @@
 # Unpacks the packages of packages.txt's [unpacked], which would enable services if installed.
 # Usage: unpack-packages.sh FOLDER
 #
-# FOLDER/bin gets their programs, FOLDER/root their files and those of packages that they depend on
-# and that are not installed; FOLDER/versions.txt lists all of these. Packages of the section
-# are fetched whether or not they are installed. A folder stays as it is when it is made from the
-# same section and its programs find their libraries.
+# FOLDER/bin gets their programs, and FOLDER/root their files and those of dependencies that are not
+# installed. FOLDER/versions.txt lists all these packages. Packages of the section are fetched even
+# if they are installed. A folder stays as it is if it was made from the same section and its
+# programs find their libraries.
 set -euo pipefail
 
 scripts=$(cd "$(dirname "$0")" && pwd)

@@ -4,8 +4,8 @@
 
 readonly fetch_attempts=5
 
-# Makes `folder` the folder $1, which this process alone works in, and `wanted` the mark of what it
-# is made from: the calling script, this one and `packages`, those of the section $2.
+# Sets `folder` to the folder $1 and locks it for this process. Sets `packages` to those of the
+# section $2. Sets `wanted` to a mark of the calling script, this one and `packages`.
 open_folder() {
   local listed
   listed=$("$(dirname "${BASH_SOURCE[0]}")/list-packages.sh" "$2")
@@ -53,7 +53,7 @@ CONFIGURATION
 # apt-get with the view $1.
 view_apt() { APT_CONFIG=$folder/apt/$1.conf apt-get -qq "${@:2}"; }
 
-# Fetches packages into the archives of the view $1, and what they depend on and its status lacks.
+# Fetches packages into the archives of the view $1, with the dependencies that its status lacks.
 fetch() {
   local view=$1 attempt
   shift
