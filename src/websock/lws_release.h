@@ -17,8 +17,8 @@ using lws_protocol_callback = int (*)(lws *wsi, lws_callback_reasons reason, voi
                                       std::size_t length);
 
 /// Keeps proxy variables in the caller's environment from diverting connections: the daemon takes
-/// no configuration from there. Changes the process's environment. REQUIRES: no other thread
-/// exists.
+/// no configuration from there. Changes the process's environment.
+/// REQUIRES: no other thread exists.
 void ignore_proxy_environment();
 
 /// Gives a server 20 seconds to accept the connection, and another 20 to answer the handshake. That
@@ -46,8 +46,9 @@ void service_for_at_most(lws_context *context, int limit_ms);
 class writeable_wakeup {
 public:
   /// Requests a writeable callback on the service thread for `wsi`, the connection established
-  /// last. REQUIRES: `context` is alive during the call. API 2.0 receives `wsi` itself. Later
-  /// releases free it when it closes; with these a closed connection gets no callback.
+  /// last. API 2.0 receives `wsi` itself. Later releases free it when it closes; with these a
+  /// closed connection gets no callback.
+  /// REQUIRES: `context` is alive during the call.
   static void request(lws_context *context, lws *wsi);
 
   /// Call this in every protocol callback, before its dispatch. Does the part of request() that is

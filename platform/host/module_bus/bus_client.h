@@ -32,8 +32,8 @@ public:
   bus_sender(const std::string &folder, int module_id);
 
   /// Sends one message, or keeps it for a module that is not there yet; wait_until_taken() shows
-  /// which. False when there was no room for the message before the deadline. REQUIRES:
-  /// payload.size() <= max_payload_bytes
+  /// which. False when there was no room for the message before the deadline.
+  /// REQUIRES: payload.size() <= max_payload_bytes
   bool send(std::string_view payload, bus_deadline deadline);
 
   /// Asks the module to leave the bus; otherwise as send().

@@ -19,8 +19,8 @@ class line_writer {
 public:
   static constexpr std::chrono::milliseconds file_lock_patience{100};
 
-  /// Takes the lock of `descriptor`. After a wait without success the next calls do not wait until
-  /// one succeeds, so that a stopped holder costs the wait only once.
+  /// Takes the lock of `descriptor`. After a wait without success the next calls do not wait,
+  /// until one of them succeeds. So a stopped holder costs the wait only once.
   bool lock(int descriptor, std::chrono::milliseconds longest_wait = file_lock_patience) noexcept;
   void unlock(int descriptor) noexcept;
 
