@@ -74,9 +74,9 @@ public:
     g_log_level = static_cast<std::uint32_t>(first_line.number(0, 15));
     const bool whole_messages = first_line.number(0, 1) == 1;
     judge = std::make_unique<websock_judge>(&run_flag, first_delay, max_delay, whole_messages);
-    worker =
-        std::make_unique<open_websock_worker>(&bus_to_ws, &ws_to_bus, "roam.example", "/roam", 8080,
-                                      &run_flag, first_delay, max_delay, false, whole_messages);
+    worker = std::make_unique<open_websock_worker>(&bus_to_ws, &ws_to_bus, "roam.example", "/roam",
+                                                   8080, &run_flag, first_delay, max_delay, false,
+                                                   whole_messages);
     callback = worker->protocol_callback;
     fake_lws::on_destroy([this] { call_back_in_destroy(); });
   }
@@ -301,7 +301,6 @@ void reset_fakes() {
   fake_lws::reset();
   fake_log::clear();
   fake_memory::reset();
-  fake_memory::watch_next_calloc();
 }
 
 } // namespace
