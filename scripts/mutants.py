@@ -4,8 +4,9 @@
 Each change of the list must make a test fail. It is made in private copies of the checkout, which
 are kept with their builds under build-mutants/; there the test programs of the changed file's
 folder run first, and all the others when those find nothing. A test program that does not end
-counts as one that failed. Exit status 1 when a mutant survived or does not build, 2 when the list
-or the unchanged checkout is at fault.
+counts as one that failed. An entry is stale when its file does not hold its text exactly once:
+those are reported first, and the others are tried. Exit status 1 when a mutant survived, does not
+build or is stale, 2 when the list cannot be read or the unchanged checkout is at fault.
 """
 
 import argparse
@@ -71,25 +72,22 @@ def entries(list_name, name, rows):
 
 
 def read_list(path):
-    """The mutants of the list, each with its label, after a look whether all can be made."""
+    """The mutants of the list, each with its label, and what is wrong with the stale entries."""
     try:
         files = tomllib.loads(path.read_text())
     except tomllib.TOMLDecodeError as error:
         raise unusable(f"{path.name}: {error}") from error
-    labelled, complaints = [], []
+    labelled, stale = [], []
     for name, rows in files.items():
         file = checkout / name
-        if not file.is_file():
-            raise unusable(f"{path.name}: there is no file {name}")
-        text = file.read_text()
+        text = file.read_text() if file.is_file() else ""
         for mutant in entries(path.name, name, rows):
             problem = complaint(mutant, text)
             if problem:
-                complaints.append(f"{path.name}: {name}: the fragment {problem}: {mutant.fragment}")
-            labelled.append((mutant, mutant.label(text)))
-    if complaints:
-        raise unusable("\n".join(complaints))
-    return labelled
+                stale.append(f"{name}: the fragment {problem}: {mutant.fragment}")
+            else:
+                labelled.append((mutant, mutant.label(text)))
+    return labelled, stale
 
 
 def run_program(program, time_limit_s):
@@ -217,8 +215,6 @@ def positive(text):
 
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--check", action="store_true",
-                        help="only look whether every mutant of the list can be made")
     parser.add_argument("--only", metavar="PATTERN", type=re.compile, default=re.compile(""),
                         help="those whose line in the report matches this regular expression")
     parser.add_argument("--equivalent", action="store_true",
@@ -262,12 +258,12 @@ def main():
     arguments = parse_arguments()
     began = time.monotonic()
     try:
-        labelled = [(mutant, label) for mutant, label in read_list(arguments.list)
-                    if arguments.only.search(label)]
+        listed, stale = read_list(arguments.list)
+        for what in stale:
+            print(f"mutants: stale: {what}", file=sys.stderr)
+        labelled = [(mutant, label) for mutant, label in listed if arguments.only.search(label)]
         if not labelled:
             raise unusable("no mutant matches")
-        if arguments.check:
-            return 0
         outcomes = try_all(labelled, arguments)
     except unusable as error:
         print(f"mutants: {error}", file=sys.stderr)
@@ -277,8 +273,8 @@ def main():
     passed = round(time.monotonic() - began)
     print(f"mutants: {count['killed']} killed, {count['survived']} survived, "
           f"{count['equivalent']} equivalent, {count['does not build']} do not build, "
-          f"in {passed // 60} min {passed % 60} s")
-    return 1 if count["survived"] or count["does not build"] else 0
+          f"{len(stale)} stale, in {passed // 60} min {passed % 60} s")
+    return 1 if count["survived"] or count["does not build"] or stale else 0
 
 
 if __name__ == "__main__":
