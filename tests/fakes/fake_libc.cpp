@@ -74,8 +74,12 @@ int __wrap_usleep(useconds_t microseconds) {
   return 0;
 }
 
-int __wrap_select(int, fd_set *, fd_set *, fd_set *, timeval *timeout) {
+int __wrap_select(int descriptors, fd_set *, fd_set *, fd_set *, timeval *timeout) {
   const guard locked(state_lock);
+  if (descriptors != 0) {
+    errno = EINVAL;
+    return -1;
+  }
   const std::int64_t asked_us = timeout->tv_sec * second_us + timeout->tv_usec;
   vemk::fake_libc::select_timeouts_us.add(asked_us);
   select_failure_t outcome{0, asked_us};
@@ -87,8 +91,10 @@ int __wrap_select(int, fd_set *, fd_set *, fd_set *, timeval *timeout) {
   const std::int64_t left_us = asked_us - outcome.slept_us;
   timeout->tv_sec = static_cast<time_t>(left_us / second_us);
   timeout->tv_usec = static_cast<suseconds_t>(left_us % second_us);
+  if (outcome.error == 0)
+    return 0;
   errno = outcome.error;
-  return outcome.error == 0 ? 0 : -1;
+  return -1;
 }
 
 int __wrap_rand() {

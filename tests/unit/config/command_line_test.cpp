@@ -38,6 +38,8 @@ protected:
     for (std::string &text : texts)
       arguments.push_back(text.data());
     arguments.push_back(nullptr);
+    // As an earlier parsing leaves it.
+    optind = static_cast<int>(texts.size());
     parse_command_line(cfg, static_cast<int>(texts.size()), arguments.data());
   }
 

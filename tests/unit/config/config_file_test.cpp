@@ -201,6 +201,14 @@ TEST_F(ConfigFileTest, IncompleteUrlStillCutsHostAndPathAtTheirLineEnds) {
   EXPECT_STREQ("/pa", cfg.path);
 }
 
+// In "h\rx:80/p" a CR ends the host alone.
+TEST_F(ConfigFileTest, CarriageReturnEndsTheHost) {
+  const websock_cfg_t got = read_fresh("roam_service_url=h\rx:80/p\n");
+  EXPECT_STREQ("h", got.host);
+  EXPECT_EQ(80, got.port);
+  EXPECT_STREQ("/p", got.path);
+}
+
 // LF, CR LF, CR, CR CR LF and none at all give the same path, location and numbers.
 TEST_F(ConfigFileTest, LineEndsBelongToNoValue) {
   for (const char *line_end : {"\n", "\r\n", "\r", "", "\r\r\n"}) {
@@ -382,9 +390,9 @@ TEST_F(ConfigFileTest, LogLevelIsDecimalOrHexadecimal) {
 
 // 0 and what has no digits in front are off, every other decimal number is on.
 TEST_F(ConfigFileTest, WholeMessagesAreOnForEveryNumberBut0) {
-  for (const char *value : {"0", "00", "-0", "", "on", "yes", "true", "0x1", "x1", " 0"})
+  for (const char *value : {"0", "00", "-0", "", "on", "yes", "true", "a", "0x1", "x1", " 0"})
     EXPECT_FALSE(read_fresh("whole_messages=" + std::string(value) + "\n").whole_messages) << value;
-  for (const char *value : {"1", "01", "2", "10", "1x", " 1", "+1", "-1", "4294967296"})
+  for (const char *value : {"1", "01", "2", "9", "10", "1x", " 1", "+1", "-1", "4294967296"})
     EXPECT_TRUE(read_fresh("whole_messages=" + std::string(value) + "\n").whole_messages) << value;
 }
 

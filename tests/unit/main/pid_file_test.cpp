@@ -83,8 +83,10 @@ TEST_F(PidFileTest, OnlyTheFirstNumberIsReadAndReachesTheCommand) {
     EXPECT_THAT(commands_for(text), ElementsAre(kill_command(123))) << text;
 }
 
-// The own PID, 4242, reaches it too, and 2147483647, which stands for a file that holds no PID.
+// 1, the smallest, and the own PID, 4242, reach it too, and so does 2147483647, which stands for a
+// file that holds no PID.
 TEST_F(PidFileTest, OwnPidIsNoException) {
+  EXPECT_THAT(commands_for("1"), ElementsAre(kill_command(1)));
   EXPECT_THAT(commands_for("4242\n"), ElementsAre(kill_command(4242)));
   for (const char *text : {"2147483647", "2147483648", ""})
     EXPECT_THAT(commands_for(text), ElementsAre(kill_command(2147483647))) << text;
@@ -168,6 +170,16 @@ TEST_F(PidFileTest, DanglingLinkInItsPlaceMakesNoFile) {
   ASSERT_EQ(0, symlink(target.c_str(), fake_process::pid_file_path().c_str()));
   replace_earlier_instance();
   EXPECT_EQ(-1, access(target.c_str(), F_OK));
+}
+
+// Without a standard input the file gets descriptor 0; it is read and written all the same.
+TEST_F(PidFileTest, DescriptorZeroIsOneLikeAnyOther) {
+  const int kept = dup(0);
+  close(0);
+  EXPECT_THAT(commands_for("123"), ElementsAre(kill_command(123)));
+  EXPECT_EQ("4242\n", fake_process::pid_file());
+  dup2(kept, 0);
+  close(kept);
 }
 
 // "1234567890\nmore\n" becomes "4242\n", the PID that the next start's kill command names.

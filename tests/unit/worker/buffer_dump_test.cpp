@@ -14,9 +14,9 @@ namespace vemk {
 
 namespace {
 
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::SizeIs;
 using testing::StartsWith;
 
 const std::string heading = "Buffer info dump:\n";
@@ -215,13 +215,16 @@ TEST_F(BufferDumpTest, MessageOfPercentSignsShowsHalfOfThem) {
   EXPECT_EQ(heading + line + line, dumped(bytes));
 }
 
-// With every bit but 0x08 set nothing is logged, though with mask 0 its one block is allocated.
+// With every bit but 0x08 set nothing is logged, though with mask 0 its one block is allocated. It
+// has room for heading, notice and lines of 358: one more than the 0, 400 or 99 full ones.
 TEST_F(BufferDumpTest, DumpIsOfTheDebugCategoryAndBuiltWhateverTheMask) {
   for (const std::uint32_t mask : {0xFFFFFFF7u, 0u}) {
     fake_memory::reset();
     g_log_level = mask;
-    buffer_of("abc")->dump();
-    EXPECT_THAT(fake_memory::calloc_sizes(), SizeIs(1));
+    for (const std::size_t size : {3, 400 * 32, 401 * 32})
+      buffer_of(std::string(size, 'x'))->dump();
+    EXPECT_THAT(fake_memory::calloc_sizes(),
+                ElementsAre(56 + 1 * 358, 56 + 401 * 358, 56 + 100 * 358));
     EXPECT_THAT(fake_log::lines(), IsEmpty());
   }
 }
@@ -244,6 +247,7 @@ TEST_F(BufferDumpTest, DumpLeavesTheBufferAlone) {
 }
 
 // Lengths of 2^31 to 2^32 - 64 log nothing, the last 63 below 2^32 the heading alone.
+// The block for it has room for one line as well.
 // The length counts as signed: from 2^31 on no line is listed, whatever the buffer holds.
 TEST_F(BufferDumpTest, LengthBeyond31BitsListsNoByte) {
   buffer_info_t buffer;
@@ -259,6 +263,7 @@ TEST_F(BufferDumpTest, LengthBeyond31BitsListsNoByte) {
     buffer.dump();
     EXPECT_THAT(fake_log::lines(), ElementsAre(prefix() + heading)) << length;
   }
+  EXPECT_THAT(fake_memory::calloc_sizes(), Each(56 + 358));
   buffer.length = 3;
 }
 

@@ -174,6 +174,14 @@ TEST_F(BufferInfoTest, CopyHasItsOwnBytes) {
   EXPECT_EQ("a\0\xFFmore"s, text_of(copy));
 }
 
+// The copy of "a" still holds it after its source is destroyed.
+TEST_F(BufferInfoTest, CopyOfOneByteOutlivesItsSource) {
+  auto source = buffer_of("a");
+  const buffer_info_t copy(*source);
+  source.reset();
+  EXPECT_EQ("a", text_of(copy));
+}
+
 // The block of "abc" goes to free once, with the buffer and not before.
 TEST_F(BufferInfoTest, DestructionReleasesTheBytes) {
   auto buffer = buffer_of("abc");
