@@ -114,6 +114,7 @@ coverage: packages
 
 # One small change to src/ after another: each must make a unit test fail.
 mutants: packages
+	scripts/install-packages.sh mutants
 	scripts/mutants.py
 
 # Every fuzz target for so many seconds, two at a time.

@@ -1,16 +1,16 @@
 #!/usr/bin/python3
 """Shows that the unit tests bite: makes one small change to src/ after another and runs them.
 
-Each change of the list must make a test fail. It is made in private copies of the checkout, which
-are kept with their builds under build-mutants/; there the test programs of the changed file's
-folder run first, and all the others when those find nothing. A test program that does not end
-counts as one that failed. An entry is stale when its file does not hold its text exactly once:
-those are reported first, and the others are tried. Exit status 1 when a mutant survived, does not
-build or is stale, 2 when the list cannot be read or the unchanged checkout is at fault.
+Each change that mutations.py makes, and each one of the list, must make a test fail or be refused
+by the compiler. It is made in private copies of the checkout, which are kept with their builds
+under build-mutants/; there the test programs of the changed file's folder run first, and all the
+others when those find nothing. A test program that does not end counts as one that failed. Entries
+of the list whose change cannot be made are stale: they are reported first, and the others are
+tried. Exit status 1 when a mutant survived, or an entry is stale or does not build; 2 when nothing
+can be tried.
 """
 
 import argparse
-import dataclasses
 import hashlib
 import os
 import pathlib
@@ -25,69 +25,44 @@ import time
 import tomllib
 from concurrent.futures import ThreadPoolExecutor
 
+from mutations import generate, mutant_t
+
 checkout = pathlib.Path(__file__).resolve().parent.parent
 # A mutant may allocate, or write to its output, without end.
 memory_limit = 4 << 30
 output_limit = 1 << 30
 shown_lines = 40
+# For a test program without a mutant; with one, it gets ten times as long as it took, and 3 s.
+longest_s = 60
+refused = "refused by the compiler"
 
 
 class unusable(Exception):
-    """The list or the unchanged checkout cannot be used; the text says why."""
+    """Nothing can be tried; the text says why."""
 
 
-@dataclasses.dataclass(frozen=True)
-class mutant_t:
-    file: str
-    fragment: str
-    replacement: str
-    # Why no test can tell the mutant from the original; "" for one that must be killed.
-    reason: str = ""
-
-    def label(self, text):
-        line = text.count("\n", 0, text.find(self.fragment)) + 1
-        old, new = (" ".join(part.split()) for part in (self.fragment, self.replacement))
-        return f"{self.file}:{line}: {old} -> {new or '(nothing)'}"
-
-
-def complaint(mutant, text):
-    """What keeps a mutant from being made, or None."""
-    found = text.count(mutant.fragment)
-    if found != 1:
-        return "is not there" if found == 0 else f"is there {found} times"
-    if mutant.replacement == mutant.fragment:
-        return "is replaced by itself"
-    return None
-
-
-def entries(list_name, name, rows):
-    for row in rows.get("mutants", []):
-        if len(row) != 2:
-            raise unusable(f"{list_name}: {name}: not a pair of texts: {row}")
-        yield mutant_t(name, *row)
-    for row in rows.get("equivalent", []):
-        if len(row) != 3 or not row[2]:
-            raise unusable(f"{list_name}: {name}: not a pair of texts and a reason: {row}")
-        yield mutant_t(name, *row)
-
-
-def read_list(path):
-    """The mutants of the list, each with its label, and what is wrong with the stale entries."""
-    try:
-        files = tomllib.loads(path.read_text())
-    except tomllib.TOMLDecodeError as error:
-        raise unusable(f"{path.name}: {error}") from error
-    labelled, stale = [], []
-    for name, rows in files.items():
+def read_list(path, generated):
+    """All mutants, the reasons of those that no test can tell, and the stale entries."""
+    listed, reasons, stale = [], {}, []
+    for name, rows in tomllib.loads(path.read_text()).items():
         file = checkout / name
         text = file.read_text() if file.is_file() else ""
-        for mutant in entries(path.name, name, rows):
-            problem = complaint(mutant, text)
-            if problem:
-                stale.append(f"{name}: the fragment {problem}: {mutant.fragment}")
-            else:
-                labelled.append((mutant, mutant.label(text)))
-    return labelled, stale
+        for fragment, replacement, *reason in rows.get("mutants", []):
+            mutant = mutant_t(name, None, text.find(fragment), fragment, replacement)
+            if text.count(fragment) != 1 or fragment == replacement:
+                stale.append(mutant.label())
+                continue
+            listed.append(mutant)
+            if reason:
+                reasons[mutant] = reason[0]
+        for function, changes in rows.get("equivalent", {}).items():
+            for old, *ways, reason in changes:
+                for label in (mutant_t(name, function, 0, old, new).label() for new in ways):
+                    found = [mutant for mutant in generated if mutant.label() == label]
+                    reasons.update({mutant: reason for mutant in found})
+                    if not found:
+                        stale.append(label)
+    return [*generated, *listed], reasons, stale
 
 
 def run_program(program, time_limit_s):
@@ -125,11 +100,11 @@ def run_program(program, time_limit_s):
 class private_copy:
     """A copy of the checkout with a build of its own."""
 
-    def __init__(self, folder, time_limit_s):
-        self.tree = folder / "tree"
-        self.build = folder / "build"
-        self.time_limit_s = time_limit_s
+    def __init__(self, number):
+        self.tree = checkout / "build-mutants" / str(number) / "tree"
+        self.build = self.tree.parent / "build"
         self.unchanged = {}
+        self.time_limit_s = {}
 
     def refresh(self):
         """Makes the copy as the checkout is, and touches only what differs."""
@@ -158,12 +133,16 @@ class private_copy:
     def digest(self, name):
         return hashlib.sha256((self.build / "tests" / name).read_bytes()).digest()
 
+    def configure(self):
+        self.refresh()
+        return self.execute(
+            "cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
+            "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON",
+            "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST")
+
     def prepare(self):
         """Builds all test programs and lets them pass, as they must without a mutant."""
-        self.refresh()
-        configured = self.execute(
-            "cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
-            "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST")
+        configured = self.configure()
         targets = self.execute("ninja", "-C", self.build, "-t", "targets", "all").stdout
         programs = sorted(re.findall(r"^tests/(\w+_test): CXX_EXECUTABLE_LINKER", targets,
                                      re.MULTILINE))
@@ -172,35 +151,38 @@ class private_copy:
             tail = "\n".join(built.stdout.splitlines()[-shown_lines:])
             raise unusable(f"the tests cannot be built without a mutant:\n{tail}")
         for name in programs:
-            failure = self.run(name)
+            began = time.monotonic()
+            failure = run_program(self.build / "tests" / name, longest_s)
             if failure:
                 raise unusable(f"without a mutant a test fails: {failure}")
+            self.time_limit_s[name] = 3 + 10 * (time.monotonic() - began)
             self.unchanged[name] = self.digest(name)
         return self
 
-    def run(self, name):
-        return run_program(self.build / "tests" / name, self.time_limit_s)
-
     def outcome(self, mutant):
-        """Makes the change, tells what became of it, and takes it back."""
+        """Makes the change, says what became of it, and takes it back."""
         file = self.tree / mutant.file
         text = file.read_text()
-        file.write_text(text.replace(mutant.fragment, mutant.replacement))
+        file.write_text(mutant.applied(text))
         try:
             folder = pathlib.Path(mutant.file).parent.name
             own = [name for name in self.unchanged if name.startswith(f"{folder}_")]
             others = [name for name in self.unchanged if name not in own]
-            return self.killer(own) or self.killer(others) or "survived"
+            for names in (*([name] for name in own), others):
+                found = self.killer(names)
+                if found:
+                    return found
+            return "survived"
         finally:
             file.write_text(text)
 
     def killer(self, names):
         if names and self.build_programs(names).returncode != 0:
-            return "does not build"
+            return refused
         for name in names:
             if self.digest(name) == self.unchanged[name]:
                 continue
-            failure = self.run(name)
+            failure = run_program(self.build / "tests" / name, self.time_limit_s[name])
             if failure:
                 return f"killed by {failure}"
         return None
@@ -220,36 +202,30 @@ def parse_arguments():
     parser.add_argument("--equivalent", action="store_true",
                         help="try those that the list explains as well")
     parser.add_argument("--jobs", type=positive, default=2, help="mutants at a time (default 2)")
-    parser.add_argument("--time-limit", type=positive, default=30, metavar="SECONDS",
-                        help="for each test program (default 30)")
-    parser.add_argument("--list", type=pathlib.Path,
-                        default=checkout / "tests" / "mutants" / "mutants.toml")
     return parser.parse_args()
 
 
-def try_all(labelled, arguments):
+def try_all(mutants, reasons, copies):
     """Prints one line for each mutant as soon as it is known. Returns the outcomes."""
     free = queue.SimpleQueue()
 
     def verdict(mutant):
-        if mutant.reason and not arguments.equivalent:
-            return f"equivalent: {mutant.reason}"
         copy = free.get()
         try:
-            result = copy.outcome(mutant)
+            return copy.outcome(mutant)
         finally:
             free.put(copy)
-        explained = mutant.reason and result == "survived"
-        return f"equivalent: {mutant.reason}" if explained else result
 
     outcomes = []
-    with ThreadPoolExecutor(arguments.jobs) as pool:
-        copies = [private_copy(checkout / "build-mutants" / str(number), arguments.time_limit)
-                  for number in range(1, arguments.jobs + 1)]
+    with ThreadPoolExecutor(len(copies)) as pool:
         for copy in pool.map(private_copy.prepare, copies):
             free.put(copy)
-        for (_, label), result in zip(labelled, pool.map(verdict, (m for m, _ in labelled))):
-            print(f"{label}: {result}", flush=True)
+        for mutant, result in zip(mutants, pool.map(verdict, mutants)):
+            if result == refused and mutant.function is None:
+                result = "survived, because it does not build"
+            if result == "survived" and mutant in reasons:
+                result = f"equivalent: {reasons[mutant]}"
+            print(f"{mutant.label()}: {result}", flush=True)
             outcomes.append(result)
     return outcomes
 
@@ -257,24 +233,29 @@ def try_all(labelled, arguments):
 def main():
     arguments = parse_arguments()
     began = time.monotonic()
+    copies = [private_copy(number) for number in range(1, arguments.jobs + 1)]
+    copies[0].configure()
+    generated = generate(copies[0].tree, copies[0].build / "compile_commands.json")
+    mutants, reasons, stale = read_list(checkout / "tests" / "mutants" / "mutants.toml", generated)
+    for entry in stale:
+        print(f"mutants: stale: {entry}", file=sys.stderr)
+    left_out = () if arguments.equivalent else reasons
+    mutants = [mutant for mutant in mutants
+               if mutant not in left_out and arguments.only.search(mutant.label())]
     try:
-        listed, stale = read_list(arguments.list)
-        for what in stale:
-            print(f"mutants: stale: {what}", file=sys.stderr)
-        labelled = [(mutant, label) for mutant, label in listed if arguments.only.search(label)]
-        if not labelled:
+        if not mutants:
             raise unusable("no mutant matches")
-        outcomes = try_all(labelled, arguments)
+        outcomes = try_all(mutants, reasons, copies)
     except unusable as error:
         print(f"mutants: {error}", file=sys.stderr)
         return 2
     count = {word: sum(outcome.startswith(word) for outcome in outcomes)
-             for word in ("killed", "survived", "equivalent", "does not build")}
+             for word in ("killed", "refused", "survived", "equivalent")}
     passed = round(time.monotonic() - began)
-    print(f"mutants: {count['killed']} killed, {count['survived']} survived, "
-          f"{count['equivalent']} equivalent, {count['does not build']} do not build, "
-          f"{len(stale)} stale, in {passed // 60} min {passed % 60} s")
-    return 1 if count["survived"] or count["does not build"] or stale else 0
+    print(f"mutants: {count['killed']} killed, {count['refused']} {refused}, "
+          f"{count['survived']} survived, {len(reasons)} equivalent, {len(stale)} stale, "
+          f"in {passed // 60} min {passed % 60} s")
+    return 1 if count["survived"] or stale else 0
 
 
 if __name__ == "__main__":
