@@ -104,6 +104,14 @@ TEST_F(CommandLineTest, OptionsFillHostPathAndPortButNeverMakeTheUrlValid) {
   EXPECT_STREQ("", cfg.ap_location);
 }
 
+// In the order -P, -p, -d each option fills its own field, too.
+TEST_F(CommandLineTest, OptionsMayComeInAnyOrder) {
+  parse({"-P", "8080", "-p", "/roam", "-d", "192.0.2.7"});
+  EXPECT_STREQ("192.0.2.7", cfg.host);
+  EXPECT_STREQ("/roam", cfg.path);
+  EXPECT_EQ(8080, cfg.port);
+}
+
 // "-dexample.net -p/roam -P8080" means the same as with blanks.
 TEST_F(CommandLineTest, ValuesMayBeAttachedToTheirOptions) {
   parse({"-dexample.net", "-p/roam", "-P8080"});
