@@ -115,6 +115,7 @@ coverage: packages
 # One small change to src/ after another: each must make a unit test fail.
 mutants: packages
 	scripts/install-packages.sh mutants
+	PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/mutants
 	scripts/mutants.py
 
 # Every fuzz target for so many seconds, two at a time.

@@ -4,10 +4,6 @@ import pathlib
 import shutil
 import subprocess
 
-import pytest
-
-# The parser, which only `make mutants` installs.
-pytest.importorskip("clang.cindex")
 scripts = pathlib.Path(__file__).resolve().parents[2] / "scripts"
 
 build_file = """

@@ -83,8 +83,7 @@ TEST_F(PidFileTest, OnlyTheFirstNumberIsReadAndReachesTheCommand) {
     EXPECT_THAT(commands_for(text), ElementsAre(kill_command(123))) << text;
 }
 
-// 1, the smallest, and the own PID, 4242, reach it too, and so does 2147483647, which stands for a
-// file that holds no PID.
+// 1, the own PID 4242, and 2147483647, which stands for a file without a PID, reach it too.
 TEST_F(PidFileTest, OwnPidIsNoException) {
   EXPECT_THAT(commands_for("1"), ElementsAre(kill_command(1)));
   EXPECT_THAT(commands_for("4242\n"), ElementsAre(kill_command(4242)));

@@ -215,8 +215,8 @@ TEST_F(BufferDumpTest, MessageOfPercentSignsShowsHalfOfThem) {
   EXPECT_EQ(heading + line + line, dumped(bytes));
 }
 
-// With every bit but 0x08 set nothing is logged, though with mask 0 its one block is allocated. It
-// has room for heading, notice and lines of 358: one more than the 0, 400 or 99 full ones.
+// With every bit but 0x08 set nothing is logged, though with mask 0 its one block is allocated.
+// It has room for heading, notice and lines of 358: one more than the 0, 400 or 99 full ones.
 TEST_F(BufferDumpTest, DumpIsOfTheDebugCategoryAndBuiltWhateverTheMask) {
   for (const std::uint32_t mask : {0xFFFFFFF7u, 0u}) {
     fake_memory::reset();
