@@ -1,8 +1,7 @@
 #include <cstdio>
 #include <cstdlib>
-#include <initializer_list>
 #include <string>
-#include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -13,6 +12,7 @@
 #include "fakes/recorded_levels.h"
 #include "fakes/temporary_folder.h"
 #include "log/log_module.h"
+#include "unit/config/config_texts.h"
 
 namespace vemk {
 
@@ -31,9 +31,9 @@ protected:
 
   ~command_line_fixture() override { g_log_level = 0; }
 
-  void parse(std::initializer_list<std::string> options) {
+  void parse(const std::vector<std::string> &options) {
     std::vector<std::string> texts{"vemk"};
-    texts.insert(texts.end(), options);
+    texts.insert(texts.end(), options.begin(), options.end());
     std::vector<char *> arguments;
     for (std::string &text : texts)
       arguments.push_back(text.data());
@@ -64,7 +64,7 @@ protected:
 
 } // namespace
 
-// Every field becomes 0 or "", cfg_mode 3; log_level stays 4 and g_log_level 6.
+// Every field of an earlier parsing becomes 0 or "", cfg_mode 3; log_level and g_log_level stay.
 TEST_F(CommandLineTest, NoOptionsClearTheRecordButNotItsLogLevel) {
   for (char *field : {cfg.ap_location, cfg.host, cfg.path})
     std::string(config_text_size - 1, 'x').copy(field, config_text_size - 1);
@@ -82,82 +82,51 @@ TEST_F(CommandLineTest, NoOptionsClearTheRecordButNotItsLogLevel) {
 
   for (const char *field : {cfg.ap_location, cfg.host, cfg.path})
     EXPECT_EQ(std::string(config_text_size, '\0'), std::string(field, config_text_size));
-  EXPECT_EQ(0, cfg.port);
-  EXPECT_FALSE(cfg.url_valid);
-  EXPECT_EQ(0u, cfg.initial_connection_delay);
-  EXPECT_EQ(0u, cfg.max_connection_delay);
-  EXPECT_EQ(4u, cfg.log_level);
+  EXPECT_EQ(url_of(cfg), no_url);
+  EXPECT_EQ(settings_of(cfg), "delays 0 0, level 4, ");
   EXPECT_EQ(3, cfg.cfg_mode);
   EXPECT_FALSE(cfg.cfg_file_failed);
-  EXPECT_FALSE(cfg.whole_messages);
   EXPECT_EQ(6u, g_log_level);
 }
 
-// -d, -p and -P set host, path (no "/" is added) and port 8080; url_valid stays false.
+// -d, -p and -P in any order, also as "-P8080": host, path (no "/" is added), port; not url_valid.
 TEST_F(CommandLineTest, OptionsFillHostPathAndPortButNeverMakeTheUrlValid) {
-  parse({"-d", "example.net", "-p", "roam", "-P", "8080"});
-  EXPECT_STREQ("example.net", cfg.host);
-  EXPECT_STREQ("roam", cfg.path);
-  EXPECT_EQ(8080, cfg.port);
-  EXPECT_FALSE(cfg.url_valid);
-  EXPECT_FALSE(cfg.cfg_file_failed);
-  EXPECT_STREQ("", cfg.ap_location);
-}
-
-// In the order -P, -p, -d each option fills its own field, too.
-TEST_F(CommandLineTest, OptionsMayComeInAnyOrder) {
-  parse({"-P", "8080", "-p", "/roam", "-d", "192.0.2.7"});
-  EXPECT_STREQ("192.0.2.7", cfg.host);
-  EXPECT_STREQ("/roam", cfg.path);
-  EXPECT_EQ(8080, cfg.port);
-}
-
-// "-dexample.net -p/roam -P8080" means the same as with blanks.
-TEST_F(CommandLineTest, ValuesMayBeAttachedToTheirOptions) {
-  parse({"-dexample.net", "-p/roam", "-P8080"});
-  EXPECT_STREQ("example.net", cfg.host);
-  EXPECT_STREQ("/roam", cfg.path);
-  EXPECT_EQ(8080, cfg.port);
+  const std::vector<std::string> forms[] = {{"-d", "example.net", "-p", "roam", "-P", "8080"},
+                                            {"-dexample.net", "-proam", "-P8080"},
+                                            {"-P", "8080", "-p", "roam", "-d", "example.net"}};
+  for (const auto &options : forms) {
+    parse(options);
+    EXPECT_EQ(url_of(cfg), "not valid example.net 8080 roam");
+    EXPECT_FALSE(cfg.cfg_file_failed);
+    EXPECT_STREQ("", cfg.ap_location);
+  }
 }
 
 // Of -d, -p and -P given twice the last value stays, also where it is shorter than the first.
 TEST_F(CommandLineTest, LaterOptionReplacesAnEarlierOne) {
   parse({"-d", "a-long-name.example.net", "-p", "/first", "-P", "1", "-d", "b", "-p", "/2", "-P",
          "2"});
-  EXPECT_STREQ("b", cfg.host);
-  EXPECT_STREQ("/2", cfg.path);
-  EXPECT_EQ(2, cfg.port);
+  EXPECT_EQ(url_of(cfg), "not valid b 2 /2");
 }
 
 // Of 256 and 257 bytes the first 255 stay; 255 bytes stay whole.
 TEST_F(CommandLineTest, HostAndPathAreCutAfter255Bytes) {
   const std::string longest(255, 'h');
-  parse({"-d", longest + "x", "-p", longest + "yy"});
-  EXPECT_EQ(longest, cfg.host);
-  EXPECT_EQ(longest, cfg.path);
-  parse({"-d", longest, "-p", longest});
-  EXPECT_EQ(longest, cfg.host);
-  EXPECT_EQ(longest, cfg.path);
+  for (const auto &[host, path] : {std::pair(longest + "x", longest + "yy"), {longest, longest}}) {
+    parse({"-d", host, "-p", path});
+    EXPECT_EQ(longest, cfg.host);
+    EXPECT_EQ(longest, cfg.path);
+  }
 }
 
 // "80x" is 80, "x" and "" are 0, "-5" is -5, numbers beyond 32 bits the largest or smallest.
 TEST_F(CommandLineTest, PortIsReadAsAtoiDoes) {
-  const struct {
-    const char *text;
-    std::int32_t port;
-  } cases[] = {{"8080", 8080},
-               {"80x", 80},
-               {"x", 0},
-               {"", 0},
-               {"-5", -5},
-               {"70000", 70000},
-               {"2147483647", 2147483647},
-               {"2147483648", 2147483647},
-               {"99999999999999999999", 2147483647},
-               {"-99999999999999999999", -2147483647 - 1}};
-  for (const auto &expected : cases) {
-    parse({"-P", expected.text});
-    EXPECT_EQ(expected.port, cfg.port) << expected.text;
+  const std::pair<const char *, std::int32_t> cases[] = {
+      {"80x", 80},      {"x", 0},   {"", 0},
+      {"70000", 70000}, {"-5", -5}, {"99999999999999999999", 2147483647}};
+  for (const auto &[text, port] : cases) {
+    parse({"-P", text});
+    EXPECT_EQ(port, cfg.port) << text;
   }
 }
 
@@ -165,10 +134,7 @@ TEST_F(CommandLineTest, PortIsReadAsAtoiDoes) {
 TEST_F(CommandLineTest, FileIsReadAfterAllOptions) {
   const std::string name = file("roam_service_url=ws://192.0.2.7:8080/roam\n");
   parse({"-f", name, "-d", "other", "-p", "/other", "-P", "1"});
-  EXPECT_STREQ("192.0.2.7", cfg.host);
-  EXPECT_STREQ("/roam", cfg.path);
-  EXPECT_EQ(8080, cfg.port);
-  EXPECT_TRUE(cfg.url_valid);
+  EXPECT_EQ(url_of(cfg), "192.0.2.7 8080 /roam");
   EXPECT_FALSE(cfg.cfg_file_failed);
   EXPECT_EQ(3, cfg.cfg_mode);
 }
@@ -176,12 +142,8 @@ TEST_F(CommandLineTest, FileIsReadAfterAllOptions) {
 // -d, -p and -P stay; the file gives "default-domain" and log level 8; url_valid stays false.
 TEST_F(CommandLineTest, FileWithoutAUrlLeavesTheOptionsInPlace) {
   parse({"-d", "other", "-p", "/other", "-P", "1", "-f", file("log_level=8\n")});
-  EXPECT_STREQ("other", cfg.host);
-  EXPECT_STREQ("/other", cfg.path);
-  EXPECT_EQ(1, cfg.port);
-  EXPECT_FALSE(cfg.url_valid);
-  EXPECT_STREQ("default-domain", cfg.ap_location);
-  EXPECT_EQ(8u, cfg.log_level);
+  EXPECT_EQ(url_of(cfg), "not valid other 1 /other");
+  EXPECT_EQ(settings_of(cfg), "delays 0 0, level 8, default-domain");
   EXPECT_EQ(8u, g_log_level);
 }
 
@@ -206,38 +168,26 @@ TEST_F(CommandLineTest, LastNamedFileIsTheOneThatIsRead) {
   EXPECT_FALSE(cfg.cfg_file_failed);
 }
 
-// cfg_file_failed is set, the location is "default-domain", url_valid false, the log empty.
+// cfg_file_failed, location "default-domain", url_valid false, the log empty; so with -f "".
 TEST_F(CommandLineTest, MissingFileIsRememberedWithoutAMessage) {
-  parse({"-f", folder.file("absent")});
-  EXPECT_TRUE(cfg.cfg_file_failed);
-  EXPECT_FALSE(cfg.url_valid);
-  EXPECT_STREQ("default-domain", cfg.ap_location);
-  EXPECT_THAT(fake_log::lines(), IsEmpty());
+  for (const std::string &name : {folder.file("absent"), std::string()}) {
+    parse({"-f", name});
+    EXPECT_TRUE(cfg.cfg_file_failed);
+    EXPECT_EQ(url_of(cfg), no_url);
+    EXPECT_STREQ("default-domain", cfg.ap_location);
+    EXPECT_THAT(fake_log::lines(), IsEmpty());
+  }
 }
 
-// -f "" sets cfg_file_failed.
-TEST_F(CommandLineTest, EmptyFileNameIsAMissingFile) {
-  parse({"-f", ""});
-  EXPECT_TRUE(cfg.cfg_file_failed);
-}
-
-// wss logs "|PID|websock-cfg> Proto wss is invalid\n" and sets cfg_file_failed.
-TEST_F(CommandLineTest, WrongSchemeIsRemembered) {
-  parse({"-f", file("roam_service_url=wss://192.0.2.7:8080/roam\n")});
-  EXPECT_TRUE(cfg.cfg_file_failed);
-  EXPECT_FALSE(cfg.url_valid);
-  EXPECT_THAT(fake_log::lines(),
-              ElementsAre("|" + std::to_string(getpid()) + "|websock-cfg> Proto wss is invalid\n"));
-}
-
-// After a file with "log_level=0" the next parsing logs "Proto wss is invalid\n" again.
+// wss logs "Proto wss is invalid\n", after a file with "log_level=0" too, and sets cfg_file_failed.
 // An earlier file's "log_level=" does not outlive the start of the next parsing.
-TEST_F(CommandLineTest, ParsingOpensEveryCategoryOfItsLogModule) {
+TEST_F(CommandLineTest, WrongSchemeIsRememberedAndParsingOpensEveryCategoryOfItsLogModule) {
   parse({"-f", file("log_level=0\nroam_service_url=wss://h:1/p\n")});
   ASSERT_THAT(fake_log::lines(), IsEmpty());
   parse({"-f", file("roam_service_url=wss://h:1/p\n")});
-  EXPECT_THAT(fake_log::lines(),
-              ElementsAre("|" + std::to_string(getpid()) + "|websock-cfg> Proto wss is invalid\n"));
+  EXPECT_TRUE(cfg.cfg_file_failed);
+  EXPECT_EQ(url_of(cfg), no_url);
+  EXPECT_THAT(fake_log::lines(), ElementsAre(refusal("wss")));
 }
 
 // Without a file "websock-cfg" gets the one mask 0xFFFF and keeps it, whatever g_log_level is.
@@ -259,33 +209,12 @@ TEST_F(CommandLineTest, WordsBehindTheOptionsAreIgnored) {
   parse({"-d", "first", "word"});
   EXPECT_STREQ("first", cfg.host);
   parse({"-d", "host", "-P", "80", "--", "-x", "-p", "/path"});
-  EXPECT_STREQ("host", cfg.host);
-  EXPECT_EQ(80, cfg.port);
-  EXPECT_STREQ("", cfg.path);
+  EXPECT_EQ(url_of(cfg), "not valid host 80 ");
 }
 
-// URL, delay and url_valid of the first parsing are gone after a second one with -P alone.
-TEST_F(CommandLineTest, SecondParsingStartsFromTheRecordAsTheFirstDid) {
-  parse({"-f", file("roam_service_url=ws://h:1/p\ninitial_connection_delay=5\n")});
-  ASSERT_TRUE(cfg.url_valid);
-  parse({"-P", "7"});
-  EXPECT_FALSE(cfg.url_valid);
-  EXPECT_STREQ("", cfg.host);
-  EXPECT_EQ(7, cfg.port);
-  EXPECT_EQ(0u, cfg.initial_connection_delay);
-}
-
-// -x, --help, -h and -F end with exit(-1); standard error has getopt's line and no other.
-TEST_F(CommandLineDeathTest, BadOptionsEndTheProcessWithStatus255) {
-  EXPECT_EXIT(parse({"-x"}), testing::ExitedWithCode(255), only_getopts_line);
-  EXPECT_EXIT(parse({"--help"}), testing::ExitedWithCode(255), only_getopts_line);
-  EXPECT_EXIT(parse({"-h"}), testing::ExitedWithCode(255), only_getopts_line);
-  EXPECT_EXIT(parse({"-F", "file"}), testing::ExitedWithCode(255), only_getopts_line);
-}
-
-// -f, -d, -p and -P without a value end with exit(-1) and getopt's line.
-TEST_F(CommandLineDeathTest, MissingArgumentsEndTheProcessWithStatus255) {
-  for (const char *option : {"-f", "-d", "-p", "-P"})
+// -x, --help, -h, -F, and -f, -d, -p and -P without a value end with exit(-1) and getopt's line.
+TEST_F(CommandLineDeathTest, BadOptionsAndMissingArgumentsEndTheProcessWithStatus255) {
+  for (const char *option : {"-x", "--help", "-h", "-F", "-f", "-d", "-p", "-P"})
     EXPECT_EXIT(parse({option}), testing::ExitedWithCode(255), only_getopts_line) << option;
 }
 

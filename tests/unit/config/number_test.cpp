@@ -6,62 +6,60 @@ namespace vemk {
 
 namespace {
 
-struct unsigned_case_t {
+template<typename number>
+struct case_t {
   const char *text;
-  int base;
-  std::uint32_t number;
-};
-
-struct signed_case_t {
-  const char *text;
-  std::int32_t number;
+  number expected;
 };
 
 } // namespace
 
 // Numbers beyond 32 bits are 4294967295, "-1" as well; no digits are 0; base 10 and 16.
 TEST(NumberTest, UnsignedNumbersAreThoseOfA32BitStrtoul) {
-  constexpr unsigned_case_t cases[] = {
-      {"", 10, 0},
-      {"\n", 10, 0},
-      {"abc", 10, 0},
-      {"-", 10, 0},
-      {"0", 10, 0},
-      {"30\r\n", 10, 30},
-      {"5 6", 10, 5},
-      {"1.9", 10, 1},
-      {" \t12", 10, 12},
-      {"+5", 10, 5},
-      {"010", 10, 10},
-      {"0x10", 10, 0},
-      {"4294967294", 10, 4294967294u},
-      {"4294967295", 10, 4294967295u},
-      {"4294967296", 10, 4294967295u},
-      {"9223372036854775807", 10, 4294967295u},
-      {"9223372036854775808", 10, 4294967295u},
-      {"18446744073709551616", 10, 4294967295u},
-      {"99999999999999999999999999", 10, 4294967295u},
-      {"-1", 10, 4294967295u},
-      {"-2", 10, 4294967294u},
-      {"-4294967295", 10, 1},
-      {"-4294967296", 10, 4294967295u},
-      {"-99999999999999999999999999", 10, 4294967295u},
-      {"F", 16, 15},
-      {"0f", 16, 15},
-      {"g", 16, 0},
-      {"0x8", 16, 8},
-      {"FFFFFFFF", 16, 4294967295u},
-      {"100000000", 16, 4294967295u},
-      {"-1", 16, 4294967295u},
+  constexpr case_t<std::uint32_t> decimal[] = {
+      {"", 0},
+      {"\n", 0},
+      {"abc", 0},
+      {"-", 0},
+      {"0", 0},
+      {"30\r\n", 30},
+      {"5 6", 5},
+      {"1.9", 1},
+      {" \t12", 12},
+      {"+5", 5},
+      {"010", 10},
+      {"0x10", 0},
+      {"4294967294", 4294967294u},
+      {"4294967295", 4294967295u},
+      {"4294967296", 4294967295u},
+      {"9223372036854775807", 4294967295u},
+      {"9223372036854775808", 4294967295u},
+      {"18446744073709551616", 4294967295u},
+      {"99999999999999999999999999", 4294967295u},
+      {"-1", 4294967295u},
+      {"-2", 4294967294u},
+      {"-4294967295", 1},
+      {"-4294967296", 4294967295u},
+      {"-99999999999999999999999999", 4294967295u},
   };
-  for (const unsigned_case_t &expected : cases)
-    EXPECT_EQ(expected.number, unsigned_number(expected.text, expected.base))
-        << '"' << expected.text << "\" in base " << expected.base;
+  for (const auto &[text, expected] : decimal)
+    EXPECT_EQ(expected, unsigned_number(text, 10)) << '"' << text << '"';
+  constexpr case_t<std::uint32_t> hexadecimal[] = {
+      {"F", 15},
+      {"0f", 15},
+      {"g", 0},
+      {"0x8", 8},
+      {"FFFFFFFF", 4294967295u},
+      {"100000000", 4294967295u},
+      {"-1", 4294967295u},
+  };
+  for (const auto &[text, expected] : hexadecimal)
+    EXPECT_EQ(expected, unsigned_number(text, 16)) << '"' << text << '"';
 }
 
 // Numbers beyond 32 bits are 2147483647 or -2147483648; no digits are 0.
 TEST(NumberTest, SignedNumbersAreThoseOfA32BitAtoi) {
-  constexpr signed_case_t cases[] = {
+  constexpr case_t<std::int32_t> cases[] = {
       {"", 0},
       {"abc", 0},
       {"0", 0},
@@ -80,8 +78,8 @@ TEST(NumberTest, SignedNumbersAreThoseOfA32BitAtoi) {
       {"-2147483649", -2147483647 - 1},
       {"-99999999999999999999999999", -2147483647 - 1},
   };
-  for (const signed_case_t &expected : cases)
-    EXPECT_EQ(expected.number, signed_number(expected.text)) << '"' << expected.text << '"';
+  for (const auto &[text, expected] : cases)
+    EXPECT_EQ(expected, signed_number(text)) << '"' << text << '"';
 }
 
 } // namespace vemk
