@@ -1,27 +1,10 @@
 #include "child_process.h"
 
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace vemk {
-
-temporary_folder::temporary_folder() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "zandor_log_XXXXXX").string();
-  if (!mkdtemp(pattern.data()))
-    throw std::runtime_error("mkdtemp");
-  path = pattern;
-}
-
-temporary_folder::~temporary_folder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path, ignored);
-}
 
 pid_t start_child(const std::function<void()> &work) {
   const pid_t child = fork();
@@ -63,15 +46,6 @@ std::string read_to_end(int descriptor) {
   for (ssize_t length = 0; (length = read(descriptor, chunk, sizeof chunk)) > 0;)
     result.append(chunk, static_cast<size_t>(length));
   return result;
-}
-
-std::string file_content(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-bool file_exists(const std::string &path) {
-  return access(path.c_str(), F_OK) == 0;
 }
 
 } // namespace vemk

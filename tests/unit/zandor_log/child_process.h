@@ -7,20 +7,6 @@
 
 namespace vemk {
 
-/// A directory that is removed, with what it contains, at the end of the test.
-class temporary_folder {
-public:
-  temporary_folder();
-  ~temporary_folder();
-  temporary_folder(const temporary_folder &) = delete;
-  temporary_folder &operator=(const temporary_folder &) = delete;
-
-  std::string file(const std::string &name) const { return path + "/" + name; }
-
-private:
-  std::string path;
-};
-
 /// Runs `work` in a child process, which exits with status 0 after it. Returns its process ID.
 pid_t start_child(const std::function<void()> &work);
 
@@ -37,8 +23,6 @@ struct child_result_t {
 child_result_t run_in_child(const std::function<void()> &work);
 
 std::string read_to_end(int descriptor);
-std::string file_content(const std::string &path);
-bool file_exists(const std::string &path);
 
 } // namespace vemk
 

@@ -1,6 +1,7 @@
 #include "zandor_log/log_file.h"
 
 #include "child_process.h"
+#include "fakes/temporary_folder.h"
 
 #include <chrono>
 #include <fcntl.h>
@@ -25,28 +26,34 @@ std::string half_file_line(char mark) {
 
 class LogFileTest : public testing::Test {
 protected:
-  std::string older(int age) const { return path + "." + std::to_string(age); }
+  static std::string older(int age) { return "log." + std::to_string(age); }
+
+  bool exists(const std::string &name) const {
+    return access(folder.file(name).c_str(), F_OK) == 0;
+  }
+
+  /// By a file that is opened for it.
+  static void expect_refused(const std::string &path, const std::string &fault) {
+    log_file file(path);
+    EXPECT_FALSE(file.write_line("lost\n"));
+    EXPECT_EQ(file.fault(), fault);
+  }
 
   temporary_folder folder;
   const std::string path = folder.file("log");
 };
 
 // Two lines make a new file whose mode gives group and others nothing.
-TEST_F(LogFileTest, CreatesAFileThatOnlyItsOwnerReads) {
+// A second writer's line stands behind the first one's.
+TEST_F(LogFileTest, CreatesAFileThatOnlyItsOwnerReadsAndAppendsToIt) {
   log_file file(path);
   ASSERT_TRUE(file.write_line("one\n"));
   ASSERT_TRUE(file.write_line("two\n"));
-  EXPECT_EQ(file_content(path), "one\ntwo\n");
+  ASSERT_TRUE(log_file(path).write_line("three\n"));
+  EXPECT_EQ(folder.read("log"), "one\ntwo\nthree\n");
   struct stat status {};
   ASSERT_EQ(stat(path.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 077, 0U);
-}
-
-// A second writer's line stands behind the first one's.
-TEST_F(LogFileTest, AppendsToWhatIsThere) {
-  ASSERT_TRUE(log_file(path).write_line("before\n"));
-  ASSERT_TRUE(log_file(path).write_line("after\n"));
-  EXPECT_EQ(file_content(path), "before\nafter\n");
 }
 
 // At exactly 1 MiB the file is kept; the line after that moves it to ".1".
@@ -54,10 +61,10 @@ TEST_F(LogFileTest, AFileThatIsJustFullIsRotatedByTheNextLine) {
   log_file file(path);
   ASSERT_TRUE(file.write_line(half_file_line('a')));
   ASSERT_TRUE(file.write_line(half_file_line('b')));
-  EXPECT_FALSE(file_exists(older(1)));
+  EXPECT_FALSE(exists(older(1)));
   ASSERT_TRUE(file.write_line("c\n"));
-  EXPECT_TRUE(file_content(older(1)) == half_file_line('a') + half_file_line('b'));
-  EXPECT_EQ(file_content(path), "c\n");
+  EXPECT_TRUE(folder.read(older(1)) == half_file_line('a') + half_file_line('b'));
+  EXPECT_EQ(folder.read("log"), "c\n");
 }
 
 // After 7 MiB of lines ".1" to ".4" have the youngest 4 MiB before the file, and no ".5" exists.
@@ -65,10 +72,10 @@ TEST_F(LogFileTest, KeepsFourOlderFiles) {
   log_file file(path);
   for (char mark = 'a'; mark <= 'n'; mark++)
     ASSERT_TRUE(file.write_line(half_file_line(mark)));
-  EXPECT_TRUE(file_content(path) == half_file_line('m') + half_file_line('n'));
-  EXPECT_TRUE(file_content(older(1)) == half_file_line('k') + half_file_line('l'));
-  EXPECT_TRUE(file_content(older(4)) == half_file_line('e') + half_file_line('f'));
-  EXPECT_FALSE(file_exists(older(5)));
+  EXPECT_TRUE(folder.read("log") == half_file_line('m') + half_file_line('n'));
+  EXPECT_TRUE(folder.read(older(1)) == half_file_line('k') + half_file_line('l'));
+  EXPECT_TRUE(folder.read(older(4)) == half_file_line('e') + half_file_line('f'));
+  EXPECT_FALSE(exists(older(5)));
 }
 
 // A line of 2 MiB is written whole; the lines before and after stand in other files.
@@ -78,28 +85,22 @@ TEST_F(LogFileTest, ALineLongerThanAFileGetsAFileOfItsOwn) {
   ASSERT_TRUE(file.write_line("before\n"));
   ASSERT_TRUE(file.write_line(long_line));
   ASSERT_TRUE(file.write_line("after\n"));
-  EXPECT_EQ(file_content(older(2)), "before\n");
-  EXPECT_TRUE(file_content(older(1)) == long_line);
-  EXPECT_EQ(file_content(path), "after\n");
+  EXPECT_EQ(folder.read(older(2)), "before\n");
+  EXPECT_TRUE(folder.read(older(1)) == long_line);
+  EXPECT_EQ(folder.read("log"), "after\n");
 }
 
-// After an unlink() of the open file the next line makes it anew.
-TEST_F(LogFileTest, AVanishedFileIsMadeAnew) {
-  log_file file(path);
-  ASSERT_TRUE(file.write_line("lost\n"));
-  ASSERT_EQ(unlink(path.c_str()), 0);
-  ASSERT_TRUE(file.write_line("found\n"));
-  EXPECT_EQ(file_content(path), "found\n");
-}
-
-// After a rename() of the open file the next line goes to a new one at the path.
-TEST_F(LogFileTest, FollowsARotationByAnotherProcess) {
+// After a rename() or an unlink() of the open file the next line goes to a new one at the path.
+TEST_F(LogFileTest, AFileThatWasMovedOrRemovedIsMadeAgain) {
   log_file file(path);
   ASSERT_TRUE(file.write_line("old\n"));
-  ASSERT_EQ(rename(path.c_str(), older(1).c_str()), 0);
+  ASSERT_EQ(rename(path.c_str(), folder.file(older(1)).c_str()), 0);
   ASSERT_TRUE(file.write_line("new\n"));
-  EXPECT_EQ(file_content(older(1)), "old\n");
-  EXPECT_EQ(file_content(path), "new\n");
+  EXPECT_EQ(folder.read(older(1)), "old\n");
+  EXPECT_EQ(folder.read("log"), "new\n");
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  ASSERT_TRUE(file.write_line("found\n"));
+  EXPECT_EQ(folder.read("log"), "found\n");
 }
 
 // It is false with "No such file or directory" while there is no folder; then the line is kept.
@@ -109,15 +110,13 @@ TEST_F(LogFileTest, APathThatCannotBeOpenedIsReportedAndTriedAgain) {
   EXPECT_EQ(file.fault(), "No such file or directory");
   ASSERT_EQ(mkdir(folder.file("missing").c_str(), 0700), 0);
   EXPECT_TRUE(file.write_line("kept\n"));
-  EXPECT_EQ(file_content(folder.file("missing/log")), "kept\n");
+  EXPECT_EQ(folder.read("missing/log"), "kept\n");
 }
 
 // It is false with "No such device or address" and does not wait for a reader.
 TEST_F(LogFileTest, AFifoThatNobodyReadsIsReportedAtOnce) {
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  log_file file(path);
-  EXPECT_FALSE(file.write_line("lost\n"));
-  EXPECT_EQ(file.fault(), "No such device or address");
+  expect_refused(path, "No such device or address");
 }
 
 // It is false with "it is a symbolic link", whether there is a file behind the link or not.
@@ -128,23 +127,24 @@ TEST_F(LogFileTest, ASymbolicLinkIsNotFollowed) {
   log_file file(path);
   EXPECT_FALSE(file.write_line("lost\n"));
   EXPECT_EQ(file.fault(), "it is a symbolic link");
-  EXPECT_FALSE(file_exists(victim));
-  ASSERT_TRUE(log_file(victim).write_line("before\n"));
+  EXPECT_FALSE(exists("victim"));
+  folder.write("victim", "before\n");
   EXPECT_FALSE(file.write_line("lost\n"));
-  EXPECT_EQ(file_content(victim), "before\n");
+  EXPECT_EQ(folder.read("victim"), "before\n");
   ASSERT_EQ(unlink(path.c_str()), 0);
   EXPECT_TRUE(file.write_line("kept\n"));
-  EXPECT_EQ(file_content(path), "kept\n");
+  EXPECT_EQ(folder.read("log"), "kept\n");
 }
 
 // A link to the open file itself, put in its place, is noticed with the next line.
 TEST_F(LogFileTest, ALinkInThePlaceOfTheOpenFileIsNotFollowed) {
   log_file file(path);
   ASSERT_TRUE(file.write_line("before\n"));
-  ASSERT_EQ(rename(path.c_str(), older(1).c_str()), 0);
-  ASSERT_EQ(symlink(older(1).c_str(), path.c_str()), 0);
+  const std::string moved = folder.file(older(1));
+  ASSERT_EQ(rename(path.c_str(), moved.c_str()), 0);
+  ASSERT_EQ(symlink(moved.c_str(), path.c_str()), 0);
   EXPECT_FALSE(file.write_line("lost\n"));
-  EXPECT_EQ(file_content(older(1)), "before\n");
+  EXPECT_EQ(folder.read(older(1)), "before\n");
 }
 
 // Modes 0666, 0620 and 0602 are refused by their number and get no line; 0644 does.
@@ -155,13 +155,11 @@ TEST_F(LogFileTest, AFileThatOthersMayWriteIsNotTakenOver) {
       {0666, "0666"}, {0620, "0620"}, {0602, "0602"}};
   for (const auto &[mode, digits] : refused) {
     ASSERT_EQ(chmod(path.c_str(), mode), 0);
-    log_file file(path);
-    EXPECT_FALSE(file.write_line("lost\n"));
-    EXPECT_EQ(file.fault(), "others may write it (mode " + std::string(digits) + ")");
+    expect_refused(path, "others may write it (mode " + std::string(digits) + ")");
   }
   ASSERT_EQ(chmod(path.c_str(), 0644), 0);
   EXPECT_TRUE(log_file(path).write_line("after\n"));
-  EXPECT_EQ(file_content(path), "before\nafter\n");
+  EXPECT_EQ(folder.read("log"), "before\nafter\n");
 }
 
 // It is false with "it belongs to user 65534, not to user 0", for a FIFO with a reader as well.
@@ -174,12 +172,10 @@ TEST_F(LogFileTest, AFileOfAnotherUserIsNotTakenOver) {
   const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
   for (const std::string &name : {path, fifo}) {
     ASSERT_EQ(chown(name.c_str(), 65534, 65534), 0);
-    log_file file(name);
-    EXPECT_FALSE(file.write_line("lost\n"));
-    EXPECT_EQ(file.fault(), "it belongs to user 65534, not to user 0");
+    expect_refused(name, "it belongs to user 65534, not to user 0");
   }
   close(reader);
-  EXPECT_EQ(file_content(path), "before\n");
+  EXPECT_EQ(folder.read("log"), "before\n");
 }
 
 // Lines for /dev/full are lost and the calls return true.
@@ -214,7 +210,7 @@ TEST_F(LogFileTest, ALockThatIsNeverReleasedCostsItsWaitOnlyOnce) {
   for (int line = 0; line < lines; line++)
     EXPECT_TRUE(file.write_line("unlocked\n"));
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-  EXPECT_EQ(file_content(path).size(), sizeof("first") + lines * sizeof("unlocked"));
+  EXPECT_EQ(folder.read("log").size(), sizeof("first") + lines * sizeof("unlocked"));
 
   close(finished[1]);
   EXPECT_EQ(wait_for_child(holder), 0);
@@ -247,14 +243,14 @@ protected:
   }
 
   // Reads a log and checks that each of its lines is whole.
-  void collect(const std::string &log_path) {
-    std::istringstream log(file_content(log_path));
+  void collect(const std::string &name) {
+    std::istringstream log(folder.read(name));
     for (std::string line; std::getline(log, line);) {
       int process = -1;
       int number = -1;
       std::istringstream(line) >> process >> number;
       ASSERT_TRUE(line == line_of(process, number))
-          << log_path << " has a torn line: " << line.substr(0, 10) << "...";
+          << name << " has a torn line: " << line.substr(0, 10) << "...";
       EXPECT_TRUE(seen[process].insert(number).second) << line.substr(0, 10) << " came twice";
     }
   }
@@ -265,14 +261,14 @@ protected:
 // 4 processes write 2000 lines of 3 kB each: from the first line kept on none is missing.
 TEST_F(SharedLogFileTest, NoLineIsTornOrLostWhileTheFileRotates) {
   write_from_all_processes();
-  ASSERT_TRUE(file_exists(older(4)));
-  EXPECT_FALSE(file_exists(older(5)));
+  ASSERT_TRUE(exists(older(4)));
+  EXPECT_FALSE(exists(older(5)));
   for (int age = log_file::older_files_kept; age >= 1; age--) {
     collect(older(age));
     // A process that waited for the lock in vain writes without it, a little beyond the limit.
-    EXPECT_LE(file_content(older(age)).size(), log_file::rotation_bytes + 10 * filling_bytes);
+    EXPECT_LE(folder.read(older(age)).size(), log_file::rotation_bytes + 10 * filling_bytes);
   }
-  collect(path);
+  collect("log");
 
   // The oldest lines are gone by design; from the first that is kept on there is no gap.
   size_t kept = 0;
