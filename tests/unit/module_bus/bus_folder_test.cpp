@@ -1,6 +1,6 @@
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "fakes/temporary_folder.h"
 #include "module_bus/bus_folder.h"
 
 namespace vemk {
@@ -18,35 +19,31 @@ using ::testing::HasSubstr;
 
 class BusFolderTest : public ::testing::Test {
 protected:
-  void SetUp() override {
-    char name[] = "/tmp/vemk-folder-XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    base = name;
-    unsetenv("MODULE_BUS_DIR");
-  }
+  BusFolderTest() { unsetenv("MODULE_BUS_DIR"); }
+  ~BusFolderTest() override { unsetenv("MODULE_BUS_DIR"); }
 
-  void TearDown() override {
-    unsetenv("MODULE_BUS_DIR");
-    std::filesystem::remove_all(base);
-  }
-
-  static std::string refusal(const std::string &folder, bus_role role = bus_role::module) {
+  template<typename error_t>
+  static std::string said(const std::function<void()> &open) {
     try {
-      open_bus_folder(folder, role);
-    } catch (const bus_error &error) {
+      open();
+    } catch (const error_t &error) {
       return error.what();
     }
     return "accepted";
+  }
+
+  static std::string refusal(const std::string &folder, bus_role role = bus_role::module) {
+    return said<bus_error>([&] { open_bus_folder(folder, role); });
   }
 
   /// What a client is told that has to wait for one of the folders.
   static std::string missing(const std::vector<std::string> &folders) {
-    try {
-      first_usable_folder(folders, bus_role::client);
-    } catch (const bus_folder_missing &error) {
-      return error.what();
-    }
-    return "accepted";
+    return said<bus_folder_missing>([&] { first_usable_folder(folders, bus_role::client); });
+  }
+
+  static void make_folder(const std::string &path, mode_t mode) {
+    std::filesystem::create_directory(path);
+    ASSERT_EQ(chmod(path.c_str(), mode), 0);
   }
 
   static mode_t mode_of(const std::string &path) {
@@ -55,20 +52,25 @@ protected:
     return status.st_mode & 07777;
   }
 
-  std::string base;
+  const temporary_folder temporary;
+  const std::string base = temporary.path();
+  const std::string folder = base + "/bus";
+  const std::string open_to_all = base + "/open";
+  const std::string own = base + "/own";
 };
 
 // A folder that is not there is made with mode 0700.
-TEST_F(BusFolderTest, IsMadeForItsUserAlone) {
-  const std::string folder = base + "/bus";
+// Module and client open the same folder again without a complaint.
+TEST_F(BusFolderTest, IsMadeForItsUserAloneAndUsedAgain) {
   EXPECT_EQ(open_bus_folder(folder, bus_role::module), folder);
   EXPECT_EQ(mode_of(folder), 0700U);
+  EXPECT_EQ(open_bus_folder(folder, bus_role::module), folder);
+  EXPECT_EQ(open_bus_folder(folder, bus_role::client), folder);
 }
 
 // A client is told "is not there", and how to name another; the folder is not made.
 TEST_F(BusFolderTest, IsNeverMadeByAClient) {
   // A look at another user's daemon left a bus folder behind, in which nobody ever answered.
-  const std::string folder = base + "/bus";
   EXPECT_EQ(missing({folder}), "bus folder " + folder +
                                    " is not there; see that the module runs, or name another with "
                                    "MODULE_BUS_DIR (vemkctl: --bus)");
@@ -80,7 +82,6 @@ TEST_F(BusFolderTest, IsNeverMadeByAClient) {
 // Of a list a client takes the folder that a module of its user would use, there or not yet.
 TEST_F(BusFolderTest, OfAClientIsThatOfAModuleOfItsUser) {
   const std::string first = base + "/first";
-  const std::string own = base + "/own";
   const std::string impossible = base + "/missing/bus";
   open_bus_folder(own, bus_role::module);
   EXPECT_EQ(first_usable_folder({impossible, own}, bus_role::client), own);
@@ -91,21 +92,11 @@ TEST_F(BusFolderTest, OfAClientIsThatOfAModuleOfItsUser) {
 
 // Both are named: that of the user is not there, and the system's cannot be used.
 TEST_F(BusFolderTest, IsNamedToAClientWithTheOneBeforeItThatCannotBeUsed) {
-  const std::string open_to_all = base + "/open";
-  std::filesystem::create_directory(open_to_all);
-  ASSERT_EQ(chmod(open_to_all.c_str(), 0777), 0);
+  make_folder(open_to_all, 0777);
   EXPECT_EQ(missing({open_to_all, base + "/own"}),
             "bus folder " + base + "/own is not there, and bus folder " + open_to_all +
                 " is open to other users (mode 0777); see that the module runs, or name another "
                 "with MODULE_BUS_DIR (vemkctl: --bus)");
-}
-
-// Module and client open the same folder again without a complaint.
-TEST_F(BusFolderTest, IsUsedAgainWhenItIsThere) {
-  const std::string folder = base + "/bus";
-  open_bus_folder(folder, bus_role::module);
-  EXPECT_EQ(open_bus_folder(folder, bus_role::module), folder);
-  EXPECT_EQ(open_bus_folder(folder, bus_role::client), folder);
 }
 
 // An empty name means MODULE_BUS_DIR; the caller's own name goes before it.
@@ -118,9 +109,7 @@ TEST_F(BusFolderTest, IsNamedByTheEnvironmentUnlessTheCallerNamesOne) {
 // Modes 0755, 0750, 0701 and 0770 are refused with "chmod 700" and kept.
 TEST_F(BusFolderTest, IsRefusedWhenOthersMayEnterAndIsNotChanged) {
   for (const mode_t mode : {0755U, 0750U, 0701U, 0770U}) {
-    const std::string folder = base + "/open" + std::to_string(mode);
-    std::filesystem::create_directory(folder);
-    ASSERT_EQ(chmod(folder.c_str(), mode), 0);
+    make_folder(folder, mode);
     EXPECT_THAT(refusal(folder), HasSubstr("chmod 700"));
     EXPECT_THAT(refusal(folder, bus_role::client), HasSubstr("chmod 700"));
     EXPECT_EQ(mode_of(folder), mode);
@@ -129,7 +118,6 @@ TEST_F(BusFolderTest, IsRefusedWhenOthersMayEnterAndIsNotChanged) {
 
 // "is a symbolic link; name the folder", also for a link with "//" behind it.
 TEST_F(BusFolderTest, IsRefusedWhenItIsASymbolicLinkWithOrWithoutASlashBehindIt) {
-  const std::string folder = base + "/bus";
   open_bus_folder(folder, bus_role::module);
   std::filesystem::create_directory_symlink(folder, base + "/link");
   EXPECT_THAT(refusal(base + "/link"), HasSubstr("is a symbolic link; name the folder"));
@@ -140,7 +128,6 @@ TEST_F(BusFolderTest, IsRefusedWhenItIsASymbolicLinkWithOrWithoutASlashBehindIt)
 TEST_F(BusFolderTest, OfAnotherUserIsForClientsOfRootOnly) {
   if (geteuid() != 0)
     GTEST_SKIP() << "only root can give a folder away";
-  const std::string folder = base + "/bus";
   open_bus_folder(folder, bus_role::module);
   ASSERT_EQ(chown(folder.c_str(), 65534, 65534), 0);
   EXPECT_THAT(refusal(folder), HasSubstr("belongs to user 65534, not to user 0; run as that user"));
@@ -150,16 +137,12 @@ TEST_F(BusFolderTest, OfAnotherUserIsForClientsOfRootOnly) {
 // "No such file or directory; make it with" and "is not a folder; name another".
 TEST_F(BusFolderTest, ThatCannotBeMadeIsRefusedWithTheReason) {
   EXPECT_THAT(refusal(base + "/missing/bus"), HasSubstr("No such file or directory; make it with"));
-  std::ofstream(base + "/file") << "x";
-  EXPECT_THAT(refusal(base + "/file"), HasSubstr("is not a folder; name another"));
+  EXPECT_THAT(refusal(temporary.write("file", "x")), HasSubstr("is not a folder; name another"));
 }
 
 // The first of a list that exists or can be made for its user alone; none of them is a bus_error.
 TEST_F(BusFolderTest, FallsBackToTheNextOneThatMayBeTrusted) {
-  const std::string open_to_all = base + "/open";
-  std::filesystem::create_directory(open_to_all);
-  ASSERT_EQ(chmod(open_to_all.c_str(), 0777), 0);
-  const std::string own = base + "/own";
+  make_folder(open_to_all, 0777);
   EXPECT_EQ(first_usable_folder({base + "/missing/bus", open_to_all, own}, bus_role::module), own);
   EXPECT_EQ(first_usable_folder({own, open_to_all}, bus_role::module), own);
   EXPECT_THROW(first_usable_folder({base + "/missing/bus", open_to_all}, bus_role::module),
@@ -170,9 +153,9 @@ TEST_F(BusFolderTest, FallsBackToTheNextOneThatMayBeTrusted) {
 TEST_F(BusFolderTest, PathIsAbsoluteSoThatItNeverNamesASocketOutsideTheFileSystem) {
   const auto here = std::filesystem::current_path();
   std::filesystem::current_path(base);
-  const std::string folder = open_bus_folder("@bus", bus_role::module);
+  const std::string opened = open_bus_folder("@bus", bus_role::module);
   std::filesystem::current_path(here);
-  EXPECT_EQ(folder, base + "/@bus");
+  EXPECT_EQ(opened, base + "/@bus");
 }
 
 // Module 2 in /run/bus has 2.in, 2.out and 2.lock, and for itself 2.i and 2.o.
@@ -188,13 +171,9 @@ TEST_F(BusFolderTest, HoldsTheSocketsAndTheLockOfAModule) {
 TEST_F(BusFolderTest, TooLongForASocketAddressIsRefused) {
   const std::string longest(107 - std::string("/2.out").size(), 'x');
   EXPECT_EQ(outlet_path(longest, 2).size(), 107U);
-  try {
-    outlet_path(longest + "yz", 2);
-    FAIL() << "accepted";
-  } catch (const bus_error &error) {
-    EXPECT_THAT(error.what(), HasSubstr("is 2 bytes too long"));
-    EXPECT_THAT(error.what(), HasSubstr("name a shorter one with MODULE_BUS_DIR"));
-  }
+  const std::string refused = said<bus_error>([&] { outlet_path(longest + "yz", 2); });
+  EXPECT_THAT(refused, HasSubstr("is 2 bytes too long"));
+  EXPECT_THAT(refused, HasSubstr("name a shorter one with MODULE_BUS_DIR"));
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // Peers that speak the messaging library's protocol by hand, and send what no peer should.
 
+#include <filesystem>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -76,19 +77,13 @@ private:
   const int end;
 };
 
-class BusGateTest : public bus_test_base {
+class BusGateTest : public joined_bus_test {
 protected:
-  void SetUp() override {
-    bus_test_base::SetUp();
-    ASSERT_EQ(join(), 0);
-  }
-
   void expect_service_for_others() {
     bus_sender sender(folder, daemon_module);
     ASSERT_TRUE(sender.send("from another", in(soon)));
     EXPECT_EQ(next_payload(), "from another");
-    bus_listener listener(folder, daemon_module);
-    ASSERT_TRUE(subscribe(listener));
+    subscribed_listener listener(folder);
     ASSERT_EQ(send("to another"), 0);
     EXPECT_EQ(listener.receive(in(soon)), "to another");
   }

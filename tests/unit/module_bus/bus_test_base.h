@@ -7,12 +7,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "fakes/temporary_folder.h"
 #include "module_bus.h"
 #include "module_bus/bus_client.h"
 
@@ -28,17 +28,11 @@ constexpr int daemon_module = 2;
 
 class bus_test_base : public ::testing::Test {
 protected:
-  void SetUp() override {
-    char name[] = "/tmp/vemk-bus-XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    folder = name;
-    setenv("MODULE_BUS_DIR", name, 1);
-  }
+  bus_test_base() { setenv("MODULE_BUS_DIR", folder.c_str(), 1); }
 
-  void TearDown() override {
+  ~bus_test_base() override {
     leave();
     unsetenv("MODULE_BUS_DIR");
-    std::filesystem::remove_all(folder);
   }
 
   static int join() {
@@ -56,16 +50,19 @@ protected:
     FreeLibParams();
   }
 
-  /// A listener learns of its subscription while the module polls.
-  static bool subscribe(bus_listener &listener) {
-    const bus_deadline end = in(soon);
-    while (std::chrono::steady_clock::now() < end) {
-      EXPECT_EQ(GetMsgFromQueueNoWait(), nullptr);
-      if (listener.wait_until_subscribed(in(one_poll)))
-        return true;
+  /// Listens to the module, which has joined, from now on: it learns of this while it polls.
+  class subscribed_listener : public bus_listener {
+  public:
+    explicit subscribed_listener(const std::string &folder) : bus_listener(folder, daemon_module) {
+      bool is_subscribed = false;
+      for (const bus_deadline end = in(soon);
+           !is_subscribed && std::chrono::steady_clock::now() < end;) {
+        EXPECT_EQ(GetMsgFromQueueNoWait(), nullptr);
+        is_subscribed = wait_until_subscribed(in(one_poll));
+      }
+      EXPECT_TRUE(is_subscribed);
     }
-    return false;
-  }
+  };
 
   /// The next record, as the bytes of its head and payload.
   static std::optional<std::string> next_record() {
@@ -87,7 +84,8 @@ protected:
   }
 
   static constexpr std::size_t record_head = 13;
-  std::string folder;
+  const temporary_folder temporary;
+  const std::string folder = temporary.path();
 
 private:
   static std::string take(void *record) {
@@ -98,6 +96,11 @@ private:
     std::free(record);
     return copy;
   }
+};
+
+class joined_bus_test : public bus_test_base {
+protected:
+  joined_bus_test() { EXPECT_EQ(join(), 0); }
 };
 
 } // namespace vemk

@@ -1,9 +1,15 @@
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "module_bus/bus_wire.h"
 
 namespace vemk {
 namespace {
+
+using ::testing::ElementsAre;
 
 constexpr std::uint32_t a_session = 77;
 constexpr std::uint32_t another_session = 78;
@@ -64,19 +70,32 @@ TEST(FrameHeaderTest, RefusesMalformedFrames) {
   EXPECT_FALSE(read_frame_header(hello(1) + "a")) << "a hello with a payload";
 }
 
-// Three pieces in order give the message with the third; nothing is counted as lost.
-TEST(MessageReassemblerTest, ReturnsAMessageWithItsLastPiece) {
+class MessageReassemblerTest : public ::testing::Test {
+protected:
+  /// What each frame brings: its message or "-", and "+N" for N messages that are lost with it.
+  std::vector<std::string> outcomes(const std::vector<std::string> &frames) {
+    std::vector<std::string> result;
+    for (const std::string &bytes : frames) {
+      const std::uint64_t lost_before = reassembler.lost();
+      result.push_back(reassembler.add(bytes).value_or("-"));
+      if (reassembler.lost() != lost_before)
+        result.back() += "+" + std::to_string(reassembler.lost() - lost_before);
+    }
+    return result;
+  }
+
   message_reassembler reassembler;
-  EXPECT_EQ(reassembler.add(piece(0, 3, 0, "abc")), "abc");
-  EXPECT_EQ(reassembler.add(piece(1, 5, 0, "ab")), std::nullopt);
-  EXPECT_EQ(reassembler.add(piece(1, 5, 2, "cd")), std::nullopt);
-  EXPECT_EQ(reassembler.add(piece(1, 5, 4, "e")), "abcde");
-  EXPECT_EQ(reassembler.lost(), 0U);
+};
+
+// Three pieces in order give the message with the third; nothing is counted as lost.
+TEST_F(MessageReassemblerTest, ReturnsAMessageWithItsLastPiece) {
+  EXPECT_THAT(outcomes({piece(0, 3, 0, "abc"), piece(1, 5, 0, "ab"), piece(1, 5, 2, "cd"),
+                        piece(1, 5, 4, "e")}),
+              ElementsAre("abc", "-", "-", "abcde"));
 }
 
 // Garbage subscribes to nothing, a hello does.
-TEST(MessageReassemblerTest, IsSubscribedFromTheFirstValidFrameOn) {
-  message_reassembler reassembler;
+TEST_F(MessageReassemblerTest, IsSubscribedFromTheFirstValidFrameOn) {
   EXPECT_FALSE(reassembler.subscribed());
   reassembler.add("garbage");
   EXPECT_FALSE(reassembler.subscribed());
@@ -85,98 +104,65 @@ TEST(MessageReassemblerTest, IsSubscribedFromTheFirstValidFrameOn) {
 }
 
 // Joining between messages or in the middle of one loses none of those before.
-TEST(MessageReassemblerTest, DoesNotCountWhatWasSentBeforeItCame) {
-  message_reassembler in_between;
-  EXPECT_EQ(in_between.add(hello(1000)), std::nullopt);
-  EXPECT_EQ(in_between.add(piece(1000, 1, 0, "x")), "x");
-  EXPECT_EQ(in_between.lost(), 0U);
-
-  message_reassembler in_the_middle;
-  EXPECT_EQ(in_the_middle.add(piece(1000, 4, 2, "cd")), std::nullopt);
-  EXPECT_EQ(in_the_middle.add(piece(1001, 1, 0, "x")), "x");
-  EXPECT_EQ(in_the_middle.lost(), 0U);
+TEST_F(MessageReassemblerTest, DoesNotCountWhatWasSentBeforeItCame) {
+  EXPECT_THAT(outcomes({hello(1000), piece(1000, 1, 0, "x")}), ElementsAre("-", "x"));
+  reassembler = message_reassembler();
+  EXPECT_THAT(outcomes({piece(1000, 4, 2, "cd"), piece(1001, 1, 0, "x")}), ElementsAre("-", "x"));
 }
 
 // Number 4 after number 0 counts 3 lost messages.
-TEST(MessageReassemblerTest, CountsWholeMessagesThatAreMissing) {
-  message_reassembler reassembler;
-  reassembler.add(piece(0, 1, 0, "a"));
-  EXPECT_EQ(reassembler.add(piece(4, 1, 0, "b")), "b");
-  EXPECT_EQ(reassembler.lost(), 3U);
+TEST_F(MessageReassemblerTest, CountsWholeMessagesThatAreMissing) {
+  EXPECT_THAT(outcomes({piece(0, 1, 0, "a"), piece(4, 1, 0, "b")}), ElementsAre("a", "b+3"));
 }
 
 // A gap of one piece loses one message; the next is returned.
-TEST(MessageReassemblerTest, DropsAMessageWithAMissingPieceAndGoesOnWithTheNext) {
-  message_reassembler reassembler;
-  reassembler.add(piece(0, 6, 0, "ab"));
-  EXPECT_EQ(reassembler.add(piece(0, 6, 4, "ef")), std::nullopt);
-  EXPECT_EQ(reassembler.lost(), 1U);
-  EXPECT_EQ(reassembler.add(piece(1, 2, 0, "ok")), "ok");
-  EXPECT_EQ(reassembler.lost(), 1U);
+TEST_F(MessageReassemblerTest, DropsAMessageWithAMissingPieceAndGoesOnWithTheNext) {
+  EXPECT_THAT(outcomes({piece(0, 6, 0, "ab"), piece(0, 6, 4, "ef"), piece(1, 2, 0, "ok")}),
+              ElementsAre("-", "-+1", "ok"));
 }
 
 // A message without its end counts once when the next begins.
-TEST(MessageReassemblerTest, CountsAMessageThatBrokeOffOnce) {
-  message_reassembler reassembler;
-  reassembler.add(piece(0, 6, 0, "ab"));
-  EXPECT_EQ(reassembler.add(piece(1, 2, 0, "ok")), "ok");
-  EXPECT_EQ(reassembler.lost(), 1U);
+TEST_F(MessageReassemblerTest, CountsAMessageThatBrokeOffOnce) {
+  EXPECT_THAT(outcomes({piece(0, 6, 0, "ab"), piece(1, 2, 0, "ok")}), ElementsAre("-", "ok+1"));
 }
 
 // Number 0 broken off, 1 missing, 2 without its start: 3 lost, number 3 is returned.
-TEST(MessageReassemblerTest, ComesBackInTheMiddleOfALaterMessage) {
-  message_reassembler reassembler;
-  reassembler.add(piece(0, 6, 0, "ab"));
-  EXPECT_EQ(reassembler.add(piece(2, 6, 2, "cd")), std::nullopt);
-  EXPECT_EQ(reassembler.add(piece(2, 6, 4, "ef")), std::nullopt);
-  EXPECT_EQ(reassembler.add(piece(3, 2, 0, "ok")), "ok");
-  EXPECT_EQ(reassembler.lost(), 3U);
+TEST_F(MessageReassemblerTest, ComesBackInTheMiddleOfALaterMessage) {
+  EXPECT_THAT(outcomes({piece(0, 6, 0, "ab"), piece(2, 6, 2, "cd"), piece(2, 6, 4, "ef"),
+                        piece(3, 2, 0, "ok")}),
+              ElementsAre("-", "-+3", "-", "ok"));
 }
 
 // A hello with the number that is due changes nothing and counts nothing.
-TEST(MessageReassemblerTest, AHelloForAnotherListenerChangesNothing) {
-  message_reassembler reassembler;
-  reassembler.add(piece(0, 1, 0, "a"));
-  EXPECT_EQ(reassembler.add(hello(1)), std::nullopt);
-  EXPECT_EQ(reassembler.add(piece(1, 1, 0, "b")), "b");
-  EXPECT_EQ(reassembler.lost(), 0U);
+TEST_F(MessageReassemblerTest, AHelloForAnotherListenerChangesNothing) {
+  EXPECT_THAT(outcomes({piece(0, 1, 0, "a"), hello(1), piece(1, 1, 0, "b")}),
+              ElementsAre("a", "-", "b"));
 }
 
 // A hello with number 3 after message 0 counts the messages 1 and 2.
-TEST(MessageReassemblerTest, AHelloTellsOfLossesBeforeIt) {
-  message_reassembler reassembler;
-  reassembler.add(piece(0, 1, 0, "a"));
-  reassembler.add(hello(3));
-  EXPECT_EQ(reassembler.lost(), 2U);
+TEST_F(MessageReassemblerTest, AHelloTellsOfLossesBeforeIt) {
+  EXPECT_THAT(outcomes({piece(0, 1, 0, "a"), hello(3)}), ElementsAre("a", "-+2"));
 }
 
 // Another session begins with number 0 and nothing lost, after number 500 in the old one.
-TEST(MessageReassemblerTest, StartsAnewWhenTheModuleHasJoinedAgain) {
-  message_reassembler reassembler;
-  reassembler.add(piece(500, 1, 0, "a"));
-  EXPECT_EQ(reassembler.add(hello(0, another_session)), std::nullopt);
-  EXPECT_EQ(reassembler.add(piece(0, 1, 0, "b", another_session)), "b");
-  EXPECT_EQ(reassembler.lost(), 0U);
+TEST_F(MessageReassemblerTest, StartsAnewWhenTheModuleHasJoinedAgain) {
+  EXPECT_THAT(outcomes({piece(500, 1, 0, "a"), hello(0, another_session),
+                        piece(0, 1, 0, "b", another_session)}),
+              ElementsAre("a", "-", "b"));
 }
 
 // A new session's pieces never complete a message of the old one, which counts as lost.
-TEST(MessageReassemblerTest, LosesTheMessageThatTheEndOfASessionCutShort) {
-  message_reassembler reassembler;
-  reassembler.add(piece(0, 4, 0, "ab"));
-  EXPECT_EQ(reassembler.add(piece(0, 4, 2, "cd", another_session)), std::nullopt);
-  EXPECT_EQ(reassembler.add(piece(1, 2, 0, "ok", another_session)), "ok");
-  EXPECT_EQ(reassembler.lost(), 1U);
+TEST_F(MessageReassemblerTest, LosesTheMessageThatTheEndOfASessionCutShort) {
+  EXPECT_THAT(outcomes({piece(0, 4, 0, "ab"), piece(0, 4, 2, "cd", another_session),
+                        piece(1, 2, 0, "ok", another_session)}),
+              ElementsAre("-", "-+1", "ok"));
 }
 
 // Empty, garbage and too long frames between two pieces do not disturb the message.
-TEST(MessageReassemblerTest, IgnoresMalformedFramesInTheMiddleOfAMessage) {
-  message_reassembler reassembler;
-  reassembler.add(piece(0, 4, 0, "ab"));
-  reassembler.add("");
-  reassembler.add("Pgarbage");
-  reassembler.add(piece(0, 4, 2, "cde"));
-  EXPECT_EQ(reassembler.add(piece(0, 4, 2, "cd")), "abcd");
-  EXPECT_EQ(reassembler.lost(), 0U);
+TEST_F(MessageReassemblerTest, IgnoresMalformedFramesInTheMiddleOfAMessage) {
+  EXPECT_THAT(
+      outcomes({piece(0, 4, 0, "ab"), "", "Pgarbage", piece(0, 4, 2, "cde"), piece(0, 4, 2, "cd")}),
+      ElementsAre("-", "-", "-", "-", "abcd"));
 }
 
 } // namespace

@@ -52,8 +52,7 @@ TEST_F(ModuleBusDescriptorsTest, ALimitBelowWhatIsOpenHoldsNobodyUp) {
   // A daemon whose limit is lowered keeps its place on the bus; poll() would refuse to wait then.
   ASSERT_EQ(join(), 0);
   bus_sender sender(folder, daemon_module);
-  bus_listener listener(folder, daemon_module);
-  ASSERT_TRUE(subscribe(listener));
+  subscribed_listener listener(folder);
   ASSERT_TRUE(sender.send("before", in(soon)));
   EXPECT_EQ(next_payload(), "before");
   const descriptor_limit limit(4);

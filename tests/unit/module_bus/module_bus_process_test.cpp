@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <filesystem>
 #include <functional>
 #include <thread>
 
@@ -19,10 +20,7 @@ using ::testing::HasSubstr;
 
 class ModuleBusProcessTest : public bus_test_base {
 protected:
-  void TearDown() override {
-    end_child();
-    bus_test_base::TearDown();
-  }
+  ~ModuleBusProcessTest() override { end_child(); }
 
   /// Runs it in a child process and returns once it has called the function that it is given.
   void start_child(const std::function<void(std::function<void()>)> &run) {

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <filesystem>
 #include <future>
 #include <iterator>
 #include <memory>
@@ -28,6 +29,11 @@ protected:
     const std::filesystem::directory_iterator entries("/proc/self/fd");
     return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
   }
+};
+
+class JoinedModuleTest : public joined_bus_test {
+protected:
+  bus_sender sender{folder, daemon_module};
 };
 
 // ModulePeerStart sets the flag, ModulePeerStop keeps it, SetModuleLoop(0) clears it.
@@ -89,28 +95,19 @@ TEST_F(ModuleBusTest, ThereIsNoMessageWhenNoneWasSentOrNobodyJoined) {
 }
 
 // A record is 13 bytes, the length in bytes 4 to 7, and the payload, NUL included.
-TEST_F(ModuleBusTest, ARecordHoldsTheLengthAtFourAndThePayloadAtThirteen) {
-  ASSERT_EQ(join(), 0);
-  bus_sender sender(folder, daemon_module);
-  ASSERT_TRUE(sender.send(std::string("a\0%n\xff", 5), in(soon)));
-  const std::uint32_t length = 5;
-  std::string expected(13, '\0');
-  std::memcpy(expected.data() + 4, &length, sizeof length);
-  EXPECT_EQ(next_record(), expected + std::string("a\0%n\xff", 5));
-}
-
 // A message of 0 bytes comes as a record of 13 zero bytes.
-TEST_F(ModuleBusTest, AnEmptyMessageIsARecordOfLengthZero) {
-  ASSERT_EQ(join(), 0);
-  bus_sender sender(folder, daemon_module);
-  ASSERT_TRUE(sender.send("", in(soon)));
-  EXPECT_EQ(next_record(), std::string(13, '\0'));
+TEST_F(JoinedModuleTest, ARecordHoldsTheLengthAtFourAndThePayloadAtThirteen) {
+  for (const std::string &payload : {std::string("a\0%n\xff", 5), std::string()}) {
+    ASSERT_TRUE(sender.send(payload, in(soon)));
+    std::string head(13, '\0');
+    const auto length = static_cast<std::uint32_t>(payload.size());
+    std::memcpy(head.data() + 4, &length, sizeof length);
+    EXPECT_EQ(next_record(), head + payload);
+  }
 }
 
 // Three messages come in order; the sender knows them taken once the third is fetched.
-TEST_F(ModuleBusTest, MessagesOfOneSenderComeInOrderAndAreAnswered) {
-  ASSERT_EQ(join(), 0);
-  bus_sender sender(folder, daemon_module);
+TEST_F(JoinedModuleTest, MessagesOfOneSenderComeInOrderAndAreAnswered) {
   for (const char *text : {"one", "two", "three"})
     ASSERT_TRUE(sender.send(text, in(soon)));
   EXPECT_FALSE(sender.wait_until_taken(in(one_poll)));
@@ -122,39 +119,35 @@ TEST_F(ModuleBusTest, MessagesOfOneSenderComeInOrderAndAreAnswered) {
 }
 
 // Sending succeeds, but nobody confirms the message within 10 ms.
-TEST_F(ModuleBusTest, AMessageForAModuleThatIsNotThereIsNotTaken) {
-  bus_sender sender(folder, daemon_module);
-  EXPECT_TRUE(sender.send("text", in(soon)));
-  EXPECT_FALSE(sender.wait_until_taken(in(one_poll)));
-}
-
 // A message sent before the join arrives after it and is confirmed.
 TEST_F(ModuleBusTest, AMessageForAModuleThatIsNotThereYetReachesItWhenItJoins) {
   bus_sender sender(folder, daemon_module);
   EXPECT_TRUE(sender.send("text", in(soon)));
+  EXPECT_FALSE(sender.wait_until_taken(in(one_poll)));
   ASSERT_EQ(join(), 0);
   EXPECT_EQ(next_payload(), "text");
   EXPECT_TRUE(sender.wait_until_taken(in(soon)));
 }
 
+// The message before a leave is fetched first; then the flag goes to 0.
 // A leave is confirmed to its sender 300 ms after the module has gone.
 // The answer was dropped when the connection ended before the sender had looked for it.
-TEST_F(ModuleBusTest, TheAnswerOfAModuleThatHasLeftSinceIsStillHeard) {
-  ASSERT_EQ(join(), 0);
-  bus_sender sender(folder, daemon_module);
+TEST_F(JoinedModuleTest, LeaveClearsTheFlagAfterTheMessagesBeforeIt) {
+  ASSERT_TRUE(sender.send("before", in(soon)));
   ASSERT_TRUE(sender.send_leave(in(soon)));
-  const auto deadline = in(soon);
-  while (GetModuleLoop() != 0 && std::chrono::steady_clock::now() < deadline)
+  EXPECT_EQ(next_payload(), "before");
+  EXPECT_NE(GetModuleLoop(), 0);
+  const bus_deadline end = in(soon);
+  while (GetModuleLoop() != 0 && std::chrono::steady_clock::now() < end)
     EXPECT_EQ(GetMsgFromQueueNoWait(), nullptr);
+  EXPECT_EQ(GetModuleLoop(), 0);
   leave();
   std::this_thread::sleep_for(connection_time);
   EXPECT_TRUE(sender.wait_until_taken(in(soon)));
 }
 
 // What a module had not fetched when it left is gone and never confirmed.
-TEST_F(ModuleBusTest, AMessageThatWasLostWithItsModuleIsNotTakenForDelivered) {
-  ASSERT_EQ(join(), 0);
-  bus_sender sender(folder, daemon_module);
+TEST_F(JoinedModuleTest, AMessageThatWasLostWithItsModuleIsNotTakenForDelivered) {
   ASSERT_TRUE(sender.send("text", in(soon)));
   std::this_thread::sleep_for(connection_time);
   leave();
@@ -164,12 +157,9 @@ TEST_F(ModuleBusTest, AMessageThatWasLostWithItsModuleIsNotTakenForDelivered) {
 }
 
 // Two listeners get both messages in order, once each.
-TEST_F(ModuleBusTest, EveryListenerGetsEveryMessage) {
-  ASSERT_EQ(join(), 0);
-  bus_listener first(folder, daemon_module);
-  bus_listener second(folder, daemon_module);
-  ASSERT_TRUE(subscribe(first));
-  ASSERT_TRUE(subscribe(second));
+TEST_F(JoinedModuleTest, EveryListenerGetsEveryMessage) {
+  subscribed_listener first(folder);
+  subscribed_listener second(folder);
   for (const char *text : {"one", "two"})
     EXPECT_EQ(send(text), 0);
   for (bus_listener *listener : {&first, &second}) {
@@ -180,10 +170,8 @@ TEST_F(ModuleBusTest, EveryListenerGetsEveryMessage) {
 }
 
 // 1, 1023, 1024, 1025, 2048 and 2049 bytes pass unchanged to a listener.
-TEST_F(ModuleBusTest, PayloadsAroundTheSizeOfAPiecePassUnchanged) {
-  ASSERT_EQ(join(), 0);
-  bus_listener listener(folder, daemon_module);
-  ASSERT_TRUE(subscribe(listener));
+TEST_F(JoinedModuleTest, PayloadsAroundTheSizeOfAPiecePassUnchanged) {
+  subscribed_listener listener(folder);
   for (const std::size_t size : {1U, 1023U, 1024U, 1025U, 2048U, 2049U}) {
     std::string payload(size, '\0');
     for (std::size_t i = 0; i < size; ++i)
@@ -197,8 +185,7 @@ TEST_F(ModuleBusTest, PayloadsAroundTheSizeOfAPiecePassUnchanged) {
 TEST_F(ModuleBusTest, SendingRefusesWhatItCannotSendAndSendsNothing) {
   EXPECT_EQ(send("not joined"), -1);
   ASSERT_EQ(join(), 0);
-  bus_listener listener(folder, daemon_module);
-  ASSERT_TRUE(subscribe(listener));
+  subscribed_listener listener(folder);
   EXPECT_EQ(MsgSend("text", 2, 4), -1);
   EXPECT_EQ(MsgSend(nullptr, 3, 4), -1);
   EXPECT_EQ(MsgSend("text", 3, 0), -1);
@@ -221,21 +208,6 @@ TEST_F(ModuleBusTest, TheFirstMessageAfterAJoinReachesAListenerThatWasWaiting) {
   EXPECT_EQ(listener.lost(), 0U);
 }
 
-// The message before a leave is fetched first; then the flag goes to 0.
-TEST_F(ModuleBusTest, LeaveClearsTheFlagAfterTheMessagesBeforeIt) {
-  ASSERT_EQ(join(), 0);
-  bus_sender sender(folder, daemon_module);
-  ASSERT_TRUE(sender.send("before", in(soon)));
-  ASSERT_TRUE(sender.send_leave(in(soon)));
-  EXPECT_EQ(next_payload(), "before");
-  EXPECT_NE(GetModuleLoop(), 0);
-  const bus_deadline end = in(soon);
-  while (GetModuleLoop() != 0 && std::chrono::steady_clock::now() < end)
-    EXPECT_EQ(GetMsgFromQueueNoWait(), nullptr);
-  EXPECT_EQ(GetModuleLoop(), 0);
-  EXPECT_TRUE(sender.wait_until_taken(in(soon)));
-}
-
 // Ten stays: messages arrive in each, and no descriptor stays open after it.
 TEST_F(ModuleBusTest, JoinsAgainTenTimesWithTheSameDescriptors) {
   const std::size_t descriptors = open_descriptors();
@@ -253,8 +225,7 @@ TEST_F(ModuleBusTest, JoinsAgainTenTimesWithTheSameDescriptors) {
 }
 
 // 2.in and 2.out exist while joined; of all sockets none is left after the leave, only the lock.
-TEST_F(ModuleBusTest, LeavingRemovesTheSockets) {
-  ASSERT_EQ(join(), 0);
+TEST_F(JoinedModuleTest, LeavingRemovesTheSockets) {
   EXPECT_TRUE(std::filesystem::exists(inbox_path(folder, daemon_module)));
   EXPECT_TRUE(std::filesystem::exists(outlet_path(folder, daemon_module)));
   leave();
@@ -263,8 +234,7 @@ TEST_F(ModuleBusTest, LeavingRemovesTheSockets) {
 }
 
 // Empty messages and those of unknown kind are dropped; the good one behind them arrives.
-TEST_F(ModuleBusTest, MalformedInboxMessagesAreDropped) {
-  ASSERT_EQ(join(), 0);
+TEST_F(JoinedModuleTest, MalformedInboxMessagesAreDropped) {
   zmq::context_t context;
   zmq::socket_t raw(context, zmq::socket_type::dealer);
   raw.set(zmq::sockopt::linger, 0);

@@ -2,6 +2,7 @@
 
 #include <fstream>
 #include <thread>
+#include <utility>
 
 #include <unistd.h>
 
@@ -19,7 +20,7 @@ constexpr bool memory_is_measurable = false;
 constexpr bool memory_is_measurable = true;
 #endif
 
-class ModuleBusVolumeTest : public bus_test_base {
+class ModuleBusVolumeTest : public joined_bus_test {
 protected:
   static std::size_t resident_bytes() {
     std::ifstream statm("/proc/self/statm");
@@ -37,35 +38,23 @@ protected:
 };
 
 // 10,000 messages of 1 KiB sent in one go all arrive in order.
-TEST_F(ModuleBusVolumeTest, AListenerThatReadsLosesNothingOf10000KibibytesInOneGo) {
-  ASSERT_EQ(join(), 0);
-  bus_listener listener(folder, daemon_module);
-  ASSERT_TRUE(subscribe(listener));
-  for (int i = 0; i < 10000; ++i)
-    ASSERT_EQ(send(numbered(i, kibibyte)), 0);
-  for (int i = 0; i < 10000; ++i)
-    ASSERT_EQ(listener.receive(in(soon)), numbered(i, kibibyte));
-  EXPECT_EQ(listener.lost(), 0U);
-}
-
 // 100,000 messages of 16 bytes sent in one go all arrive in order.
-TEST_F(ModuleBusVolumeTest, AListenerThatReadsLosesNothingOf100000SmallMessagesInOneGo) {
-  ASSERT_EQ(join(), 0);
-  bus_listener listener(folder, daemon_module);
-  ASSERT_TRUE(subscribe(listener));
-  for (int i = 0; i < 100000; ++i)
-    ASSERT_EQ(send(numbered(i, 16)), 0);
-  for (int i = 0; i < 100000; ++i)
-    ASSERT_EQ(listener.receive(in(soon)), numbered(i, 16));
+TEST_F(ModuleBusVolumeTest, AListenerThatReadsLosesNothingOfManyMessagesInOneGo) {
+  subscribed_listener listener(folder);
+  for (const auto &[messages, size] :
+       {std::pair(10000, kibibyte), std::pair(100000, std::size_t{16})}) {
+    for (int i = 0; i < messages; ++i)
+      ASSERT_EQ(send(numbered(i, size)), 0);
+    for (int i = 0; i < messages; ++i)
+      ASSERT_EQ(listener.receive(in(soon)), numbered(i, size));
+  }
   EXPECT_EQ(listener.lost(), 0U);
 }
 
 // 64 MiB pass to a listener and to the module byte for byte.
 TEST_F(ModuleBusVolumeTest, MessagesOf64MebibytesPassBothWays) {
-  ASSERT_EQ(join(), 0);
   const std::string payload = numbered(1, max_payload_bytes);
-  bus_listener listener(folder, daemon_module);
-  ASSERT_TRUE(subscribe(listener));
+  subscribed_listener listener(folder);
   ASSERT_EQ(send(payload), 0);
   EXPECT_TRUE(listener.receive(in(4 * soon)) == payload);
 
@@ -80,7 +69,6 @@ TEST_F(ModuleBusVolumeTest, ABurstFromASenderThatEndsAtOnceArrivesWhole) {
   // What a closing sender had written was lost when the inbox was full at that moment; hence the
   // answers.
   constexpr int burst = 3000;
-  ASSERT_EQ(join(), 0);
   bool taken = false;
   std::thread sending([&] {
     bus_sender sender(folder, daemon_module);
@@ -98,11 +86,8 @@ TEST_F(ModuleBusVolumeTest, ABurstFromASenderThatEndsAtOnceArrivesWhole) {
 TEST_F(ModuleBusVolumeTest, AListenerThatStoppedReadingBlocksNobodyAndCostsBoundedMemory) {
   constexpr int messages = 320;
   constexpr int full_after = 250; // MiB; a stopped listener is owed 200,000 pieces of 1 KiB
-  ASSERT_EQ(join(), 0);
-  bus_listener stopped(folder, daemon_module);
-  bus_listener reading(folder, daemon_module);
-  ASSERT_TRUE(subscribe(stopped));
-  ASSERT_TRUE(subscribe(reading));
+  subscribed_listener stopped(folder);
+  subscribed_listener reading(folder);
 
   const std::size_t resident_before = resident_bytes();
   std::size_t resident_full = 0;
