@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -35,6 +36,18 @@ protected:
     return text == nullptr ? "<null>" : text;
   }
 
+  static void expect_no_elements(const json_reader &reader, std::size_t index = 0) {
+    EXPECT_TRUE(reader.at(index).is_null());
+    EXPECT_EQ(reader.string_at(index), nullptr);
+    EXPECT_EQ(reader.int_at(index), 0);
+  }
+
+  static void expect_no_member(const json_reader &reader, const char *key) {
+    EXPECT_TRUE(reader.member(key).is_null());
+    EXPECT_EQ(reader.get_int(key), 0);
+    EXPECT_EQ(reader.get_string(key), nullptr);
+  }
+
   static std::string nested_arrays(int depth) {
     const auto count = static_cast<std::size_t>(depth);
     return std::string(count, '[') + std::string(count, ']');
@@ -43,25 +56,23 @@ protected:
 
 // Making a reader.
 
-// "", " ", "not JSON", cut and wrong texts: is_null, and get_string("service") is null.
+// "", "not JSON", cut texts and "null": is_null, and all seven questions give 0, null or such one.
 TEST_F(JsonReaderTest, TextThatIsNotJsonMakesANullReader) {
   for (const char *text :
-       {"", " ", "not JSON", "{", "[1,", "{\"a\"}", "{\"a\":}", "\x80\xFF", "}"}) {
+       {"", " ", "not JSON", "{", "[1,", "{\"a\"}", "{\"a\":}", "\x80\xFF", "}", "null"}) {
     SCOPED_TRACE(text);
     const json_reader reader(text);
     EXPECT_TRUE(reader.is_null());
-    EXPECT_EQ(reader.get_string("service"), nullptr);
+    EXPECT_EQ(reader.array_length(), 0u);
+    expect_no_elements(reader);
+    expect_no_member(reader, "service");
   }
 }
 
-// Parsing a null pointer gives is_null.
-TEST_F(JsonReaderTest, NullTextMakesANullReader) {
+// Parsing a null pointer gives is_null, and so does a null object.
+TEST_F(JsonReaderTest, ReaderMayHaveNothingToReadFrom) {
   EXPECT_TRUE(json_reader(static_cast<const char *>(nullptr)).is_null());
-}
-
-// The text "null" gives is_null.
-TEST_F(JsonReaderTest, JsonNullIsANullReader) {
-  EXPECT_TRUE(json_reader("null").is_null());
+  EXPECT_TRUE(json_reader(static_cast<json_object *>(nullptr)).is_null());
 }
 
 // Objects, arrays, strings, numbers and booleans, empty or in blanks, are not null.
@@ -90,31 +101,13 @@ TEST_F(JsonReaderTest, BorrowedValueIsNotReleased) {
   json_object_put(object);
 }
 
-// A reader of a null object is_null.
-TEST_F(JsonReaderTest, ReaderMayBorrowNothing) {
-  const json_reader reader(static_cast<json_object *>(nullptr));
-  EXPECT_TRUE(reader.is_null());
-}
-
 // 20 nested arrays are parsed; 1,000,000 give a null reader.
 TEST_F(JsonReaderTest, DeepNestingIsRefusedAndNeverCrashes) {
   EXPECT_FALSE(json_reader(nested_arrays(20).c_str()).is_null());
   EXPECT_TRUE(json_reader(nested_arrays(1000000).c_str()).is_null());
 }
 
-// Null and wrongly typed values.
-
-// All seven questions give 0, null or a null reader.
-TEST_F(JsonReaderTest, NullReaderAnswersEverythingWithNothing) {
-  const json_reader reader("not JSON");
-  EXPECT_EQ(reader.array_length(), 0u);
-  EXPECT_TRUE(reader.at(0).is_null());
-  EXPECT_EQ(reader.string_at(0), nullptr);
-  EXPECT_EQ(reader.int_at(0), 0);
-  EXPECT_TRUE(reader.member("key").is_null());
-  EXPECT_EQ(reader.get_int("key"), 0);
-  EXPECT_EQ(reader.get_string("key"), nullptr);
-}
+// Wrongly typed values.
 
 // A string, numbers and true give 0, null or a null reader to each question.
 TEST_F(JsonReaderTest, ScalarsHaveNeitherElementsNorMembers) {
@@ -122,12 +115,8 @@ TEST_F(JsonReaderTest, ScalarsHaveNeitherElementsNorMembers) {
     SCOPED_TRACE(text);
     const json_reader reader(text);
     EXPECT_EQ(reader.array_length(), 0u);
-    EXPECT_TRUE(reader.at(0).is_null());
-    EXPECT_EQ(reader.string_at(0), nullptr);
-    EXPECT_EQ(reader.int_at(0), 0);
-    EXPECT_TRUE(reader.member("text").is_null());
-    EXPECT_EQ(reader.get_int("text"), 0);
-    EXPECT_EQ(reader.get_string("text"), nullptr);
+    expect_no_elements(reader);
+    expect_no_member(reader, "text");
   }
 }
 
@@ -135,14 +124,10 @@ TEST_F(JsonReaderTest, ScalarsHaveNeitherElementsNorMembers) {
 TEST_F(JsonReaderTest, ObjectIsNoArrayAndArrayNoObject) {
   const json_reader object(R"({"0":1})");
   EXPECT_EQ(object.array_length(), 0u);
-  EXPECT_TRUE(object.at(0).is_null());
-  EXPECT_EQ(object.string_at(0), nullptr);
-  EXPECT_EQ(object.int_at(0), 0);
+  expect_no_elements(object);
   const json_reader array(R"(["a"])");
-  EXPECT_TRUE(array.member("a").is_null());
-  EXPECT_TRUE(array.member("0").is_null());
-  EXPECT_EQ(array.get_int("0"), 0);
-  EXPECT_EQ(array.get_string("0"), nullptr);
+  expect_no_member(array, "a");
+  expect_no_member(array, "0");
 }
 
 // Arrays.
@@ -157,11 +142,8 @@ TEST_F(JsonReaderTest, ArrayLengthCountsEveryElement) {
 TEST_F(JsonReaderTest, IndexAtOrAboveTheLengthGivesNothing) {
   const json_reader reader(R"(["a","b"])");
   EXPECT_FALSE(reader.at(1).is_null());
-  for (const std::size_t index : {std::size_t{2}, std::size_t{3}, SIZE_MAX}) {
-    EXPECT_TRUE(reader.at(index).is_null());
-    EXPECT_EQ(reader.string_at(index), nullptr);
-    EXPECT_EQ(reader.int_at(index), 0);
-  }
+  for (const std::size_t index : {std::size_t{2}, std::size_t{3}, SIZE_MAX})
+    expect_no_elements(reader, index);
 }
 
 // Readers of elements answer, and only the parsing one calls json_object_put.
@@ -211,67 +193,48 @@ TEST_F(JsonReaderTest, NumbersOfElementsAreConverted) {
 
 // Members.
 
-// Members of members answer, missing ones are null readers, and json_object_put is called once.
+// Members of members answer, missing and null ones are null readers; json_object_put comes once.
 TEST_F(JsonReaderTest, MemberIsBorrowed) {
   {
-    const json_reader reader(R"({"a":{"b":{"c":"deep"}}})");
+    const json_reader reader(R"({"a":{"b":{"c":"deep"}},"null":null})");
     EXPECT_EQ(get_string(reader.member("a").member("b"), "c"), "deep");
     EXPECT_TRUE(reader.member("b").is_null());
+    EXPECT_TRUE(reader.member("null").is_null());
     EXPECT_TRUE(reader.member("missing").member("b").is_null());
   }
   EXPECT_THAT(wrapped_json::record(), ElementsAre("put"));
-}
-
-// member("a") of {"a":null} is_null.
-TEST_F(JsonReaderTest, MemberThatIsJsonNullIsANullReader) {
-  EXPECT_TRUE(json_reader(R"({"a":null})").member("a").is_null());
 }
 
 // "42" is 42, true is 1, -3000000000 is -2147483648; a missing key and null are 0.
 TEST_F(JsonReaderTest, NumbersOfMembersAreConverted) {
   const json_reader reader(
       R"({"int":5,"min":-3000000000,"text":"42","bad":"x","null":null,"object":{},"true":true})");
-  EXPECT_EQ(reader.get_int("int"), 5);
-  EXPECT_EQ(reader.get_int("min"), INT32_MIN);
-  EXPECT_EQ(reader.get_int("text"), 42);
-  EXPECT_EQ(reader.get_int("bad"), 0);
-  EXPECT_EQ(reader.get_int("null"), 0);
-  EXPECT_EQ(reader.get_int("object"), 0);
-  EXPECT_EQ(reader.get_int("true"), 1);
-  EXPECT_EQ(reader.get_int("missing"), 0);
+  const std::pair<const char *, int> expected[] = {{"int", 5},  {"min", INT32_MIN}, {"text", 42},
+                                                   {"bad", 0},  {"null", 0},        {"object", 0},
+                                                   {"true", 1}, {"missing", 0}};
+  for (const auto &[key, number] : expected)
+    EXPECT_EQ(reader.get_int(key), number) << key;
 }
 
-// 12 is "12", [1,2] is "[ 1, 2 ]", "" is ""; a missing key and null are null.
+// 12 is "12", [1,2] "[ 1, 2 ]", "" is ""; missing and null are null; no copy is made.
 TEST_F(JsonReaderTest, StringsOfMembersAreTheirTextOrTheirJson) {
   const json_reader reader(
       R"({"text":"x","empty":"","number":12,"real":1.5,"true":true,"null":null,"list":[1,2]})");
-  EXPECT_EQ(get_string(reader, "text"), "x");
-  EXPECT_EQ(get_string(reader, "empty"), "");
-  EXPECT_EQ(get_string(reader, "number"), "12");
-  EXPECT_EQ(get_string(reader, "real"), "1.5");
-  EXPECT_EQ(get_string(reader, "true"), "true");
-  EXPECT_EQ(get_string(reader, "list"), "[ 1, 2 ]");
-  EXPECT_EQ(get_string(reader, "null"), "<null>");
-  EXPECT_EQ(get_string(reader, "missing"), "<null>");
+  const std::pair<const char *, const char *> expected[] = {
+      {"text", "x"},    {"empty", ""},        {"number", "12"},   {"real", "1.5"},
+      {"true", "true"}, {"list", "[ 1, 2 ]"}, {"null", "<null>"}, {"missing", "<null>"}};
+  for (const auto &[key, text] : expected)
+    EXPECT_EQ(get_string(reader, key), text) << key;
+  EXPECT_EQ(reader.get_string("text"), reader.get_string("text"));
 }
 
-// get_string returns the same pointer twice: no copy is made.
-TEST_F(JsonReaderTest, MembersStringIsPartOfTheObject) {
-  const json_reader reader(R"({"a":"text"})");
-  EXPECT_EQ(reader.get_string("a"), reader.get_string("a"));
-}
-
-// "service" does not find "Service"; the empty key finds its own member.
-TEST_F(JsonReaderTest, KeysAreCompared) {
-  const json_reader reader(R"({"Service":"upper","":"no name"})");
+// "service" does not find "Service", "" finds its own; {"a":"first","a":"last"} answers "last".
+TEST_F(JsonReaderTest, KeysAreComparedAndTheLastOfTwoEqualOnesCounts) {
+  const json_reader reader(R"({"Service":"upper","":"no name","a":"first","a":"last"})");
   EXPECT_EQ(get_string(reader, "service"), "<null>");
   EXPECT_EQ(get_string(reader, "Service"), "upper");
   EXPECT_EQ(get_string(reader, ""), "no name");
-}
-
-// {"a":"first","a":"last"} answers "last".
-TEST_F(JsonReaderTest, LastOfTwoEqualKeysCounts) {
-  EXPECT_EQ(get_string(json_reader(R"({"a":"first","a":"last"})"), "a"), "last");
+  EXPECT_EQ(get_string(reader, "a"), "last");
 }
 
 // UTF-8 in the text and the escape \u00e4 both give the bytes C3 A4.

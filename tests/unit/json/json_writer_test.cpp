@@ -17,24 +17,35 @@ using testing::HasSubstr;
 using testing::Not;
 using wrapped_json::call;
 
-class JsonWriterTest : public testing::Test {
-protected:
-  JsonWriterTest() { wrapped_json::reset(); }
-  ~JsonWriterTest() override { wrapped_json::reset(); }
-};
-
 /// A root without members of its own.
 class empty_root : public json_writer {
 public:
   empty_root() : json_writer("", "", "", "") {}
 };
 
+class JsonWriterTest : public testing::Test {
+protected:
+  JsonWriterTest() { wrapped_json::reset(); }
+  ~JsonWriterTest() override { wrapped_json::reset(); }
+
+  empty_root root;
+};
+
+/// The root has a list.
+class JsonArrayWriterTest : public JsonWriterTest {
+protected:
+  void add_object() { json_writer::child_object(list, "ignored"); }
+  void add_array() { json_writer::child_array(list, "ignored"); }
+
+  json_writer list = json_writer::child_array(root, "list");
+};
+
 // The root message.
 
 // They are "version", "service", "cmd" and "ap-mac", whatever the order of the arguments.
 TEST_F(JsonWriterTest, RootHasItsMembersInFixedOrder) {
-  json_writer root("the service", "the cmd", "the mac", "the version");
-  EXPECT_STREQ(root.to_string(),
+  json_writer full("the service", "the cmd", "the mac", "the version");
+  EXPECT_STREQ(full.to_string(),
                R"({ "version": "the version", "service": "the service", "cmd": "the cmd", )"
                R"("ap-mac": "the mac" })");
 }
@@ -49,14 +60,14 @@ TEST_F(JsonWriterTest, EmptyValueLeavesItsKeyOut) {
                R"({ "version": "v", "service": "s", "ap-mac": "m" })");
   EXPECT_STREQ(json_writer("internal-ipc", "connected", "", "2.0").to_string(),
                R"({ "version": "2.0", "service": "internal-ipc", "cmd": "connected" })");
-  EXPECT_STREQ(empty_root().to_string(), "{ }");
+  EXPECT_STREQ(root.to_string(), "{ }");
 }
 
 // json_object_put is called for the root alone, not for its child.
 TEST_F(JsonWriterTest, RootReleasesItsTreeOnce) {
   {
-    empty_root root;
-    json_writer child = json_writer::child_array(root, "list");
+    empty_root released;
+    json_writer child = json_writer::child_array(released, "list");
     child.add_int("", 1);
   }
   EXPECT_THAT(wrapped_json::record(), ElementsAre("object_add list", "array_put 0", "put"));
@@ -64,33 +75,19 @@ TEST_F(JsonWriterTest, RootReleasesItsTreeOnce) {
 
 // Members.
 
-// "z", "a" and "empty" stay in this order, and an empty string value is kept.
+// "z", "a", "empty" in this order; the extreme numbers are kept; a quote, \ and \n get a backslash.
 TEST_F(JsonWriterTest, MembersAppearInTheOrderOfTheirAddition) {
-  empty_root root;
-  root.add_string("z", "last letter");
+  root.add_string("z", "\"\\\n%s");
   root.add_int("a", -1);
   root.add_string("empty", "");
-  EXPECT_STREQ(root.to_string(), R"({ "z": "last letter", "a": -1, "empty": "" })");
-}
-
-// 2147483647 and -2147483648 come out as they are.
-TEST_F(JsonWriterTest, ExtremeNumbersAreKept) {
-  empty_root root;
   root.add_int("max", INT_MAX);
   root.add_int("min", INT_MIN);
-  EXPECT_STREQ(root.to_string(), R"({ "max": 2147483647, "min": -2147483648 })");
-}
-
-// A quote, a backslash and a line end get a backslash, "%s" stays.
-TEST_F(JsonWriterTest, TextIsEscaped) {
-  empty_root root;
-  root.add_string("a", "\"\\\n%s");
-  EXPECT_STREQ(root.to_string(), R"({ "a": "\"\\\n%s" })");
+  EXPECT_STREQ(root.to_string(), R"({ "z": "\"\\\n%s", "a": -1, "empty": "", )"
+                                 R"("max": 2147483647, "min": -2147483648 })");
 }
 
 // "a" as "old" and then as 2 gives { "a": 2 }.
 TEST_F(JsonWriterTest, SecondValueOfAKeyReplacesTheFirst) {
-  empty_root root;
   root.add_string("a", "old");
   root.add_int("a", 2);
   EXPECT_STREQ(root.to_string(), R"({ "a": 2 })");
@@ -98,7 +95,6 @@ TEST_F(JsonWriterTest, SecondValueOfAKeyReplacesTheFirst) {
 
 // Changing key and value after add_string changes nothing in the text.
 TEST_F(JsonWriterTest, StringArgumentsAreCopied) {
-  empty_root root;
   std::string key = "key";
   std::string value = "value";
   root.add_string(key.c_str(), value.c_str());
@@ -109,60 +105,33 @@ TEST_F(JsonWriterTest, StringArgumentsAreCopied) {
 
 // Children.
 
-// An array "list" and an object "inner" appear with what is added to them later.
-TEST_F(JsonWriterTest, ChildrenBecomeMembersOfAnObject) {
-  empty_root root;
-  json_writer list = json_writer::child_array(root, "list");
+// An array and an object appear with what is added to them later; true makes [ ], false { }.
+TEST_F(JsonArrayWriterTest, ChildrenBecomeMembersOfAnObject) {
   json_writer inner = json_writer::child_object(root, "inner");
+  json_writer flagged_list(true, root, "true");
+  json_writer flagged_object(false, root, "false");
   list.add_string("ignored", "a");
   list.add_int("ignored", 2);
   inner.add_string("key", "value");
-  EXPECT_STREQ(root.to_string(), R"({ "list": [ "a", 2 ], "inner": { "key": "value" } })");
+  EXPECT_STREQ(root.to_string(), R"({ "list": [ "a", 2 ], "inner": { "key": "value" }, )"
+                                 R"("true": [ ], "false": { } })");
 }
 
-// true makes [ ], false makes { }.
-TEST_F(JsonWriterTest, FlagChoosesBetweenArrayAndObject) {
-  empty_root root;
-  json_writer list(true, root, "list");
-  json_writer inner(false, root, "inner");
-  EXPECT_STREQ(root.to_string(), R"({ "list": [ ], "inner": { } })");
-}
-
-// An object and an array in an array come in call order and without their keys.
-TEST_F(JsonWriterTest, ChildrenOfAnArrayAreAppendedAndTheirKeyIgnored) {
-  empty_root root;
-  json_writer list = json_writer::child_array(root, "list");
+// They nest in call order without their keys; a child's to_string has no root around it.
+TEST_F(JsonArrayWriterTest, ChildrenOfAnArrayAreAppendedAndTheirKeyIgnored) {
   json_writer object = json_writer::child_object(list, "ignored");
   json_writer array = json_writer::child_array(list, "ignored");
-  object.add_int("a", 1);
+  json_writer inner = json_writer::child_array(object, "2");
+  json_writer::child_object(inner, "").add_int("n", 3);
   array.add_int("", 2);
-  EXPECT_STREQ(root.to_string(), R"({ "list": [ { "a": 1 }, [ 2 ] ] })");
-}
-
-// An object in an array in an object in the root holds its number.
-TEST_F(JsonWriterTest, ChildrenNestDeeply) {
-  empty_root root;
-  json_writer first = json_writer::child_object(root, "1");
-  json_writer second = json_writer::child_array(first, "2");
-  json_writer third = json_writer::child_object(second, "");
-  third.add_int("n", 3);
-  EXPECT_STREQ(root.to_string(), R"({ "1": { "2": [ { "n": 3 } ] } })");
-}
-
-// to_string of a child array is "[ 1 ]", without the root around it.
-TEST_F(JsonWriterTest, ChildSerialisesItsOwnPart) {
-  empty_root root;
-  json_writer list = json_writer::child_array(root, "list");
-  list.add_int("", 1);
-  EXPECT_STREQ(list.to_string(), "[ 1 ]");
+  EXPECT_STREQ(list.to_string(), R"([ { "2": [ { "n": 3 } ] }, [ 2 ] ])");
+  EXPECT_STREQ(root.to_string(), R"({ "list": [ { "2": [ { "n": 3 } ] }, [ 2 ] ] })");
 }
 
 // Values go to the next slot and children to the end, so the two do not follow the call order.
 
 // Strings and numbers go to the slots 0, 1 and 2, each with json_object_array_put_idx.
-TEST_F(JsonWriterTest, ValuesFillSlotsFromTheFront) {
-  empty_root root;
-  json_writer list = json_writer::child_array(root, "list");
+TEST_F(JsonArrayWriterTest, ValuesFillSlotsFromTheFront) {
   list.add_string("", "0");
   list.add_int("", 1);
   list.add_string("", "2");
@@ -171,70 +140,44 @@ TEST_F(JsonWriterTest, ValuesFillSlotsFromTheFront) {
               ElementsAre("object_add list", "array_put 0", "array_put 1", "array_put 2"));
 }
 
-// A value and then an object give [ 0, { } ].
-TEST_F(JsonWriterTest, ChildAfterAValueComesBehindIt) {
-  empty_root root;
-  json_writer list = json_writer::child_array(root, "list");
+// [ 0, { } ], then a value takes slot 1; each next value takes the slot behind the last value's.
+TEST_F(JsonArrayWriterTest, ValueAfterAChildTakesTheChildsSlot) {
   list.add_int("", 0);
-  json_writer child = json_writer::child_object(list, "");
+  add_object();
   EXPECT_STREQ(list.to_string(), "[ 0, { } ]");
-}
-
-// After a value and a container the next value replaces the container at slot 1.
-TEST_F(JsonWriterTest, ValueAfterAChildTakesTheChildsSlot) {
-  empty_root root;
-  json_writer list = json_writer::child_array(root, "list");
-  list.add_int("", 0);
-  { const json_writer child = json_writer::child_object(list, ""); }
   list.add_int("", 1);
   EXPECT_STREQ(list.to_string(), "[ 0, 1 ]");
-  { const json_writer child = json_writer::child_array(list, ""); }
+  add_array();
   EXPECT_STREQ(list.to_string(), "[ 0, 1, [ ] ]");
-  list.add_int("", 2);
+  list.add_string("", "2");
   list.add_int("", 3);
-  EXPECT_STREQ(list.to_string(), "[ 0, 1, 2, 3 ]");
-}
-
-// Two values, a container and a value: the slots 0 and 1, an append, then slot 2, where it stands.
-TEST_F(JsonWriterTest, ChildContainersDoNotAdvanceTheNextSlot) {
-  empty_root root;
-  json_writer list = json_writer::child_array(root, "list");
-  list.add_int("", 0);
-  list.add_string("", "1");
-  { const json_writer child = json_writer::child_array(list, ""); }
-  EXPECT_STREQ(list.to_string(), R"([ 0, "1", [ ] ])");
-  list.add_int("", 2);
-  EXPECT_STREQ(list.to_string(), R"([ 0, "1", 2 ])");
-  EXPECT_THAT(wrapped_json::record(), ElementsAre("object_add list", "array_put 0", "array_put 1",
-                                                  "array_add", "array_put 2"));
+  EXPECT_STREQ(list.to_string(), R"([ 0, 1, "2", 3 ])");
+  EXPECT_THAT(wrapped_json::record(),
+              ElementsAre("object_add list", "array_put 0", "array_add", "array_put 1", "array_add",
+                          "array_put 2", "array_put 3"));
 }
 
 // A container in front of every value is appended at index 0, and the first value replaces it.
-TEST_F(JsonWriterTest, FirstValueTakesTheSlotOfAContainerBeforeIt) {
-  empty_root root;
-  json_writer list = json_writer::child_array(root, "list");
-  { const json_writer child = json_writer::child_object(list, ""); }
-  { const json_writer child = json_writer::child_object(list, ""); }
+TEST_F(JsonArrayWriterTest, FirstValueTakesTheSlotOfAContainerBeforeIt) {
+  add_object();
+  add_object();
   list.add_int("", 7);
   EXPECT_STREQ(list.to_string(), "[ 7, { } ]");
 }
 
 // Values of an inner array start at its slot 0, whatever slot the outer one has reached.
-TEST_F(JsonWriterTest, EveryArrayCountsItsOwnSlots) {
-  empty_root root;
-  json_writer outer = json_writer::child_array(root, "outer");
-  outer.add_int("", 1);
-  json_writer inner = json_writer::child_array(outer, "");
+TEST_F(JsonArrayWriterTest, EveryArrayCountsItsOwnSlots) {
+  list.add_int("", 1);
+  json_writer inner = json_writer::child_array(list, "");
   inner.add_int("", 2);
   inner.add_int("", 3);
-  EXPECT_STREQ(root.to_string(), R"({ "outer": [ 1, [ 2, 3 ] ] })");
+  EXPECT_STREQ(root.to_string(), R"({ "list": [ 1, [ 2, 3 ] ] })");
 }
 
 // Serialising.
 
 // to_string gives "{ }", with a member added that member, and the same again when called twice.
 TEST_F(JsonWriterTest, EveryTextIsAFreshOneOfThePresentState) {
-  empty_root root;
   EXPECT_STREQ(root.to_string(), "{ }");
   root.add_int("a", 1);
   EXPECT_STREQ(root.to_string(), R"({ "a": 1 })");
@@ -244,14 +187,14 @@ TEST_F(JsonWriterTest, EveryTextIsAFreshOneOfThePresentState) {
 // Two calls make two copies with strdup, of which one is alive; none is after the writer's end.
 TEST_F(JsonWriterTest, EveryTextFreesTheOneBeforeAndTheLastGoesWithTheWriter) {
   {
-    empty_root root;
-    json_writer list = json_writer::child_array(root, "list");
-    root.to_string();
+    empty_root writer;
+    json_writer child = json_writer::child_array(writer, "list");
+    writer.to_string();
     EXPECT_EQ(wrapped_json::texts_alive(), 1u);
-    root.to_string();
+    writer.to_string();
     EXPECT_EQ(wrapped_json::texts_made(), 2u);
     EXPECT_EQ(wrapped_json::texts_alive(), 1u);
-    list.to_string();
+    child.to_string();
     EXPECT_EQ(wrapped_json::texts_alive(), 2u);
   }
   EXPECT_EQ(wrapped_json::texts_made(), 3u);
@@ -260,7 +203,6 @@ TEST_F(JsonWriterTest, EveryTextFreesTheOneBeforeAndTheLastGoesWithTheWriter) {
 
 // When strdup fails to_string is null, and at the next call "{ }".
 TEST_F(JsonWriterTest, TextWithoutMemoryIsNullAndTheNextOneWhole) {
-  empty_root root;
   root.to_string();
   wrapped_json::fail(call::copy_text);
   EXPECT_EQ(root.to_string(), nullptr);
@@ -272,10 +214,10 @@ TEST_F(JsonWriterTest, TextWithoutMemoryIsNullAndTheNextOneWhole) {
 // Without an object nothing is ever added, and the text is "null".
 TEST_F(JsonWriterTest, RootThatCannotBeMadeTakesNothing) {
   wrapped_json::fail(call::new_object);
-  json_writer root("s", "c", "m", "v");
-  root.add_string("a", "b");
-  root.add_int("c", 1);
-  EXPECT_STREQ(root.to_string(), "null");
+  json_writer failed("s", "c", "m", "v");
+  failed.add_string("a", "b");
+  failed.add_int("c", 1);
+  EXPECT_STREQ(failed.to_string(), "null");
   EXPECT_THAT(wrapped_json::record(), Not(Contains(HasSubstr("add"))));
 }
 
@@ -284,7 +226,6 @@ TEST_F(JsonWriterTest, MemberThatCannotBeMadeIsMissing) {
   wrapped_json::fail(call::new_string, 2);
   EXPECT_STREQ(json_writer("s", "c", "m", "v").to_string(),
                R"({ "version": "v", "cmd": "c", "ap-mac": "m" })");
-  empty_root root;
   wrapped_json::fail(call::new_int);
   root.add_int("lost", 1);
   root.add_int("kept", 2);
@@ -293,7 +234,6 @@ TEST_F(JsonWriterTest, MemberThatCannotBeMadeIsMissing) {
 
 // A failed json_object_object_add is followed by json_object_put of its value.
 TEST_F(JsonWriterTest, MemberThatCannotBeAttachedIsMissingAndReleased) {
-  empty_root root;
   wrapped_json::fail(call::object_add);
   root.add_string("lost", "1");
   EXPECT_THAT(wrapped_json::record(), ElementsAre("object_add lost", "put"));
@@ -302,9 +242,7 @@ TEST_F(JsonWriterTest, MemberThatCannotBeAttachedIsMissingAndReleased) {
 }
 
 // It is released, and the next value takes its slot; one that cannot be made is never put.
-TEST_F(JsonWriterTest, ValueThatDoesNotReachItsArrayLeavesItsSlotToTheNext) {
-  empty_root root;
-  json_writer list = json_writer::child_array(root, "list");
+TEST_F(JsonArrayWriterTest, ValueThatDoesNotReachItsArrayLeavesItsSlotToTheNext) {
   wrapped_json::fail(call::array_put);
   list.add_string("", "lost");
   wrapped_json::fail(call::new_int);
@@ -317,7 +255,6 @@ TEST_F(JsonWriterTest, ValueThatDoesNotReachItsArrayLeavesItsSlotToTheNext) {
 
 // A failed new array and new object leave the root "{ }"; adding to them does nothing.
 TEST_F(JsonWriterTest, ChildThatCannotBeMadeIsMissingAndTakesNothing) {
-  empty_root root;
   wrapped_json::fail(call::new_array);
   wrapped_json::fail(call::new_object);
   json_writer list = json_writer::child_array(root, "list");
@@ -331,18 +268,17 @@ TEST_F(JsonWriterTest, ChildThatCannotBeMadeIsMissingAndTakesNothing) {
 // Children and grandchildren of a null root take values, and the text is "null".
 TEST_F(JsonWriterTest, ChildOfAParentThatCouldNotBeMadeIsHarmless) {
   wrapped_json::fail(call::new_object);
-  empty_root root;
-  json_writer list = json_writer::child_array(root, "list");
-  json_writer inner = json_writer::child_object(list, "");
-  list.add_int("", 1);
+  empty_root failed;
+  json_writer child = json_writer::child_array(failed, "list");
+  json_writer inner = json_writer::child_object(child, "");
+  child.add_int("", 1);
   inner.add_int("a", 1);
-  EXPECT_STREQ(root.to_string(), "null");
+  EXPECT_STREQ(failed.to_string(), "null");
 }
 
 // A failed attachment to an object or an array leaves the child out and releases it at once.
 // What is added to such a child goes the same way.
 TEST_F(JsonWriterTest, ChildThatCannotBeAttachedIsReleasedAndHarmless) {
-  empty_root root;
   wrapped_json::fail(call::object_add);
   json_writer list = json_writer::child_array(root, "list");
   list.add_int("", 1);
