@@ -1,4 +1,4 @@
-/// A module on the bus for the program's tests, and a way to run the program.
+/// A module on the bus for the program's tests.
 #ifndef VEMK_TESTS_VEMKCTL_FAKE_MODULE_H
 #define VEMK_TESTS_VEMKCTL_FAKE_MODULE_H
 

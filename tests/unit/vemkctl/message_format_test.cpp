@@ -12,6 +12,10 @@ std::string text(std::string_view message) {
   return format_message(message, message_format::text, 2);
 }
 
+std::string hex(std::string_view message) {
+  return format_message(message, message_format::hex, 2);
+}
+
 std::string json(std::string_view message) {
   return format_message(message, message_format::json, 2);
 }
@@ -42,18 +46,15 @@ TEST(TextFormatTest, LeavesUtf8WithSuchBytesInside) {
 
 // After an overlong form, a surrogate or a cut sequence such a byte stands alone.
 TEST(TextFormatTest, EscapesSuchBytesInBrokenUtf8) {
-  EXPECT_EQ(text("\xc1\x9b"), "\xc1\\x9b");
-  EXPECT_EQ(text("\xe0\x82\x9b"), "\xe0\\x82\\x9b");
-  EXPECT_EQ(text("\xed\xa0\x80"), "\xed\xa0\\x80");
-  EXPECT_EQ(text("\xe2\x9bm"), "\xe2\\x9bm");
-  EXPECT_EQ(text("\xc3\xc2\x9b"), "\xc3\\xc2\\x9b");
+  EXPECT_EQ(text("\xc1\x9b \xe0\x82\x9b \xed\xa0\x80"), "\xc1\\x9b \xe0\\x82\\x9b \xed\xa0\\x80");
+  EXPECT_EQ(text("\xe2\x9bm \xc3\xc2\x9b"), "\xe2\\x9bm \xc3\\xc2\\x9b");
   EXPECT_EQ(text("\xff\x9b\xf0\x9f"), "\xff\\x9b\xf0\\x9f");
 }
 
 // "000fa5ff" for four bytes, nothing for none.
 TEST(HexFormatTest, WritesTwoLowerCaseDigitsAByte) {
-  EXPECT_EQ(format_message(std::string("\0\x0f\xa5\xff", 4), message_format::hex, 2), "000fa5ff");
-  EXPECT_EQ(format_message("", message_format::hex, 2), "");
+  EXPECT_EQ(hex(std::string("\0\x0f\xa5\xff", 4)), "000fa5ff");
+  EXPECT_EQ(hex(""), "");
 }
 
 // "from", "length" in bytes and "text" with JSON's escapes, NUL as \u0000.
@@ -73,13 +74,9 @@ TEST(JsonFormatTest, EscapesC1ControlCharacters) {
             "{\"from\":2,\"length\":5,\"text\":\"\xc3\x9b\xe2\x82\xac\"}");
 }
 
-// Bytes that are no UTF-8 are "hex" instead of "text".
-TEST(JsonFormatTest, HoldsOtherBytesAsHex) {
+// Bytes that are no UTF-8 are "hex" instead of "text"; module 7 is "from":7.
+TEST(JsonFormatTest, HoldsOtherBytesAsHexAndNamesTheSendersModule) {
   EXPECT_EQ(json("a\xff"), R"({"from":2,"length":2,"hex":"61ff"})");
-}
-
-// Module 7 is "from":7.
-TEST(JsonFormatTest, NamesTheSendersModule) {
   EXPECT_EQ(format_message("x", message_format::json, 7), R"({"from":7,"length":1,"text":"x"})");
 }
 
@@ -87,23 +84,17 @@ TEST(JsonFormatTest, NamesTheSendersModule) {
 TEST(Utf8Test, AcceptsTheBoundsOfEachLength) {
   for (const char *valid : {"", "\x7f", "\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf",
                             "\xee\x80\x80", "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"})
-    EXPECT_TRUE(is_utf8(valid)) << format_message(valid, message_format::hex, 2);
+    EXPECT_TRUE(is_utf8(valid)) << hex(valid);
   EXPECT_TRUE(is_utf8(std::string_view("\0", 1)));
 }
 
-// Lone continuation, overlong, surrogate and beyond U+10FFFF are no UTF-8.
-TEST(Utf8Test, RefusesOverlongFormsSurrogatesAndWhatLiesBeyond) {
+// Lone continuation, overlong, surrogate, beyond U+10FFFF, and two to four bytes without their end.
+TEST(Utf8Test, RefusesWhatIsNoSequence) {
   for (const char *invalid :
        {"\x80", "\xbf", "\xc0\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xed\xbf\xbf",
-        "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xff"})
-    EXPECT_FALSE(is_utf8(invalid)) << format_message(invalid, message_format::hex, 2);
-}
-
-// Two, three and four-byte sequences without their end, or with another byte in it.
-TEST(Utf8Test, RefusesSequencesCutShort) {
-  for (const char *invalid : {"\xc2", "\xc2g", "\xe2\x82", "\xe2\x82g", "\xf0\x9f\x98",
-                              "\xf0\x9f\x98g", "a\xe2", "\xc2\xc2\x80"})
-    EXPECT_FALSE(is_utf8(invalid)) << format_message(invalid, message_format::hex, 2);
+        "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xff", "\xc2", "\xc2g",
+        "\xe2\x82", "\xe2\x82g", "\xf0\x9f\x98", "\xf0\x9f\x98g", "a\xe2", "\xc2\xc2\x80"})
+    EXPECT_FALSE(is_utf8(invalid)) << hex(invalid);
 }
 
 // "connected" is true and "disconnected" false, whatever the order of the members.

@@ -10,7 +10,9 @@
 #include <sys/stat.h>
 
 #include "fake_module.h"
+#include "fakes/temporary_folder.h"
 #include "program_run.h"
+#include "support/status_texts.h"
 
 namespace vemk {
 namespace {
@@ -22,11 +24,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-constexpr char connected[] =
-    R"({ "version": "2.0", "service": "internal-ipc", "cmd": "connected" })";
-constexpr char disconnected[] =
-    R"({ "version": "2.0", "service": "internal-ipc", "cmd": "disconnected" })";
-
 std::vector<std::string> silence(const std::string &) {
   return {};
 }
@@ -36,17 +33,22 @@ std::vector<std::string> echo(const std::string &message) {
 
 class VemkctlProgramTest : public ::testing::Test {
 protected:
-  void SetUp() override {
-    char name[] = "/tmp/vemk-ctl-XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    folder = name;
-    bus = folder + "/bus";
-    setenv("MODULE_BUS_DIR", bus.c_str(), 1);
+  VemkctlProgramTest() { setenv("MODULE_BUS_DIR", bus.c_str(), 1); }
+  ~VemkctlProgramTest() override { unsetenv("MODULE_BUS_DIR"); }
+
+  /// Of a run that says one thing at most and prints this.
+  void expect_end(const std::vector<std::string> &arguments, int status,
+                  const testing::Matcher<std::string> &note, const std::string &output = "") const {
+    program_run run(folder, arguments);
+    EXPECT_THAT(run.next_note(), note);
+    EXPECT_EQ(run.next_note(), "");
+    EXPECT_EQ(run.exit_status(), status) << arguments.front();
+    EXPECT_EQ(run.output(), output);
   }
 
-  void TearDown() override {
-    unsetenv("MODULE_BUS_DIR");
-    std::filesystem::remove_all(folder);
+  /// "vemkctl: module 2 in ...".
+  std::string module_2(const std::string &before, const std::string &after) const {
+    return "vemkctl: " + before + "module 2 in " + bus + after;
   }
 
   /// As a module leaves it behind.
@@ -67,14 +69,15 @@ protected:
   std::string printed(const std::string &format, const std::string &message) {
     fake_module module(echo);
     program_run listener(folder, {"listen", "--count", "1", "--format", format});
-    EXPECT_EQ(listener.next_note(), "vemkctl: listening to module 2 in " + bus);
+    EXPECT_EQ(listener.next_note(), module_2("listening to ", ""));
     EXPECT_EQ(program_run(folder, {"send", "-"}, message).exit_status(), 0);
     EXPECT_EQ(listener.exit_status(), 0);
     return listener.output();
   }
 
-  std::string folder;
-  std::string bus;
+  const temporary_folder temporary;
+  const std::string folder = temporary.path();
+  const std::string bus = temporary.file("bus");
 };
 
 // A text with a line feed is one message; the empty text is one of 0 bytes.
@@ -119,12 +122,9 @@ TEST_F(VemkctlProgramTest, SendRefusesWhatIsLongerThan64Mebibytes) {
 // "did not take it in time" with module and folder, and status 3.
 TEST_F(VemkctlProgramTest, SendSaysSoWhenNobodyTakesTheMessage) {
   make_bus_folder();
-  program_run run(folder, {"send", "--timeout", "0.2", "text"});
-  EXPECT_EQ(run.next_note(), "vemkctl: module 2 in " + bus +
-                                 " did not take it in time; see that the module runs and uses "
-                                 "this bus folder, or name another with --bus DIR or "
-                                 "MODULE_BUS_DIR");
-  EXPECT_EQ(run.exit_status(), 3);
+  expect_end({"send", "--timeout", "0.2", "text"}, 3,
+             module_2("", " did not take it in time; see that the module runs and uses this bus "
+                          "folder, or name another with --bus DIR or MODULE_BUS_DIR"));
 }
 
 // Each says in time that the folder is not there, and how to name another; it is not there then.
@@ -134,28 +134,26 @@ TEST_F(VemkctlProgramTest, NoCommandMakesTheBusFolder) {
       {{"send", "text"}, 3}, {{"rejoin"}, 3}, {{"listen"}, 2}, {{"status"}, 2}};
   for (auto [command, status] : cases) {
     command.insert(command.end(), {"--timeout", "0.1"});
-    program_run run(folder, command);
-    EXPECT_THAT(run.next_note(), StartsWith("vemkctl: bus folder " + bus +
-                                            " is not there; see that the module runs, or name "
-                                            "another with MODULE_BUS_DIR (vemkctl: --bus)"));
-    EXPECT_EQ(run.next_note(), "");
-    EXPECT_EQ(run.exit_status(), status) << command.front();
+    expect_end(command, status,
+               StartsWith("vemkctl: bus folder " + bus +
+                          " is not there; see that the module runs, or name another with "
+                          "MODULE_BUS_DIR (vemkctl: --bus)"));
   }
   EXPECT_FALSE(std::filesystem::exists(bus));
-  program_run quiet(folder, {"listen", "--quiet", "--timeout", "0.1"});
-  EXPECT_EQ(quiet.next_note(), "");
-  EXPECT_EQ(quiet.exit_status(), 2);
+  expect_end({"listen", "--quiet", "--timeout", "0.1"}, 2, IsEmpty());
 }
 
 // Started before there is a folder, each command does its work once a module has made one.
 TEST_F(VemkctlProgramTest, EachCommandWaitsForTheBusFolder) {
-  const auto answer = [](const std::string &) { return std::vector<std::string>{connected}; };
+  const auto answer = [](const std::string &) {
+    return std::vector<std::string>{connected_status};
+  };
   program_run listener(folder, {"listen", "--count", "1", "--timeout", "20"});
   EXPECT_THAT(listener.next_note(), EndsWith("; waiting for it"));
   program_run status(folder, {"status"});
   program_run sender(folder, {"send", "text"});
   fake_module module(answer);
-  EXPECT_EQ(listener.next_note(), "vemkctl: listening to module 2 in " + bus);
+  EXPECT_EQ(listener.next_note(), module_2("listening to ", ""));
   EXPECT_EQ(status.exit_status(), 0);
   EXPECT_EQ(sender.exit_status(), 0);
   // The answers to these two may have come before the listener did.
@@ -175,18 +173,14 @@ TEST_F(VemkctlProgramTest, EachCommandWaitsForTheBusFolder) {
 TEST_F(VemkctlProgramTest, AFolderThatIsOpenToOthersIsRefused) {
   std::filesystem::create_directory(bus);
   std::filesystem::permissions(bus, std::filesystem::perms(0755));
-  for (const char *command : {"listen", "status", "rejoin"}) {
-    program_run run(folder, {command});
-    EXPECT_THAT(run.next_note(), HasSubstr("close it with chmod 700"));
-    EXPECT_EQ(run.exit_status(), 3) << command;
-  }
+  for (const char *command : {"listen", "status", "rejoin"})
+    expect_end({command}, 3, HasSubstr("close it with chmod 700"));
 }
 
 // --bus is used and named, not MODULE_BUS_DIR.
 TEST_F(VemkctlProgramTest, TheFolderOnTheCommandLineGoesBeforeTheEnvironment) {
   const std::string other = folder + "/other";
-  program_run run(folder, {"send", "text", "--timeout", "0.1", "--bus", other});
-  EXPECT_THAT(run.next_note(), HasSubstr(other));
+  expect_end({"send", "text", "--timeout", "0.1", "--bus", other}, 3, HasSubstr(other));
 }
 
 // The same six bytes as text, hex and JSON; bytes that are no UTF-8 as JSON's "hex".
@@ -202,18 +196,13 @@ TEST_F(VemkctlProgramTest, ListenPrintsEachFormat) {
 // After 0.3 s without a message: status 2, no output, and no note with --quiet.
 TEST_F(VemkctlProgramTest, ListenEndsWithTwoWhenTheTimeIsUp) {
   fake_module module(silence);
-  program_run run(folder, {"listen", "--timeout", "0.3", "--quiet"});
-  EXPECT_EQ(run.next_note(), "");
-  EXPECT_EQ(run.exit_status(), 2);
-  EXPECT_EQ(run.output(), "");
+  expect_end({"listen", "--timeout", "0.3", "--quiet"}, 2, IsEmpty());
 }
 
 // "module 2 in FOLDER was not on the bus" and status 2.
 TEST_F(VemkctlProgramTest, ListenSaysThatTheModuleWasNotThere) {
   make_bus_folder();
-  program_run run(folder, {"listen", "--timeout", "0.2"});
-  EXPECT_THAT(run.next_note(), StartsWith("vemkctl: module 2 in " + bus + " was not on the bus"));
-  EXPECT_EQ(run.exit_status(), 2);
+  expect_end({"listen", "--timeout", "0.2"}, 2, StartsWith(module_2("", " was not on the bus")));
 }
 
 // On /dev/full: "cannot write to standard output: No space ..." and status 4.
@@ -239,13 +228,12 @@ TEST_F(VemkctlProgramTest, ListenEndsWithASignalInTheDefaultWay) {
 TEST_F(VemkctlProgramTest, StatusTellsConnectedFromDisconnected) {
   for (const bool is_connected : {true, false}) {
     fake_module module([&](const std::string &) {
-      return std::vector<std::string>{is_connected ? connected : disconnected};
+      return std::vector<std::string>{is_connected ? connected_status : disconnected_status};
     });
-    program_run run(folder, {"status"});
-    EXPECT_EQ(run.exit_status(), is_connected ? 0 : 1);
-    EXPECT_EQ(run.output(), is_connected ? "connected\n" : "disconnected\n");
+    expect_end({"status"}, is_connected ? 0 : 1, IsEmpty(),
+               is_connected ? "connected\n" : "disconnected\n");
     module.stop();
-    EXPECT_THAT(module.messages, ElementsAre(R"({"service":"internal-ipc","cmd":"status"})"));
+    EXPECT_THAT(module.messages, ElementsAre(status_request));
   }
 }
 
@@ -253,24 +241,18 @@ TEST_F(VemkctlProgramTest, StatusTellsConnectedFromDisconnected) {
 TEST_F(VemkctlProgramTest, StatusIgnoresEverythingButTheAnswer) {
   fake_module module([](const std::string &) {
     return std::vector<std::string>{"traffic", R"({"service":"other","cmd":"disconnected"})",
-                                    std::string("\0\xff", 2), connected};
+                                    std::string("\0\xff", 2), connected_status};
   });
-  program_run run(folder, {"status"});
-  EXPECT_EQ(run.exit_status(), 0);
-  EXPECT_EQ(run.output(), "connected\n");
+  expect_end({"status"}, 0, IsEmpty(), "connected\n");
 }
 
 // A module that does not answer, and none at all: "no answer from module 2" and status 2.
 TEST_F(VemkctlProgramTest, StatusEndsWithTwoWithoutAnAnswer) {
   fake_module module(echo);
-  program_run with_module(folder, {"status", "--timeout", "0.3"});
-  EXPECT_THAT(with_module.next_note(), StartsWith("vemkctl: no answer from module 2 in " + bus));
-  EXPECT_EQ(with_module.exit_status(), 2);
+  const auto note = StartsWith(module_2("no answer from ", ""));
+  expect_end({"status", "--timeout", "0.3"}, 2, note);
   module.stop();
-  program_run without_module(folder, {"status", "--timeout", "0.2"});
-  EXPECT_THAT(without_module.next_note(), StartsWith("vemkctl: no answer from module 2 in " + bus));
-  EXPECT_EQ(without_module.exit_status(), 2);
-  EXPECT_EQ(without_module.output(), "");
+  expect_end({"status", "--timeout", "0.2"}, 2, note);
 }
 
 // On a terminal a missing folder at once, a module after a second; to a pipe the answer alone.
@@ -281,18 +263,19 @@ TEST_F(VemkctlProgramTest, StatusTellsAPersonWhatItWaitsFor) {
                 AllOf(HasSubstr(bus + " is not there"), EndsWith("; waiting for it")));
     EXPECT_THAT(run.next_note(), HasSubstr(bus + " is not there"));
   }
-  ASSERT_EQ(mkdir(bus.c_str(), 0700), 0);
+  make_bus_folder();
   {
     program_run run(folder, {"status", "--timeout", "3"}, "", "", error_stream::terminal);
-    EXPECT_EQ(run.next_note(), "vemkctl: waiting for module 2 in " + bus + " to come onto the bus");
+    EXPECT_EQ(run.next_note(), module_2("waiting for ", " to come onto the bus"));
     EXPECT_THAT(run.next_note(), StartsWith("vemkctl: no answer from module 2"));
   }
   fake_module module([](const std::string &) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1200));
-    return std::vector<std::string>{connected};
+    return std::vector<std::string>{connected_status};
   });
-  const std::string note = "vemkctl: waiting for an answer of module 2 in " + bus +
-                           "; it gives none while it tries to connect, for 20 seconds or more";
+  const std::string note =
+      module_2("waiting for an answer of ",
+               "; it gives none while it tries to connect, for 20 seconds or more");
   for (const auto errors : {error_stream::terminal, error_stream::pipe}) {
     program_run run(folder, {"status"}, "", "", errors);
     EXPECT_EQ(run.next_note(), errors == error_stream::terminal ? note : "");
@@ -304,8 +287,7 @@ TEST_F(VemkctlProgramTest, StatusTellsAPersonWhatItWaitsFor) {
 // The module's loop flag goes to 0 without a message for it; status 0.
 TEST_F(VemkctlProgramTest, RejoinDropsTheModule) {
   fake_module module(silence);
-  program_run run(folder, {"rejoin"});
-  EXPECT_EQ(run.exit_status(), 0);
+  expect_end({"rejoin"}, 0, IsEmpty());
   module.stop();
   EXPECT_TRUE(module.dropped);
   EXPECT_THAT(module.messages, IsEmpty());
@@ -313,18 +295,14 @@ TEST_F(VemkctlProgramTest, RejoinDropsTheModule) {
 
 // Status 0, 1 and 2 for the verdicts, 4 for /dev/full and /dev/null; the bus is not touched.
 TEST_F(VemkctlProgramTest, CheckConfigReportsWithoutABus) {
-  const auto file = [this](const char *name, const std::string &text) {
-    const std::string path = folder + "/" + name;
-    std::ofstream(path) << text;
-    return path;
-  };
   const std::string url = "roam_service_url=ws://192.0.2.7:8080/\n";
   const std::string delays = "initial_connection_delay=2\nmax_connection_delay=60\n";
   const std::pair<std::string, int> cases[] = {
-      {file("good", url + delays), 0},
-      {file("odd", url), 1},
+      {temporary.write("good", url + delays), 0},
+      {temporary.write("odd", url), 1},
       // The daemon's parser would log the scheme.
-      {file("bad", delays + "log_level=15\nroam_service_url=wss://192.0.2.7:8080/\n"), 2},
+      {temporary.write("bad", delays + "log_level=15\nroam_service_url=wss://192.0.2.7:8080/\n"),
+       2},
   };
   for (const auto &[path, status] : cases) {
     program_run run(folder, {"--bus", folder + "/no/such/folder", "check-config", path});
@@ -335,9 +313,8 @@ TEST_F(VemkctlProgramTest, CheckConfigReportsWithoutABus) {
 
   program_run full(folder, {"check-config", cases[0].first}, "", "/dev/full");
   EXPECT_EQ(full.exit_status(), 4);
-  program_run device(folder, {"check-config", "/dev/null"});
-  EXPECT_THAT(device.next_note(), StartsWith("vemkctl: /dev/null is not a regular file"));
-  EXPECT_EQ(device.exit_status(), 4);
+  expect_end({"check-config", "/dev/null"}, 4,
+             StartsWith("vemkctl: /dev/null is not a regular file"));
 }
 
 // Help on standard output, status 0 or 4 on /dev/full; usage errors on the other, status 64.
@@ -346,10 +323,7 @@ TEST_F(VemkctlProgramTest, HelpAndWrongUsageGoWhereTheyBelong) {
   EXPECT_EQ(help.exit_status(), 0);
   EXPECT_THAT(help.output(), HasSubstr("Usage: vemkctl send"));
 
-  program_run usage(folder, {"send"});
-  EXPECT_THAT(usage.next_note(), StartsWith("vemkctl: TEXT is required; see vemkctl --help"));
-  EXPECT_EQ(usage.exit_status(), 64);
-  EXPECT_EQ(usage.output(), "");
+  expect_end({"send"}, 64, StartsWith("vemkctl: TEXT is required; see vemkctl --help"));
 
   program_run full(folder, {"--help"}, "", "/dev/full");
   EXPECT_EQ(full.exit_status(), 4);
