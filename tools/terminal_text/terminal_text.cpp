@@ -51,7 +51,7 @@ std::size_t sequence_length(std::string_view bytes) {
 bool is_control(std::string_view character) {
   const unsigned char first = byte_at(character, 0);
   if (character.size() == 1)
-    return first < 0x20 || (first >= 0x7f && first < 0xa0);
+    return is_ascii_control(character[0]) || (first >= 0x80 && first < 0xa0);
   return first == 0xc2 && byte_at(character, 1) < 0xa0;
 }
 
@@ -75,6 +75,10 @@ void append_escaped(std::string &line, char c) {
 }
 
 } // namespace
+
+bool is_ascii_control(char byte) {
+  return static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f;
+}
 
 std::string on_one_line(std::string_view text) {
   std::string line;

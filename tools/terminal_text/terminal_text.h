@@ -7,6 +7,9 @@
 
 namespace vemk {
 
+/// Below 0x20, or 0x7F.
+bool is_ascii_control(char byte);
+
 /// The text on one line and without terminal controls: control bytes come out as \n, \r, \t or
 /// \xNN. So does each byte of the characters U+0080 to U+009F, in UTF-8 or as single bytes.
 /// Backslashes and all other bytes stay as they are.

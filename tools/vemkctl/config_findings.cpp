@@ -9,6 +9,7 @@
 #include <strings.h>
 #include <utility>
 
+#include "terminal_text/terminal_text.h"
 #include "vemkctl/config_pieces.h"
 #include "vemkctl/value_faults.h"
 
@@ -26,8 +27,9 @@ struct told_once_t {
   bool crlf = false;
 };
 
-bool is_control(char byte) {
-  return (static_cast<unsigned char>(byte) < 0x20 && !is_blank(byte)) || byte == 0x7F;
+/// A text file has none of these.
+bool is_garbage(char byte) {
+  return is_ascii_control(byte) && !is_blank(byte);
 }
 
 std::string lower_case(std::string_view text) {
@@ -115,7 +117,7 @@ private:
   }
 
   void check_bytes(const config_piece_t &piece) {
-    const auto control = std::find_if(piece.bytes.begin(), piece.bytes.end(), is_control);
+    const auto control = std::find_if(piece.bytes.begin(), piece.bytes.end(), is_garbage);
     if (control != piece.bytes.end() && !std::exchange(told.control_byte, true)) {
       const bool is_nul = *control == '\0';
       add(piece.line, is_nul ? "a NUL byte hides the rest of the line; see that this is a text file"
@@ -146,8 +148,8 @@ private:
         return check_value(piece.line, static_cast<config_key>(i),
                            without_line_end(seen.substr(key.size())));
     }
-    const bool is_garbage = std::any_of(piece.bytes.begin(), piece.bytes.end(), is_control);
-    if (!piece.continues && !is_garbage)
+    const bool has_garbage = std::any_of(piece.bytes.begin(), piece.bytes.end(), is_garbage);
+    if (!piece.continues && !has_garbage)
       check_ignored(piece.line, without_line_end(seen));
   }
 

@@ -11,6 +11,7 @@
 #include "config/number.h"
 #include "config/service_url.h"
 #include "log/log_module.h"
+#include "terminal_text/terminal_text.h"
 #include "vemkctl/config_pieces.h"
 
 namespace vemk {
@@ -49,12 +50,9 @@ fault_t number_fault(const std::string &text, int base, const std::string &count
   return {};
 }
 
-bool has_blank(std::string_view text) {
-  return std::any_of(text.begin(), text.end(), is_blank);
-}
-
-bool is_control(char byte) {
-  return static_cast<unsigned char>(byte) < 0x20 || byte == 0x7F;
+bool has_blank_or_control(std::string_view text) {
+  return std::any_of(text.begin(), text.end(),
+                     [](char byte) { return is_blank(byte) || is_ascii_control(byte); });
 }
 
 bool is_ascii(std::string_view text) {
@@ -133,7 +131,7 @@ fault_t path_fault(std::string_view path) {
   if (sign != std::string_view::npos)
     return "path " + quoted(path) + " holds a '#', and many servers refuse that; write %23 for " +
            "it, or give a comment a line of its own";
-  if (has_blank(path) || std::any_of(path.begin(), path.end(), is_control))
+  if (has_blank_or_control(path))
     return "path " + quoted(path) +
            " holds blanks or control characters, and many servers refuse that; write %20 for a " +
            "blank, or remove what is behind the path";
@@ -205,7 +203,7 @@ fault_t service_fault(std::string_view host, std::int32_t port) {
   if (host.front() == '[')
     return "host " + quoted(host) + " begins an IPv6 address, whose colons end the host; give a " +
            "name or an IPv4 address";
-  if (has_blank(host) || std::any_of(host.begin(), host.end(), is_control))
+  if (has_blank_or_control(host))
     return "host " + quoted(host) + " holds blanks or control characters, and no name has them; " +
            "remove them";
   // The WebSocket library reads a name that begins with '+' as the path of a local socket.
