@@ -59,8 +59,7 @@ protected:
   const std::string own = base + "/own";
 };
 
-// A folder that is not there is made with mode 0700.
-// Module and client open the same folder again without a complaint.
+// One that is not there is made with mode 0700; module and client open it again.
 TEST_F(BusFolderTest, IsMadeForItsUserAloneAndUsedAgain) {
   EXPECT_EQ(open_bus_folder(folder, bus_role::module), folder);
   EXPECT_EQ(mode_of(folder), 0700U);

@@ -8,11 +8,11 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "bus_test_base.h"
 #include "module_bus/bus_folder.h"
+#include "support/child_process.h"
 
 namespace vemk {
 namespace {
@@ -133,15 +133,11 @@ TEST_F(BusGateTest, NobodyGetsPastTheGate) {
   for (const std::string &path :
        {inner_inbox_path(folder, daemon_module), inner_outlet_path(folder, daemon_module)}) {
     ASSERT_TRUE(std::filesystem::exists(path));
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const pid_t child = start_child([&path] {
       raw_peer peer(path);
       _exit(peer.connected && peer.is_cut_off() ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << path;
+    });
+    EXPECT_EQ(wait_for_child(child), 0) << path;
   }
   expect_service_for_others();
 }

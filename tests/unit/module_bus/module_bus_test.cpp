@@ -94,8 +94,7 @@ TEST_F(ModuleBusTest, ThereIsNoMessageWhenNoneWasSentOrNobodyJoined) {
   EXPECT_EQ(GetMsgFromQueueNoWait(), nullptr);
 }
 
-// A record is 13 bytes, the length in bytes 4 to 7, and the payload, NUL included.
-// A message of 0 bytes comes as a record of 13 zero bytes.
+// A record is 13 bytes, the length in bytes 4 to 7, and the payload, NUL included, or none at all.
 TEST_F(JoinedModuleTest, ARecordHoldsTheLengthAtFourAndThePayloadAtThirteen) {
   for (const std::string &payload : {std::string("a\0%n\xff", 5), std::string()}) {
     ASSERT_TRUE(sender.send(payload, in(soon)));
@@ -118,8 +117,7 @@ TEST_F(JoinedModuleTest, MessagesOfOneSenderComeInOrderAndAreAnswered) {
   EXPECT_TRUE(sender.wait_until_taken(in(soon)));
 }
 
-// Sending succeeds, but nobody confirms the message within 10 ms.
-// A message sent before the join arrives after it and is confirmed.
+// A message sent before the join is not confirmed within 10 ms; it arrives after it and is.
 TEST_F(ModuleBusTest, AMessageForAModuleThatIsNotThereYetReachesItWhenItJoins) {
   bus_sender sender(folder, daemon_module);
   EXPECT_TRUE(sender.send("text", in(soon)));
@@ -129,8 +127,7 @@ TEST_F(ModuleBusTest, AMessageForAModuleThatIsNotThereYetReachesItWhenItJoins) {
   EXPECT_TRUE(sender.wait_until_taken(in(soon)));
 }
 
-// The message before a leave is fetched first; then the flag goes to 0.
-// A leave is confirmed to its sender 300 ms after the module has gone.
+// The message before a leave comes first, then the flag goes to 0; both are confirmed 300 ms later.
 // The answer was dropped when the connection ended before the sender had looked for it.
 TEST_F(JoinedModuleTest, LeaveClearsTheFlagAfterTheMessagesBeforeIt) {
   ASSERT_TRUE(sender.send("before", in(soon)));

@@ -37,8 +37,7 @@ protected:
   }
 };
 
-// 10,000 messages of 1 KiB sent in one go all arrive in order.
-// 100,000 messages of 16 bytes sent in one go all arrive in order.
+// 10,000 messages of 1 KiB in one go all arrive in order, and so do 100,000 of 16 bytes.
 TEST_F(ModuleBusVolumeTest, AListenerThatReadsLosesNothingOfManyMessagesInOneGo) {
   subscribed_listener listener(folder);
   for (const auto &[messages, size] :

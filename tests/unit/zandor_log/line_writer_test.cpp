@@ -1,6 +1,6 @@
 #include "zandor_log/line_writer.h"
 
-#include "child_process.h"
+#include "support/child_process.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

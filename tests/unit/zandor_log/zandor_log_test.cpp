@@ -1,7 +1,7 @@
 #include "zandor_log.h"
 
-#include "child_process.h"
 #include "fakes/temporary_folder.h"
+#include "support/child_process.h"
 
 #include <csignal>
 #include <cstdarg>
