@@ -233,27 +233,6 @@ TEST_F(ZandorLogTest, AFullDiskDoesNotStopTheProgram) {
             "");
 }
 
-// With /dev/full as standard error the line is lost and the status is 0.
-TEST_F(ZandorLogTest, AFullDeviceAsStandardErrorDoesNotStopTheProgram) {
-  logged_by([] {
-    dup2(open("/dev/full", O_WRONLY), STDERR_FILENO);
-    log_text("lost\n");
-  });
-}
-
-// Two lines into a pipe without a reader raise no SIGPIPE: the status is 0.
-TEST_F(ZandorLogTest, AStandardErrorThatNobodyReadsDoesNotEndTheProgram) {
-  logged_by([] {
-    int ends[2];
-    if (pipe(ends) != 0)
-      _exit(1);
-    dup2(ends[1], STDERR_FILENO);
-    close(ends[0]);
-    log_text("lost\n");
-    log_text("lost\n");
-  });
-}
-
 // A file opened after the start gets a descriptor above 2 and no log line.
 TEST_F(ZandorLogTest, AClosedStandardErrorNeverBecomesSomebodyElsesDescriptor) {
   said_by([this] {
