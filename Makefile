@@ -100,8 +100,8 @@ analyze: packages
 	cmake --build --preset clang
 	scripts/analyze.sh build-clang
 
-# The lines and branches of src/ that the unit tests execute, and one system test in which the
-# daemon ends by itself: a daemon that a signal ends does not write counters.
+# The lines and branches of src/ that the unit tests execute, and the system tests that run everywhere.
+# Of these, only a daemon that ends by itself counts: one that a signal ends does not write counters.
 coverage: packages
 	scripts/install-packages.sh coverage
 	cmake --preset default

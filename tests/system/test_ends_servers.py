@@ -1,6 +1,6 @@
 """Servers of independent implementations end the connection, each in its own ways."""
 
-# Test: 36 s
+# Test: 36 s, everywhere
 
 from harness.handshake_faults import courses_of, refused_course
 from harness.healing import lost_and_found

@@ -1,6 +1,6 @@
 """Messages of service "internal-ipc" stay inside the daemon; status requests are answered."""
 
-# Test: 8 s
+# Test: 8 s, everywhere
 
 import pytest
 

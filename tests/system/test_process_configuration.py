@@ -1,6 +1,6 @@
 """The command line and the file: what comes of them, and what vemkctl check-config says."""
 
-# Test: 12 s
+# Test: 12 s, everywhere
 
 import signal
 import subprocess

@@ -3,7 +3,7 @@
 Messages of 8,193 bytes and more of websocketd end with an empty fragment.
 """
 
-# Test: 24 s
+# Test: 24 s, everywhere
 
 import pytest
 
