@@ -20,6 +20,7 @@ from harness.frame_server import frame_server
 from harness.handshake_faults import failing_server, handshake_trial
 from harness.network import far_address, wired_networks
 from harness.raw_server import raw_server
+from harness.reference_service import reference_service
 from harness.roaming_server import roaming_server
 from harness.sandbox import sandbox
 from harness.vemk_daemon import config_text, vemk_daemon
@@ -96,6 +97,14 @@ def server(request):
     made.start()
     yield made
     made.shut_down()
+
+
+@pytest.fixture
+def service(companion_folder):
+    """roam-service, the service that comes with the daemon."""
+    made = reference_service(companion_folder)
+    yield made
+    made.end()
 
 
 @pytest.fixture

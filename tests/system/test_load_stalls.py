@@ -13,7 +13,6 @@ import pytest
 from harness.frames import close_frame, frame, opcode_ping, opcode_text, text
 from harness.healing import fault_watch, lost_and_found
 from harness.keepalive import fast_clock
-from harness.reference_service import reference_service
 from harness.round_trip import passes_both_ways
 from harness.waiting import wait_until
 
@@ -40,13 +39,6 @@ def stalled(make_frame_rig):
         return rig, go_on
 
     return make
-
-
-@pytest.fixture
-def service(companion_folder):
-    made = reference_service(companion_folder)
-    yield made
-    made.end()
 
 
 def texts_on(server, number):

@@ -5,11 +5,8 @@ Messages of 8,193 bytes and more of websocketd end with an empty fragment.
 
 # Test: 24 s, everywhere
 
-import pytest
-
 from harness.asked_services import padded, websocketd
 from harness.independent_servers import with_each_server
-from harness.reference_service import reference_service
 from harness.round_trip import assert_all_kinds_pass, passes_both_ways
 
 
@@ -24,13 +21,6 @@ def test_messages_and_pings_pass_unchanged(make_rig):
         server.ping()
         assert passes_both_ways(bus, server, "again")
     assert len(server.handshakes) == 1
-
-
-@pytest.fixture
-def service(companion_folder):
-    made = reference_service(companion_folder)
-    yield made
-    made.end()
 
 
 # A message each way, and "disconnected" when the service ends.
