@@ -49,11 +49,7 @@ test-go: build
 	  /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/go
 
 # All tests as MIPS programs under emulation; the system tests' peers are the native companions.
-target: packages unpacked
-	scripts/install-packages.sh target
-	scripts/target-env.sh build-mips-env
-	cmake --preset default
-	cmake --build --preset default --target vemkctl roam-service
+target: packages unpacked companions target-environment
 	cmake --preset mips
 	cmake --build --preset mips
 	file build-mips/vemk
@@ -61,6 +57,21 @@ target: packages unpacked
 	build-mips-env/bin/qemu --version | head -n 1
 	ctest --test-dir build-mips -V -R '^unit\.ProcessorTest\.' | grep -E 'Test command|processor:'
 	ctest --test-dir build-mips --output-on-failure -j $(TEST_JOBS)
+
+# The daemon over releases of libwebsockets: LWS has tags, folders with sources or prefixes of SDKs,
+# LWS_MIRROR the repository with the tags, ARCH=mipsel builds for MIPS.
+releases: packages unpacked companions $(if $(ARCH),target-environment)
+	scripts/install-packages.sh releases
+	TEST_JOBS=$(TEST_JOBS) scripts/releases.py $(if $(ARCH),--arch $(ARCH)) $(LWS)
+
+# The other ends of the system tests where the daemon is built elsewhere.
+companions: packages
+	cmake --preset default
+	cmake --build --preset default --target vemkctl roam-service
+
+target-environment:
+	scripts/install-packages.sh target
+	scripts/target-env.sh build-mips-env
 
 target-size: packages
 	scripts/install-packages.sh target
