@@ -44,6 +44,7 @@ folders = {
     "unit/roam_service": "roam-service",
     "coverage": "The report on coverage",
     "mutants": "The report on mutants",
+    "releases": "Releases of libwebsockets",
     "browser": "The console in a browser",
     "go": "Services in Go",
     "documents": "Manuals and other documents",

@@ -3,11 +3,12 @@
 
 Usage: releases.py [--arch ARCH] [RELEASE ...]      default: the releases in the table below
 
-RELEASE is a tag of the library's repository, a folder with its sources, or the installed prefix of an
-SDK, which has include/libwebsockets.h and lib/. Tags come from the repository LWS_MIRROR in the
+RELEASE is a tag of the library's repository, a folder with its sources, or the installed prefix of
+an SDK, which has include/libwebsockets.h and lib/. Tags come from the repository LWS_MIRROR in the
 environment, or from the library's public ones. ARCH is that of a cmake/toolchain-ARCH.cmake whose
-environment has been made. Exit status 1 when a release could not be had, built or tested, or a test
-failed. Each release has a folder below build-releases, which holds the logs too.
+environment has been made. A run over the default releases writes what was measured on each into
+docs/releases.md. Exit status 1 when a release could not be had, built or tested, or a test failed.
+Each release has a folder below build-releases, which holds the logs too.
 """
 
 import argparse
@@ -21,6 +22,7 @@ import xml.etree.ElementTree
 
 checkout = pathlib.Path(__file__).resolve().parents[1]
 all_builds = checkout / "build-releases"
+measure = checkout / "tests/releases/measure.py"
 
 public_mirrors = ("https://libwebsockets.org/repo/libwebsockets",
                   "https://github.com/warmcat/libwebsockets")
@@ -28,7 +30,8 @@ public_mirrors = ("https://libwebsockets.org/repo/libwebsockets",
 # The releases that are tested by default, with the options that only this one needs to be built.
 releases = {
     "v2.0.3": [],
-    "v2.4.2": [],
+    # It asks for the zlib that it is to do without.
+    "v2.4.2": ["-DLWS_WITH_ZIP_FOPS=OFF"],
     "v3.2.3": [],
     "v4.0.20": [],
     "v4.1.6": [],
@@ -102,7 +105,7 @@ class release_build:
         if status != 0:
             lines = (self.folder / f"{log}.log").read_text(errors="replace").splitlines()
             errors = [line for line in lines if re.search("error:|Error at", line)] or lines or [""]
-            raise failure(f"{self.name}: the {log} cannot be built: {errors[0].strip()} "
+            raise failure(f"{self.name}: the {log} failed: {errors[0].strip()} "
                           f"({self.folder / log}.log)")
 
     def fetch_source(self):
@@ -201,6 +204,8 @@ class release_build:
             _, failed = self.run_tests("--rerun-failed", "-j", "1")
         summary = f"{self.name}: built, {len(names) - len(failed)} of {len(names)} tests passed"
         print("; failed: ".join([summary, *([" ".join(failed)] if failed else [])]), flush=True)
+        if not self.arch:
+            self.run("measurement", measure, self.folder)
         return not failed
 
 
@@ -210,12 +215,17 @@ def main():
     parser.add_argument("releases", nargs="*", metavar="RELEASE", default=list(releases))
     arguments = parser.parse_args()
     succeeded = True
+    measured = []
     for release in arguments.releases:
         try:
-            succeeded = release_build(release, arguments.arch).test() and succeeded
+            build = release_build(release, arguments.arch)
+            succeeded = build.test() and succeeded
+            measured.append(build.folder / "measured.json")
         except failure as reason:
             print(reason, flush=True)
             succeeded = False
+    if arguments.releases == list(releases) == [file.parent.name for file in measured]:
+        subprocess.run([measure, "--write", checkout / "docs/releases.md", *measured], check=True)
     return 0 if succeeded else 1
 
 
