@@ -19,9 +19,9 @@ sys.path.insert(0, str(checkout / "tests" / "system"))
 sys.path.insert(1, str(checkout / "tests" / "target_size"))
 
 # pylint: disable=wrong-import-position
-from harness.handshake_faults import (answers, attempt_seconds, changed_upgrade,  # noqa: E402
-                                      library_prefix)
+from harness.handshake_faults import (answers, attempt_seconds, changed_upgrade)  # noqa: E402
 from harness.keepalive import fast_clock  # noqa: E402
+from harness.library_texts import library_lines  # noqa: E402
 from harness.raw_server import (deaf_listener, finish, http_head, raw_server, reset,  # noqa: E402
                                 silent, upgrade, upgrade_lines)
 from harness.roaming_server import roaming_server  # noqa: E402
@@ -182,10 +182,8 @@ class measurement:
         with self.served(fault) as (daemon, _):
             with contextlib.suppress(AssertionError):
                 daemon.wait_for_lines("Try to establish", 2, 30)
-            own = [line.text[len(library_prefix):] for line in daemon.log_lines()
-                   if line.text.startswith(library_prefix)]
             varying = r"\b0x[0-9a-f]+\b|\d{4,}|[A-Za-z0-9+/]{26}[A-Za-z0-9+/=]+"
-            return list(dict.fromkeys(re.sub(varying, "N", line) for line in own
+            return list(dict.fromkeys(re.sub(varying, "N", line) for line in library_lines(daemon)
                                       if re.match("[12]: ", line) or "HS: " in line))
 
     # ---- the library alone ----

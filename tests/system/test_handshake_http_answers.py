@@ -3,6 +3,7 @@
 # Test: 31 s
 
 from harness.handshake_faults import answers, refused_course
+from harness.library_texts import bad_response
 from harness.raw_server import finish, http_head, upgrade
 
 statuses = [b"200 OK", b"401 Unauthorized", b"403 Forbidden", b"404 Not Found",
@@ -27,10 +28,6 @@ def answers_of(status):
             answer(status, *challenge, b"Connection: close", body=page, end=finish)]
 
 
-def bad_response(status):
-    return f"2: lws_client_handshake: got bad HTTP response '{status[:3].decode()}'"
-
-
 # Fault, before the connection: an HTTP answer 200, 401, 403, 404 or 503, without a body, with one,
 # with a length that is too large or too small, in chunks, and with one that ends the connection.
 # Seen: each attempt is logged "websock-roaming->process_client_connection_error:41" and the
@@ -40,7 +37,7 @@ def test_other_answer_than_an_upgrade_is_tried_again(make_trial):
     trial = make_trial([fault for status in statuses for fault in answers_of(status)])
     endured = trial.endure()
     assert endured.courses == [refused_course(endured.server.port)] * len(endured.courses)
-    expected = [bad_response(status) for status in statuses for _ in answers_of(status)]
+    expected = [f"2: {bad_response(status[:3].decode())}" for status in statuses for _ in answers_of(status)]
     assert [[line for line in lines if "HTTP response" in line]
             for lines in endured.library_lines] == [[line] for line in expected]
     trial.heal()

@@ -7,6 +7,7 @@ import collections
 import pytest
 
 from harness.healing import lost_and_found, outlives_restart
+from harness.library_texts import bad_response
 from harness.proxies import haproxy, nginx
 from harness.round_trip import assert_all_kinds_pass, passes_both_ways
 
@@ -44,7 +45,7 @@ def test_server_gone_behind_a_proxy_is_tried_again(make_proxied):
     daemon, bus, server, proxy = make_proxied()
     announced = len(bus.statuses())
     server.stop()
-    daemon.wait_for_lines(f"lws_client_handshake: got bad HTTP response '{proxy.backend_gone}'", 2)
+    daemon.wait_for_lines(bad_response(proxy.backend_gone), 2)
     assert bus.run("status", "--timeout", "20").stdout == b"disconnected\n"
     assert set(bus.statuses()[announced:]) == {"disconnected"}
     server.start()

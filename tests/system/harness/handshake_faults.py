@@ -2,10 +2,9 @@
 
 import collections
 
+from harness.library_texts import library_prefix, words_of
 from harness.raw_server import finish, http_head, raw_server, upgrade, upgrade_lines
 from harness.round_trip import passes_both_ways
-
-library_prefix = "portal->libwebsocket-debug> "
 
 endured_t = collections.namedtuple("endured_t", "daemon server courses library_lines")
 
@@ -90,7 +89,7 @@ def courses_of(daemon):
             own.append([])
             library.append([])
         if line.text.startswith(library_prefix):
-            library[-1].append(line.text[len(library_prefix):])
+            library[-1].append(words_of(line.text))
         else:
             own[-1].append(line.text)
     return own, library
