@@ -22,11 +22,7 @@ foreach(manual ${manuals})
 endforeach()
 
 if(VEMK_PLATFORM STREQUAL "host")
-  set(companions vemkctl)
-  if(VEMK_ROAM_SERVICE)
-    list(APPEND companions roam-service)
-  endif()
-  install(TARGETS ${companions} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS vemkctl roam-service RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
   # A program of this build writes the completion; a build for another processor could not run it.
   if(NOT CMAKE_CROSSCOMPILING)

@@ -166,14 +166,9 @@ class release_build:
         self.write_package()
         self.run("daemon", "cmake", "-S", checkout, "-B", self.build, "-G", "Ninja",
                  "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DVEMK_WERROR=ON", "-DBUILD_TESTING=ON",
-                 # roam-service is of this machine, and stays with its library.
-                 "-DVEMK_ROAM_SERVICE=OFF", f"-DVEMK_COMPANION_DIR={checkout / 'build'}",
+                 f"-DVEMK_COMPANION_DIR={checkout / 'build'}",
                  f"-DCMAKE_PREFIX_PATH={self.package_folder}", *self.toolchain)
         self.run("daemon", "cmake", "--build", self.build, "-j", build_jobs)
-        # The demonstration looks for it beside the daemon.
-        companion = self.build / "roam-service"
-        if not companion.is_symlink():
-            companion.symlink_to(checkout / "build/roam-service")
         # The machine's own headers must not have come first.
         made_from = subprocess.run(["ninja", "-C", self.build, "-t", "deps",
                                     "src/CMakeFiles/libvemk.dir/websock/lws_release.cpp.o"],

@@ -242,7 +242,7 @@ class measurement:
         prefix = re.search(r"^CMAKE_PREFIX_PATH\S*=(.*)$", cache, re.MULTILINE)[1]
         for command in (["cmake", "-S", checkout, "-B", build, "-G", "Ninja",
                          "-DCMAKE_BUILD_TYPE=MinSizeRel", "-DBUILD_TESTING=OFF",
-                         "-DVEMK_ROAM_SERVICE=OFF", f"-DCMAKE_PREFIX_PATH={prefix}"],
+                         f"-DCMAKE_PREFIX_PATH={prefix}"],
                         ["cmake", "--build", build, "--target", "vemk"],
                         ["strip", "-o", build / "stripped", build / "vemk"]):
             subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
