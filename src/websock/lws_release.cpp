@@ -1,6 +1,10 @@
 #include "websock/lws_release.h"
 
 #include <cstdlib>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace vemk {
 
@@ -11,32 +15,26 @@ void ignore_proxy_environment() {
   // NOLINTEND(concurrency-mt-unsafe)
 }
 
+// Time limits.
+
 #if LWS_LIBRARY_VERSION_NUMBER >= 4001000
 
-namespace {
-
-// More than a socket takes at once.
-constexpr std::size_t max_send_size = 16 * 1024 * 1024;
-
-// For the connection to one address, and for the answer to the handshake.
-constexpr unsigned patience_seconds = 20;
-
-} // namespace
-
 void wait_for_slow_servers(lws_context_creation_info &info) {
+  // For the connection to one address, and for the answer to the handshake.
+  constexpr unsigned patience_seconds = 20;
   info.timeout_secs = patience_seconds;
   // This limit ends the whole attempt. The limit above leads to the host's next address, so it has
   // to expire first. With this one at its default, which is 20 seconds too, it would not.
   info.connect_timeout_secs = patience_seconds + 1;
 }
 
-void lift_send_limit(lws_protocols &protocol) {
-  protocol.tx_packet_size = max_send_size;
-}
+#else
 
-void refuse_redirects(lws_client_connect_info &info) {
-  info.ssl_connection |= LCCSCF_HTTP_NO_FOLLOW_REDIRECT;
-}
+void wait_for_slow_servers(lws_context_creation_info &) {}
+
+#endif
+
+#if LWS_LIBRARY_VERSION_NUMBER >= 3002000
 
 void service_for_at_most(lws_context *context, int limit_ms) {
   // The library ignores the argument; a timer ends the wait.
@@ -47,11 +45,111 @@ void service_for_at_most(lws_context *context, int limit_ms) {
   lws_sul_schedule(context, 0, &limit, nullptr, LWS_SET_TIMER_USEC_CANCEL);
 }
 
-void writeable_wakeup::request(lws_context *context, lws *) {
+#else
+
+void service_for_at_most(lws_context *context, int limit_ms) {
+  lws_service(context, limit_ms);
+}
+
+#endif
+
+// The speed of sending.
+
+#if LWS_LIBRARY_VERSION_NUMBER >= 2003000
+
+void lift_send_limit(lws_protocols &protocol) {
+  // More than a socket takes at once.
+  constexpr std::size_t max_send_size = 16 * 1024 * 1024;
+  protocol.tx_packet_size = max_send_size;
+}
+
+void lws_release::send_rest(lws_context *) {}
+
+#else
+
+void lift_send_limit(lws_protocols &) {}
+
+void lws_release::send_rest(lws_context *context) {
+  // More than a socket takes at once, in the pieces in which the library writes.
+  constexpr int max_pieces = 4096;
+  for (int i = 0; i < max_pieces && connection != nullptr; ++i) {
+    // Nothing is received out of turn: a step delivers one piece, as it does without a message to
+    // send.
+    pollfd socket{lws_get_socket_fd(connection), POLLIN | POLLOUT, 0};
+    if (!lws_partial_buffered(connection) || poll(&socket, 1, 0) != 1 || socket.revents != POLLOUT)
+      return;
+    lws_service(context, 0);
+  }
+}
+
+#endif
+
+// Redirects.
+
+#if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+
+void lws_release::refuse_redirects(lws_client_connect_info &info) {
+  info.ssl_connection |= LCCSCF_HTTP_NO_FOLLOW_REDIRECT;
+}
+
+void lws_release::handle_socket(lws *, lws_callback_reasons) {}
+
+#else
+
+namespace {
+
+/// Makes the connect that follows fail: the descriptor is not a socket any more.
+void spoil_socket(lws *wsi) {
+  const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+  dup2(nothing, lws_get_socket_fd(wsi));
+  close(nothing);
+}
+
+/// These releases limit the socket's buffer to 4112 bytes, and no more would leave in one step.
+void lift_send_buffer(lws *wsi) {
+  // The kernel takes it for the most that it allows.
+  constexpr int max_send_buffer = 4 * 1024 * 1024;
+  setsockopt(lws_get_socket_fd(wsi), SOL_SOCKET, SO_SNDBUF, &max_send_buffer,
+             sizeof max_send_buffer);
+}
+
+} // namespace
+
+void lws_release::refuse_redirects(lws_client_connect_info &) {
+  has_asked = false;
+}
+
+void lws_release::handle_socket(lws *wsi, lws_callback_reasons reason) {
+  if (reason == LWS_CALLBACK_CLIENT_APPEND_HANDSHAKE_HEADER)
+    has_asked = true;
+  else if (reason == LWS_CALLBACK_CLIENT_ESTABLISHED)
+    lift_send_buffer(wsi);
+  else if (reason == LWS_CALLBACK_WSI_CREATE && has_asked)
+    // These releases try one address only. So this socket, which is about to be connected, is for
+    // the place that the answer named.
+    spoil_socket(wsi);
+}
+
+#endif
+
+// The end of attempts and connections, and requests from another thread.
+
+int lws_release::observe(lws *wsi, lws_callback_reasons reason, std::size_t length) {
+  handle_socket(wsi, reason);
+  return handle_connection(wsi, reason, length);
+}
+
+#if LWS_LIBRARY_VERSION_NUMBER >= 3000000
+
+void lws_release::request(lws_context *context, lws *) {
   lws_cancel_service(context);
 }
 
-int writeable_wakeup::observe(lws *wsi, lws_callback_reasons reason) {
+bool lws_release::is_requesting() {
+  return false;
+}
+
+int lws_release::handle_connection(lws *wsi, lws_callback_reasons reason, std::size_t) {
   switch (reason) {
   case LWS_CALLBACK_CLIENT_ESTABLISHED:
     connection = wsi;
@@ -59,10 +157,12 @@ int writeable_wakeup::observe(lws *wsi, lws_callback_reasons reason) {
   case LWS_CALLBACK_CLIENT_CLOSED:
     connection = nullptr;
     return LWS_CALLBACK_CLOSED;
+#if LWS_LIBRARY_VERSION_NUMBER >= 4001000
   case LWS_CALLBACK_CLOSED_CLIENT_HTTP:
     // The library's only report of a server that accepts the connection and never answers the
     // handshake. It does not come for an attempt that was reported as an error.
     return LWS_CALLBACK_CLIENT_CONNECTION_ERROR;
+#endif
   case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
   case LWS_CALLBACK_WSI_DESTROY:
     if (wsi == connection)
@@ -77,28 +177,58 @@ int writeable_wakeup::observe(lws *wsi, lws_callback_reasons reason) {
   }
 }
 
-#elif LWS_LIBRARY_VERSION_NUMBER < 2001000
-
-void wait_for_slow_servers(lws_context_creation_info &) {}
-
-void lift_send_limit(lws_protocols &) {}
-
-void refuse_redirects(lws_client_connect_info &) {}
-
-void service_for_at_most(lws_context *context, int limit_ms) {
-  lws_service(context, limit_ms);
-}
-
-void writeable_wakeup::request(lws_context *, lws *wsi) {
-  lws_callback_on_writable(wsi);
-}
-
-int writeable_wakeup::observe(lws *, lws_callback_reasons reason) {
-  return reason;
-}
-
 #else
-#error "The supported releases of libwebsockets are API 2.0, and 4.1 or later"
+
+namespace {
+
+// Whether this thread is inside request().
+thread_local bool requesting = false;
+
+} // namespace
+
+void lws_release::request(lws_context *, lws *wsi) {
+  // Also held during the call: the service thread waits in forget() before the library takes the
+  // socket off its list and frees the connection.
+  const std::lock_guard<std::mutex> guard(in_use);
+  if (wsi != connection)
+    return;
+  requesting = true;
+  lws_callback_on_writable(wsi);
+  requesting = false;
+}
+
+bool lws_release::is_requesting() {
+  return requesting;
+}
+
+int lws_release::handle_connection(lws *wsi, lws_callback_reasons reason, std::size_t length) {
+  switch (reason) {
+  case LWS_CALLBACK_CLIENT_ESTABLISHED: {
+    const std::lock_guard<std::mutex> guard(in_use);
+    connection = wsi;
+    return reason;
+  }
+  case LWS_CALLBACK_LOCK_POLL:
+    // With 1 before a socket enters or leaves the library's list, with 0 before its events change.
+    if (length == 1)
+      forget(wsi);
+    return reason;
+  case LWS_CALLBACK_CLOSED:
+  case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
+  case LWS_CALLBACK_WSI_DESTROY:
+    forget(wsi);
+    return reason;
+  default:
+    return reason;
+  }
+}
+
+void lws_release::forget(const lws *wsi) {
+  const std::lock_guard<std::mutex> guard(in_use);
+  if (wsi == connection)
+    connection = nullptr;
+}
+
 #endif
 
 } // namespace vemk

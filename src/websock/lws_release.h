@@ -1,12 +1,23 @@
 /// The differences between releases of libwebsockets, all in one place.
 ///
-/// The worker is written against API 2.0. Later releases differ in three ways. They report the end
-/// of a client connection, and of an attempt, with reasons of their own. They ignore the time limit
-/// of lws_service. They allow other threads only to wake the service thread.
+/// The worker is written against API 2.0, and every release from there on is supported. A release
+/// that is newer than those below counts as the newest of them.
+///
+/// - Since 2.3 a release can write more than 4096 bytes at once.
+/// - From 2.4 to 3.0.0 a pong without a payload is not reported.
+/// - Since 3.0 the end of a client connection is LWS_CALLBACK_CLIENT_CLOSED, and another thread may
+///   only wake the service thread.
+/// - Since 3.2 lws_service ignores its time limit, and the library's timers end the wait.
+/// - Since 4.0 redirects can be refused and all addresses of a host are tried. The send buffer is
+///   the kernel's.
+/// - Since 4.1 a handshake has 5 seconds, and a late one is reported as the end of an HTTP
+///   connection.
 #ifndef VEMK_WEBSOCK_LWS_RELEASE_H
 #define VEMK_WEBSOCK_LWS_RELEASE_H
 
 #include <cstddef>
+#include <cstdint>
+#include <mutex>
 
 #include <libwebsockets.h>
 
@@ -16,15 +27,33 @@ namespace vemk {
 using lws_protocol_callback = int (*)(lws *wsi, lws_callback_reasons reason, void *user, void *in,
                                       std::size_t length);
 
+/// An attempt without a report by then has failed. Releases before 4.0 forget an attempt that an
+/// answer redirects to a place without an address. The library waits 20 seconds for a connection
+/// and 20 for the handshake. A look-up may take 10 seconds, twice before 4.0. Since 4.0 each
+/// address has its 20 seconds, and the answer of a name server, of 512 bytes, holds 29 of them.
+#if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+constexpr std::int32_t attempt_limit_seconds = 640;
+#else
+constexpr std::int32_t attempt_limit_seconds = 70;
+#endif
+
+/// The length of a ping's payload. From 2.4.0 to 3.0.0 the library does not report a pong without a
+/// payload, so that no connection would outlive three pings.
+#if LWS_LIBRARY_VERSION_NUMBER >= 2004000 && LWS_LIBRARY_VERSION_NUMBER <= 3000000
+constexpr std::size_t ping_length = 1;
+#else
+constexpr std::size_t ping_length = 0;
+#endif
+
 /// Keeps proxy variables in the caller's environment from diverting connections: the daemon takes
 /// no configuration from there. Changes the process's environment.
 /// REQUIRES: no other thread exists.
 void ignore_proxy_environment();
 
 /// Gives a server 20 seconds to accept the connection, and another 20 to answer the handshake. That
-/// is API 2.0's own limit. Later releases have one of 5 seconds, which a service that is overloaded
-/// after an outage may never meet. Releases that try more than the first address of a host try the
-/// next one when an address is silent for that long.
+/// is the limit of releases before 4.1. Later releases have one of 5 seconds, which a service that
+/// is overloaded after an outage may never meet. Releases that try more than the first address of a
+/// host try the next one when an address is silent for that long.
 void wait_for_slow_servers(lws_context_creation_info &info);
 
 /// Lets a frame leave as fast as the socket takes it. Without this, releases that have the setting
@@ -32,33 +61,55 @@ void wait_for_slow_servers(lws_context_creation_info &info);
 /// longer than the watchdog allows, and never arrive.
 void lift_send_limit(lws_protocols &protocol);
 
-/// Treats a redirect as a refusal: the daemon connects only to the server that the configuration
-/// names. No effect on releases without such a setting.
-void refuse_redirects(lws_client_connect_info &info);
-
 /// lws_service that returns after at most `limit_ms` milliseconds. Service thread only.
 void service_for_at_most(lws_context *context, int limit_ms);
 
-/// Asks for writeable callbacks of one connection from any thread.
+/// One attempt at a connection, and the connection, as API 2.0 shows them.
 ///
-/// Threading: request() on any thread, observe() on the service thread.
-/// Ownership: none; the connection is the library's, which frees it when it closes.
-class writeable_wakeup {
+/// Threading: request() on any thread, the rest on the service thread. Callbacks that the library
+///   makes out of request() are on the thread of request(), see is_requesting().
+/// Ownership: none; the library owns the connection and frees it when it closes.
+class lws_release {
 public:
-  /// Requests a writeable callback on the service thread for `wsi`, the connection established
-  /// last. API 2.0 receives `wsi` itself. Later releases free it when it closes; with these a
-  /// closed connection gets no callback.
-  /// REQUIRES: `context` is alive during the call.
-  static void request(lws_context *context, lws *wsi);
+  /// Treats a redirect as a refusal: the daemon connects only to the server that the configuration
+  /// names. Call this before each attempt.
+  void refuse_redirects(lws_client_connect_info &info);
 
-  /// Call this in every protocol callback, before its dispatch. Does the part of request() that is
-  /// left to the service thread, and returns the reason as API 2.0 numbers it.
-  int observe(lws *wsi, lws_callback_reasons reason);
+  /// Requests a writeable callback on the service thread for `wsi`, unless `wsi` has closed. Before
+  /// 3.0 this calls lws_callback_on_writable on the calling thread.
+  /// REQUIRES: `context` is alive during the call.
+  void request(lws_context *context, lws *wsi);
+
+  /// True in callbacks that request() causes on its own thread. These report nothing.
+  static bool is_requesting();
+
+  /// Call this in every other protocol callback, before its dispatch. Does the part of request()
+  /// that is left to the service thread, and returns the reason as API 2.0 numbers it. `length` is
+  /// that of the callback.
+  int observe(lws *wsi, lws_callback_reasons reason, std::size_t length);
+
+  /// Sends the part of a message that the library holds back, as far as the socket takes it. Makes
+  /// one service call for each 4096 bytes, with releases that write no more at once.
+  void send_rest(lws_context *context);
 
 private:
-#if LWS_LIBRARY_VERSION_NUMBER >= 4001000
+  /// Refuses the socket of a redirect, and widens the established one.
+  void handle_socket(lws *wsi, lws_callback_reasons reason);
+
+  int handle_connection(lws *wsi, lws_callback_reasons reason, std::size_t length);
+
   /// The established connection for as long as the library has it; null otherwise.
   lws *connection = nullptr;
+#if LWS_LIBRARY_VERSION_NUMBER < 3000000
+  void forget(const lws *wsi);
+
+  /// Guards `connection`, and delays its end while request() uses it. Only the library's own locks
+  /// are taken under this one.
+  std::mutex in_use;
+#endif
+#if LWS_LIBRARY_VERSION_NUMBER < 4000000
+  /// Whether this attempt has sent its opening request.
+  bool has_asked = false;
 #endif
 };
 

@@ -63,8 +63,10 @@ constexpr int first_unknown_reason = 29;
 
 int websock_worker::lws_callback(lws *wsi, lws_callback_reasons library_reason, void *user,
                                  void *in, std::size_t length) {
+  if (lws_release::is_requesting())
+    return 0;
   check_missed_pongs();
-  const int reason = wakeup.observe(wsi, library_reason);
+  const int reason = release.observe(wsi, library_reason, length);
   if (reason >= first_unknown_reason)
     return 0;
   switch (reason) {
@@ -112,6 +114,7 @@ int websock_worker::process_client_connection_error() {
 int websock_worker::process_client_established(lws *wsi, void *, void *) {
   trace("process_client_established", established_trace);
   connected.store(true, std::memory_order_relaxed);
+  timers.cancel_timers(attempt_timer_id);
   bus_to_ws_queue->set_notify([this, wsi] { request_writeable(wsi); });
   current_delay = initial_delay;
   log_debug(websock_log_module, "Connection established - reset connection delay\n");
@@ -194,7 +197,7 @@ int websock_worker::lws_send(lws *wsi, const void *data, std::size_t length,
 
 void websock_worker::request_writeable(lws *wsi) {
   if (connected.load(std::memory_order_relaxed))
-    writeable_wakeup::request(context, wsi);
+    release.request(context, wsi);
 }
 
 void websock_worker::trace(const char *handler, int number) const {

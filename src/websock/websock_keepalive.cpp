@@ -31,7 +31,7 @@ void websock_worker::ping_if_due(lws *wsi) {
   log_debug(websock_log_module, "%s->%s: It's time to ping websocket server, expired [%u]\n",
             log_name, "process_client_writeable", static_cast<unsigned>(elapsed));
   last_ping = now;
-  if (lws_send(wsi, nullptr, 0, LWS_WRITE_PING) > 0)
+  if (lws_send(wsi, nullptr, ping_length, LWS_WRITE_PING) > 0)
     ++missed_pongs;
   lws_callback_on_writable(wsi);
   arm_watchdog();

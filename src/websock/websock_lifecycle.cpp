@@ -83,6 +83,7 @@ bool websock_worker::init() {
 
 bool websock_worker::run_once() {
   service_for_at_most(context, service_limit_ms);
+  release.send_rest(context);
   timers.run_expired();
   return true;
 }
@@ -96,6 +97,7 @@ bool websock_worker::keep_running(const bool *flag) {
 }
 
 void websock_worker::stop() {
+  timers.cancel_timers(attempt_timer_id);
   log_debug(websock_log_module, "%s->Stopping\n", log_name);
   bus_to_ws_queue->reset_notify();
   queue_disconnected_status();
@@ -141,9 +143,11 @@ bool websock_worker::_connect() {
   connect_info.origin = host.c_str();
   connect_info.protocol = worker_name;
   connect_info.ietf_version_or_minus_one = -1;
-  refuse_redirects(connect_info);
+  release.refuse_redirects(connect_info);
   log_debug(websock_log_module, "%s-> %s: Try to establish connect with server %s:%d%s\n", log_name,
             "_connect", host.c_str(), port, path.c_str());
+  timers.add_timer([this] { process_client_connection_error(); }, attempt_timer_id,
+                   attempt_limit_seconds);
   if (lws_client_connect_via_info(&connect_info) == nullptr) {
     lws_context_destroy(context);
     context = nullptr;

@@ -96,8 +96,8 @@ protected:
   /// Handles one message of the bus-to-service queue while connected.
   void from_queue_send(lws *wsi, const std::shared_ptr<buffer_info_t> &message);
 
-  /// Writes one frame; `data` may be null when `length` is 0. Returns what lws_write returned, or
-  /// -1 when there is no memory for the frame.
+  /// Writes one frame, of zeros when `data` is null. Returns what lws_write returned, or -1 when
+  /// there is no memory for the frame.
   int lws_send(lws *wsi, const void *data, std::size_t length, lws_write_protocol type);
 
   /// Asks for a writeable callback if connected. May be called on any thread that holds off
@@ -107,6 +107,9 @@ protected:
   // Keepalive.
 
   static constexpr std::uint32_t watchdog_timer_id = 0;
+
+  /// Ends an attempt of which the library reports nothing.
+  static constexpr std::uint32_t attempt_timer_id = 100;
 
   /// Drops the connection when three pings in a row went unanswered.
   void check_missed_pongs();
@@ -166,7 +169,7 @@ protected:
   std::uint32_t current_delay;
   std::uint32_t initial_delay;
   std::uint32_t max_delay;
-  writeable_wakeup wakeup;
+  lws_release release;
   bool whole_messages;
 
 private:

@@ -24,7 +24,7 @@ namespace {
 
 using namespace vemk::fake_lws;
 
-#if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+#if LWS_LIBRARY_VERSION_NUMBER >= 3000000
 using creation_argument = const lws_context_creation_info *;
 using connect_argument = const lws_client_connect_info *;
 #else
@@ -45,6 +45,9 @@ struct state_t {
   bool fail_context = false;
   bool fail_connection = false;
   std::deque<int> write_results;
+  bool calls_back_for_locks = false;
+  int socket = -1;
+  bool is_rest_held_back = false;
   std::size_t remaining = 0;
   bool is_final = true;
   std::deque<std::function<void()>> service_actions;
@@ -94,7 +97,7 @@ creation_info_t copy_of(const lws_context_creation_info &info) {
   expected.gid = info.gid;
   expected.uid = info.uid;
   expected.protocols = info.protocols;
-#if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+#if LWS_LIBRARY_VERSION_NUMBER >= 4001000
   const unsigned timeouts[] = {info.timeout_secs, info.connect_timeout_secs};
   expected.timeout_secs = timeouts[0];
   expected.connect_timeout_secs = timeouts[1];
@@ -209,9 +212,26 @@ int lws_service(lws_context *context, int limit_ms) {
 }
 
 int lws_callback_on_writable(lws *wsi) {
-  const guard locked(state_lock);
-  calls.add("lws_callback_on_writable " + name_of(wsi));
+  {
+    const guard locked(state_lock);
+    calls.add("lws_callback_on_writable " + name_of(wsi));
+    if (!state.calls_back_for_locks)
+      return 1;
+  }
+  for (const auto reason : {LWS_CALLBACK_LOCK_POLL, LWS_CALLBACK_CHANGE_MODE_POLL_FD,
+                            LWS_CALLBACK_GET_THREAD_ID, LWS_CALLBACK_UNLOCK_POLL})
+    call_protocol(reason, wsi, nullptr, 0);
   return 1;
+}
+
+lws_sockfd_type lws_get_socket_fd(lws *) {
+  const guard locked(state_lock);
+  return state.socket;
+}
+
+int lws_partial_buffered(lws *) {
+  const guard locked(state_lock);
+  return state.is_rest_held_back ? 1 : 0;
 }
 
 int lws_write(lws *wsi, unsigned char *payload, std::size_t length, lws_write_protocol type) {
@@ -243,12 +263,16 @@ int lws_is_final_fragment(lws *) {
   return state.is_final ? 1 : 0;
 }
 
-#if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+#if LWS_LIBRARY_VERSION_NUMBER >= 3000000
 
 void lws_cancel_service(lws_context *context) {
   const guard locked(state_lock);
   calls.add("lws_cancel_service " + name_of(context));
 }
+
+#endif
+
+#if LWS_LIBRARY_VERSION_NUMBER >= 3002000
 
 void lws_sul_schedule(lws_context *context, int thread_index, lws_sorted_usec_list_t *timer,
                       sul_cb_t callback, lws_usec_t delay_us) {
@@ -275,9 +299,11 @@ record_of<creation_info_t> creation_infos;
 record_of<connect_info_t> connect_infos;
 
 std::vector<int> release_reasons() {
-#if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+#if LWS_LIBRARY_VERSION_NUMBER >= 4001000
   return {LWS_CALLBACK_CLOSED_CLIENT_HTTP, LWS_CALLBACK_EVENT_WAIT_CANCELLED,
           LWS_CALLBACK_CLIENT_CLOSED};
+#elif LWS_LIBRARY_VERSION_NUMBER >= 3000000
+  return {LWS_CALLBACK_EVENT_WAIT_CANCELLED, LWS_CALLBACK_CLIENT_CLOSED};
 #else
   return {};
 #endif
@@ -348,8 +374,23 @@ void kill_connection(lws *wsi) {
   wsi->is_alive = false;
 }
 
-int deliver(lws_callback_reasons reason, lws *wsi) {
-  return call_protocol(reason, wsi, nullptr, 0);
+void call_back_for_locks() {
+  const guard locked(state_lock);
+  state.calls_back_for_locks = true;
+}
+
+void set_socket(int descriptor) {
+  const guard locked(state_lock);
+  state.socket = descriptor;
+}
+
+void hold_back_rest(bool is_held_back) {
+  const guard locked(state_lock);
+  state.is_rest_held_back = is_held_back;
+}
+
+int deliver(lws_callback_reasons reason, lws *wsi, std::size_t length) {
+  return call_protocol(reason, wsi, nullptr, length);
 }
 
 int deliver_piece(const std::string &bytes, lws *wsi) {

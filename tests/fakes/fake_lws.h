@@ -18,15 +18,23 @@
 
 namespace vemk::fake_lws {
 
-/// What a client connection's close is reported with, whether other threads may only wake the
-/// service thread, and what a connection without TLS that follows no redirect is asked for with.
-#if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+/// What a client connection's close is reported with, and whether other threads may only wake the
+/// service thread.
+#if LWS_LIBRARY_VERSION_NUMBER >= 3000000
 constexpr auto closed_reason = LWS_CALLBACK_CLIENT_CLOSED;
 constexpr bool wakes_by_cancelling = true;
-constexpr int plain_connection = LCCSCF_HTTP_NO_FOLLOW_REDIRECT;
 #else
 constexpr auto closed_reason = LWS_CALLBACK_CLOSED;
 constexpr bool wakes_by_cancelling = false;
+#endif
+
+/// Whether lws_service ignores its time limit.
+constexpr bool ignores_limits = LWS_LIBRARY_VERSION_NUMBER >= 3002000;
+
+/// What a connection without TLS that follows no redirect is asked for with.
+#if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+constexpr int plain_connection = LCCSCF_HTTP_NO_FOLLOW_REDIRECT;
+#else
 constexpr int plain_connection = 0;
 #endif
 
@@ -57,7 +65,7 @@ struct connect_info_t {
 };
 
 /// lws_context_creation_info with entry 0 of its protocols. `rest_is_zero` covers the other
-/// fields, `is_terminated` the whole of entry 1. API 2.0 has no time-outs; they are 0 there.
+/// fields, `is_terminated` the whole of entry 1. Releases before 4.1 are given no time-outs.
 struct creation_info_t {
   int port;
   int gid;
@@ -106,8 +114,16 @@ lws *connection(std::size_t number);
 /// Takes the connection away as the library does after a close: only its address is left.
 void kill_connection(lws *wsi);
 
+/// From now on lws_callback_on_writable calls the protocol back for its locks, on the caller's
+/// thread, as it does before 3.0.
+void call_back_for_locks();
+
+/// The socket of every connection, and whether part of a message waits for it; at first -1, false.
+void set_socket(int descriptor);
+void hold_back_rest(bool is_held_back);
+
 /// Calls the protocol callback and returns what it returned.
-int deliver(lws_callback_reasons reason, lws *wsi = connection());
+int deliver(lws_callback_reasons reason, lws *wsi = connection(), std::size_t length = 0);
 int deliver_piece(const std::string &bytes, lws *wsi = connection());
 int deliver_null_piece(std::size_t length);
 

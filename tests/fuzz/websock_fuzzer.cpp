@@ -250,7 +250,7 @@ private:
     expect_equal(
         "the callback's result", 0,
         callback(connection, static_cast<lws_callback_reasons>(reason), nullptr, in, length));
-    if (fake_lws::wakes_by_cancelling && connection != nullptr && frees_connection(reason)) {
+    if (connection != nullptr && frees_connection(reason)) {
       fake_lws::kill_connection(connection);
       wsi = nullptr;
     }

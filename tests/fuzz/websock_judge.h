@@ -16,6 +16,7 @@
 #include "fuzz/expect.h"
 #include "fuzz/status_rule.h"
 #include "support/buffers.h"
+#include "websock/lws_release.h"
 
 namespace vemk::fuzz {
 
@@ -83,6 +84,7 @@ public:
     delay = std::min(max_delay, delay == 0 ? 2 : 2 * delay);
     last_checked = now();
     watchdog_due = std::numeric_limits<std::int64_t>::max();
+    attempt_due = now() + attempt_limit_seconds;
 
     calls.emplace_back("lws_create_context");
     if (makes_context)
@@ -101,7 +103,7 @@ public:
     });
     calls.emplace_back("lws_service");
     check_clock(readings);
-    is_alive = is_alive && last_checked < watchdog_due;
+    is_alive = is_alive && last_checked < std::min(watchdog_due, attempt_due);
   }
 
   /// The library's callbacks. The piece belongs to LWS_CALLBACK_CLIENT_RECEIVE.
@@ -153,7 +155,7 @@ private:
   static constexpr char writeable_call[] = "lws_callback_on_writable";
 
   // Later releases tell of an end, and of a push on the bus's thread, in ways of their own.
-  static constexpr bool is_later = fake_lws::wakes_by_cancelling;
+  static constexpr bool is_later = fake_lws::ignores_limits;
   static constexpr int closed_client_http = is_later ? 45 : LWS_CALLBACK_CLOSED;
   static constexpr int wait_cancelled = is_later ? 71 : -1;
   static constexpr const char *waking_call = is_later ? "lws_cancel_service" : writeable_call;
@@ -187,6 +189,7 @@ private:
     last_ping = now();
     check_clock();
     watchdog_due = last_checked + 60;
+    attempt_due = std::numeric_limits<std::int64_t>::max();
   }
 
   /// A piece for which there is no memory is lost; if it is the last one, its message is.
@@ -271,6 +274,7 @@ private:
   std::int64_t last_checked = now();
   std::int64_t last_ping = 0;
   std::int64_t watchdog_due = 0;
+  std::int64_t attempt_due = 0;
   bool has_clock_jumped = false;
   bool context_exists = false;
   bool is_connected = false;

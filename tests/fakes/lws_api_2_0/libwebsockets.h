@@ -56,6 +56,10 @@ enum lws_callback_reasons {
   LWS_CALLBACK_WSI_DESTROY = 30,
   LWS_CALLBACK_GET_THREAD_ID = 31,
   LWS_CALLBACK_ADD_POLL_FD = 32,
+  LWS_CALLBACK_DEL_POLL_FD = 33,
+  LWS_CALLBACK_CHANGE_MODE_POLL_FD = 34,
+  LWS_CALLBACK_LOCK_POLL = 35,
+  LWS_CALLBACK_UNLOCK_POLL = 36,
   LWS_CALLBACK_USER = 1000,
 };
 
@@ -67,6 +71,8 @@ enum lws_write_protocol {
   LWS_WRITE_PING = 5,
   LWS_WRITE_PONG = 6,
 };
+
+typedef int lws_sockfd_type;
 
 typedef int lws_callback_function(struct lws *wsi, enum lws_callback_reasons reason, void *user,
                                   void *in, size_t len);
@@ -118,6 +124,8 @@ int lws_callback_on_writable(struct lws *wsi);
 int lws_write(struct lws *wsi, unsigned char *buf, size_t len, enum lws_write_protocol protocol);
 size_t lws_remaining_packet_payload(struct lws *wsi);
 int lws_is_final_fragment(struct lws *wsi);
+int lws_get_socket_fd(struct lws *wsi);
+int lws_partial_buffered(struct lws *wsi);
 
 #ifdef __cplusplus
 }

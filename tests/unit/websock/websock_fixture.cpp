@@ -133,7 +133,7 @@ std::string WebsockFixture::wake_call(const std::string &context, const std::str
 
 std::vector<std::string> WebsockFixture::service_calls(const std::string &context, int limit_ms) {
   const std::string service = "lws_service " + context + " " + std::to_string(limit_ms);
-  if (!fake_lws::wakes_by_cancelling)
+  if (!fake_lws::ignores_limits)
     return {service};
   return {"lws_sul_schedule " + context + " 0 " + std::to_string(limit_ms * 1000), service,
           "lws_sul_schedule " + context + " 0 cancel"};
