@@ -10,9 +10,11 @@ extern "C" const char *__tsan_default_suppressions() {
       // suppresses only ZeroMQ's own memory accesses; races among our own threads are still
       // reported.
       "called_from_lib:libzmq.so\n"
-      // The installed release of libwebsockets formats every log line in one static buffer. The bus
-      // thread's lws_cancel_service, the one call that other threads may make, writes such a line
-      // too. The buffer always ends in a zero byte, so the worst outcome is a garbled line of the
-      // library's own.
+      // The installed release of libwebsockets formats every log line in one static buffer of 256
+      // bytes. The bus thread's lws_cancel_service, the one call that other threads may make,
+      // writes such a line too. The line is one of the daemon's, so another wake-up would change
+      // the log. The worst outcome is a garbled line of the library's own. vsnprintf gets 255
+      // bytes, and the dots that end a line that is too long stop there as well. So the last byte
+      // is always zero, and a reader stays inside the buffer.
       "race:_lws_logv\n";
 }
