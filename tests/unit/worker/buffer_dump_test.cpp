@@ -221,7 +221,7 @@ TEST_F(BufferDumpTest, DumpIsOfTheDebugCategoryAndBuiltWhateverTheMask) {
   for (const std::uint32_t mask : {0xFFFFFFF7u, 0u}) {
     fake_memory::reset();
     g_log_level = mask;
-    for (const std::size_t size : {3, 400 * 32, 401 * 32})
+    for (const std::size_t size : {3u, 400u * 32, 401u * 32})
       buffer_of(std::string(size, 'x'))->dump();
     EXPECT_THAT(fake_memory::calloc_sizes(),
                 ElementsAre(56 + 1 * 358, 56 + 401 * 358, 56 + 100 * 358));
