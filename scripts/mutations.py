@@ -1,6 +1,6 @@
 """The small changes that operators make to the sources, found by the compiler's parser.
 
-Each changes one expression, or one or two statements, of src/; types, assertions and comments stay.
+Each changes one expression or statement of src/; types, assertions and comments stay.
 """
 
 import dataclasses
@@ -20,8 +20,6 @@ steps = {"++": "--", "--": "++"}
 functions = {kind.FUNCTION_DECL, kind.CXX_METHOD, kind.CONSTRUCTOR, kind.DESTRUCTOR}
 left_alone = {kind.STATIC_ASSERT, kind.TYPE_REF, kind.TYPE_ALIAS_DECL, kind.TYPEDEF_DECL}
 labels = {kind.CASE_STMT, kind.DEFAULT_STMT}
-# Statements that are not exchanged with their neighbours.
-fixed = {kind.DECL_STMT, kind.RETURN_STMT, kind.BREAK_STMT, kind.CONTINUE_STMT}
 # An initialiser without a value means the same as with one of these.
 zero = {"{}", "0", "false", "nullptr"}
 last_character = re.compile(r'\\?[^"]"$')
@@ -71,11 +69,6 @@ class operators:
     def replace(self, cursor, text):
         return start_of(cursor), end_of(cursor), text
 
-    def exchange(self, one, two, end):
-        parts = (self.text[start_of(two):end(two)], self.text[end(one):start_of(two)],
-                 self.text[start_of(one):end(one)])
-        return start_of(one), end(two), "".join(parts)
-
     def changes(self, cursor, parts):
         if cursor.kind == kind.COMPOUND_STMT:
             yield from self.block(parts)
@@ -91,8 +84,6 @@ class operators:
             yield from self.unary(cursor, parts[0])
         elif cursor.kind == kind.CALL_EXPR:
             yield from self.arguments(cursor, list(cursor.get_arguments()))
-        elif cursor.kind == kind.INIT_LIST_EXPR:
-            yield from self.arguments(cursor, parts)
         elif cursor.kind == kind.CONSTRUCTOR:
             yield from self.initialisers(parts)
         elif cursor.kind.is_expression():
@@ -109,9 +100,6 @@ class operators:
         for statement in statements:
             if statement.kind not in (kind.DECL_STMT, kind.RETURN_STMT, kind.IF_STMT):
                 yield start_of(statement), self.statement_end(statement), ";"
-        for one, two in itertools.pairwise(statements):
-            if one.kind not in fixed and two.kind not in fixed:
-                yield self.exchange(one, two, self.statement_end)
 
     def operation(self, cursor, left, right):
         between = self.text[end_of(left):start_of(right)]
@@ -133,13 +121,10 @@ class operators:
             yield self.replace(cursor, inner)
 
     def arguments(self, cursor, given):
-        """Exchanges neighbours of one type; those of an overloaded operator are operands."""
+        """The arguments of an overloaded operator are operands."""
         for one, two in itertools.pairwise(given):
-            types = {part.type.get_canonical().spelling for part in (one, two)}
             if self.text[end_of(one):start_of(two)].strip() != ",":
                 yield from self.operation(cursor, one, two)
-            elif len(types) == 1:
-                yield self.exchange(one, two, end_of)
 
     def initialisers(self, parts):
         for member, value in itertools.pairwise(parts):
@@ -202,7 +187,12 @@ def generate(root, commands):
     for command in json.loads(commands.read_text()):
         if pathlib.Path(command["file"]).is_relative_to(root / "src"):
             words = shlex.split(command["command"])[1:]
-            unit = Index.create().parse(None, words[:words.index("-o")] + [command["file"]])
+            options = words[:words.index("-o")]
+            # Another compiler's precompiled headers are of no use.
+            if "-include" in options:
+                place = options.index("-include")
+                del options[place:place + 2]
+            unit = Index.create().parse(None, [*options, command["file"]])
             wrong = [line for line in unit.diagnostics if line.severity >= Diagnostic.Error]
             if wrong:
                 raise ValueError(wrong[0])

@@ -138,15 +138,17 @@ TEST_F(WebsockKeepaliveTest, AnsweredPingsKeepTheConnection) {
   EXPECT_TRUE(worker->running);
 }
 
-// Reason 7, a server connection's pong, leaves a count of 2; a pong sets it to 0, not to 1.
+// Reason 7, a server connection's pong, leaves a count of 2; a pong sets it to 0, and sends nothing.
 TEST_F(WebsockKeepaliveTest, PongClearsACountOfTwoAndAServersPongDoesNot) {
   make_connected_worker();
+  forget_records();
   worker->missed_pongs = 2;
   fake_lws::deliver(LWS_CALLBACK_RECEIVE_PONG);
   EXPECT_EQ(worker->missed_pongs, 2);
   fake_lws::deliver(LWS_CALLBACK_CLIENT_RECEIVE_PONG);
   EXPECT_EQ(worker->missed_pongs, 0);
   EXPECT_TRUE(worker->alive);
+  EXPECT_THAT(fake_lws::calls(), IsEmpty());
 }
 
 // The third ping makes the count 3; the callback after it logs, sets it to 0 and clears `alive`.
@@ -207,6 +209,7 @@ TEST_F(WebsockKeepaliveTest, CountOfAnEarlierConnectionGoesOnInTheNext) {
 // A count of 2 logs nothing, stays and drops nothing; one of 5 is logged as 5 and drops as 3 does.
 TEST_F(WebsockKeepaliveTest, CountAboveTheLimitIsNamedAsItIsAndTwoDropNothing) {
   make_connected_worker();
+  forget_records();
   worker->missed_pongs = 2;
   become_writeable();
   EXPECT_TRUE(worker->alive);
