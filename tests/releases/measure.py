@@ -154,7 +154,7 @@ class measurement:
                 if elsewhere.connections or b"/elsewhere" in paths:
                     return "followed"
                 again = len(daemon.lines_with(tried)) > 1
-                return "refused, tried again" if again else "no attempt follows"
+                return "refused, tried again" if again else "not reported within 30 s"
         finally:
             elsewhere.shut_down()
 
