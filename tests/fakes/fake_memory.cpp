@@ -63,9 +63,13 @@ __attribute__((weak)) void __wrap_free(void *block) {
 }
 }
 
+// Both, because AddressSanitizer has its own of each, whose blocks operator delete must not free.
+void *operator new(std::size_t size, const std::nothrow_t &) noexcept {
+  return new_refuses || vemk::fake_memory::refuses("new", size) ? nullptr : malloc(size);
+}
+
 void *operator new(std::size_t size) {
-  void *const block =
-      new_refuses || vemk::fake_memory::refuses("new", size) ? nullptr : malloc(size);
+  void *const block = operator new(size, std::nothrow);
   if (block == nullptr)
     throw std::bad_alloc();
   return block;

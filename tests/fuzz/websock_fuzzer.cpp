@@ -157,7 +157,7 @@ private:
   }
 
   void push(const std::string &message) {
-    judge->push_from_bus(message);
+    judge->push_from_bus(message, wsi != nullptr);
     bus_to_ws.push(buffer_of(message));
   }
 

@@ -45,9 +45,10 @@ public:
     write_results.assign(results.begin(), results.end());
   }
 
-  void push_from_bus(const std::string &message) {
+  /// Before 3.0 nothing is asked of a connection that the library has taken away.
+  void push_from_bus(const std::string &message, bool connection_exists) {
     waiting.push_back(message);
-    if (is_connected)
+    if (is_connected && (is_later || connection_exists))
       call_for_writeable = waking_call;
   }
 
