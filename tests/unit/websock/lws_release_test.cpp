@@ -152,6 +152,8 @@ TEST_F(LwsSocketTest, RedirectsAreNotFollowed) {
   fake_lws::deliver(LWS_CALLBACK_WSI_CREATE);
   EXPECT_NE(send_buffer(), -1);
   fake_lws::deliver(LWS_CALLBACK_CLIENT_APPEND_HANDSHAKE_HEADER);
+  fake_lws::deliver(LWS_CALLBACK_PROTOCOL_INIT);
+  EXPECT_NE(send_buffer(), -1);
   fake_lws::deliver(LWS_CALLBACK_WSI_CREATE);
   EXPECT_EQ(send_buffer(), -1);
 }
