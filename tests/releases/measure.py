@@ -20,16 +20,18 @@ sys.path.insert(1, str(checkout / "tests" / "target_size"))
 
 # pylint: disable=wrong-import-position
 from harness.handshake_faults import (answers, attempt_seconds, changed_upgrade)  # noqa: E402
+from harness.frames import close_frame  # noqa: E402
 from harness.keepalive import fast_clock  # noqa: E402
 from harness.library_texts import library_lines  # noqa: E402
-from harness.raw_server import (deaf_listener, finish, http_head, raw_server, reset,  # noqa: E402
-                                silent, upgrade, upgrade_lines)
+from harness.raw_server import (accepts, deaf_listener, finish, http_head,  # noqa: E402
+                                raw_server, reset, silent, upgrade, upgrade_lines)
 from harness.roaming_server import roaming_server  # noqa: E402
 from harness.sandbox import sandbox  # noqa: E402
 from harness.vemk_daemon import config_text, vemk_daemon  # noqa: E402
 from harness.waiting import wait_until  # noqa: E402
 from table import write  # noqa: E402
 
+attempted = "Try to establish"
 established = "process_client_established"
 refused = "process_client_connection_error:41"
 reason_names = {1: "CLIENT_CONNECTION_ERROR", 4: "CLOSED", 5: "CLOSED_HTTP",
@@ -47,22 +49,10 @@ def number_limit(works, highest):
 
 def padded(size):
     """A server whose answer has this many bytes, most of them in one cookie."""
-    def lines(request):
-        head = upgrade_lines(request)
-        used = len(http_head([*head, b"Set-Cookie: "]))
-        return http_head([*head, b"Set-Cookie: " + b"a" * (size - used)])
-    return answers_and_reads(lines)
-
-
-def answers_and_reads(make_answer):
-    def behaviour(server, connection, request):
-        connection.sendall(make_answer(request))
-        server.read_frames(connection)
-    return behaviour
-
-
-def changed(change):
-    return answers_and_reads(lambda request: change(http_head(upgrade_lines(request))))
+    def with_cookie(head):
+        before, after = head[:-2] + b"Set-Cookie: ", b"\r\n\r\n"
+        return before + b"a" * (size - len(before + after)) + after
+    return accepts(with_cookie)
 
 
 # What servers answer to be refused, and the lines of the library's that say why.
@@ -91,7 +81,8 @@ class measurement:
     def __init__(self, folder):
         self.folder = folder.resolve()
         self.build = self.folder / "build"
-        package = self.folder / "package/lib/pkgconfig/libwebsockets.pc"
+        self.package_folder = self.folder / "package"
+        package = self.package_folder / "lib/pkgconfig/libwebsockets.pc"
         self.package = dict(re.findall(r"^(\w+): (.*)$", package.read_text(), re.MULTILINE))
         self.probe = self.folder / "probe"
         subprocess.run(["cc", "-o", self.probe, checkout / "tests/releases/probe.c", "-w",
@@ -131,7 +122,7 @@ class measurement:
             # A name that is too long may also end in an attempt without an end.
             with contextlib.suppress(AssertionError):
                 wait_until(lambda: daemon.lines_with(established) or daemon.lines_with(refused)
-                           or len(daemon.lines_with("Try to establish")) > 1, "its end", 15)
+                           or len(daemon.lines_with(attempted)) > 1, "its end", 15)
             return bool(daemon.lines_with(established))
 
     def silent_handshake_seconds(self):
@@ -147,13 +138,12 @@ class measurement:
                                    b"Location: " + location.format(elsewhere.port).encode()]))
         try:
             with self.served(moved) as (daemon, server):
-                tried = "Try to establish"
                 with contextlib.suppress(AssertionError):
-                    daemon.wait_for_lines(tried, 2, 30)
+                    daemon.wait_for_lines(attempted, 2, 30)
                 paths = {request.split(b" ")[1] for request in server.requests}
                 if elsewhere.connections or b"/elsewhere" in paths:
                     return "followed"
-                again = len(daemon.lines_with(tried)) > 1
+                again = len(daemon.lines_with(attempted)) > 1
                 return "refused, tried again" if again else "not reported within 30 s"
         finally:
             elsewhere.shut_down()
@@ -170,10 +160,9 @@ class measurement:
             hosts = ["127.0.0.2 roaming.example", "127.0.0.3 roaming.example"]
             url = f"ws://roaming.example:{server.port}/roam"
             daemon = stack.enter_context(self.daemon(url, hosts, **fast_clock(10)))
-            tried = "Try to establish"
             with contextlib.suppress(AssertionError):
                 wait_until(lambda: daemon.lines_with(established)
-                           or len(daemon.lines_with(tried)) > 1, "an attempt's end", 60)
+                           or len(daemon.lines_with(attempted)) > 1, "an attempt's end", 60)
             return "yes" if daemon.lines_with(established) else "no"
 
     def library_text(self, fault):
@@ -181,7 +170,7 @@ class measurement:
         attempt to the next is N."""
         with self.served(fault) as (daemon, _):
             with contextlib.suppress(AssertionError):
-                daemon.wait_for_lines("Try to establish", 2, 30)
+                daemon.wait_for_lines(attempted, 2, 30)
             varying = r"\b0x[0-9a-f]+\b|\d{4,}|[A-Za-z0-9+/]{26}[A-Za-z0-9+/=]+"
             return list(dict.fromkeys(re.sub(varying, "N", line) for line in library_lines(daemon)
                                       if re.match("[12]: ", line) or "HS: " in line))
@@ -213,9 +202,7 @@ class measurement:
         return ", ".join(dict.fromkeys(named)) or "none"
 
     def wake_up(self):
-        def connected(server, connection, request):
-            upgrade(server, connection, request)
-        lines = self.probed(connected, "cancel")
+        lines = self.probed(upgrade, "cancel")
         after = lines[lines.index("cancel") + 1:] if "cancel" in lines else []
         returned = [float(line.split()[1]) for line in after if line.startswith("returned")]
         if not returned or returned[0] > 1000:
@@ -238,11 +225,9 @@ class measurement:
     def daemon_size(self):
         """Of the device's kind of build, the library inside."""
         build = self.folder / "device"
-        cache = (self.build / "CMakeCache.txt").read_text()
-        prefix = re.search(r"^CMAKE_PREFIX_PATH\S*=(.*)$", cache, re.MULTILINE)[1]
         for command in (["cmake", "-S", checkout, "-B", build, "-G", "Ninja",
                          "-DCMAKE_BUILD_TYPE=MinSizeRel", "-DBUILD_TESTING=OFF",
-                         f"-DCMAKE_PREFIX_PATH={prefix}"],
+                         f"-DCMAKE_PREFIX_PATH={self.package_folder}"],
                         ["cmake", "--build", build, "--target", "vemk"],
                         ["strip", "-o", build / "stripped", build / "vemk"]):
             subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
@@ -250,7 +235,7 @@ class measurement:
 
     def all(self):
         def close(server, connection, request):
-            connection.sendall(http_head(upgrade_lines(request)) + b"\x88\x02\x03\xe8")
+            connection.sendall(http_head(upgrade_lines(request)) + close_frame(1000))
 
         def cut(server, connection, request):
             connection.sendall(http_head(upgrade_lines(request)))
@@ -273,7 +258,7 @@ class measurement:
                 "... when the first is silent": self.second_address(True),
                 "longest host name, bytes": number_limit(self.connects_to_name, 253),
                 "longest handshake answer, bytes": number_limit(self.connects_to_answer, 20000),
-                **{f"answer with {name}": "accepted" if self.connects(changed(change))
+                **{f"answer with {name}": "accepted" if self.connects(accepts(change))
                    else "refused" for name, change in odd_answers.items()},
                 "a wake-up from another thread (`lws_cancel_service`)": self.wake_up(),
                 "proxy variables that the library alone heeds": self.proxy_variables(),

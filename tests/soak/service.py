@@ -8,8 +8,8 @@ import threading
 
 from harness.frames import (frame, frame_parser, opcode_close, opcode_ping, opcode_pong,
                             opcode_text)
-from harness.raw_server import http_head, reset_on_close, upgrade_lines
-from harness.recording_server import asyncio_server
+from harness.raw_server import http_head, upgrade_lines
+from harness.recording_server import abort, asyncio_server
 
 # Small, so that a service that does not read closes its window soon.
 receive_buffer_bytes = 65536
@@ -103,8 +103,7 @@ class peer(asyncio.Protocol):
 
     def connection_made(self, transport):
         self.transport = transport
-        self.socket = transport.get_extra_info("socket")
-        self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        transport.get_extra_info("socket").setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
 
     def data_received(self, data):
         if not self.number:
@@ -181,5 +180,4 @@ class peer(asyncio.Protocol):
             self.fin_sent = True
             self.transport.write_eof()
         else:
-            self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, reset_on_close)
-            self.transport.abort()
+            abort(self.transport)

@@ -11,7 +11,7 @@ from harness.bus_peer import connected
 from harness.frames import text
 from harness.independent_servers import with_each_server
 from harness.keepalive import established, fast_clock
-from harness.raw_server import http_head, silent, upgrade, upgrade_lines
+from harness.raw_server import accepts, http_head, silent, upgrade, upgrade_lines
 from harness.round_trip import passes_both_ways
 from harness.vemk_daemon import config_text
 
@@ -152,11 +152,7 @@ def test_answer_after_eight_seconds_connects(connect_through):
 # Fault, before the connection: the handshake answer and the first frame in the same segment.
 # Seen: the bus hears "connected", then the frame's message, and messages flow both ways.
 def test_first_frame_in_the_segment_of_the_handshake_is_received(connect_through, bus):
-    def hurry(server, connection, request):
-        connection.sendall(http_head(upgrade_lines(request)) + text(b"first"))
-        server.read_frames(connection)
-
-    connect_through(hurry, heard=[b"first"])
+    connect_through(accepts(lambda head: head + text(b"first")), heard=[b"first"])
     heard = [received.payload for received in bus.received]
     assert heard.index(b"first") > heard.index(connected)
 
@@ -172,8 +168,4 @@ def test_first_frame_in_the_segment_of_the_handshake_is_received(connect_through
     lambda head: head.replace(b"HTTP/1.1", b"HTTP/1.0"),
 ], ids=["no-subprotocol", "empty-subprotocol", "list", "bare-line-ends", "http-1.0"])
 def test_odd_handshake_answer_connects(connect_through, odd):
-    def accept(server, connection, request):
-        connection.sendall(odd(http_head(upgrade_lines(request))))
-        server.read_frames(connection)
-
-    connect_through(accept)
+    connect_through(accepts(odd))

@@ -7,6 +7,7 @@ import re
 import pytest
 
 from harness.healing import stray_lines
+from harness.library_texts import library_prefix
 
 modules = {"vemk-main", "websock-cfg", "ipc-worker", "websock-worker", "buffer-info", "timers"}
 
@@ -33,7 +34,7 @@ def test_debug_lines_tell_the_course_of_a_message(make_rig):
     rig = make_rig(log_level=8)
     exchange(rig)
     texts = [line.text for line in rig.daemon.log_lines() if line.module == "websock-worker"]
-    own = [text for text in texts if not text.startswith("portal->libwebsocket-debug> ")]
+    own = [text for text in texts if not text.startswith(library_prefix)]
     expected = [
         "Generate delay into [0;1) range",
         "Delay before connection: 0 sec",

@@ -3,7 +3,7 @@
 import socket
 import threading
 
-from harness.frames import frame, opcode_binary, opcode_continuation, opcode_ping, opcode_pong
+from harness.frames import frame, opcode_ping, opcode_pong
 from harness.raw_server import finish, raw_server, reset, upgrade
 from harness.waiting import wait_until
 

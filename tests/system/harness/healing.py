@@ -1,6 +1,7 @@
 """What must hold after a fault: the daemon lives, has leaked nothing, and messages pass again."""
 
 from harness.frames import opcode_close, text
+from harness.library_texts import library_prefix
 from harness.round_trip import passes_both_ways
 from harness.vemk_daemon import line_pattern
 
@@ -15,7 +16,7 @@ def stray_lines(daemon):
         # The rest of a dump stands on lines of its own, which begin with a tab; the library's
         # parser quotes line ends of the handshake as they are.
         if not (line_pattern.fullmatch(line) or line.startswith("\t")
-                or "portal->libwebsocket-debug> " in before):
+                or library_prefix in before):
             stray.append(line)
         before = line
     return stray

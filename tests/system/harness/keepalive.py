@@ -30,7 +30,7 @@ def start_fast(make_frame_rig, answers_pings, speed, **server_options):
     """A rig whose log tells of its keepalive."""
     # The first delay is half a second of the test's time or more, time for the bus to listen.
     return make_frame_rig(fast_clock(speed), {"answers_pings": answers_pings, **server_options},
-                             log_level=12, initial_delay=speed, max_delay=speed)
+                         log_level=12, initial_delay=speed, max_delay=speed)
 
 
 def established(daemon):

@@ -58,10 +58,18 @@ def http_head(lines):
     return b"\r\n".join([*lines, b"", b""])
 
 
-def upgrade(server, connection, request):
-    """Accepts the WebSocket without choosing a subprotocol, and never answers a frame."""
-    connection.sendall(http_head(upgrade_lines(request)))
-    server.read_frames(connection)
+def accepts(change):
+    """A behaviour that answers with `change` of the upgrade's head, and never answers a frame."""
+
+    def behaviour(server, connection, request):
+        connection.sendall(change(http_head(upgrade_lines(request))))
+        server.read_frames(connection)
+
+    return behaviour
+
+
+# Accepts the WebSocket without choosing a subprotocol.
+upgrade = accepts(lambda head: head)
 
 
 class raw_server:

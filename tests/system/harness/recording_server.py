@@ -13,6 +13,13 @@ frame_t = collections.namedtuple("frame_t", "time connection payload is_text")
 handshake_t = collections.namedtuple("handshake_t", "time path headers subprotocol")
 
 
+def abort(transport):
+    """Ends an asyncio connection with a TCP reset."""
+    tcp_socket = transport.get_extra_info("socket")
+    tcp_socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, reset_on_close)
+    transport.abort()
+
+
 class recording_server:
     """On a free port of `host`, the same one after a restart.
 
@@ -114,11 +121,8 @@ class asyncio_server(recording_server):
         return asyncio.run_coroutine_threadsafe(coroutine, self.loop).result(seconds)
 
     async def abort_connection(self):
-        if self.transport.is_closing():
-            return
-        tcp_socket = self.transport.get_extra_info("socket")
-        tcp_socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, reset_on_close)
-        self.transport.abort()
+        if not self.transport.is_closing():
+            abort(self.transport)
 
     async def send_in_order(self, messages):
         for message in messages:
