@@ -73,17 +73,13 @@ target-environment:
 	scripts/install-packages.sh target
 	scripts/target-env.sh build-mips-env
 
-target-size: packages
-	scripts/install-packages.sh target
-	scripts/target-env.sh build-mips-env
+target-size: packages target-environment
 	tests/target_size/measure_size.py --write docs/target.md
 
 # Without a shared library, an FPU or glibc: the nearest to a device that can run here.
-target-static: packages
+target-static: packages companions
 	scripts/install-packages.sh target static
 	scripts/static-env.sh build-static-env
-	cmake --preset default
-	cmake --build --preset default --target vemkctl roam-service
 	cmake --preset mips-static
 	cmake --build --preset mips-static
 	file build-mips-static/vemk
@@ -113,10 +109,8 @@ analyze: packages
 
 # The lines and branches of src/ that the unit tests execute, and the system tests that run everywhere.
 # Of these, only a daemon that ends by itself counts: one that a signal ends does not write counters.
-coverage: packages
+coverage: packages companions
 	scripts/install-packages.sh coverage
-	cmake --preset default
-	cmake --build --preset default --target vemkctl roam-service
 	cmake --preset coverage
 	cmake --build --preset coverage
 	find build-coverage -name '*.gcda' -delete
