@@ -90,16 +90,13 @@ class operators:
             yield from self.literal(cursor, self.text_of(cursor))
 
     def block(self, parts):
-        statements = []
         for part in parts:
             while part.kind in labels:
                 *_, below = part.get_children()
                 yield start_of(part), start_of(below), ""
                 part = below
-            statements.append(part)
-        for statement in statements:
-            if statement.kind not in (kind.DECL_STMT, kind.RETURN_STMT, kind.IF_STMT):
-                yield start_of(statement), self.statement_end(statement), ";"
+            if part.kind not in (kind.DECL_STMT, kind.RETURN_STMT, kind.IF_STMT):
+                yield start_of(part), self.statement_end(part), ";"
 
     def operation(self, cursor, left, right):
         between = self.text[end_of(left):start_of(right)]
