@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "module_bus/bus_folder.h"
+#include "module_bus/descriptor.h"
 
 namespace vemk {
 
@@ -32,23 +33,6 @@ constexpr milliseconds last_words_time{100};
 constexpr milliseconds pause_without_descriptors{100};
 constexpr int waiting_peers = 100;
 constexpr std::size_t step_bytes = 64 * 1024;
-
-class descriptor {
-public:
-  explicit descriptor(int opened) : number(opened) {}
-  descriptor(descriptor &&other) noexcept : number(std::exchange(other.number, -1)) {}
-  descriptor &operator=(descriptor &&) = delete;
-  ~descriptor() {
-    if (number >= 0)
-      close(number);
-  }
-
-  int get() const { return number; }
-  bool is_open() const { return number >= 0; }
-
-private:
-  int number;
-};
 
 sockaddr_un address_of(const std::string &path) {
   sockaddr_un address{};
