@@ -60,6 +60,19 @@ void *GetMsgFromQueueNoWait(void);
 /// listener and is the only value that the daemon uses. Returns 0, or -1 when nothing was sent.
 int MsgSend(const void *data, int destination, uint32_t length);
 
+/// A descriptor for waiting until there is a message, in place of asking again and again. A library
+/// need not have this function: test its address first.
+///
+/// The descriptor is readable, for poll() with POLLIN, when a message may be there and when the
+/// module-loop flag was cleared. Wait for it only after GetMsgFromQueueNoWait returned null, with
+/// no MsgSend in between: that call may take the sign of a message that has come. A wait may also
+/// end without a message.
+///
+/// Returns -1 when there is no descriptor: the module has not joined, or the process has none left.
+/// Another call may then succeed. The descriptor is the library's, and nobody else reads or closes
+/// it. It is the same from one ModulePeerStart to ModulePeerStop; the next join may give another.
+int GetMsgDescriptor(void) __attribute__((weak));
+
 #ifdef __cplusplus
 }
 #endif

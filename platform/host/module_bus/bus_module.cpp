@@ -95,6 +95,14 @@ bool send_now(zmq::socket_t &socket, zmq::message_t &message, zmq::send_flags fl
   }
 }
 
+// A call that failed did not look.
+bool is_readable(zmq::socket_t &socket) {
+  int events = 0;
+  std::size_t size = sizeof events;
+  return zmq_getsockopt(socket.handle(), ZMQ_EVENTS, &events, &size) != 0 ||
+         (events & ZMQ_POLLIN) != 0;
+}
+
 void *make_record(const char *payload, std::size_t length) {
   auto *record = static_cast<unsigned char *>(std::malloc(record_payload_offset + length));
   if (!record)
@@ -185,6 +193,14 @@ bool bus_module::publish(const void *data, std::uint32_t length) {
   }
   ++next_number;
   return true;
+}
+
+std::array<int, 2> bus_module::socket_descriptors() const {
+  return {inbox.get(zmq::sockopt::fd), outlet.get(zmq::sockopt::fd)};
+}
+
+bool bus_module::has_work() {
+  return waiting || is_readable(inbox) || is_readable(outlet);
 }
 
 // The subscription is first known here, so only from now on the listener receives all messages.

@@ -2,6 +2,7 @@
 #ifndef VEMK_MODULE_BUS_BUS_MODULE_H
 #define VEMK_MODULE_BUS_BUS_MODULE_H
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -57,6 +58,13 @@ public:
 
   /// Sends to every listener and never waits for one. False when nothing was sent.
   bool publish(const void *data, std::uint32_t length);
+
+  /// The descriptors of the sockets, for a message_descriptor.
+  std::array<int, 2> socket_descriptors() const;
+
+  /// True when the next take_record() may have something to do. When false, the first event after
+  /// this call makes one of socket_descriptors() readable; publish() may take that back.
+  bool has_work();
 
 private:
   void greet_new_listeners();

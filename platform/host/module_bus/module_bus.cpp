@@ -1,4 +1,4 @@
-// The platform's ten functions over a bus_module.
+// The platform's functions over a bus_module.
 //
 // Tracing on a workstation is one line on standard error, with the reason why the bus cannot be
 // joined. Trace options and the library's parameter list have no other effect.
@@ -7,10 +7,12 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "module_bus/bus_folder.h"
 #include "module_bus/bus_module.h"
+#include "module_bus/message_descriptor.h"
 
 namespace {
 
@@ -20,6 +22,8 @@ struct library_t {
   int module_loop = 0;
   std::string last_reason;
   std::unique_ptr<vemk::bus_module> module;
+  /// From the first request for it until the module leaves.
+  std::optional<vemk::message_descriptor> descriptor;
 };
 
 // Never destroyed: the process may end with exit() on one thread while the bus thread is inside a
@@ -35,6 +39,12 @@ void report_once(library_t &bus, const std::string &reason) {
     return;
   bus.last_reason = reason;
   std::fprintf(stderr, "%s: cannot join the bus: %s\n", bus.trace_name.c_str(), reason.c_str());
+}
+
+// A record that was not taken, or a flag that was cleared, makes no event at a socket.
+void refresh_descriptor(library_t &bus) {
+  if (bus.descriptor)
+    bus.descriptor->set_readable(bus.module_loop == 0 || bus.module->has_work());
 }
 
 } // namespace
@@ -72,10 +82,12 @@ int ModulePeerStart(void) {
   }
   bus.last_reason.clear();
   bus.module_loop = 1;
+  refresh_descriptor(bus);
   return 0;
 }
 
 void ModulePeerStop(void) {
+  library().descriptor.reset();
   library().module.reset();
 }
 
@@ -85,6 +97,7 @@ int GetModuleLoop(void) {
 
 void SetModuleLoop(int value) {
   library().module_loop = value;
+  refresh_descriptor(library());
 }
 
 void *GetMsgFromQueueNoWait(void) {
@@ -94,7 +107,24 @@ void *GetMsgFromQueueNoWait(void) {
   void *record = bus.module->take_record();
   if (bus.module->told_to_leave())
     bus.module_loop = 0;
+  if (!record)
+    refresh_descriptor(bus);
   return record;
+}
+
+int GetMsgDescriptor(void) {
+  library_t &bus = library();
+  if (!bus.module)
+    return -1;
+  try {
+    if (!bus.descriptor) {
+      bus.descriptor.emplace(bus.module->socket_descriptors());
+      refresh_descriptor(bus);
+    }
+  } catch (const std::exception &) {
+    return -1;
+  }
+  return bus.descriptor->get();
 }
 
 int MsgSend(const void *data, int destination, uint32_t length) {

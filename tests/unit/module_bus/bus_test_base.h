@@ -7,14 +7,18 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
+#include <zmq.hpp>
 
 #include "fakes/temporary_folder.h"
 #include "module_bus.h"
 #include "module_bus/bus_client.h"
+#include "module_bus/bus_folder.h"
 
 namespace vemk {
 
@@ -83,11 +87,11 @@ protected:
     return MsgSend(text.data(), 3, static_cast<std::uint32_t>(text.size()));
   }
 
-  static constexpr std::size_t record_head = 13;
-  const temporary_folder temporary;
-  const std::string folder = temporary.path();
+  static std::size_t open_descriptors() {
+    const std::filesystem::directory_iterator entries("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+  }
 
-private:
   static std::string take(void *record) {
     const auto *bytes = static_cast<const char *>(record);
     std::uint32_t length = 0;
@@ -96,11 +100,30 @@ private:
     std::free(record);
     return copy;
   }
+
+  static constexpr std::size_t record_head = 13;
+  const temporary_folder temporary;
+  const std::string folder = temporary.path();
 };
 
 class joined_bus_test : public bus_test_base {
 protected:
   joined_bus_test() { EXPECT_EQ(join(), 0); }
+};
+
+/// Sends the module an empty message, one of unknown kind, and "good".
+class malformed_sender {
+public:
+  explicit malformed_sender(const std::string &folder) {
+    raw.set(zmq::sockopt::linger, 0);
+    raw.connect("ipc://" + inbox_path(folder, daemon_module));
+    for (const char *text : {"", "Xunknown kind", "Dgood"})
+      raw.send(zmq::buffer(text, std::strlen(text)), zmq::send_flags::none);
+  }
+
+private:
+  zmq::context_t context;
+  zmq::socket_t raw{context, zmq::socket_type::dealer};
 };
 
 } // namespace vemk

@@ -1,16 +1,13 @@
 #include <algorithm>
 #include <filesystem>
 #include <future>
-#include <iterator>
 #include <memory>
 #include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <zmq.hpp>
 
 #include "bus_test_base.h"
-#include "module_bus/bus_folder.h"
 
 namespace vemk {
 namespace {
@@ -23,13 +20,7 @@ using ::testing::StartsWith;
 // nobody when it has.
 constexpr std::chrono::milliseconds connection_time{300};
 
-class ModuleBusTest : public bus_test_base {
-protected:
-  std::size_t open_descriptors() {
-    const std::filesystem::directory_iterator entries("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
-  }
-};
+class ModuleBusTest : public bus_test_base {};
 
 class JoinedModuleTest : public joined_bus_test {
 protected:
@@ -232,13 +223,7 @@ TEST_F(JoinedModuleTest, LeavingRemovesTheSockets) {
 
 // Empty messages and those of unknown kind are dropped; the good one behind them arrives.
 TEST_F(JoinedModuleTest, MalformedInboxMessagesAreDropped) {
-  zmq::context_t context;
-  zmq::socket_t raw(context, zmq::socket_type::dealer);
-  raw.set(zmq::sockopt::linger, 0);
-  raw.connect("ipc://" + inbox_path(folder, daemon_module));
-  raw.send(zmq::str_buffer(""), zmq::send_flags::none);
-  raw.send(zmq::str_buffer("Xunknown kind"), zmq::send_flags::none);
-  raw.send(zmq::str_buffer("Dgood"), zmq::send_flags::none);
+  const malformed_sender sender_of_three(folder);
   EXPECT_EQ(next_payload(), "good");
   EXPECT_NE(GetModuleLoop(), 0);
 }
