@@ -9,7 +9,7 @@ import re
 
 import pytest
 
-from device_build import configure, device_build, run, tools_t
+from device_build import configure, device_build, run, source_folder, tools_t
 
 # What the C and C++ libraries consist of; the dynamic loader is one of them on some processors.
 language_libraries = {"libc", "libm", "libstdc++", "libgcc_s", "libatomic", "ld"}
@@ -54,6 +54,15 @@ def test_needs_the_two_protocol_libraries_and_the_platform_only(build):
 # The ten functions of the bus and the three of the log are left to the device's libraries.
 def test_calls_every_platform_function(build):
     assert platform_functions - build.undefined_symbols() == set()
+
+
+# A program that calls GetMsgDescriptor if there is one links with the stub, which has none.
+def test_a_bus_library_of_ten_functions_is_enough(build):
+    source = build.folder / "asks.c"
+    source.write_text('#include "module_bus.h"\n'
+                      "int main(void) { return GetMsgDescriptor ? GetMsgDescriptor() : 0; }\n")
+    run(tools.c_compiler, "-I", source_folder / "platform" / "include", "-o", build.folder / "asks",
+        source, build.stubs[0])
 
 
 # Nine of libwebsockets, two more of its later releases, and 17 of json-c are all that may be called.
