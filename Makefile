@@ -138,10 +138,24 @@ soak: build
 	VEMK_BUILD_DIR=$${VEMK_BUILD_DIR:-build} \
 	  /usr/bin/python3 tests/soak/soak.py --minutes $(MINUTES) $(if $(SEED),--seed $(SEED))
 
+bench-programs:
+	scripts/install-packages.sh build run bench
+	cmake --preset bench
+	cmake --build --preset bench
+
+# The daemon beside other bridges, for docs/performance.md; BENCH has options of bench/bench.py.
+bench: bench-programs
+	scripts/unpack-packages.sh build-bench/unpacked bench-unpacked
+	scripts/install-node-bridge.sh build-bench/node
+	bench/bench.py run $(or $(BENCH),--write)
+
+# Whether the daemon still reaches half of what docs/performance.md says.
+bench-check: bench-programs
+	bench/bench.py check $(BENCH)
+
 # The cost of looking at a message from the bus, and of parsing each message.
-bench-classify: configure
-	cmake --build --preset default --target bench_classify
-	build/bench_classify
+bench-classify: bench-programs
+	build-bench/bench_classify
 
 # A Debian package for this machine. Its date is that of the last change, so that another build
 # gives the same bytes.

@@ -1,6 +1,7 @@
 #!/bin/bash
-# Unpacks the packages of packages.txt's [unpacked], which would enable services if installed.
-# Usage: unpack-packages.sh FOLDER
+# Unpacks the packages of packages.txt's [unpacked], or of another section, which would enable
+# services if installed.
+# Usage: unpack-packages.sh FOLDER [SECTION]
 #
 # FOLDER/bin gets their programs, and FOLDER/root their files and those of dependencies that are not
 # installed. FOLDER/versions.txt lists all these packages. Packages of the section are fetched even
@@ -13,11 +14,11 @@ readonly scripts
 # shellcheck source-path=SCRIPTDIR
 . "$scripts/unpacking.sh"
 
-[ $# -eq 1 ] || {
-  echo "usage: unpack-packages.sh FOLDER" >&2
+[ $# -eq 1 ] || [ $# -eq 2 ] || {
+  echo "usage: unpack-packages.sh FOLDER [SECTION]" >&2
   exit 2
 }
-open_folder "$1" unpacked
+open_folder "$1" "${2:-unpacked}"
 multiarch=$(gcc -print-multiarch)
 readonly root=$folder/root archives=$folder/apt/host/archives
 readonly libraries=$root/usr/lib/$multiarch:$root/lib/$multiarch

@@ -1,0 +1,108 @@
+"""What is measured of a system, and whether others used the processors meanwhile."""
+
+import math
+import os
+import time
+
+from process_cost import memory_of, work_of
+
+small, middle, large = 200, 4096, 1 << 20
+sizes = (1, small, middle, 1 << 16, large, 1 << 24)
+backlogs = (1, 10, 100, 1000, 10000, 100000)
+rest_seconds = 60
+
+# Beyond these, a bus drops what a listener has not yet read.
+bus_pieces = 150000
+bus_piece_bytes = 1024
+
+# Others may have this share of the processors; the counters of busy time are coarse.
+most_foreign_share = 0.05
+coarseness_seconds = 0.05
+
+
+def cpu_seconds(pid):
+    """The processor's time that a process has used, ended threads included."""
+    return time.clock_gettime(~pid << 3 | 2)
+
+
+class processor_watch:
+    """Compares the busy time of all processors with that of own processes."""
+
+    def __init__(self, pids):
+        self.pids = [os.getpid(), *pids]
+        self.begin = self.now()
+
+    def now(self):
+        with open("/proc/stat", encoding="ascii") as file:
+            user, nice, system, _, _, irq, softirq, steal = map(int, file.readline().split()[1:9])
+        busy = (user + nice + system + irq + softirq + steal) / os.sysconf("SC_CLK_TCK")
+        return time.monotonic() * os.cpu_count(), busy - sum(map(cpu_seconds, self.pids))
+
+    def others_were_busy(self):
+        whole, foreign = (now - begin for now, begin in zip(self.now(), self.begin))
+        return foreign > coarseness_seconds + most_foreign_share * whole
+
+
+def rate(running, way, size, seconds):
+    """Messages a second, over about so many seconds."""
+    most = bus_pieces // math.ceil(size / bus_piece_bytes)
+    count = 1
+    while True:
+        [elapsed] = running.measure("rate", way, size, count)
+        if elapsed >= seconds / 2 or count == most:
+            return count / elapsed
+        growth = 0.9 * seconds / elapsed if elapsed > seconds / 20 else 10
+        count = min(most, math.ceil(count * growth))
+
+
+def latency(running, way, size, count, pause_us):
+    """Microseconds of each message."""
+    return running.measure("latency", way, size, count, pause_us)
+
+
+def backlog_cost(running, way, count):
+    """Microseconds of the processor's time that the bridge takes for each message of a backlog."""
+    before = cpu_seconds(running.bridge)
+    running.measure("backlog" if way == "up" else "rate", way, small, count)
+    return (cpu_seconds(running.bridge) - before) / count * 1e6
+
+
+def jobs(name, running, seconds):
+    """By its name, each measurement of a running system; the name of a latency ends in its way."""
+    is_designed = name == "designed"
+    found = {}
+    for way in ("up", "down"):
+        for size in sizes:
+            # At its designed pace the daemon takes 26 s for 1 MiB down.
+            if not is_designed or size in (small, middle):
+                found[f"rate {way} {size}"] = lambda way=way, size=size: [
+                    rate(running, way, size, seconds)]
+        count = 1 if is_designed else 5
+        found[f"one {way}"] = lambda way=way, count=count: [
+            sorted(latency(running, way, large, count, 20000))[count // 2] / 1000]
+        samples = int((60 if is_designed else 300) * min(1, seconds))
+        pause_us = 100000 if is_designed else 10000
+        found[f"latency {way}"] = lambda way=way, samples=samples, pause_us=pause_us: latency(
+            running, way, small, samples, pause_us)
+        if running.bridge and not is_designed:
+            for count in backlogs:
+                found[f"backlog {way} {count}"] = lambda way=way, count=count: [
+                    backlog_cost(running, way, count)]
+    return found
+
+
+def rest(bridges, seconds):
+    """By its name and measure, what each of the bridges costs at rest, all at the same time."""
+    time.sleep(min(3, seconds))
+    before = {name: work_of(pid) for name, pid in bridges.items()}
+    time.sleep(seconds)
+    found = {}
+    for name, pid in bridges.items():
+        work, begin = work_of(pid), before[name]
+        memory = memory_of(pid, range(1 << 64))
+        minutes = seconds / 60
+        found[name, "rest wake-ups"] = [(work.wake_ups - begin.wake_ups) / minutes]
+        found[name, "rest cpu"] = [(work.cpu_seconds - begin.cpu_seconds) * 1000 / minutes]
+        found[name, "rest memory"] = [memory.clean + memory.dirty]
+        found[name, "rest written"] = [memory.dirty]
+    return found
