@@ -6,9 +6,11 @@ set tics nomirror textcolor rgb "#1a1a1a"
 set grid linecolor rgb "#dddddd"
 set style data yerrorlines
 set pointsize 0.5
-colors = "#888888 #a84a62 #3c7d2a #7a5aa6 #2f6fb0 #c98a1b #4fa3a5 #8a6d4b #bbbbbb"
-shown(curve) = system(sprintf("for name in %s; do test -s \"$name %s\" && echo $name; done; true", names, curve))
-place(name) = int(system(sprintf("echo %s | tr ' ' '\\n' | grep -nx %s | cut -d: -f1", names, name)))
+colors = "#888888 #a84a62 #3c7d2a #555555 #7a5aa6 #2f6fb0 #c98a1b #4fa3a5 #8a6d4b #bbbbbb"
+shown(curve) = system(sprintf( \
+  "for name in %s; do test -s \"$name %s\" && echo $name; done; true", names, curve))
+place(name) = int(system(sprintf( \
+  "echo %s | tr ' ' '\\n' | grep -nx %s | cut -d: -f1", names, name)))
 title_of(name) = word(titles, place(name))
 color_of(name) = word(colors, place(name))
 

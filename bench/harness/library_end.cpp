@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <libwebsockets.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <string>
+#include <sys/socket.h>
 
 namespace vemk {
 
@@ -11,7 +14,7 @@ namespace {
 /// The library's loop runs in the caller's thread, as in a program that has only this one.
 class library_end : public message_end {
 public:
-  explicit library_end(std::uint16_t port) {
+  library_end(std::uint16_t port, bool holds_packets_back) : corks(holds_packets_back) {
     lws_set_log_level(0, nullptr);
     protocols[0].name = "websock-roaming";
     protocols[0].callback = callback;
@@ -84,16 +87,23 @@ private:
 
   // The library masks the bytes in their place, so each message needs a copy.
   int write() {
-    while (to_send > 0 && lws_send_pipe_choked(wsi) == 0) {
+    cork(1);
+    for (int left = at_once; left > 0 && to_send > 0 && lws_send_pipe_choked(wsi) == 0; --left) {
       std::copy(text.begin(), text.end(), frame.begin() + LWS_PRE);
       auto *payload = reinterpret_cast<unsigned char *>(frame.data()) + LWS_PRE;
       if (lws_write(wsi, payload, text.size(), LWS_WRITE_TEXT) < 0)
         return -1;
       --to_send;
     }
+    cork(0);
     if (to_send > 0)
       lws_callback_on_writable(wsi);
     return 0;
+  }
+
+  void cork(int value) const {
+    if (corks)
+      setsockopt(lws_get_socket_fd(wsi), IPPROTO_TCP, TCP_CORK, &value, sizeof value);
   }
 
   void take(std::size_t length) {
@@ -106,6 +116,9 @@ private:
     ++received;
   }
 
+  static constexpr int at_once = 64;
+
+  const bool corks;
   lws_protocols protocols[2]{};
   lws_context *context = nullptr;
   lws *wsi = nullptr;
@@ -121,8 +134,8 @@ private:
 
 } // namespace
 
-std::unique_ptr<message_end> make_library_end(std::uint16_t port) {
-  return std::make_unique<library_end>(port);
+std::unique_ptr<message_end> make_library_end(std::uint16_t port, bool corks) {
+  return std::make_unique<library_end>(port, corks);
 }
 
 } // namespace vemk

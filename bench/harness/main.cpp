@@ -3,6 +3,7 @@
 //
 // Usage: bench_harness bridge     between the bus and a server whose port is the first line printed
 //        bench_harness library    the WebSocket library alone
+//        bench_harness corked     the same, with several messages in a packet
 //        bench_harness bus        the bus alone
 //        bench_harness raw        the harness alone
 //        bench_harness mqtt PORT PORT    between two MQTT brokers, up to the second
@@ -100,8 +101,8 @@ ends_t make_ends(const std::vector<std::string> &words) {
     return {std::move(lower), vemk::make_module_end()};
   }
   auto server = vemk::make_server_end();
-  if (kind == "library")
-    return {vemk::make_library_end(server->port()), std::move(server)};
+  if (kind == "library" || kind == "corked")
+    return {vemk::make_library_end(server->port(), kind == "corked"), std::move(server)};
   if (kind == "raw")
     return {vemk::make_client_end(server->port()), std::move(server)};
   if (kind != "bridge")

@@ -52,8 +52,8 @@ std::unique_ptr<message_end> make_client_end(std::uint16_t port);
 std::unique_ptr<message_end> make_mqtt_end(std::uint16_t port, std::string_view publishes,
                                            std::string_view receives);
 
-/// A minimal client of the WebSocket library.
-std::unique_ptr<message_end> make_library_end(std::uint16_t port);
+/// A minimal client of the WebSocket library. With `corks`, several messages may share a packet.
+std::unique_ptr<message_end> make_library_end(std::uint16_t port, bool corks);
 
 /// A peer of the bridge's module, as another module of the bus. MODULE_BUS_DIR names the bus.
 std::unique_ptr<message_end> make_bus_end();

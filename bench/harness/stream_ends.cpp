@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <sys/socket.h>
+#include <system_error>
 #include <unistd.h>
 #include <vector>
 
@@ -23,7 +24,7 @@ constexpr std::size_t block_bytes = 256 * 1024;
 
 void check(bool done, const char *call) {
   if (!done)
-    give_up(std::string(call) + ": " + std::strerror(errno));
+    give_up(std::string(call) + " failed: " + std::generic_category().message(errno));
 }
 
 /// The head of a frame, and the kind and size of the body behind it.
@@ -66,7 +67,8 @@ public:
       frames += frame;
     for (; count >= at_once; count -= at_once)
       write(frames);
-    write(std::string_view(frames).substr(0, frame.size() * static_cast<std::size_t>(count)));
+    frames.resize(frame.size() * static_cast<std::size_t>(count));
+    write(frames);
   }
 
   void receive(std::size_t size, long count) override {
@@ -103,11 +105,12 @@ protected:
           "connect");
   }
 
-  void write(std::string_view bytes) const {
-    while (!bytes.empty()) {
-      const ssize_t sent = ::send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  void write(const std::string &bytes) const {
+    for (std::size_t done = 0; done < bytes.size();) {
+      const ssize_t sent =
+          ::send(connection, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
       check(sent >= 0, "send");
-      bytes.remove_prefix(static_cast<std::size_t>(sent));
+      done += static_cast<std::size_t>(sent);
     }
   }
 
@@ -152,27 +155,28 @@ private:
   }
 
   bool take_head(std::string_view &bytes) {
-    const auto frame = frame_at(bytes);
-    if (!frame)
+    const std::optional<frame_t> found = frame_at(bytes);
+    if (!found)
       return false;
-    switch (frame->what) {
+    const frame_t &frame = *found;
+    switch (frame.what) {
     case frame_t::kind::part:
     case frame_t::kind::last_part:
-      in_last_part = frame->what == frame_t::kind::last_part;
-      message_bytes += frame->body_bytes;
+      in_last_part = frame.what == frame_t::kind::last_part;
+      message_bytes += frame.body_bytes;
       break;
     case frame_t::kind::ping:
-      if (bytes.size() < frame->head_bytes + frame->body_bytes)
+      if (bytes.size() < frame.head_bytes + frame.body_bytes)
         return false;
-      write(answer_to_ping(bytes.substr(0, frame->head_bytes + frame->body_bytes)));
+      write(answer_to_ping(bytes.substr(0, frame.head_bytes + frame.body_bytes)));
       break;
     case frame_t::kind::end:
       give_up("the other side closes the connection");
     case frame_t::kind::other:
       break;
     }
-    bytes.remove_prefix(frame->head_bytes);
-    body_left = frame->body_bytes;
+    bytes.remove_prefix(frame.head_bytes);
+    body_left = frame.body_bytes;
     return true;
   }
 
