@@ -22,7 +22,7 @@ import report  # noqa: E402
 from systems import failure, running_system, systems  # noqa: E402
 
 documented_file = checkout / "docs/performance.tsv"
-check_attempts = 3
+check_runs = 3
 
 
 def parse_arguments():
@@ -36,7 +36,8 @@ def parse_arguments():
     parser.add_argument("--pacing", action="append", choices=("designed", "event"),
                         help="the same as --system, for the daemon")
     parser.add_argument("--runs", type=int, default=5, help="runs of each system (5)")
-    parser.add_argument("--seconds", type=float, default=1, help="time of one throughput (1)")
+    parser.add_argument("--seconds", type=float,
+                        help="time of one throughput (1; for check 0.3)")
     parser.add_argument("--rest", type=float, default=measures.rest_seconds,
                         help="time at rest in each run, seconds (60)")
     parser.add_argument("--busy", action="store_true",
@@ -44,6 +45,7 @@ def parse_arguments():
     parser.add_argument("--write", action="store_true", help="write docs/performance.*")
     arguments = parser.parse_args()
     arguments.build = arguments.build.resolve()
+    arguments.seconds = arguments.seconds or (1 if arguments.command == "run" else 0.3)
     arguments.system = [*(arguments.system or []), *(arguments.pacing or [])]
     return arguments
 
@@ -110,33 +112,30 @@ class measurement:
             self.measure_rest(names)
         bar.step("done\n")
 
-    def shares(self, system):
-        """By measure, the best share of the limit that the system reached in some attempts."""
-        best = {}
-        for _ in range(check_attempts):
+    def run_compared(self, system):
+        """Several runs of what is compared with a limit, and of the limits."""
+        for _ in range(check_runs):
             for name in (system, *sorted(set(figures.compared.values()))):
                 with running_system(name, self.arguments.build) as running:
                     self.measure(name, running, lambda measure: any(
                         compared.startswith(measure) for compared in figures.compared))
-            for measure in figures.compared:
-                share = figures.share_of_limit(self.found, system, measure)
-                best[measure] = max(share or 0, best.get(measure, 0))
-            self.found.values.clear()
-        return best
 
 
 def check(measuring, system):
-    """The number of figures below half of the documented ones."""
+    """The number of figures below half of the documented ones. The best of the runs count, because
+    others who use the processors only make them worse."""
     documented = figures.figures.read(documented_file)
+    measuring.run_compared(system)
     failed = 0
-    for measure, share in measuring.shares(system).items():
-        expected = figures.share_of_limit(documented, system, measure)
+    for measure, limit in figures.compared.items():
+        expected = figures.share_of_limit(documented.median, system, measure)
         if expected is None:
             raise failure(f"{documented_file.name} has no '{measure}' of {system}")
+        share = figures.share_of_limit(measuring.found.best, system, measure)
         is_low = share < expected / 2
         failed += is_low
-        print(f"{system}: {measure}: {share:.2f} of {figures.compared[measure]}, documented "
-              f"{expected:.2f}{': TOO LOW' if is_low else ''}")
+        print(f"{system}: {measure}: {share:.2f} of {systems[limit][0]}, documented {expected:.2f}"
+              f"{': TOO LOW' if is_low else ''}")
     return failed
 
 

@@ -30,6 +30,11 @@ class figures:
         values = self.values.get((system, measure))
         return statistics.median(values) if values else None
 
+    def best(self, system, measure):
+        """None without values."""
+        values = self.values.get((system, measure), [])
+        return (min if measure.startswith("latency") else max)(values, default=None)
+
     def spread(self, system, measure):
         """Half the distance between smallest and largest run, relative to the median."""
         values = self.values[system, measure]
@@ -55,16 +60,17 @@ class figures:
         return found
 
 
-# What `check` compares: a measure, in which direction it improves, and with which limit.
+# What `check` compares: a measure, and the system that is its limit.
 compared = {
     "rate up 200": "library", "rate up 4096": "library", "rate down 200": "library",
     "rate down 4096": "library", "latency up p50": "library", "latency down p50": "library",
 }
 
 
-def share_of_limit(found, system, measure):
-    """How near a system is to the limit, 1 being the limit itself; None without figures."""
-    own, limit = found.median(system, measure), found.median(compared[measure], measure)
+def share_of_limit(pick, system, measure):
+    """How near a system is to the limit, 1 being the limit itself; None without figures. `pick`
+    chooses among the values of the runs."""
+    own, limit = pick(system, measure), pick(compared[measure], measure)
     if not own or not limit:
         return None
     return limit / own if measure.startswith("latency") else own / limit

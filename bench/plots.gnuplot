@@ -20,8 +20,10 @@ if (plot_name eq "wake-ups") {
   set yrange [0.5:*]
   set boxwidth 0.6
   set style fill solid 0.8
-  plot "wake-ups" using 0:2:xtic(1) with boxes linecolor rgb "#3c7d2a" notitle, \
-       "wake-ups" using 0:2:(sprintf("%.0f", $2)) with labels offset 0,0.7 notitle
+  # None at all has a box, too.
+  height(count) = count > 0.6 ? count : 0.6
+  plot "wake-ups" using 0:(height($2)):xtic(1) with boxes linecolor rgb "#3c7d2a" notitle, \
+       "wake-ups" using 0:(height($2)):(sprintf("%.0f", $2)) with labels offset 0,0.7 notitle
   exit
 }
 

@@ -51,7 +51,7 @@ def shares_of(found, columns):
     lines = ["| | " + " | ".join(systems[name][0] for name in bridges) + " |",
              "|---" * (len(bridges) + 1) + "|"]
     for measure in compared:
-        shares = [share_of_limit(found, name, measure) for name in bridges]
+        shares = [share_of_limit(found.median, name, measure) for name in bridges]
         cells = ["–" if share is None else f"{share:.2f}" for share in shares]
         lines.append(f"| {measure} | " + " | ".join(cells) + " |")
     return "\n".join(lines)
@@ -94,8 +94,8 @@ def write(found, runs, dropped):
     columns = [name for name in systems if any(owner == name for owner, _ in found.values)]
     system = platform.freedesktop_os_release()["PRETTY_NAME"]
     note = (f"Measured on {datetime.date.today().isoformat()}, {system}, {platform.machine()} with "
-            f"{os.cpu_count()} processors. Each figure is the median of {runs} runs, ± is half the "
-            f"distance between the smallest and the largest. {dropped} measurements were dropped, "
+            f"{os.cpu_count()} processors. Each figure is the median of {runs} runs, ± is half "
+            f"the distance between the smallest and the largest. {dropped} measurements were dropped, "
             "because others used the processors meanwhile.")
     table.write(docs / "performance.md",
                 f"{note}\n\n{table_of(found, columns)}\n\nThe share of the library alone that each "
