@@ -6,6 +6,7 @@ a few figures of one system and fails if one is below half of what is documented
 """
 
 import argparse
+import contextlib
 import pathlib
 import sys
 import time
@@ -14,9 +15,7 @@ checkout = pathlib.Path(__file__).resolve().parents[1]
 sys.dont_write_bytecode = True
 sys.path[:0] = [str(checkout / "tests/system"), str(checkout / "tests/target_size")]
 
-import contextlib  # noqa: E402  (the path is set above)
-
-import figures  # noqa: E402
+import figures  # noqa: E402  (the path is set above)
 import measures  # noqa: E402
 import report  # noqa: E402
 from systems import failure, running_system, systems  # noqa: E402
@@ -106,8 +105,12 @@ class measurement:
         for number in range(1, self.arguments.runs + 1):
             for name in names:
                 bar.step(f"run {number}: {name}")
-                with running_system(name, self.arguments.build) as running:
-                    self.measure(name, running)
+                try:
+                    with running_system(name, self.arguments.build) as running:
+                        self.measure(name, running)
+                except (failure, AssertionError) as problem:
+                    print(f"\nbench.py: {name}: {problem}", file=sys.stderr)
+                    self.dropped += 1
             bar.step(f"run {number}: at rest")
             self.measure_rest(names)
         bar.step("done\n")

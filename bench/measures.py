@@ -3,6 +3,7 @@
 import math
 import os
 import time
+from functools import partial
 
 from process_cost import memory_of, work_of
 
@@ -50,50 +51,59 @@ def rate(running, way, size, seconds):
     while True:
         [elapsed] = running.measure("rate", way, size, count)
         if elapsed >= seconds / 2 or count == most:
-            return count / elapsed
+            return [count / elapsed]
         growth = 0.9 * seconds / elapsed if elapsed > seconds / 20 else 10
         count = min(most, math.ceil(count * growth))
 
 
-def latency(running, way, size, count, pause_us):
+def latency(running, way, count, pause_us):
     """Microseconds of each message."""
-    return running.measure("latency", way, size, count, pause_us)
+    return running.measure("latency", way, small, count, pause_us)
+
+
+def time_of_one(running, way, count):
+    """Milliseconds of a large message, the median of so many."""
+    times = running.measure("latency", way, large, count, 20000)
+    return [sorted(times)[count // 2] / 1000]
 
 
 def backlog_cost(running, way, count):
     """Microseconds of the processor's time that the bridge takes for each message of a backlog."""
     before = cpu_seconds(running.bridge)
     running.measure("backlog" if way == "up" else "rate", way, small, count)
-    return (cpu_seconds(running.bridge) - before) / count * 1e6
+    return [(cpu_seconds(running.bridge) - before) / count * 1e6]
 
 
 def jobs(name, running, seconds):
-    """By its name, each measurement of a running system; the name of a latency ends in its way."""
-    is_designed = name == "designed"
+    """By its name, each measurement of a running system; each returns values."""
+    if name == "designed":
+        return designed_jobs(running, seconds)
     found = {}
     for way in ("up", "down"):
         for size in sizes:
-            # At its designed pace the daemon takes 26 s for 1 MiB down.
-            if not is_designed or size in (small, middle) or (way, size) == ("up", large):
-                found[f"rate {way} {size}"] = lambda way=way, size=size: [
-                    rate(running, way, size, seconds)]
-        count = 1 if is_designed else 5
-        found[f"one {way}"] = lambda way=way, count=count: [
-            sorted(latency(running, way, large, count, 20000))[count // 2] / 1000]
-        samples = int((60 if is_designed else 300) * min(1, seconds))
-        pause_us = 100000 if is_designed else 10000
-        found[f"latency {way}"] = lambda way=way, samples=samples, pause_us=pause_us: latency(
-            running, way, small, samples, pause_us)
-        if running.bridge and not is_designed:
-            for count in backlogs:
-                found[f"backlog {way} {count}"] = lambda way=way, count=count: [
-                    backlog_cost(running, way, count)]
+            found[f"rate {way} {size}"] = partial(rate, running, way, size, seconds)
+        found[f"one {way}"] = partial(time_of_one, running, way, 5)
+        found[f"latency {way}"] = partial(latency, running, way, int(300 * min(1, seconds)), 10000)
+        for count in backlogs if running.bridge else ():
+            found[f"backlog {way} {count}"] = partial(backlog_cost, running, way, count)
+    return found
+
+
+def designed_jobs(running, seconds):
+    """As far as ten messages a second, and 26 s for 1 MiB down, allow."""
+    found = {f"rate {way} {size}": partial(rate, running, way, size, seconds)
+             for way, size in (("up", small), ("up", middle), ("up", large), ("down", small),
+                               ("down", middle))}
+    for way in ("up", "down"):
+        found[f"one {way}"] = partial(time_of_one, running, way, 1)
+        found[f"latency {way}"] = partial(latency, running, way, int(60 * min(1, seconds)), 100000)
     return found
 
 
 def rest(bridges, seconds):
     """By its name and measure, what each of the bridges costs at rest, all at the same time."""
-    time.sleep(min(3, seconds))
+    # Until what comes after a start is over.
+    time.sleep(min(10, seconds))
     before = {name: work_of(pid) for name, pid in bridges.items()}
     time.sleep(seconds)
     found = {}
