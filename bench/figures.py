@@ -3,7 +3,7 @@
 import collections
 import statistics
 
-quantiles = (*range(1, 100), 99.5, 99.9)
+quantiles = (1, *range(5, 100, 5), 98, 99, 99.9)
 
 
 def quantile(values, percent):

@@ -1,11 +1,12 @@
 # Draws the plot `plot_name` of the systems `names`, called `titles`, from the files that report.py
 # writes: each has the points of a curve, with the smallest and the largest run.
-set terminal svg size 920,420 dynamic background rgb "white" font "Helvetica,Arial,sans-serif,13"
+set terminal svg size 980,520 dynamic background rgb "white" font "Helvetica,Arial,sans-serif,13"
 set border 3 linecolor rgb "#444444"
 set tics nomirror textcolor rgb "#1a1a1a"
 set grid linecolor rgb "#dddddd"
 set style data yerrorlines
 set pointsize 0.5
+set key below font ",11"
 colors = "#888888 #a84a62 #3c7d2a #555555 #7a5aa6 #2f6fb0 #c98a1b #4fa3a5 #8a6d4b #bbbbbb"
 shown(curve) = system(sprintf( \
   "for name in %s; do test -s \"$name %s\" && echo $name; done; true", names, curve))
@@ -32,7 +33,6 @@ if (plot_name eq "latency") {
   set logscale x
   set xlabel "microseconds"
   set ylabel "messages that took at most so long, %"
-  set key bottom right font ",11"
   do for [way in "up down"] {
     set title way
     curve = "latency ".way
@@ -42,7 +42,6 @@ if (plot_name eq "latency") {
 } else {
   set logscale xy
   set format "10^{%L}"
-  set key font ",11"
   measure = plot_name eq "throughput" ? "rate " : "backlog "
   set xlabel plot_name eq "throughput" ? "bytes of a message" : "messages of 200 bytes at once"
   set ylabel plot_name eq "throughput" ? "messages a second" : "processor's µs for a message"

@@ -116,7 +116,7 @@ systems = {
     "designed": ("as designed", functools.partial(start_daemon, "")),
     "event": ("`pacing=event`", functools.partial(start_daemon, "pacing=event\n")),
     "library": ("library alone", functools.partial(start_ends, "library")),
-    "corked": ("the same, corked", functools.partial(start_ends, "corked")),
+    "corked": ("library, corked", functools.partial(start_ends, "corked")),
     "bus": ("bus alone", functools.partial(start_ends, "bus")),
     "c": ("C bridge", functools.partial(
         start_peer, lambda build: [build / "bench_c_bridge"])),
