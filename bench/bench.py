@@ -127,6 +127,8 @@ class measurement:
 def check(measuring, system):
     """The number of figures below half of the documented ones. The best of the runs count, because
     others who use the processors only make them worse."""
+    if not documented_file.exists():
+        raise failure(f"{documented_file} is missing; run make bench first")
     documented = figures.figures.read(documented_file)
     measuring.run_compared(system)
     failed = 0

@@ -1,12 +1,13 @@
 # Draws the plot `plot_name` of the systems `names`, called `titles`, from the files that report.py
 # writes: each has the points of a curve, with the smallest and the largest run.
-set terminal svg size 980,520 dynamic background rgb "white" font "Helvetica,Arial,sans-serif,13"
+set terminal svg size 980,540 dynamic background rgb "white" font "Helvetica,Arial,sans-serif,13"
 set border 3 linecolor rgb "#444444"
 set tics nomirror textcolor rgb "#1a1a1a"
 set grid linecolor rgb "#dddddd"
 set style data yerrorlines
 set pointsize 0.5
 set key below font ",11"
+set xlabel offset 0,0.6
 colors = "#888888 #a84a62 #3c7d2a #555555 #7a5aa6 #2f6fb0 #c98a1b #4fa3a5 #8a6d4b #bbbbbb"
 shown(curve) = system(sprintf( \
   "for name in %s; do test -s \"$name %s\" && echo $name; done; true", names, curve))
