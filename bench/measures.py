@@ -83,7 +83,7 @@ def jobs(name, running, seconds):
         for size in sizes:
             found[f"rate {way} {size}"] = partial(rate, running, way, size, seconds)
         found[f"one {way}"] = partial(time_of_one, running, way, 5)
-        found[f"latency {way}"] = partial(latency, running, way, int(300 * min(1, seconds)), 10000)
+        found[f"latency {way}"] = partial(latency, running, way, int(500 * min(1, seconds)), 10000)
         for count in backlogs if running.bridge else ():
             found[f"backlog {way} {count}"] = partial(backlog_cost, running, way, count)
     return found

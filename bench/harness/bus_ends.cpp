@@ -20,11 +20,6 @@ namespace {
 constexpr int bridge_module_id = 2;
 constexpr std::chrono::seconds longest_wait{100};
 
-void check_size(std::size_t size, std::size_t wanted) {
-  if (size != wanted)
-    give_up("a message has " + std::to_string(size) + " bytes, not " + std::to_string(wanted));
-}
-
 class bus_end : public message_end {
 public:
   bus_end()

@@ -88,7 +88,8 @@ private:
   // The library masks the bytes in their place, so each message needs a copy.
   int write() {
     cork(1);
-    for (int left = at_once; left > 0 && to_send > 0 && lws_send_pipe_choked(wsi) == 0; --left) {
+    const long end = corks ? std::max(0L, to_send - corked_together) : 0;
+    while (to_send > end && lws_send_pipe_choked(wsi) == 0) {
       std::copy(text.begin(), text.end(), frame.begin() + LWS_PRE);
       auto *payload = reinterpret_cast<unsigned char *>(frame.data()) + LWS_PRE;
       if (lws_write(wsi, payload, text.size(), LWS_WRITE_TEXT) < 0)
@@ -110,13 +111,12 @@ private:
     message_bytes += length;
     if (lws_remaining_packet_payload(wsi) != 0 || lws_is_final_fragment(wsi) == 0)
       return;
-    if (message_bytes != wanted_size)
-      ended = true;
+    check_size(message_bytes, wanted_size);
     message_bytes = 0;
     ++received;
   }
 
-  static constexpr int at_once = 64;
+  static constexpr long corked_together = 64;
 
   const bool corks;
   lws_protocols protocols[2]{};

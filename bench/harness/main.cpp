@@ -9,10 +9,10 @@
 //        bench_harness mqtt PORT PORT    between two MQTT brokers, up to the second
 //
 // It prints "connected", and then for each line of its input one line of figures:
+//
 //   rate WAY SIZE COUNT             seconds from the first sent to the last received message
-//   backlog WAY SIZE COUNT          the same from when the receiver begins, a second after the
-//   sender latency WAY SIZE COUNT PAUSE    microseconds of each, one at a time, some PAUSE
-//   microseconds apart
+//   backlog WAY SIZE COUNT          seconds in which a receiver that starts 1 s late takes them
+//   latency WAY SIZE COUNT PAUSE    microseconds of each message; some PAUSE microseconds between
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -81,7 +81,7 @@ void measure_latency(message_end &from, message_end &to, const job_t &job) {
     const auto sent = steady_clock::now();
     from.send(payload, 1);
     while (arrived == i)
-      std::this_thread::sleep_for(std::chrono::microseconds(job.pause_us));
+      std::this_thread::sleep_for(std::chrono::microseconds(job.pause_us / 10));
     const std::chrono::duration<double, std::micro> taken = received[i] - sent;
     std::cout << taken.count() << ' ';
   }
@@ -155,6 +155,11 @@ void run(const ends_t &ends) {
 void vemk::give_up(const std::string &reason) {
   fprintf(stderr, "bench_harness: %s\n", reason.c_str());
   _exit(1);
+}
+
+void vemk::check_size(std::size_t size, std::size_t wanted) {
+  if (size != wanted)
+    give_up("a message has " + std::to_string(size) + " bytes, not " + std::to_string(wanted));
 }
 
 int main(int argc, char **argv) {

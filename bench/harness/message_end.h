@@ -18,6 +18,9 @@ namespace vemk {
 /// Ends the process with this text, whatever other threads wait for.
 [[noreturn]] void give_up(const std::string &reason);
 
+/// Gives up when a message does not have the wanted size.
+void check_size(std::size_t size, std::size_t wanted);
+
 class message_end {
 public:
   message_end() = default;

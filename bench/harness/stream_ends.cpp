@@ -181,9 +181,7 @@ private:
   }
 
   void take_message() {
-    if (message_bytes != wanted_size)
-      give_up("a message has " + std::to_string(message_bytes) + " bytes, not " +
-              std::to_string(wanted_size));
+    check_size(message_bytes, wanted_size);
     ++received;
     message_bytes = 0;
     in_last_part = false;
