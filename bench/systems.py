@@ -19,7 +19,7 @@ class failure(Exception):
     """A system did not do its work."""
 
 
-class session:
+class measured_system:
     """A running system. `bridge` is the process ID of its bridge, if it has one."""
 
     def __init__(self, build, stack):
@@ -33,7 +33,7 @@ class session:
         self.processes = []
 
     def run(self, *command, **options):
-        """Starts a process that ends with the session."""
+        """Starts a process that ends with the system."""
         process = subprocess.Popen([str(word) for word in command], env=self.environment, **options)
         self.stack.callback(process.wait)
         self.stack.callback(process.terminate)
@@ -132,7 +132,7 @@ systems = {
 @contextlib.contextmanager
 def running_system(name, build):
     with contextlib.ExitStack() as stack:
-        running = session(build, stack)
+        running = measured_system(build, stack)
         systems[name][1](running)
         if running.line(30) != ["connected"]:
             raise failure("the harness is not connected")
