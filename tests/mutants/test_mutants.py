@@ -35,7 +35,7 @@ int main() {
 mutant_list = """
 ["src/doors/doors.cpp"]
 mutants = [
-  ['{ return 2; }', '{ for (volatile int i = 1; i;) ; }'],
+  ['{ return 2; }', '{ for (volatile int i = 1; i;) ; return 2; }'],
   ['return 0;', 'return'],
   ['return 4;', 'return 5;'],
   ['return ', ''],
@@ -82,7 +82,7 @@ def test_each_change_is_reported_and_a_survivor_fails_the_run(tmp_path):
         "int steps() { return 9; }: killed by WayTest.TenSteps",
         "int spare() { return -1; }: survived",
         "int spare() { return 1; }: equivalent: nobody calls it",
-        "{ for (volatile int i = 1; i;) ; }: killed by DoorsTest.ThereAreTwo, which did not end",
+        "{ for (volatile int i = 1; i;) ; return 2; }: killed by DoorsTest.ThereAreTwo, which did not end",
         "return: survived, because it does not build"]
     assert summary.startswith("mutants: 5 killed, 0 refused by the compiler, 2 survived, "
                               "1 equivalent, 3 stale, in ")
