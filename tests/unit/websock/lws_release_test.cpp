@@ -139,7 +139,8 @@ protected:
   int sockets[2];
 };
 
-// Before 4.0 a socket made after the opening request is spoilt, and the next attempt's is not.
+// Before 4.0 a socket made after the opening request is spoilt, and the next attempt's is not. The
+// descriptor that replaces it is closed.
 // A redirect once made a connection to wherever it pointed.
 TEST_F(LwsSocketTest, RedirectsAreNotFollowed) {
   make_connecting_worker();
@@ -154,8 +155,10 @@ TEST_F(LwsSocketTest, RedirectsAreNotFollowed) {
   fake_lws::deliver(LWS_CALLBACK_CLIENT_APPEND_HANDSHAKE_HEADER);
   fake_lws::deliver(LWS_CALLBACK_PROTOCOL_INIT);
   EXPECT_NE(send_buffer(), -1);
+  EXPECT_THAT(fake_libc::closed_descriptors(), IsEmpty());
   fake_lws::deliver(LWS_CALLBACK_WSI_CREATE);
   EXPECT_EQ(send_buffer(), -1);
+  EXPECT_EQ(fake_libc::closed_descriptors().size(), 1u);
 }
 
 // Before 4.0 the library's send buffer of 4112 bytes is lifted to at least 128 KiB.
