@@ -101,6 +101,9 @@ class bus_peer:
         """The cmd words of the status messages received, in order."""
         return [json.loads(r.payload)["cmd"] for r in list(self.received) if is_status(r.payload)]
 
+    def last_status_time(self):
+        return [r.time for r in list(self.received) if is_status(r.payload)][-1]
+
     def wait_for_payloads(self, count, seconds=30.0):
         wait_until(lambda: len(self.payloads()) >= count, f"{count} messages on the bus", seconds,
                    lambda: f"there were {len(self.payloads())}: {shortened(self.payloads())[-5:]}")
@@ -112,8 +115,12 @@ class bus_peer:
         return self.statuses()
 
     def wait_until_connected(self):
-        """Waits for "connected", and asks when the announcement came before the listener did."""
+        """Waits for "connected", and asks when the announcement came before the listener did.
+
+        A module gives listeners 100 ms to come, which is often too little on a loaded machine.
+        """
         self.wait_listening()
+        first_ask_time = self.ask_time = time.monotonic() + 5
 
         def connected_or_asked():
             if self.statuses()[-1:] == ["connected"]:
@@ -123,9 +130,12 @@ class bus_peer:
                 self.send(status_request)
             return False
 
-        self.ask_time = time.monotonic() + 5 * slowdown
         wait_until(connected_or_asked, "status connected on the bus",
                    details=lambda: f"there were {self.statuses()}")
+        if self.ask_time > first_ask_time:
+            # An announcement that was only late is followed by the answer.
+            wait_until(lambda: time.monotonic() > self.last_status_time() + 0.5 * slowdown,
+                       "a bus without another status message")
 
     def wait_for_last_status(self, word, after=0, seconds=30.0):
         """Waits until the newest status message, later than the first `after`, has this word."""
