@@ -219,8 +219,10 @@ int lws_callback_on_writable(lws *wsi) {
       return 1;
   }
   for (const auto reason : {LWS_CALLBACK_LOCK_POLL, LWS_CALLBACK_CHANGE_MODE_POLL_FD,
-                            LWS_CALLBACK_GET_THREAD_ID, LWS_CALLBACK_UNLOCK_POLL})
-    call_protocol(reason, wsi, nullptr, 0);
+                            LWS_CALLBACK_GET_THREAD_ID, LWS_CALLBACK_UNLOCK_POLL}) {
+    if (call_protocol(reason, wsi, nullptr, 0) != 0)
+      calls.add("refused " + std::to_string(reason));
+  }
   return 1;
 }
 

@@ -115,7 +115,7 @@ lws *connection(std::size_t number);
 void kill_connection(lws *wsi);
 
 /// From now on lws_callback_on_writable calls the protocol back for its locks, on the caller's
-/// thread, as it does before 3.0.
+/// thread, as it does before 3.0. A call "refused REASON" is recorded for each result but 0.
 void call_back_for_locks();
 
 /// The socket of every connection, and whether part of a message waits for it; at first -1, false.

@@ -329,7 +329,8 @@ TEST_F(LwsReleaseTest, OtherEventsLeaveTheEstablishedConnectionUsable) {
   EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_callback_on_writable wsi1"));
 }
 
-// The library's callbacks for its locks on the pushing thread do not look for missed pongs.
+// The library's callbacks for its locks on the pushing thread return 0 and do not look for missed
+// pongs.
 // The count is the service thread's, and both changed it.
 TEST_F(LwsReleaseTest, CallbacksOfThePushingThreadAreNotDispatched) {
   make_connected_worker();
@@ -338,6 +339,7 @@ TEST_F(LwsReleaseTest, CallbacksOfThePushingThreadAreNotDispatched) {
   push_from_another_thread();
   EXPECT_EQ(worker->missed_pongs, 3);
   EXPECT_THAT(fake_log::lines(), IsEmpty());
+  EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_callback_on_writable wsi1"));
   fake_lws::deliver(LWS_CALLBACK_LOCK_POLL);
   EXPECT_EQ(worker->missed_pongs, 0);
 }
