@@ -75,6 +75,7 @@ TEST_F(LwsReleaseTest, EveryAttemptHasALimitOfItsOwn) {
   let_pass(attempt_limit_seconds - 1);
   worker->deinit();
   let_pass(10);
+  EXPECT_FALSE(worker->closed);
   ASSERT_TRUE(worker->_connect());
   let_pass(attempt_limit_seconds - 1);
   EXPECT_TRUE(worker->keep_running(&run_flag));
