@@ -140,9 +140,8 @@ protected:
   int sockets[2];
 };
 
-// Before 4.0 a socket made after the opening request is spoilt, and the next attempt's is not. The
-// descriptor that replaces it is closed.
-// A redirect once made a connection to wherever it pointed.
+// Before 4.0 a socket made after the opening request is spoilt, and the next attempt's is not.
+// A redirect once made a connection to wherever it pointed. No other descriptor is left open.
 TEST_F(LwsSocketTest, RedirectsAreNotFollowed) {
   make_connecting_worker();
   fake_lws::set_socket(sockets[0]);
@@ -330,9 +329,8 @@ TEST_F(LwsReleaseTest, OtherEventsLeaveTheEstablishedConnectionUsable) {
   EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_callback_on_writable wsi1"));
 }
 
-// The library's callbacks for its locks on the pushing thread return 0 and do not look for missed
-// pongs.
-// The count is the service thread's, and both changed it.
+// The library's callbacks for its locks on the pushing thread do not look for missed pongs.
+// The count is the service thread's, and both changed it. They return 0: all else is a failure.
 TEST_F(LwsReleaseTest, CallbacksOfThePushingThreadAreNotDispatched) {
   make_connected_worker();
   fake_lws::call_back_for_locks();
