@@ -35,7 +35,10 @@ class frame_server(raw_server):
 
     def after_frame(self, connection, frame_read):
         is_ping = frame_read.opcode == opcode_ping
-        if is_ping and self.answers_ping(len(self.frames_of(opcode_ping))):
+        # The daemon has closed earlier connections. An answer would reset one and lose the frames
+        # behind the ping.
+        if is_ping and connection == self.connection \
+                and self.answers_ping(len(self.frames_of(opcode_ping))):
             with self.sending:
                 connection.sendall(frame(opcode_pong, frame_read.payload))
         if connection in self.stopped:
