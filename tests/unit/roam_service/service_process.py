@@ -7,11 +7,12 @@ import subprocess
 import threading
 
 import websockets
+from harness.waiting import slowdown
 
 # VEMK_RUNNER holds words to put in front of the program, an emulator for example.
 PROGRAM = [*shlex.split(os.environ.get("VEMK_RUNNER", "")),
            os.environ.get("ROAM_SERVICE", "build/roam-service")]
-LIMIT = 30
+LIMIT = 30 * slowdown
 
 
 def owns_its_memory():
