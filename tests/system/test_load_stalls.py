@@ -26,17 +26,22 @@ queued = [b"sent to a suspended server %d" % number for number in range(5)]
 
 @pytest.fixture
 def stalled(make_frame_rig):
-    """Starts a rig whose server reads nothing more, and returns what makes it read on."""
+    """Starts a rig whose server reads nothing more.
+
+    Returns what makes it read on, too, and how many statuses came before the messages: on a busy
+    machine the watchdog may fire while these are sent.
+    """
 
     def make(speed):
         rig = make_frame_rig(fast_clock(speed),
                              {"answers_pings": True, "receive_buffer": 4096}, log_level=12)
+        announced = len(rig.bus.statuses())
         go_on = rig.server.stop_reading()
         rig.bus.send(b"the last that is read")
         rig.server.wait_for_payloads(1)
         for message in messages:
             rig.bus.send(message)
-        return rig, go_on
+        return rig, go_on, announced
 
     return make
 
@@ -70,7 +75,7 @@ def wait_until_stuck(daemon):
 # Seen: the daemon stops sending, without an error; when the server reads again, every message
 # arrives once, in order and unchanged, and the connection was kept.
 def test_messages_pass_when_a_server_reads_again(stalled):
-    rig, go_on = stalled(speed=2)
+    rig, go_on, _ = stalled(speed=2)
     wait_until_stuck(rig.daemon)
     watch = fault_watch(rig)
     go_on()
@@ -86,9 +91,8 @@ def test_messages_pass_when_a_server_reads_again(stalled):
 # sockets had taken whole may still be read, in order; a message that was cut off is lost, the next
 # one is dropped in the wait, and all others arrive on the next connection, once and in order.
 def test_server_that_reads_no_more_is_dropped_by_the_watchdog(stalled):
-    rig, go_on = stalled(speed=20)
+    rig, go_on, announced = stalled(speed=20)
     daemon, bus, server = rig
-    announced = len(bus.statuses())
     server.wait_for_connections(2)
     bus.wait_for_statuses(announced + 3)
     assert bus.statuses()[announced:] == lost_and_found
@@ -106,10 +110,9 @@ def test_server_that_reads_no_more_is_dropped_by_the_watchdog(stalled):
 # Fault, while connected: a close frame from a server that reads nothing more, with messages queued.
 # Seen: the daemon cannot answer it, gives that up and heals without waiting for the watchdog.
 def test_close_frame_of_a_server_that_does_not_read_is_healed(stalled):
-    rig, _ = stalled(speed=2)
+    rig, _, announced = stalled(speed=2)
     daemon, bus, server = rig
     wait_until_stuck(daemon)
-    announced = len(bus.statuses())
     server.send(close_frame(1001))
     server.wait_for_connections(2)
     bus.wait_for_statuses(announced + 3)
