@@ -4,6 +4,7 @@
 
 import re
 import sysconfig
+import time
 
 import pytest
 
@@ -80,10 +81,13 @@ def test_eleven_time_errors_end_the_daemon(start_waiting, make_daemon, bus, serv
 # Seen: no "Time error" line; the wait ends that much earlier, and the daemon connects.
 def test_jump_of_ten_seconds_only_shortens_the_wait(start_waiting, bus, server):
     daemon, clock = start_waiting(delay=10)
+    stepped = time.time()
     clock.step(10, every_reading)
     drawn = daemon.lines_with("Delay before connection")[0]
     attempt = daemon.wait_for_lines("Try to establish connect")[0]
-    assert attempt.time - drawn.time < int(drawn.text.split()[-2]) - 1
+    shortened_end = drawn.time + int(drawn.text.split()[-2]) - 10
+    # On a busy machine the step may come later than that.
+    assert attempt.time < max(shortened_end, stepped) + 9
     assert heals(bus, server)
     assert daemon.lines_with("Time error") == []
 

@@ -76,8 +76,8 @@ def test_watchdog_fires_a_minute_after_the_last_ping(make_frame_rig):
     server.stop_reading()
     for _ in range(20):
         bus.send(b"m" * (1 << 18))
-    bus.wait_for_statuses(announced + 3)
-    assert bus.statuses()[announced:] == lost_and_found
+    # On a busy machine the next connection may miss three pongs, so fast is the clock.
+    assert bus.wait_for_statuses(announced + 3)[announced:announced + 3] == lost_and_found
     lines = lines_from_first_ping(daemon)
     fired = lines.index("websock-roaming->ping_timeout:197")
     assert lines[fired + 1] == "websock-roaming->Stopping"
