@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -53,6 +54,32 @@ void service_for_at_most(lws_context *context, int limit_ms) {
 
 #endif
 
+// The context.
+
+#if LWS_LIBRARY_VERSION_NUMBER < 2004000 || LWS_LIBRARY_VERSION_NUMBER >= 4003000
+
+lws_context *create_context(lws_context_creation_info &info) {
+  // As many as the library opens: a pipe and the source of random numbers.
+  int missing = 3;
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  for (int descriptor = 0; missing > 0; ++descriptor) {
+    if (static_cast<rlim_t>(descriptor) >= limit.rlim_cur)
+      return nullptr;
+    if (fcntl(descriptor, F_GETFD) < 0)
+      --missing;
+  }
+  return lws_create_context(&info);
+}
+
+#else
+
+lws_context *create_context(lws_context_creation_info &info) {
+  return lws_create_context(&info);
+}
+
+#endif
+
 // The speed of sending.
 
 #if LWS_LIBRARY_VERSION_NUMBER >= 2003000
@@ -98,13 +125,6 @@ void lws_release::handle_socket(lws *, lws_callback_reasons) {}
 
 namespace {
 
-/// Makes the connect that follows fail: the descriptor is not a socket any more.
-void spoil_socket(lws *wsi) {
-  const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
-  dup2(nothing, lws_get_socket_fd(wsi));
-  close(nothing);
-}
-
 /// These releases limit the socket's buffer to 4112 bytes, and no more would leave in one step.
 void lift_send_buffer(lws *wsi) {
   // The kernel takes it for the most that it allows.
@@ -117,6 +137,8 @@ void lift_send_buffer(lws *wsi) {
 
 void lws_release::refuse_redirects(lws_client_connect_info &) {
   has_asked = false;
+  if (no_socket < 0)
+    no_socket = open("/dev/null", O_RDWR | O_CLOEXEC);
 }
 
 void lws_release::handle_socket(lws *wsi, lws_callback_reasons reason) {
@@ -126,8 +148,8 @@ void lws_release::handle_socket(lws *wsi, lws_callback_reasons reason) {
     lift_send_buffer(wsi);
   else if (reason == LWS_CALLBACK_WSI_CREATE && has_asked)
     // These releases try one address only. So this socket, which is about to be connected, is for
-    // the place that the answer named.
-    spoil_socket(wsi);
+    // the place that the answer named. The connect fails.
+    dup2(no_socket, lws_get_socket_fd(wsi));
 }
 
 #endif

@@ -12,6 +12,8 @@
 ///   the kernel's.
 /// - Since 4.1 a handshake has 5 seconds, and a late one is reported as the end of an HTTP
 ///   connection.
+/// - Before 2.4 a failed lws_create_context closes descriptor 0, whatever that is. Since 4.3 it
+///   succeeds without a descriptor for wake-ups, and lws_context_destroy crashes.
 #ifndef VEMK_WEBSOCK_LWS_RELEASE_H
 #define VEMK_WEBSOCK_LWS_RELEASE_H
 
@@ -55,6 +57,9 @@ void ignore_proxy_environment();
 /// is overloaded after an outage may never meet. Releases that try more than the first address of a
 /// host try the next one when an address is silent for that long.
 void wait_for_slow_servers(lws_context_creation_info &info);
+
+/// lws_create_context, which does nothing but return null when too few descriptors are left.
+lws_context *create_context(lws_context_creation_info &info);
 
 /// Lets a frame leave as fast as the socket takes it. Without this, releases that have the setting
 /// pass 4096 bytes to the socket per service call. A message of some megabytes would then take
@@ -110,6 +115,10 @@ private:
 #if LWS_LIBRARY_VERSION_NUMBER < 4000000
   /// Whether this attempt has sent its opening request.
   bool has_asked = false;
+
+  /// What a redirect's socket becomes. It stays open, because no descriptor may be left when the
+  /// redirect comes.
+  int no_socket = -1;
 #endif
 };
 

@@ -129,7 +129,7 @@ bool websock_worker::_connect() {
   creation_info.uid = static_cast<decltype(creation_info.uid)>(-1);
   wait_for_slow_servers(creation_info);
   lws_set_log_level(library_log_levels, log_hook);
-  context = lws_create_context(&creation_info);
+  context = create_context(creation_info);
   if (context == nullptr) {
     log_error(websock_log_module, "%s->Creating libwebsocket context failed\n", log_name);
     return false;

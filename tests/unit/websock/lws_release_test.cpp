@@ -1,6 +1,7 @@
 #include "websock/lws_release.h"
 
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -22,6 +23,39 @@ protected:
     pusher.join();
   }
 };
+
+/// Leaves the process no descriptor for as long as it lives.
+class descriptor_shortage {
+public:
+  descriptor_shortage() {
+    getrlimit(RLIMIT_NOFILE, &limit);
+    lowest_free = dup(STDERR_FILENO);
+    const rlimit none_left{static_cast<rlim_t>(lowest_free), limit.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none_left), 0);
+  }
+
+  ~descriptor_shortage() {
+    setrlimit(RLIMIT_NOFILE, &limit);
+    close(lowest_free);
+  }
+
+private:
+  rlimit limit{};
+  int lowest_free;
+};
+
+#if LWS_LIBRARY_VERSION_NUMBER < 2004000 || LWS_LIBRARY_VERSION_NUMBER >= 4003000
+
+// Without a free descriptor an attempt fails, and the library is not asked for a context.
+// API 2.0 then closed descriptor 0, and 4.3 crashed.
+TEST_F(LwsReleaseTest, NoContextIsMadeWithoutDescriptors) {
+  make_worker();
+  const descriptor_shortage shortage;
+  EXPECT_FALSE(worker->_connect());
+  EXPECT_THAT(fake_lws::calls(), ElementsAre("lws_set_log_level 3fb"));
+}
+
+#endif
 
 // Each step lets lws_service return after at most 500 ms, by a timer of its own where need be.
 // One release ignores the limit that it is given.
@@ -140,8 +174,8 @@ protected:
   int sockets[2];
 };
 
-// Before 4.0 a socket made after the opening request is spoilt, and the next attempt's is not.
-// A redirect once made a connection to wherever it pointed. No other descriptor is left open.
+// Before 4.0 a socket made after the opening request is spoilt, without another free descriptor.
+// A redirect once made a connection to wherever it pointed.
 TEST_F(LwsSocketTest, RedirectsAreNotFollowed) {
   make_connecting_worker();
   fake_lws::set_socket(sockets[0]);
@@ -155,10 +189,9 @@ TEST_F(LwsSocketTest, RedirectsAreNotFollowed) {
   fake_lws::deliver(LWS_CALLBACK_CLIENT_APPEND_HANDSHAKE_HEADER);
   fake_lws::deliver(LWS_CALLBACK_PROTOCOL_INIT);
   EXPECT_NE(send_buffer(), -1);
-  EXPECT_THAT(fake_libc::closed_descriptors(), IsEmpty());
+  const descriptor_shortage shortage;
   fake_lws::deliver(LWS_CALLBACK_WSI_CREATE);
   EXPECT_EQ(send_buffer(), -1);
-  EXPECT_EQ(fake_libc::closed_descriptors().size(), 1u);
 }
 
 // Before 4.0 the library's send buffer of 4112 bytes is lifted to at least 128 KiB.
