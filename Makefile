@@ -59,10 +59,11 @@ target: packages unpacked companions target-environment
 	ctest --test-dir build-mips --output-on-failure -j $(TEST_JOBS)
 
 # The daemon over releases of libwebsockets: LWS has tags, folders with sources or prefixes of SDKs,
-# LWS_MIRROR the repository with the tags, ARCH=mipsel builds for MIPS.
+# LWS_MIRROR the repository with the tags, ARCH=mipsel builds for MIPS, SANITIZE=address or thread.
 releases: packages unpacked companions $(if $(ARCH),target-environment)
 	scripts/install-packages.sh releases
-	TEST_JOBS=$(TEST_JOBS) scripts/releases.py $(if $(ARCH),--arch $(ARCH)) $(LWS)
+	TEST_JOBS=$(TEST_JOBS) scripts/releases.py $(if $(ARCH),--arch $(ARCH)) \
+	  $(if $(SANITIZE),--sanitize $(SANITIZE)) $(LWS)
 
 # The other ends of the system tests where the daemon is built elsewhere.
 companions: packages

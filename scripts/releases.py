@@ -1,14 +1,15 @@
 #!/usr/bin/python3
 """Builds the daemon over releases of libwebsockets and runs the tests on each.
 
-Usage: releases.py [--arch ARCH] [RELEASE ...]      default: the releases in the table below
+Usage: releases.py [--arch ARCH] [--sanitize SANITIZER] [RELEASE ...]
 
 RELEASE is a tag of the library's repository, a folder with its sources, or the installed prefix of
-an SDK, which has include/libwebsockets.h and lib/. Tags come from the repository LWS_MIRROR in the
-environment, or from the library's public ones. ARCH is that of a cmake/toolchain-ARCH.cmake whose
-environment has been made. A run over the default releases writes what was measured on each into
-docs/releases.md. Exit status 1 when a release could not be had, built or tested, or a test failed.
-Each release has a folder below build-releases, which holds the logs too.
+an SDK, which has include/libwebsockets.h and lib/; the default is the releases in the table below.
+Tags come from the repository LWS_MIRROR in the environment, or from the library's public ones. ARCH
+is that of a cmake/toolchain-ARCH.cmake whose environment has been made. SANITIZER is "address" or
+"thread". A run over the default releases writes what was measured on each into docs/releases.md.
+Exit status 1 when a release could not be had, built or tested, or a test failed. Each release has a
+folder below build-releases, which holds the logs too.
 """
 
 import argparse
@@ -50,6 +51,9 @@ library_options = [
     "-DLWS_HAVE_LIBCAP=OFF", "-DLWS_WITH_LIBCAP=OFF",
 ]
 
+# The daemon's sanitizers by the library's. Old code is full of undefined behaviour.
+sanitizers = {"address": "address,undefined", "thread": "thread"}
+
 tests = r"^(unit|system|fuzz)\."
 test_jobs = os.environ.get("TEST_JOBS", "16")
 build_jobs = str(os.cpu_count())
@@ -68,10 +72,10 @@ def git(*words):
 class release_build:
     """One release: its library, the daemon over it, and their logs."""
 
-    def __init__(self, release, arch):
+    def __init__(self, release, arch, sanitizer):
         given = pathlib.Path(release)
         self.release = release
-        self.arch = arch
+        self.is_measured = not arch and not sanitizer
         self.is_prefix = (given / "include/libwebsockets.h").is_file()
         self.is_source = not self.is_prefix and (given / "CMakeLists.txt").is_file()
         is_folder = self.is_prefix or self.is_source
@@ -80,12 +84,18 @@ class release_build:
         parts = given.resolve().parts[1:] if is_folder else [release]
         # The last part of an SDK's prefix is often just "usr".
         name = "-".join(parts[-2:]) if self.is_prefix else parts[-1]
-        self.name = f"{name}-{arch}" if arch else name
+        self.name = "-".join(filter(None, [name, arch, sanitizer]))
         self.folder = all_builds / self.name
         self.source = given.resolve() if self.is_source else self.folder / "source"
         self.build = self.folder / "build"
         self.package_folder = self.folder / "package"
         self.prefix = given.resolve() if self.is_prefix else self.folder / "prefix"
+        self.library_options = [*library_options, *releases.get(release, [])]
+        self.daemon_options = ["-DCMAKE_BUILD_TYPE=RelWithDebInfo"]
+        if sanitizer:
+            self.library_options.append(f"-DCMAKE_C_FLAGS=-w -g -fsanitize={sanitizer}")
+            self.daemon_options = ["-DCMAKE_BUILD_TYPE=Debug",
+                                   f"-DVEMK_SANITIZE={sanitizers[sanitizer]}"]
         self.toolchain = []
         if arch:
             file = checkout / "cmake" / f"toolchain-{arch}.cmake"
@@ -135,18 +145,19 @@ class release_build:
         self.fetch_source()
         library = self.folder / "library"
         self.run("library", "cmake", "-S", self.source, "-B", library, "-G", "Ninja",
-                 f"-DCMAKE_INSTALL_PREFIX={self.prefix}", *library_options, *self.toolchain,
-                 *releases.get(self.release, []))
+                 f"-DCMAKE_INSTALL_PREFIX={self.prefix}", *self.library_options, *self.toolchain)
         self.run("library", "cmake", "--build", library, "-j", build_jobs)
         self.run("library", "cmake", "--install", library)
 
     def version(self):
+        """With "-bare" behind it when the library has no extensions: the tests need to know."""
         header = self.prefix / "include/lws_config.h"
-        found = re.search(r'#define LWS_LIBRARY_VERSION\s+"([\d.]+)',
-                          header.read_text() if header.exists() else "")
+        text = header.read_text() if header.exists() else ""
+        found = re.search(r'#define LWS_LIBRARY_VERSION\s+"([\d.]+)', text)
         if not found:
             raise failure(f"{self.name}: {header} does not say the library's version")
-        return found[1]
+        is_bare = re.search(r"^#define LWS_(NO|WITHOUT)_EXTENSIONS\b", text, re.MULTILINE)
+        return found[1] + ("-bare" if is_bare else "")
 
     def write_package(self):
         """A package file of its own, for the daemon's build to find: the release's often lacks what
@@ -165,7 +176,7 @@ class release_build:
     def build_daemon(self):
         self.write_package()
         self.run("daemon", "cmake", "-S", checkout, "-B", self.build, "-G", "Ninja",
-                 "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DVEMK_WERROR=ON", "-DBUILD_TESTING=ON",
+                 *self.daemon_options, "-DVEMK_WERROR=ON", "-DBUILD_TESTING=ON",
                  f"-DVEMK_COMPANION_DIR={checkout / 'build'}",
                  f"-DCMAKE_PREFIX_PATH={self.package_folder}", *self.toolchain)
         self.run("daemon", "cmake", "--build", self.build, "-j", build_jobs)
@@ -203,7 +214,7 @@ class release_build:
             _, failed = self.run_tests("--rerun-failed", "-j", "1")
         summary = f"{self.name}: built, {len(names) - len(failed)} of {len(names)} tests passed"
         print("; failed: ".join([summary, *([" ".join(failed)] if failed else [])]), flush=True)
-        if not self.arch:
+        if self.is_measured:
             self.run("measurement", measure, self.folder)
         return not failed
 
@@ -211,13 +222,14 @@ class release_build:
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--arch", help="for the toolchain cmake/toolchain-ARCH.cmake")
+    parser.add_argument("--sanitize", choices=sanitizers, help="for the daemon and the library")
     parser.add_argument("releases", nargs="*", metavar="RELEASE", default=list(releases))
     arguments = parser.parse_args()
     succeeded = True
     measured = []
     for release in arguments.releases:
         try:
-            build = release_build(release, arguments.arch)
+            build = release_build(release, arguments.arch, arguments.sanitize)
             succeeded = build.test() and succeeded
             measured.append(build.folder / "measured.json")
         except failure as reason:

@@ -20,9 +20,11 @@ sys.path.insert(1, str(checkout / "tests" / "target_size"))
 
 # pylint: disable=wrong-import-position
 from harness.handshake_faults import (answers, attempt_seconds, changed_upgrade)  # noqa: E402
-from harness.frames import close_frame  # noqa: E402
+from harness.frames import close_frame, text  # noqa: E402
 from harness.keepalive import fast_clock  # noqa: E402
 from harness.library_texts import library_lines  # noqa: E402
+from harness.name_server import name_server  # noqa: E402
+from harness.network import in_a_thread, network_namespace  # noqa: E402
 from harness.raw_server import (accepts, deaf_listener, finish, http_head,  # noqa: E402
                                 raw_server, reset, silent, upgrade, upgrade_lines)
 from harness.roaming_server import roaming_server  # noqa: E402
@@ -92,11 +94,12 @@ class measurement:
     # ---- daemons ----
 
     @contextlib.contextmanager
-    def daemon(self, url, hosts=(), **start_options):
+    def daemon(self, url, files=None, **start_options):
+        """A daemon with these texts in the place of files of /etc."""
         place = sandbox(self.build, None)
-        if hosts:
-            (place.folder / "hosts").write_text("".join(f"{line}\n" for line in hosts))
-            place.binds.append((place.folder / "hosts", "/etc/hosts"))
+        for name, lines in (files or {}).items():
+            (place.folder / name).write_text("".join(f"{line}\n" for line in lines))
+            place.binds.append((place.folder / name, f"/etc/{name}"))
         daemon = vemk_daemon(place, "vemk")
         try:
             yield daemon.start(config_text(url, log_level=15), **start_options)
@@ -110,8 +113,8 @@ class measurement:
         server = raw_server(behaviour)
         try:
             url = server.url.replace("127.0.0.1", name) if name else server.url
-            hosts = [f"{address} {name}" for address in addresses] if name else ()
-            with self.daemon(url, hosts, **start_options) as daemon:
+            files = {"hosts": [f"{address} {name}" for address in addresses]} if name else {}
+            with self.daemon(url, files, **start_options) as daemon:
                 yield daemon, server
         finally:
             server.shut_down()
@@ -159,11 +162,55 @@ class measurement:
                 stack.enter_context(deaf_listener(("127.0.0.2", server.port)))
             hosts = ["127.0.0.2 roaming.example", "127.0.0.3 roaming.example"]
             url = f"ws://roaming.example:{server.port}/roam"
-            daemon = stack.enter_context(self.daemon(url, hosts, **fast_clock(10)))
+            daemon = stack.enter_context(self.daemon(url, {"hosts": hosts}, **fast_clock(10)))
             with contextlib.suppress(AssertionError):
                 wait_until(lambda: daemon.lines_with(established)
                            or len(daemon.lines_with(attempted)) > 1, "an attempt's end", 60)
             return "yes" if daemon.lines_with(established) else "no"
+
+    def look_ups(self):
+        """How often an attempt waits for a name server, which here takes 2 s to answer."""
+        network = network_namespace()
+
+        def serve_inside():
+            network.enter()
+            return raw_server(upgrade)
+
+        names, server = name_server(network, "127.0.0.1", 2.0), in_a_thread(serve_inside)
+        url = server.url.replace("127.0.0.1", "roaming.example")
+        try:
+            with self.daemon(url, {"resolv.conf": ["nameserver 127.0.0.1"]},
+                             network=network) as daemon:
+                connected = daemon.wait_for_lines(established)[0]
+                return round((connected.time - daemon.lines_with(attempted)[0].time) / names.delay)
+        finally:
+            server.shut_down()
+            names.close()
+            network.close()
+
+    def close_seconds(self):
+        """How long the daemon waits for the server's end after a close frame."""
+        def close(server, connection, request):
+            connection.sendall(http_head(upgrade_lines(request)) + close_frame(1000))
+
+        with self.served(close, **fast_clock(10)) as (daemon, _):
+            closed = daemon.wait_for_lines("process_closed:76")[0]
+            return round(closed.time - daemon.lines_with(established)[0].time)
+
+    def masked_frame(self):
+        """What comes of a masked frame of 8 bytes and one of 5 that is not masked."""
+        def send_masked(server, connection, request):
+            connection.sendall(http_head(upgrade_lines(request))
+                               + text(b"masked!!", mask=b"\1\2\3\4") + text(b"plain"))
+
+        with self.served(send_masked) as (daemon, _):
+            with contextlib.suppress(AssertionError):
+                daemon.wait_for_lines("Recieve final msg len", 2, 5)
+            if daemon.lines_with("process_closed:76"):
+                return "ends the connection"
+            lengths = [int(line.text.split(" len ")[1].split()[0])
+                       for line in daemon.lines_with("Recieve final msg len")]
+            return "has other bytes" if lengths == [8, 5] else "swallows what follows"
 
     def library_text(self, fault):
         """The library's warnings, errors and words on the handshake; what differs from one
@@ -242,7 +289,7 @@ class measurement:
             reset(connection)
 
         return {
-            "version": self.package["Version"],
+            "version": self.package["Version"].split("-")[0],
             "rows": {
                 "`vemk` with the library inside, stripped, bytes": f"{self.daemon_size():,}",
                 "reason when the server hangs up during the handshake":
@@ -256,10 +303,14 @@ class measurement:
                 "relative redirect": self.redirect("/elsewhere"),
                 "second address of a name tried when the first refuses": self.second_address(False),
                 "... when the first is silent": self.second_address(True),
+                "look-ups of a name in an attempt": self.look_ups(),
                 "longest host name, bytes": number_limit(self.connects_to_name, 253),
                 "longest handshake answer, bytes": number_limit(self.connects_to_answer, 20000),
                 **{f"answer with {name}": "accepted" if self.connects(accepts(change))
                    else "refused" for name, change in odd_answers.items()},
+                "the end after a close frame to which the server adds none, s":
+                    self.close_seconds(),
+                "masked frame from the server": self.masked_frame(),
                 "a wake-up from another thread (`lws_cancel_service`)": self.wake_up(),
                 "proxy variables that the library alone heeds": self.proxy_variables(),
             },
