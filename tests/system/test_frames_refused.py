@@ -5,6 +5,7 @@
 from harness.frames import (frame, opcode_close, opcode_continuation, opcode_ping, opcode_pong,
                             text)
 from harness.healing import expect_refused, fault_watch
+from harness.keepalive import ending_clock
 from harness.library_texts import frame_warning, library_lines
 
 reserved_bits = (0x40, 0x20, 0x10)
@@ -14,7 +15,7 @@ reserved_bits = (0x40, 0x20, 0x10)
 # Seen: the connection is closed without a close frame, nothing of the frame or of what follows it
 # reaches the bus; "process_closed:76", "disconnected" twice, "connected", messages pass both ways.
 def test_reserved_bits_are_refused(make_frame_rig):
-    expect_refused(make_frame_rig(log_level=15),
+    expect_refused(make_frame_rig(ending_clock(), log_level=15),
                    [*(text(b"one bit", reserved=bit) for bit in reserved_bits),
                     text(b"all", reserved=sum(reserved_bits)),
                     frame(opcode_ping, reserved=reserved_bits[0])])
@@ -23,7 +24,7 @@ def test_reserved_bits_are_refused(make_frame_rig):
 # Fault, while connected: a frame with one of the ten reserved opcodes, 3 to 7 and 11 to 15.
 # Seen: the same as for a reserved bit.
 def test_reserved_opcodes_are_refused(make_frame_rig):
-    expect_refused(make_frame_rig(log_level=15),
+    expect_refused(make_frame_rig(ending_clock(), log_level=15),
                    [frame(opcode, b"unknown") for opcode in (*range(3, 8), *range(11, 16))])
 
 
@@ -32,7 +33,7 @@ def test_reserved_opcodes_are_refused(make_frame_rig):
 # Seen: dropped without a close frame and healed, and nothing of it reaches the bus; a long one
 # leaves the library's line "Control frame asking for extended length is illegal" in the log.
 def test_long_and_fragmented_control_frames_are_refused(make_frame_rig):
-    rig = make_frame_rig(log_level=15)
+    rig = make_frame_rig(ending_clock(), log_level=15)
     control = (opcode_ping, opcode_pong, opcode_close)
     expect_refused(rig, [*(frame(opcode, b"p" * 126) for opcode in control),
                             frame(opcode_ping, b"short", length_bits=16),
@@ -44,7 +45,7 @@ def test_long_and_fragmented_control_frames_are_refused(make_frame_rig):
 # Fault, while connected: a continuation frame, final or not, where no message has begun.
 # Seen: dropped without a close frame and healed, and nothing of it reaches the bus.
 def test_continuation_without_a_start_is_refused(make_frame_rig):
-    expect_refused(make_frame_rig(log_level=15),
+    expect_refused(make_frame_rig(ending_clock(), log_level=15),
                    [frame(opcode_continuation, b"lonely", final=final) for final in (True, False)])
 
 
@@ -52,7 +53,7 @@ def test_continuation_without_a_start_is_refused(make_frame_rig):
 # Seen: dropped and healed; the new message never reaches the bus, and the fragment before it is
 # joined to the next connection's first message, as that of any message that was cut off.
 def test_new_message_inside_a_fragmented_one_is_refused(make_frame_rig):
-    rig = make_frame_rig(log_level=15)
+    rig = make_frame_rig(ending_clock(), log_level=15)
     watch = fault_watch(rig)
     rig.server.send(text(b"begun, ", final=False), text(b"intruder"))
     watch.expect_healed(joined=b"begun, ")
@@ -62,7 +63,7 @@ def test_new_message_inside_a_fragmented_one_is_refused(make_frame_rig):
 # Seen: dropped without a close frame and healed, with the library's line "b63 of length must be
 # zero".
 def test_length_with_the_top_bit_is_refused(make_frame_rig):
-    rig = make_frame_rig(log_level=15)
+    rig = make_frame_rig(ending_clock(), log_level=15)
     expect_refused(rig, [text(b"x" * 200, length_bits=64, length=(1 << 63) + size)
                             for size in (0, 200)])
     warning = frame_warning("b63 of length must be zero")
@@ -77,7 +78,7 @@ def test_length_with_the_top_bit_is_refused(make_frame_rig):
 # says, and what follows them is no frame and costs the connection.
 def test_length_far_beyond_what_comes_is_healed(make_frame_rig, build_folder):
     has_32_bits = (build_folder / "vemk").read_bytes()[4] == 1
-    rig = make_frame_rig(log_level=15)
+    rig = make_frame_rig(ending_clock(), log_level=15)
     payload = bytes(0x61 + i % 26 for i in range(10000))
     for length in (1 << 40, (1 << 32) + 5):
         watch = fault_watch(rig)

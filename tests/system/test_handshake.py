@@ -7,8 +7,10 @@ import time
 
 import pytest
 
+from harness import library_texts
 from harness.bus_peer import connected
 from harness.frames import text
+from harness.handshake_faults import refused_course
 from harness.independent_servers import with_each_server
 from harness.keepalive import established, fast_clock
 from harness.raw_server import accepts, http_head, silent, upgrade, upgrade_lines
@@ -159,13 +161,26 @@ def test_first_frame_in_the_segment_of_the_handshake_is_received(connect_through
 
 # Fault, before the connection: a handshake answer that names no subprotocol or an empty one, names
 # "Upgrade" second in its list, ends its lines without carriage returns, or is of HTTP/1.0.
-# Seen: it connects at the first attempt, and messages flow both ways.
-@pytest.mark.parametrize("odd", [
-    lambda head: head,
-    lambda head: head[:-2] + b"Sec-WebSocket-Protocol: \r\n\r\n",
-    lambda head: head.replace(b"Connection: Upgrade", b"connection: keep-alive, Upgrade"),
-    lambda head: head.replace(b"\r\n", b"\n"),
-    lambda head: head.replace(b"HTTP/1.1", b"HTTP/1.0"),
-], ids=["no-subprotocol", "empty-subprotocol", "list", "bare-line-ends", "http-1.0"])
-def test_odd_handshake_answer_connects(connect_through, odd):
-    connect_through(accepts(odd))
+# Seen: it connects at the first attempt, and messages flow both ways; the last three are refused
+# and tried again by a library before 3.0, 4.1 and 4.0. One without extensions, or before 3.0, also
+# connects with an extension that was not offered, or with 300 header lines.
+@pytest.mark.parametrize("odd, is_accepted", [
+    (lambda head: head, True),
+    (lambda head: head[:-2] + b"Sec-WebSocket-Protocol: \r\n\r\n", True),
+    (lambda head: head.replace(b"Connection: Upgrade", b"connection: keep-alive, Upgrade"),
+     library_texts.accepts_connection_list),
+    (lambda head: head[:-2] + b"Sec-WebSocket-Extensions: permessage-deflate\r\n\r\n",
+     library_texts.ignores_extensions),
+    (lambda head: head[:-2] + 300 * b"X-Line: a\r\n" + b"\r\n",
+     library_texts.ignores_unknown_lines),
+    (lambda head: head.replace(b"\r\n", b"\n"), library_texts.accepts_bare_line_ends),
+    (lambda head: head.replace(b"HTTP/1.1", b"HTTP/1.0"), library_texts.accepts_http_1_0),
+], ids=["no-subprotocol", "empty-subprotocol", "list", "extension", "300-lines", "bare-line-ends",
+        "http-1.0"])
+def test_odd_handshake_answer_connects(connect_through, make_trial, odd, is_accepted):
+    if is_accepted:
+        connect_through(accepts(odd))
+    else:
+        trial = make_trial([accepts(odd)], **fast_clock(10))
+        assert trial.endure().courses == [refused_course(trial.server.port)]
+        trial.heal()

@@ -2,14 +2,16 @@
 
 # Test: 48 s
 
+import itertools
 import random
 import time
 
 import pytest
 
+from harness import library_texts
 from harness.bus_peer import status_request
 from harness.handshake_faults import answers, attempt_seconds, changed_upgrade, refused_course
-from harness.keepalive import fast_clock
+from harness.keepalive import ending_clock, fast_clock
 from harness.raw_server import finish, http_head, reset, silent, upgrade, upgrade_lines
 from harness.round_trip import passes_both_ways
 from harness.vemk_daemon import config_text
@@ -33,7 +35,8 @@ def cut_at(length, end):
 
 def header_line_without_end(server, connection, request):
     connection.sendall(b"HTTP/1.1 101 Switching Protocols\r\nX-Long: ")
-    while True:
+    # A library before 3.0 does nothing else for as long as the line goes on.
+    for _ in range(1024) if library_texts.keeps_garbage else itertools.count():
         connection.sendall(b"a" * 1024)
 
 
@@ -57,12 +60,15 @@ def test_wrong_handshake_answer_is_tried_again(make_trial):
               (with_line(b"Upgrade: h2c"), "Upgrade to something other than"),
               (with_line(b"Connection: close"), "UPGRADE malformed"),
               (with_line(b"Sec-WebSocket-Extensions: permessage-deflate"), "unknown ext")]
-    trial = make_trial([fault for fault, reason in faults])
+    if library_texts.ignores_extensions:
+        faults.pop()
+    trial = make_trial([fault for fault, reason in faults], **ending_clock())
     endured = trial.endure()
     assert endured.courses == [refused_course(endured.server.port)] * len(faults)
-    for lines, (fault, reason) in zip(endured.library_lines, faults):
-        assert any("due to bail2 connection error: HS: " in line and reason in line
-                   for line in lines), reason
+    if library_texts.says_handshake_errors:
+        for lines, (fault, reason) in zip(endured.library_lines, faults):
+            assert any("due to bail2 connection error: HS: " in line and reason in line
+                       for line in lines), reason
     trial.heal()
 
 
@@ -74,10 +80,11 @@ def test_garbage_in_place_of_the_answer_is_tried_again(make_trial):
     random_bytes = random.Random(1).randbytes(8192)
     trial = make_trial([answers(random_bytes), answers(random_bytes, reset), answers(bytes(8192)),
                         answers(b"\xff" * 8192), header_line_without_end,
-                        thousands_of_header_lines])
+                        thousands_of_header_lines], **ending_clock())
     endured = trial.endure()
     assert endured.courses == [refused_course(endured.server.port)] * len(endured.courses)
-    assert all("2: problems parsing header" in lines for lines in endured.library_lines)
+    assert library_texts.keeps_garbage or \
+        all("2: problems parsing header" in lines for lines in endured.library_lines)
     trial.heal()
 
 
@@ -88,10 +95,12 @@ def test_garbage_in_place_of_the_answer_is_tried_again(make_trial):
 # follows; it connects when the answer is of an ordinary size.
 def test_handshake_answer_that_is_too_large_is_tried_again(make_trial):
     short_lines = [b"X-%d: a" % number for number in range(300)]
-    trial = make_trial([with_line(b"Set-Cookie: " + b"a" * 4000),
-                        changed_upgrade(lambda lines: lines + short_lines)])
+    faults = [with_line(b"Set-Cookie: " + b"a" * 4000)]
+    if not library_texts.ignores_unknown_lines:
+        faults.append(changed_upgrade(lambda lines: lines + short_lines))
+    trial = make_trial(faults)
     endured = trial.endure()
-    assert endured.courses == [refused_course(endured.server.port)] * 2
+    assert endured.courses == [refused_course(endured.server.port)] * len(faults)
     assert all("1: Ran out of header data space" in lines for lines in endured.library_lines)
     trial.heal()
 

@@ -2,7 +2,9 @@
 
 # Test: 31 s
 
+from harness import library_texts
 from harness.handshake_faults import answers, refused_course
+from harness.keepalive import ending_clock
 from harness.library_texts import bad_response
 from harness.raw_server import finish, http_head, upgrade
 
@@ -37,9 +39,11 @@ def test_other_answer_than_an_upgrade_is_tried_again(make_trial):
     trial = make_trial([fault for status in statuses for fault in answers_of(status)])
     endured = trial.endure()
     assert endured.courses == [refused_course(endured.server.port)] * len(endured.courses)
-    expected = [f"2: {bad_response(status[:3].decode())}" for status in statuses for _ in answers_of(status)]
-    assert [[line for line in lines if "HTTP response" in line]
-            for lines in endured.library_lines] == [[line] for line in expected]
+    expected = [f"2: {bad_response(status[:3].decode())}"
+                for status in statuses for _ in answers_of(status)]
+    assert [[line[:len(words)] for line in lines if "HTTP response" in line]
+            for lines, words in zip(endured.library_lines, expected)] == \
+        [[words] if library_texts.says_bad_responses else [] for words in expected]
     trial.heal()
 
 
@@ -48,7 +52,8 @@ def test_other_answer_than_an_upgrade_is_tried_again(make_trial):
 # address.
 # Seen: each attempt is logged "websock-roaming->process_client_connection_error:41"; the server
 # named in the configuration, and no other, is asked for the configured path again; the bus hears
-# "disconnected" only.
+# "disconnected" only. Before 3.0 the library forgets an attempt that leads to no address, and the
+# daemon gives it up after 70 s; a 2.4 without TLS may not survive a redirect over "https" or "wss".
 def test_redirect_is_not_followed(make_trial, make_raw_server):
     """The library followed redirects to wherever they pointed.
 
@@ -56,7 +61,8 @@ def test_redirect_is_not_followed(make_trial, make_raw_server):
     """
     elsewhere = make_raw_server(upgrade)
     place = b"127.0.0.1:%d/elsewhere" % elsewhere.port
-    locations = [*(scheme + b"://" + place for scheme in (b"http", b"ws", b"https", b"wss")),
+    secure = [b"https", b"wss"] if library_texts.survives_tls_redirects else []
+    locations = [*(scheme + b"://" + place for scheme in (b"http", b"ws", *secure)),
                  b"/elsewhere", b"", b"http://", b"http://+@socket:/elsewhere",
                  b"http://no-such-host.invalid/", b"\xff\xfe://:::/", b"http://[::1", b"x" * 3000]
     moved = [answer(b"301 Moved Permanently", b"Location: " + location, b"Content-Length: 0")
@@ -64,7 +70,7 @@ def test_redirect_is_not_followed(make_trial, make_raw_server):
     moved.append(answer(b"301 Moved Permanently", b"Content-Length: 0"))
     others = [answer(status + b" Moved", b"Location: http://" + place, body=page, end=finish)
               for status in (b"302", b"303", b"307", b"308")]
-    trial = make_trial(moved + others)
+    trial = make_trial(moved + others, **ending_clock())
     endured = trial.endure()
     assert endured.courses == [refused_course(endured.server.port)] * len(endured.courses)
     assert elsewhere.connections == []

@@ -10,10 +10,12 @@ import re
 from harness.frames import frame, opcode_ping, opcode_pong
 from harness.healing import fault_watch, lost_and_found
 from harness.keepalive import established, keepalive_events, start_fast, words
+from harness.library_texts import ping_payload
 
 ping_lines = [
     "websock-roaming->process_client_writeable: It's time to ping websocket server, expired [30]",
-    "websock-roaming->lws_send:Send msg type [5] len [6/0]  to websocket"]
+    "websock-roaming->lws_send:Send msg type [5] "
+    f"len [{6 + len(ping_payload)}/{len(ping_payload)}]  to websocket"]
 dropping_lines = [
     "websock-roaming->There are no 3 pong answer in a row from server",
     "websock-roaming->Stopping"]

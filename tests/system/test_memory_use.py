@@ -15,6 +15,7 @@ import struct
 import pytest
 
 from harness.frame_server import pattern
+from harness.library_texts import keeps_send_buffer
 from harness.preloaded import failing_memory, short_pauses
 from harness.process_memory import address_space_bytes, peak_kib, pss_kib
 from harness.round_trip import passes_both_ways
@@ -116,16 +117,20 @@ def test_messages_without_a_listener_cost_no_memory(make_daemon, bus, server, pa
 
 
 # Fault, on the bus: a message of 64 MiB, the longest that the bus carries.
-# Seen: it arrives byte for byte as one text frame, and its memory is given back at once.
+# Seen: it arrives byte for byte as one text frame, and its memory is given back at once; before 3.0
+# the library keeps it until the connection ends.
 def test_a_message_of_64_mebibytes_arrives_and_leaves_no_memory_behind(make_rig):
     daemon, bus, server = make_rig()
     before = pss_kib(daemon.pid)
     message = pattern(8 << 20) * 8
     bus.send(message)
     assert server.wait_for_payloads(1, seconds=90) == [message]
+    if keeps_send_buffer:
+        server.reset()
+        server.wait_for_connections(2)
     wait_for_pss_below(daemon, before + 2000)
     assert passes_both_ways(bus, server, "after the long message")
-    assert len(server.handshakes) == 1
+    assert len(server.handshakes) == 1 + keeps_send_buffer
 
 
 # Fault, on the bus: 1 MiB of JSON for the service, "[{},{},...]", which takes 280 MB when parsed.
