@@ -208,7 +208,7 @@ private:
 
   void write() {
     if (is_connected && now() - last_ping >= 30) {
-      missed_pongs += send(LWS_WRITE_PING, "") ? 1 : 0;
+      missed_pongs += send(LWS_WRITE_PING, std::string(ping_length, '\0')) ? 1 : 0;
       show_life();
     }
     take_message(true);

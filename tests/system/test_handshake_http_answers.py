@@ -61,10 +61,11 @@ def test_redirect_is_not_followed(make_trial, make_raw_server):
     """
     elsewhere = make_raw_server(upgrade)
     place = b"127.0.0.1:%d/elsewhere" % elsewhere.port
+    nowhere = [b"/elsewhere", b"", b"http://", b"http://+@socket:/elsewhere",
+               b"http://no-such-host.invalid/", b"\xff\xfe://:::/", b"http://[::1", b"x" * 3000]
     secure = [b"https", b"wss"] if library_texts.survives_tls_redirects else []
     locations = [*(scheme + b"://" + place for scheme in (b"http", b"ws", *secure)),
-                 b"/elsewhere", b"", b"http://", b"http://+@socket:/elsewhere",
-                 b"http://no-such-host.invalid/", b"\xff\xfe://:::/", b"http://[::1", b"x" * 3000]
+                 *(nowhere if library_texts.survives_sanitizer else [])]
     moved = [answer(b"301 Moved Permanently", b"Location: " + location, b"Content-Length: 0")
              for location in locations]
     moved.append(answer(b"301 Moved Permanently", b"Content-Length: 0"))

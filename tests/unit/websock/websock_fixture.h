@@ -64,6 +64,11 @@ protected:
   static std::vector<std::string> reception_lines(const std::string &bytes);
   /// The lines of a frame of this type: one that was written, and one that was not.
   static std::string sent_line(int type, int result, std::size_t length);
+  /// The line and the call of a ping, which has a payload with some releases of the library.
+  static std::string ping_sent_line() {
+    return sent_line(5, ping_length == 0 ? 6 : 1, ping_length);
+  }
+  const std::string ping_call = "lws_write wsi1 " + std::to_string(ping_length) + " 5";
   static std::string failed_line(int type);
   /// The whole line of a dump of up to 31 bytes below 0x80.
   static std::string dump_line(const std::string &bytes);
