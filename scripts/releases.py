@@ -215,7 +215,8 @@ class release_build:
         summary = f"{self.name}: built, {len(names) - len(failed)} of {len(names)} tests passed"
         print("; failed: ".join([summary, *([" ".join(failed)] if failed else [])]), flush=True)
         if self.is_measured:
-            self.run("measurement", measure, self.folder)
+            self.run("measurement", checkout / "tests/system/in_own_networks.sh", measure,
+                     self.folder)
         return not failed
 
 
