@@ -157,7 +157,8 @@ private:
 
   // Later releases tell of an end, and of a push on the bus's thread, in ways of their own.
   static constexpr bool is_later = fake_lws::ignores_limits;
-  static constexpr int closed_client_http = is_later ? 45 : LWS_CALLBACK_CLOSED;
+  static constexpr int closed_client_http =
+      LWS_LIBRARY_VERSION_NUMBER >= 4001000 ? 45 : LWS_CALLBACK_CLOSED;
   static constexpr int wait_cancelled = is_later ? 71 : -1;
   static constexpr const char *waking_call = is_later ? "lws_cancel_service" : writeable_call;
 
