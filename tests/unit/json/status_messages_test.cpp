@@ -149,6 +149,7 @@ TEST_F(StatusMessagesTest, StatusRequestIsRecognised) {
                   R"({"service":"internal-ip\u0043","cmd":"status"})",
                   R"({"service":"other","service":"internal-ipc","cmd":"x","cmd":"status"})",
                   R"({'service':'internal-ipc','cmd':'status'})",
+                  R"({"id-":"a--b-internal-","service":"internal-ipc","cmd":"status"})",
                   R"({"padding":")" + std::string(1024 * 1024, 'x') +
                       R"(","service":"internal-ipc","cmd":"status"})",
               });
