@@ -32,6 +32,7 @@ folders = {
     "unit/log": "log: modules and emitters",
     "unit/websock": "websock: the connection to the service",
     "unit/ipc": "ipc: the bus",
+    "unit/ipc_polling": "ipc: a bus without a descriptor to wait for",
     "unit/json": "json: helpers and status messages",
     "unit/memory_shortage": "A message's way through all of these when memory runs out",
     "unit/processor": "What the code takes for granted of the processor",

@@ -15,6 +15,7 @@ enum class config_key {
   location,
   log_level,
   whole_messages,
+  pacing,
 };
 
 /// By config_key, in lower case. A line sets the key that it begins with, in any letter case. With
@@ -26,7 +27,12 @@ constexpr const char *config_key_texts[] = {
     "ap_location=",              // text
     "log_level=",                // mask of log categories
     "whole_messages=",           // 0: no
+    "pacing=",                   // steps or event
 };
+
+/// The values of config_key::pacing, in any letter case. Any other one counts as the default.
+constexpr char default_pacing_text[] = "steps";
+constexpr char event_pacing_text[] = "event";
 
 constexpr std::size_t config_key_count = sizeof config_key_texts / sizeof *config_key_texts;
 

@@ -83,6 +83,12 @@ bool read_whole_messages(websock_cfg_t &cfg, char *value) {
   return true;
 }
 
+bool read_pacing(websock_cfg_t &cfg, char *value) {
+  cut_at_line_end(value);
+  cfg.event_pacing = strcasecmp(value, event_pacing_text) == 0;
+  return true;
+}
+
 constexpr struct {
   const char *text;
   bool (*read)(websock_cfg_t &cfg, char *value);
@@ -93,6 +99,7 @@ constexpr struct {
     {text_of(config_key::location), read_location},
     {text_of(config_key::log_level), read_log_level},
     {text_of(config_key::whole_messages), read_whole_messages},
+    {text_of(config_key::pacing), read_pacing},
 };
 static_assert(std::size(keys) == config_key_count, "each key needs its reader");
 

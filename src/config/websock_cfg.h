@@ -36,6 +36,8 @@ struct websock_cfg_t {
   bool cfg_file_failed;
   /// An empty last fragment ends a message, and a lost connection's partial message is forgotten.
   bool whole_messages;
+  /// The workers wait for events, instead of pausing for 100 ms.
+  bool event_pacing;
 };
 
 /// Fills the record from the options "f:d:p:P:", then from the file that -f named, whose URL

@@ -49,11 +49,12 @@ protected:
   /// caller's.
   void forward_bus_message(const void *message);
 
+  message_queue_t *bus_to_ws_queue;
+  message_queue_t *ws_to_bus_queue;
+
 private:
   void leave_bus();
 
-  message_queue_t *bus_to_ws_queue;
-  message_queue_t *ws_to_bus_queue;
   std::int32_t module_id;
 };
 

@@ -15,7 +15,7 @@ namespace {
 __attribute__((format(printf, 3, 0))) void print_if_enabled(const log_module_t &module,
                                                             std::uint32_t category,
                                                             const char *format, va_list arguments) {
-  if ((module.level.load(std::memory_order_relaxed) & category) != 0)
+  if (log_is_enabled(module, category))
     log_vprint(module, format, arguments);
 }
 
@@ -29,6 +29,10 @@ void log_module_init(log_module_t &module, const char *name, std::uint32_t level
 
 void log_set_level(log_module_t &module, std::uint32_t level) noexcept {
   module.level.store(level, std::memory_order_relaxed);
+}
+
+bool log_is_enabled(const log_module_t &module, std::uint32_t category) noexcept {
+  return (module.level.load(std::memory_order_relaxed) & category) != 0;
 }
 
 log_module_setup::log_module_setup(log_module_t &module, const char *name) noexcept {

@@ -48,6 +48,9 @@ struct log_module_setup {
 
 void log_set_level(log_module_t &module, std::uint32_t level) noexcept;
 
+/// Whether the module writes messages of this category.
+bool log_is_enabled(const log_module_t &module, std::uint32_t category) noexcept;
+
 void log_error(const log_module_t &module, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 void log_warning(const log_module_t &module, const char *format, ...)

@@ -19,6 +19,7 @@ constexpr std::int32_t max_clock_step = 10;
 constexpr int clock_check_tries = 11;
 constexpr useconds_t poll_pause_us = 50000;
 constexpr useconds_t wait_pause_us = 1000000;
+constexpr std::int64_t longest_wait_ms = 3600000;
 
 /// Seconds are signed 32-bit values for any width of time_t.
 std::int32_t whole_seconds(const timespec &time) {
@@ -31,13 +32,13 @@ std::int32_t seconds_after(std::int32_t now, std::int32_t delay) {
                                    static_cast<std::uint32_t>(delay));
 }
 
-bool is_plausible(std::int32_t now, std::int32_t last) {
-  return last <= now && std::int64_t{now} <= std::int64_t{last} + max_clock_step;
+bool is_plausible(std::int32_t now, std::int32_t last, std::int32_t expected_wait) {
+  return last <= now && std::int64_t{now} <= std::int64_t{last} + expected_wait + max_clock_step;
 }
 
 } // namespace
 
-timer_service::timer_service() : last_now{}, next_to_fire(timers.end()) {
+timer_service::timer_service() : last_now{}, next_to_fire(timers.end()), expected_wait(0) {
   log_set_level(log_module, g_log_level);
   clock_gettime(CLOCK_MONOTONIC, &last_now);
 }
@@ -46,8 +47,9 @@ std::int32_t timer_service::check_monotonic() {
   for (int attempt = 0; attempt < clock_check_tries; ++attempt) {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    if (is_plausible(whole_seconds(now), whole_seconds(last_now))) {
+    if (is_plausible(whole_seconds(now), whole_seconds(last_now), expected_wait)) {
       last_now = now;
+      expected_wait = 0;
       return whole_seconds(now);
     }
     log_debug(log_module, "%s: Time error, need restart, expired [%u] [%u] cnt %d\n",
@@ -93,14 +95,37 @@ void timer_service::fire_due(std::int32_t now) {
 
 std::int32_t timer_service::delay_with_callback(std::int32_t seconds,
                                                 const std::function<void()> &callback) {
+  return delay_with_callback(seconds, callback, nullptr);
+}
+
+std::int32_t
+timer_service::delay_with_callback(std::int32_t seconds, const std::function<void()> &callback,
+                                   const std::function<void(std::int32_t milliseconds)> &pause) {
   std::int32_t now = check_monotonic();
   const std::int32_t deadline = seconds_after(now, seconds);
   do {
-    usleep(poll_pause_us);
+    if (pause)
+      pause(milliseconds_until(deadline));
+    else
+      usleep(poll_pause_us);
     callback();
     now = check_monotonic();
   } while (now < deadline);
   return now;
+}
+
+void timer_service::expect_wait(std::int32_t milliseconds) {
+  expected_wait = (milliseconds + 999) / 1000;
+}
+
+std::int32_t timer_service::milliseconds_until(std::int32_t second) const {
+  if (!timers.empty())
+    second = std::min(second, timers.front().expiry);
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const std::int64_t left =
+      (std::int64_t{second} - whole_seconds(now)) * 1000 - now.tv_nsec / 1000000;
+  return static_cast<std::int32_t>(std::clamp<std::int64_t>(left, 0, longest_wait_ms));
 }
 
 std::int32_t timer_service::wait_while(const std::function<bool()> &predicate) {

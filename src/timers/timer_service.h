@@ -57,6 +57,10 @@ public:
   /// of the monotonic clock at which it ended.
   std::int32_t delay_with_callback(std::int32_t seconds, const std::function<void()> &callback);
 
+  /// The same with another pause than 50 ms: `pause` may pass up to that many milliseconds.
+  std::int32_t delay_with_callback(std::int32_t seconds, const std::function<void()> &callback,
+                                   const std::function<void(std::int32_t milliseconds)> &pause);
+
   /// Sleeps in steps of one second while `predicate` returns true. Returns 0.
   std::int32_t wait_while(const std::function<bool()> &predicate);
 
@@ -67,6 +71,14 @@ public:
 
   /// Sleeps `seconds`, also when signals arrive. Returns 0 or the error number of select.
   static std::int32_t sleep_seconds(std::uint32_t seconds);
+
+  /// Announces that up to `milliseconds` pass before the clock is read again. A wait that was asked
+  /// for is not a jump, so the next check of the clock allows 10 seconds beyond it.
+  void expect_wait(std::int32_t milliseconds);
+
+  /// Milliseconds until the first timer is due, or until `second` of the monotonic clock if that
+  /// comes earlier. 0 when one of them is due.
+  std::int32_t milliseconds_until(std::int32_t second) const;
 
 private:
   /// Returns the checked current second and keeps it as the last good time.
@@ -79,6 +91,8 @@ private:
   timespec last_now;
   /// The next timer of a walk over the due ones; kept valid while callbacks cancel timers.
   timer_list::iterator next_to_fire;
+  /// Seconds that may pass before the next check, on top of its 10.
+  std::int32_t expected_wait;
 };
 
 } // namespace vemk

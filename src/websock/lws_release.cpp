@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace vemk {
@@ -111,9 +112,13 @@ void lws_release::send_rest(lws_context *context) {
 
 #endif
 
-// Redirects.
+// Redirects, and what else came with 4.0.
 
 #if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+
+void lws_release::put_off_expiry(lws *wsi) {
+  lws_validity_confirmed(wsi);
+}
 
 void lws_release::refuse_redirects(lws_client_connect_info &info) {
   info.ssl_connection |= LCCSCF_HTTP_NO_FOLLOW_REDIRECT;
@@ -134,6 +139,8 @@ void lift_send_buffer(lws *wsi) {
 }
 
 } // namespace
+
+void lws_release::put_off_expiry(lws *) {}
 
 void lws_release::refuse_redirects(lws_client_connect_info &) {
   has_asked = false;
@@ -161,10 +168,18 @@ int lws_release::observe(lws *wsi, lws_callback_reasons reason, std::size_t leng
   return handle_connection(wsi, reason, length);
 }
 
+lws *lws_release::established() const {
+  return connection;
+}
+
 #if LWS_LIBRARY_VERSION_NUMBER >= 3000000
 
 void lws_release::request(lws_context *context, lws *) {
   lws_cancel_service(context);
+}
+
+int lws_release::thread_number() {
+  return 0;
 }
 
 bool lws_release::is_requesting() {
@@ -221,6 +236,10 @@ void lws_release::request(lws_context *, lws *wsi) {
 
 bool lws_release::is_requesting() {
   return requesting;
+}
+
+int lws_release::thread_number() {
+  return static_cast<int>(syscall(SYS_gettid));
 }
 
 int lws_release::handle_connection(lws *wsi, lws_callback_reasons reason, std::size_t length) {

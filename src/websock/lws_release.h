@@ -93,6 +93,17 @@ public:
   /// that of the callback.
   int observe(lws *wsi, lws_callback_reasons reason, std::size_t length);
 
+  /// The established connection for as long as the library has it; null otherwise.
+  lws *established() const;
+
+  /// The answer to LWS_CALLBACK_GET_THREAD_ID by which the library ends a wait of the service
+  /// thread for a request() of another one. Any thread.
+  static int thread_number();
+
+  /// Call this with each ping whose pong cannot be read. Since 4.0 the library closes a connection
+  /// on which no pong came for 310 seconds.
+  static void put_off_expiry(lws *wsi);
+
   /// Sends the part of a message that the library holds back, as far as the socket takes it. Makes
   /// one service call for each 4096 bytes, with releases that write no more at once.
   void send_rest(lws_context *context);
@@ -103,7 +114,6 @@ private:
 
   int handle_connection(lws *wsi, lws_callback_reasons reason, std::size_t length);
 
-  /// The established connection for as long as the library has it; null otherwise.
   lws *connection = nullptr;
 #if LWS_LIBRARY_VERSION_NUMBER < 3000000
   void forget(const lws *wsi);

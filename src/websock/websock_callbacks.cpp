@@ -155,7 +155,7 @@ int websock_worker::process_client_receive(lws *wsi, void *, void *in, std::size
   log_debug(websock_log_module, "%s->%s: Recieve final msg len %d from websocket\n", log_name,
             handler, static_cast<int>(rx_buffer->length));
   log_debug(websock_log_module, "%s->Send to Queue\n", log_name);
-  rx_buffer->dump();
+  dump(*rx_buffer);
   ws_to_bus_queue->push(rx_buffer);
   rx_buffer = std::make_shared<buffer_info_t>();
   return 0;
@@ -198,6 +198,10 @@ int websock_worker::lws_send(lws *wsi, const void *data, std::size_t length,
 void websock_worker::request_writeable(lws *wsi) {
   if (connected.load(std::memory_order_relaxed))
     release.request(context, wsi);
+}
+
+void websock_worker::dump(const buffer_info_t &message) const {
+  message.dump();
 }
 
 void websock_worker::trace(const char *handler, int number) const {

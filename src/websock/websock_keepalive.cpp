@@ -6,7 +6,6 @@ namespace vemk {
 
 namespace {
 
-constexpr time_t ping_interval_seconds = 30;
 constexpr std::int32_t missed_pong_limit = 3;
 constexpr std::int32_t watchdog_seconds = 60;
 constexpr int ping_timeout_trace = 197;

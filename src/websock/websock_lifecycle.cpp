@@ -176,17 +176,21 @@ std::uint32_t websock_worker::next_delay() {
 void websock_worker::wait_before_connect() {
   const auto delay = static_cast<std::int32_t>(next_delay());
   log_debug(websock_log_module, "Delay before connection: %d sec\n", static_cast<int>(delay));
-  timers.delay_with_callback(delay, [this] {
+  pass_delay(delay, [this] {
     bus_to_ws_queue->take(
         [this](const std::shared_ptr<buffer_info_t> &message) { keep_own_message(message); });
   });
+}
+
+void websock_worker::pass_delay(std::int32_t seconds, const std::function<void()> &take_one) {
+  timers.delay_with_callback(seconds, take_one);
 }
 
 bool websock_worker::keep_own_message(const std::shared_ptr<buffer_info_t> &message) {
   if (!message)
     return true;
   log_debug(websock_log_module, "%s->From queue\n", log_name);
-  message->dump();
+  dump(*message);
   return handle_status_request(*message);
 }
 

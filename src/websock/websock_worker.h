@@ -75,12 +75,16 @@ protected:
   /// the rest.
   void wait_before_connect();
 
+  /// Passes `seconds`, and calls `take_one` every 50 ms to handle one queued message.
+  virtual void pass_delay(std::int32_t seconds, const std::function<void()> &take_one);
+
   void stop();
 
   // Handlers of the library's events, and sending.
 
   /// The dispatcher. Always returns 0.
-  int lws_callback(lws *wsi, lws_callback_reasons reason, void *user, void *in, std::size_t length);
+  virtual int lws_callback(lws *wsi, lws_callback_reasons reason, void *user, void *in,
+                           std::size_t length);
 
   int process_client_established(lws *wsi, void *user, void *in);
   int process_client_connection_error();
@@ -91,7 +95,7 @@ protected:
   /// message, or one without memory for it.
   int process_client_receive(lws *wsi, void *user, void *in, std::size_t length);
   int process_client_receive_pong();
-  int process_client_writeable(lws *wsi, void *user, void *in);
+  virtual int process_client_writeable(lws *wsi, void *user, void *in);
 
   /// Handles one message of the bus-to-service queue while connected.
   void from_queue_send(lws *wsi, const std::shared_ptr<buffer_info_t> &message);
@@ -100,12 +104,15 @@ protected:
   /// there is no memory for the frame.
   int lws_send(lws *wsi, const void *data, std::size_t length, lws_write_protocol type);
 
+  virtual void dump(const buffer_info_t &message) const;
+
   /// Asks for a writeable callback if connected. May be called on any thread that holds off
   /// deinit(), as the bus-to-service queue's lock does.
-  void request_writeable(lws *wsi);
+  virtual void request_writeable(lws *wsi);
 
   // Keepalive.
 
+  static constexpr time_t ping_interval_seconds = 30;
   static constexpr std::uint32_t watchdog_timer_id = 0;
 
   /// Ends an attempt of which the library reports nothing.

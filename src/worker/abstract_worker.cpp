@@ -42,12 +42,16 @@ void abstract_worker::run_steps() {
       break;
     try {
       if (run_once() && step_pause_us > 0)
-        usleep(static_cast<useconds_t>(step_pause_us));
+        pause_before_next_step();
     } catch (...) {
       printf("Unhandled exception at worker '%s'\n", name.c_str());
       exit(-1);
     }
   }
+}
+
+void abstract_worker::pause_before_next_step() {
+  usleep(static_cast<useconds_t>(step_pause_us));
 }
 
 } // namespace vemk

@@ -40,7 +40,7 @@ public:
   /// pause and another try.
   virtual bool init() = 0;
 
-  /// Does one bounded unit of work. True asks for a pause of `step_pause_us` before the next one.
+  /// Does one bounded unit of work. True asks for a pause before the next one.
   virtual bool run_once() = 0;
 
   /// Releases the resources of init(). Called after every step loop, also when init() returned
@@ -52,6 +52,10 @@ public:
 
   /// A worker that was started must have been joined, or the process terminates.
   virtual ~abstract_worker();
+
+  /// Passes the time until the next step, after a step that asked for a pause. Sleeps
+  /// `step_pause_us`.
+  virtual void pause_before_next_step();
 
   /// Creates the thread. A second start while it runs terminates the process.
   void start();

@@ -8,6 +8,10 @@ namespace {
 
 void do_nothing() {}
 
+std::size_t length_of(const std::shared_ptr<buffer_info_t> &item) {
+  return item ? item->length : 0;
+}
+
 /// Removes the front item into `item`. False when there is none.
 bool pop_front(message_queue_t &queue, std::shared_ptr<buffer_info_t> &item) {
   const std::lock_guard<std::mutex> guard(queue.lock);
@@ -15,16 +19,18 @@ bool pop_front(message_queue_t &queue, std::shared_ptr<buffer_info_t> &item) {
     return false;
   item = queue.items.front();
   queue.items.pop_front();
+  queue.bytes -= length_of(item);
   return true;
 }
 
 } // namespace
 
-message_queue_t::message_queue_t() : notify(do_nothing) {}
+message_queue_t::message_queue_t() : notify(do_nothing), bytes(0) {}
 
 void message_queue_t::push(const std::shared_ptr<buffer_info_t> &item) {
   const std::lock_guard<std::mutex> guard(lock);
   items.push_back(item);
+  bytes += length_of(item);
   if (notify)
     notify();
 }
@@ -50,6 +56,17 @@ void message_queue_t::set_notify(std::function<void()> callback) {
 
 void message_queue_t::reset_notify() {
   set_notify(do_nothing);
+}
+
+void message_queue_t::notify_consumer() {
+  const std::lock_guard<std::mutex> guard(lock);
+  if (notify)
+    notify();
+}
+
+std::size_t message_queue_t::payload_bytes() {
+  const std::lock_guard<std::mutex> guard(lock);
+  return bytes;
 }
 
 } // namespace vemk

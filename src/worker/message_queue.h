@@ -2,6 +2,7 @@
 #ifndef VEMK_WORKER_MESSAGE_QUEUE_H
 #define VEMK_WORKER_MESSAGE_QUEUE_H
 
+#include <cstddef>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -26,6 +27,8 @@ struct message_queue_t {
   std::function<void()> notify;
   std::deque<std::shared_ptr<buffer_info_t>> items;
   std::mutex lock;
+  /// Bytes of the messages in `items`; `lock` guards it, too.
+  std::size_t bytes;
 
   message_queue_t();
 
@@ -49,6 +52,11 @@ struct message_queue_t {
 
   /// Replaces `notify` by the function that does nothing.
   void reset_notify();
+
+  /// Calls `notify` as push() does.
+  void notify_consumer();
+
+  std::size_t payload_bytes();
 };
 
 } // namespace vemk

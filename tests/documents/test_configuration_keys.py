@@ -33,7 +33,7 @@ def test_the_manual_describes_every_key():
 # No other word of the form "some_key=" stands anywhere in vemk.conf(5).
 def test_the_manual_names_no_unknown_key():
     text = plain((checkout / "man/vemk.conf.5").read_text())
-    assert set(re.findall(r"\b[a-z]+_[a-z_]+=", text)) == set(keys)
+    assert set(re.findall(r"\b[a-z]+_[a-z_]+=", text)) == {key for key in keys if "_" in key}
 
 
 # No other word of that form stands in another manual, the README or docs/.

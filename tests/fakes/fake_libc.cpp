@@ -6,6 +6,7 @@
 #include <ctime>
 #include <deque>
 #include <mutex>
+#include <poll.h>
 #include <sys/select.h>
 #include <unistd.h>
 #include <utility>
@@ -27,9 +28,11 @@ std::int64_t clock_us = start_us;
 std::deque<std::int64_t> readings;
 int reads = 0;
 std::function<void(std::int64_t)> sleep_hook;
+std::function<void()> poll_hook;
 std::deque<select_failure_t> select_failures;
 std::deque<int> rand_values;
 std::atomic<bool> pipe_fails{false};
+std::atomic<bool> eventfd_fails{false};
 std::atomic<bool> exit_ends_the_process{false};
 
 struct exit_catcher_t {
@@ -97,6 +100,30 @@ int __wrap_select(int descriptors, fd_set *, fd_set *, fd_set *, timeval *timeou
   return -1;
 }
 
+int __real_poll(pollfd *descriptors, nfds_t count, int limit_ms);
+
+int __wrap_poll(pollfd *descriptors, nfds_t count, int limit_ms) {
+  const int ready = __real_poll(descriptors, count, 0);
+  if (limit_ms == 0)
+    return ready;
+  std::function<void()> hook;
+  {
+    const guard locked(state_lock);
+    vemk::fake_libc::poll_limits_ms.add(limit_ms);
+    hook = poll_hook;
+  }
+  if (ready != 0)
+    return ready;
+  if (hook)
+    hook();
+  const int ready_later = __real_poll(descriptors, count, 0);
+  if (ready_later == 0) {
+    const guard locked(state_lock);
+    clock_us += std::int64_t{limit_ms} * 1000;
+  }
+  return ready_later;
+}
+
 int __wrap_rand() {
   const guard locked(state_lock);
   if (rand_values.empty())
@@ -117,6 +144,15 @@ int __wrap_pipe(int *ends) {
   vemk::fake_libc::made_pipes.add(ends[0]);
   vemk::fake_libc::made_pipes.add(ends[1]);
   return result;
+}
+
+int __real_eventfd(unsigned count, int flags);
+
+int __wrap_eventfd(unsigned count, int flags) {
+  if (!eventfd_fails)
+    return __real_eventfd(count, flags);
+  errno = EMFILE;
+  return -1;
 }
 
 int __real_close(int descriptor);
@@ -147,6 +183,7 @@ namespace vemk::fake_libc {
 
 record_of<std::int64_t> sleeps_us;
 record_of<std::int64_t> select_timeouts_us;
+record_of<int> poll_limits_ms;
 record_of<int> made_pipes;
 record_of<int> closed_descriptors;
 record_of<std::string> perror_texts;
@@ -158,10 +195,13 @@ void reset() {
   reads = 0;
   sleeps_us.clear();
   sleep_hook = nullptr;
+  poll_limits_ms.clear();
+  poll_hook = nullptr;
   select_timeouts_us.clear();
   select_failures.clear();
   rand_values.clear();
   pipe_fails = false;
+  eventfd_fails = false;
   made_pipes.clear();
   closed_descriptors.clear();
   perror_texts.clear();
@@ -214,6 +254,11 @@ void on_sleep(std::function<void(std::int64_t)> hook) {
   sleep_hook = std::move(hook);
 }
 
+void on_poll(std::function<void()> hook) {
+  const guard locked(state_lock);
+  poll_hook = std::move(hook);
+}
+
 void fail_select(int error, std::int64_t slept_us) {
   const guard locked(state_lock);
   select_failures.push_back({error, slept_us});
@@ -226,6 +271,10 @@ void script_rand(const std::vector<int> &values) {
 
 void fail_pipe() {
   pipe_fails = true;
+}
+
+void fail_eventfd() {
+  eventfd_fails = true;
 }
 
 } // namespace vemk::fake_libc

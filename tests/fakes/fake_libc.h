@@ -54,11 +54,18 @@ extern record_of<std::int64_t> select_timeouts_us;
 /// The next calls of select fail: with EINTR after sleeping `slept_us` of it, or with `error`.
 void fail_select(int error, std::int64_t slept_us);
 
+/// Every time limit of poll in milliseconds, in order, 0 left out. With a limit, poll returns at
+/// once when a descriptor is ready, and otherwise advances the clock by the limit.
+extern record_of<int> poll_limits_ms;
+/// Called in each poll with a limit while no descriptor is ready. May make one ready.
+void on_poll(std::function<void()> hook);
+
 /// What the next calls of rand return; 0 when they are used up.
 void script_rand(const std::vector<int> &values);
 
-/// pipe fails with EMFILE.
+/// pipe and eventfd fail with EMFILE.
 void fail_pipe();
+void fail_eventfd();
 /// The descriptors that pipe made.
 extern record_of<int> made_pipes;
 extern record_of<int> closed_descriptors;

@@ -5,6 +5,9 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 #include <utility>
 
 // The library's own types, as this stand-in needs them.
@@ -236,6 +239,21 @@ int lws_partial_buffered(lws *) {
   return state.is_rest_held_back ? 1 : 0;
 }
 
+int lws_rx_flow_control(lws *wsi, int enable) {
+  const guard locked(state_lock);
+  calls.add("lws_rx_flow_control " + name_of(wsi) + " " + std::to_string(enable));
+  return 0;
+}
+
+#if LWS_LIBRARY_VERSION_NUMBER >= 4000000
+
+void lws_validity_confirmed(lws *wsi) {
+  const guard locked(state_lock);
+  calls.add("lws_validity_confirmed " + name_of(wsi));
+}
+
+#endif
+
 int lws_write(lws *wsi, unsigned char *payload, std::size_t length, lws_write_protocol type) {
   const guard locked(state_lock);
   calls.add("lws_write " + name_of(wsi) + " " + std::to_string(length) + " " +
@@ -246,7 +264,8 @@ int lws_write(lws *wsi, unsigned char *payload, std::size_t length, lws_write_pr
   memset(headroom, 0xEE, LWS_PRE);
   state.last_frame_length = length;
   const std::size_t kept = state.without_payloads ? 0 : length;
-  frames.add({std::string(reinterpret_cast<const char *>(payload), kept), type, was_zero});
+  frames.add(
+      {std::string(reinterpret_cast<const char *>(payload), kept), type, was_zero, is_corked()});
   if (!state.write_results.empty()) {
     const int result = state.write_results.front();
     state.write_results.pop_front();
@@ -379,6 +398,13 @@ void kill_connection(lws *wsi) {
 void call_back_for_locks() {
   const guard locked(state_lock);
   state.calls_back_for_locks = true;
+}
+
+bool is_corked() {
+  const guard locked(state_lock);
+  int value = 0;
+  socklen_t length = sizeof value;
+  return getsockopt(state.socket, IPPROTO_TCP, TCP_CORK, &value, &length) == 0 && value != 0;
 }
 
 void set_socket(int descriptor) {

@@ -48,6 +48,8 @@ struct frame_t {
   /// Whether the LWS_PRE bytes in front of the payload could be written, as the library does, and
   /// were zero before.
   bool headroom_was_zero;
+  /// Whether the connection's socket collects full packets.
+  bool is_corked;
 };
 
 /// lws_client_connect_info with its texts copied. `rest_is_zero` covers the other fields.
@@ -85,7 +87,8 @@ void reset();
 /// Every call with its arguments, in order: "lws_set_log_level 3fb", "lws_create_context",
 /// "lws_client_connect_via_info context1", "lws_service context1 500",
 /// "lws_sul_schedule context1 0 500000" or "... cancel", "lws_write wsi1 <length> <type>",
-/// "lws_callback_on_writable wsi1", "lws_cancel_service context1", "lws_context_destroy context1".
+/// "lws_callback_on_writable wsi1", "lws_rx_flow_control wsi1 0", "lws_cancel_service context1",
+/// "lws_context_destroy context1".
 /// "dead " stands in front of a context or connection that no longer exists.
 extern record_of<std::string> calls;
 
@@ -117,6 +120,9 @@ void kill_connection(lws *wsi);
 /// From now on lws_callback_on_writable calls the protocol back for its locks, on the caller's
 /// thread, as it does before 3.0. A call "refused REASON" is recorded for each result but 0.
 void call_back_for_locks();
+
+/// Whether the socket collects full packets.
+bool is_corked();
 
 /// The socket of every connection, and whether part of a message waits for it; at first -1, false.
 void set_socket(int descriptor);

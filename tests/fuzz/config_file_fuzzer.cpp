@@ -28,6 +28,7 @@ config_model full_record() {
   model.cfg.cfg_mode = 14;
   model.cfg.cfg_file_failed = true;
   model.cfg.whole_messages = true;
+  model.cfg.event_pacing = true;
   return model;
 }
 

@@ -103,6 +103,9 @@ bool config_model::read_value(config_key key, const std::string &value) {
   case config_key::whole_messages:
     cfg.whole_messages = unsigned_of(value) != 0;
     break;
+  case config_key::pacing:
+    cfg.event_pacing = strcasecmp(without_line_end(value).c_str(), "event") == 0;
+    break;
   }
   return true;
 }
@@ -168,7 +171,8 @@ bool config_model::read_options(const std::vector<std::string> &options, const s
 void config_model::expect_same(const websock_cfg_t &actual) const {
   // Each field by name, so that a new one that is not compared does not compile.
   const auto &[ap_location, host, path, port, url_valid, initial_connection_delay,
-               max_connection_delay, log_level, cfg_mode, cfg_file_failed, whole_messages] = actual;
+               max_connection_delay, log_level, cfg_mode, cfg_file_failed, whole_messages,
+               event_pacing] = actual;
   expect_equal("ap_location", cfg.ap_location, ap_location);
   expect_equal("host", cfg.host, host);
   expect_equal("path", cfg.path, path);
@@ -180,6 +184,7 @@ void config_model::expect_same(const websock_cfg_t &actual) const {
   expect_equal("cfg_mode", cfg.cfg_mode, cfg_mode);
   expect_equal("cfg_file_failed", cfg.cfg_file_failed, cfg_file_failed);
   expect_equal("whole_messages", cfg.whole_messages, whole_messages);
+  expect_equal("event_pacing", cfg.event_pacing, event_pacing);
   expect_equal("g_log_level", process_level, g_log_level);
   expect_equal("the log", logged, fake_log::messages("websock-cfg"));
 }

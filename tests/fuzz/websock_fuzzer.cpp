@@ -1,11 +1,11 @@
-/// The first line has the first and the largest delay, the log level and 1 for whole messages; each
-/// further line is a step of what the base, the library, the bus and the clock do to a WebSocket
-/// worker:
+/// The first line has the first and the largest delay, the log level, 1 for whole messages and 1
+/// for the event-driven pacing; each further line is a step of what the base, the library, the bus
+/// and the clock do to a WebSocket worker:
 ///   i OUTCOME RANDOM           the base's next init(), behind a deinit() if there was an init()
 ///                              before; OUTCOME "c": no context, "n": no connection; rand's value
 ///   d                          deinit()
-///   s OFFSET ...               run_once(); what its first readings of the clock are off by, in
-///                              seconds
+///   s OFFSET ...               run_once(); what the first readings of the clock behind its wait
+///                              are off by, in seconds
 ///   f NUMBER                   the run flag, 0 or 1
 ///   c REASON [z]               a callback of the library, with z for no connection
 ///   r PIECE REMAINING TIMES LIMIT TEXT
@@ -73,17 +73,21 @@ public:
     const auto max_delay = static_cast<std::uint32_t>(first_line.number(0, largest_delay));
     g_log_level = static_cast<std::uint32_t>(first_line.number(0, 15));
     const bool whole_messages = first_line.number(0, 1) == 1;
-    judge = std::make_unique<websock_judge>(&run_flag, first_delay, max_delay, whole_messages);
-    worker = std::make_unique<open_websock_worker>(&bus_to_ws, &ws_to_bus, "roam.example", "/roam",
-                                                   8080, &run_flag, first_delay, max_delay, false,
-                                                   whole_messages);
-    callback = worker->protocol_callback;
+    is_event = first_line.number(0, 1) == 1;
+    judge = std::make_unique<websock_judge>(&run_flag, first_delay, max_delay, whole_messages,
+                                            is_event);
+    if (is_event)
+      make_worker<open_event_worker>(first_delay, max_delay, whole_messages, &bus_to_ws_bound,
+                                     &ws_to_bus_bound);
+    else
+      make_worker<open_websock_worker>(first_delay, max_delay, false, whole_messages);
     fake_lws::on_destroy([this] { call_back_in_destroy(); });
   }
 
   ~websock_run() {
     fake_lws::on_destroy(nullptr);
     fake_libc::on_sleep(nullptr);
+    fake_libc::on_poll(nullptr);
     g_log_level = 0;
   }
 
@@ -113,6 +117,9 @@ public:
   }
 
   void destroy() {
+    // In the destructor its handlers would be those of the other pacing.
+    if (is_event && is_set_up)
+      deinit();
     judge->stop();
     worker.reset();
     // The bus goes on and must not reach what is gone.
@@ -122,6 +129,15 @@ public:
   }
 
 private:
+  template<typename worker_t, typename... argument_t>
+  void make_worker(argument_t... arguments) {
+    auto made = std::make_unique<worker_t>(&bus_to_ws, &ws_to_bus, "roam.example", "/roam", 8080,
+                                           &run_flag, arguments...);
+    callback = made->protocol_callback;
+    running = &made->running;
+    worker = std::move(made);
+  }
+
   void surroundings_step(const std::string &action, script_reader &script) {
     if (action == "f")
       run_flag = script.number(0, 1) == 1;
@@ -153,7 +169,7 @@ private:
   }
 
   void compare() {
-    judge->compare(bus_to_ws, ws_to_bus, worker->running && worker->keep_running(&run_flag));
+    judge->compare(bus_to_ws, ws_to_bus, *running && worker->keep_running(&run_flag));
   }
 
   void push(const std::string &message) {
@@ -184,9 +200,11 @@ private:
     fake_libc::script_rand({static_cast<int>(script.number(0, RAND_MAX))});
     int poll = 0;
     fake_libc::on_sleep([this, &poll](std::int64_t) { look_into_queue(++poll); });
+    fake_libc::on_poll([this, &poll] { look_into_queue(++poll); });
     judge->begin_attempt();
-    let([this] { worker->running = worker->init(); });
+    let([this] { *running = worker->init(); });
     fake_libc::on_sleep(nullptr);
+    fake_libc::on_poll(nullptr);
     arrivals.clear();
     is_set_up = true;
     if (has_ended)
@@ -208,7 +226,7 @@ private:
   void deinit() {
     judge->stop();
     worker->deinit();
-    worker->running = false;
+    *running = false;
     is_set_up = false;
   }
 
@@ -227,12 +245,11 @@ private:
     std::vector<std::int64_t> readings = numbers<std::int64_t>(script, -100, 100);
     for (std::int64_t &reading : readings)
       reading += fake_libc::now_us() / 1000000;
-    fake_libc::script_readings(readings);
-    judge->step(readings);
-    bool asks_for_pause = true;
+    judge->step(readings, wsi != nullptr);
+    bool asks_for_pause = !is_event;
     let([this, &asks_for_pause] { asks_for_pause = worker->run_once(); });
     fake_libc::script_readings({});
-    expect_equal("whether the step asks for a pause", true, asks_for_pause);
+    expect_equal("whether the step asks for a pause", !is_event, asks_for_pause);
   }
 
   void call_back(script_reader &script) {
@@ -248,7 +265,7 @@ private:
       return;
     judge->call_back(reason, wsi != nullptr, piece);
     expect_equal(
-        "the callback's result", 0,
+        "the callback's result", judge->result_of(reason),
         callback(connection, static_cast<lws_callback_reasons>(reason), nullptr, in, length));
     if (connection != nullptr && frees_connection(reason)) {
       fake_lws::kill_connection(connection);
@@ -284,7 +301,11 @@ private:
   bool run_flag = true;
   message_queue_t bus_to_ws;
   message_queue_t ws_to_bus;
-  std::unique_ptr<open_websock_worker> worker;
+  queue_bound bus_to_ws_bound{&bus_to_ws, &ws_to_bus};
+  queue_bound ws_to_bus_bound{&ws_to_bus, &bus_to_ws};
+  bool is_event = false;
+  std::unique_ptr<abstract_worker> worker;
+  bool *running = nullptr;
   lws_protocol_callback callback = nullptr;
   /// The connection, as long as the library has it.
   lws *wsi = nullptr;

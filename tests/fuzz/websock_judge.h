@@ -33,9 +33,9 @@ struct piece_t {
 class websock_judge {
 public:
   websock_judge(const bool *keep_running_flag, std::uint32_t first_delay,
-                std::uint32_t largest_delay, bool only_whole_messages)
+                std::uint32_t largest_delay, bool only_whole_messages, bool event_pacing)
       : run_flag(keep_running_flag), initial_delay(first_delay), max_delay(largest_delay),
-        whole_messages(only_whole_messages), delay(first_delay) {}
+        whole_messages(only_whole_messages), is_event(event_pacing), delay(first_delay) {}
 
   bool ends_process() const { return has_clock_jumped; }
   bool has_context() const { return context_exists; }
@@ -45,10 +45,12 @@ public:
     write_results.assign(results.begin(), results.end());
   }
 
-  /// Before 3.0 nothing is asked of a connection that the library has taken away.
+  /// Before 3.0 nothing is asked of a connection that the library has taken away. With events the
+  /// first message that waits has done so for those behind it.
   void push_from_bus(const std::string &message, bool connection_exists) {
     waiting.push_back(message);
-    if (is_connected && (is_later || connection_exists))
+    const bool is_first = waiting.size() == 1;
+    if (is_connected && (is_later || connection_exists) && (is_first || !is_event))
       call_for_writeable = waking_call;
   }
 
@@ -56,21 +58,24 @@ public:
     show_status(false);
     attempt_began_us = fake_libc::now_us();
     check_clock();
+    is_closing = false;
     if (whole_messages)
       received.clear();
   }
 
   /// The worker looks for one message from the bus: while it waits for its next attempt, and with a
-  /// connection that is writeable.
-  void take_message(bool is_writeable) {
+  /// connection that is writeable. Returns false for one that could not be sent.
+  bool take_message(bool is_writeable) {
     if (waiting.empty())
-      return;
+      return true;
     const message_fate fate = fate_of(waiting.front());
+    int result = 0;
     if (fate == message_fate::forwarded && is_writeable)
-      send(LWS_WRITE_TEXT, waiting.front());
+      result = send(LWS_WRITE_TEXT, waiting.front());
     if (fate == message_fate::answered)
       show_status(is_connected);
     waiting.pop_front();
+    return result >= 0;
   }
 
   /// Told when the attempt is under way or has failed.
@@ -96,19 +101,37 @@ public:
     was_established = false;
   }
 
-  /// A step of the worker, with the first readings of the clock in it.
-  void step(const std::vector<std::int64_t> &readings) {
-    fake_lws::script_service([] {
+  /// A step of the worker, with the first readings of the clock behind its wait.
+  void step(const std::vector<std::int64_t> &readings, bool connection_exists) {
+    calls.emplace_back("lws_service");
+    const bool is_settled = is_event && was_established && connection_exists && !is_closing;
+    if (is_settled && (is_ping_due() || !waiting.empty()))
+      call_for_writeable = writeable_call;
+    fake_lws::script_service([this, readings, is_settled] {
       expect_equal("the timers that end the wait", std::size_t{is_later},
                    fake_lws::pending_timers());
+      const std::string call = fake_lws::calls().back();
+      const std::int64_t limit_ms = std::stoll(call.substr(call.rfind(' ')));
+      if (!is_settled || is_alive)
+        expect_equal("the limit of the wait", is_settled ? settled_wait_ms() : 500, limit_ms);
+      fake_libc::script_readings(readings);
+      check_clock(readings, is_event ? (limit_ms + 999) / 1000 : 0);
+      is_alive = is_alive && last_checked < std::min(watchdog_due, attempt_due);
     });
-    calls.emplace_back("lws_service");
-    check_clock(readings);
-    is_alive = is_alive && last_checked < std::min(watchdog_due, attempt_due);
+  }
+
+  /// What a callback returns: with events and before 3.0, the number of the thread that was asked
+  /// for.
+  int result_of(int reason) const {
+    return is_event && reason == LWS_CALLBACK_GET_THREAD_ID ? lws_release::thread_number() : 0;
   }
 
   /// The library's callbacks. The piece belongs to LWS_CALLBACK_CLIENT_RECEIVE.
   void call_back(int reason, bool connection_exists, const piece_t &piece) {
+    if (is_event && reason == LWS_CALLBACK_GET_THREAD_ID)
+      return;
+    if (reason == LWS_CALLBACK_WS_PEER_INITIATED_CLOSE)
+      is_closing = true;
     if (missed_pongs >= 3) {
       missed_pongs = 0;
       is_alive = false;
@@ -164,16 +187,26 @@ private:
 
   static std::int64_t now() { return fake_libc::now_us() / second_us; }
 
-  /// Eleven readings in a row that go back, or on by more than ten seconds, end the process.
-  void check_clock(std::vector<std::int64_t> readings = {}) {
+  /// Eleven readings in a row that go back, or on by more than ten seconds beyond a wait that was
+  /// asked for, end the process.
+  void check_clock(std::vector<std::int64_t> readings = {}, std::int64_t asked_seconds = 0) {
     readings.resize(11, now());
     const auto plausible =
-        std::find_if(readings.begin(), readings.end(), [this](std::int64_t reading) {
-          return reading >= last_checked && reading <= last_checked + 10;
+        std::find_if(readings.begin(), readings.end(), [&](std::int64_t reading) {
+          return reading >= last_checked && reading <= last_checked + asked_seconds + 10;
         });
     has_clock_jumped = plausible == readings.end();
     if (!has_clock_jumped)
       last_checked = *plausible;
+  }
+
+  bool is_ping_due() const { return now() - last_ping >= 30; }
+
+  /// An established connection is looked at when the next ping is due, or the watchdog when that
+  /// ping has not left.
+  std::int64_t settled_wait_ms() const {
+    const std::int64_t due = is_ping_due() ? watchdog_due : last_ping + 30;
+    return std::max<std::int64_t>(0, (due * second_us - fake_libc::now_us() + 999) / 1000);
   }
 
   void show_status(bool connected) { to_bus.emplace_back(status_text(connected)); }
@@ -208,26 +241,42 @@ private:
   }
 
   void write() {
-    if (is_connected && now() - last_ping >= 30) {
-      missed_pongs += send(LWS_WRITE_PING, std::string(ping_length, '\0')) ? 1 : 0;
+    const bool pings = is_connected && is_ping_due();
+    if (pings) {
+      missed_pongs += send(LWS_WRITE_PING, std::string(ping_length, '\0')) > 0 ? 1 : 0;
       show_life();
     }
-    take_message(true);
-    call_for_writeable = writeable_call;
+    if (pings || !is_event)
+      call_for_writeable = writeable_call;
+    if (!is_event)
+      take_message(true);
+    else if (!send_all())
+      call_for_writeable = writeable_call;
+  }
+
+  /// False with messages that may be left: behind one that failed, and behind 64.
+  bool send_all() {
+    for (int taken = 0; taken < 64; ++taken) {
+      if (waiting.empty())
+        return true;
+      if (!take_message(true))
+        return false;
+    }
+    return false;
   }
 
   static std::string frame_text(int type, const std::string &payload) {
     return std::to_string(type) + ": " + payload;
   }
 
-  /// Whether the library takes something of it.
-  bool send(int type, const std::string &payload) {
+  /// The library's result, or 1 where it takes all.
+  int send(int type, const std::string &payload) {
     frames.push_back(frame_text(type, payload));
     if (write_results.empty())
-      return true;
+      return 1;
     const int result = write_results.front();
     write_results.pop_front();
-    return result > 0;
+    return result;
   }
 
   void compare_frames() {
@@ -269,6 +318,7 @@ private:
   std::uint32_t initial_delay;
   std::uint32_t max_delay;
   bool whole_messages;
+  bool is_event;
 
   std::uint32_t delay;
   std::int64_t attempt_began_us = 0;
@@ -282,6 +332,8 @@ private:
   bool is_connected = false;
   /// Until the next attempt.
   bool was_established = false;
+  /// The service has closed the connection.
+  bool is_closing = false;
   bool is_alive = false;
   int missed_pongs = 0;
   std::deque<std::string> waiting;

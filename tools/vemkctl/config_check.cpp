@@ -202,6 +202,7 @@ std::string settings_text(const websock_cfg_t &cfg) {
   add("log", category_names(cfg.log_level) + " (" + hexadecimal(cfg.log_level) + ")");
   add("location", printable(cfg.ap_location));
   add("whole messages", cfg.whole_messages ? "yes" : "no");
+  add("pacing", cfg.event_pacing ? event_pacing_text : default_pacing_text);
   return text;
 }
 

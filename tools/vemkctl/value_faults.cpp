@@ -177,6 +177,16 @@ fault_t whole_messages_fault(std::string_view value) {
   return {};
 }
 
+fault_t pacing_fault(std::string_view value) {
+  const std::string text(value);
+  for (const char *const pacing : {default_pacing_text, event_pacing_text}) {
+    if (strcasecmp(text.c_str(), pacing) == 0)
+      return {};
+  }
+  return quoted(value) + " is not a pacing and counts as " + default_pacing_text + "; write " +
+         default_pacing_text + " or " + event_pacing_text;
+}
+
 fault_t location_fault(std::string_view value) {
   if (value.size() != without_blanks_around(value).size())
     return "blanks around the value are part of it; remove them";
@@ -226,6 +236,8 @@ fault_t value_fault(config_key key, std::string_view value) {
     return log_level_fault(value);
   case config_key::whole_messages:
     return whole_messages_fault(value);
+  case config_key::pacing:
+    return pacing_fault(value);
   }
   return {};
 }

@@ -60,6 +60,7 @@ enum lws_callback_reasons {
   LWS_CALLBACK_CHANGE_MODE_POLL_FD = 34,
   LWS_CALLBACK_LOCK_POLL = 35,
   LWS_CALLBACK_UNLOCK_POLL = 36,
+  LWS_CALLBACK_WS_PEER_INITIATED_CLOSE = 38,
   LWS_CALLBACK_USER = 1000,
 };
 
@@ -126,6 +127,7 @@ size_t lws_remaining_packet_payload(struct lws *wsi);
 int lws_is_final_fragment(struct lws *wsi);
 int lws_get_socket_fd(struct lws *wsi);
 int lws_partial_buffered(struct lws *wsi);
+int lws_rx_flow_control(struct lws *wsi, int enable);
 
 #ifdef __cplusplus
 }

@@ -76,6 +76,7 @@ TEST_F(CommandLineTest, NoOptionsClearTheRecordButNotItsLogLevel) {
   cfg.cfg_mode = 5;
   cfg.cfg_file_failed = true;
   cfg.whole_messages = true;
+  cfg.event_pacing = true;
   g_log_level = 6;
 
   parse({});

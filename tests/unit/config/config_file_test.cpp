@@ -77,13 +77,14 @@ TEST_F(ConfigFileTest, EveryKeyIsStoredAndKeptByAFileWithoutIt) {
                    "max_connection_delay=300\n"
                    "ap_location=floor 3, west\n"
                    "log_level=9\n"
-                   "whole_messages=1\n"));
+                   "whole_messages=1\n"
+                   "pacing=event\n"));
   EXPECT_EQ(url_of(cfg), "192.0.2.7 8080 /roam");
-  EXPECT_EQ(settings_of(cfg), "delays 5 300, level 9, whole messages, floor 3, west");
+  EXPECT_EQ(settings_of(cfg), "delays 5 300, level 9, whole messages, event, floor 3, west");
   EXPECT_EQ(g_log_level, 9u);
   ASSERT_TRUE(read("unknown=1\n"));
   EXPECT_EQ(url_of(cfg), "192.0.2.7 8080 /roam");
-  EXPECT_EQ(settings_of(cfg), "delays 5 300, level 9, whole messages, default-domain");
+  EXPECT_EQ(settings_of(cfg), "delays 5 300, level 9, whole messages, event, default-domain");
   EXPECT_EQ(g_log_level, 0u);
 }
 
@@ -211,16 +212,17 @@ TEST_F(ConfigFileTest, ModuleKeepsItsMaskWithoutALogLevelLineBeforeTheUrl) {
   EXPECT_THAT(fake_log::lines(), ElementsAre(refusal("wss")));
 }
 
-// All six keys in upper or mixed case are read; the values keep their case.
+// All seven keys in upper or mixed case are read; the values keep their case.
 TEST_F(ConfigFileTest, KeysIgnoreCase) {
   const websock_cfg_t got = read_fresh("ROAM_SERVICE_URL=H:80/P\n"
                                        "Initial_Connection_Delay=1\n"
                                        "MAX_CONNECTION_DELAY=2\n"
                                        "AP_Location=Here\n"
                                        "LOG_level=3\n"
-                                       "Whole_Messages=1\n");
+                                       "Whole_Messages=1\n"
+                                       "Pacing=event\n");
   EXPECT_EQ(url_of(got), "H 80 /P");
-  EXPECT_EQ(settings_of(got), "delays 1 2, level 3, whole messages, Here");
+  EXPECT_EQ(settings_of(got), "delays 1 2, level 3, whole messages, event, Here");
 }
 
 // A blank or "#" before the key, a blank before "=" or another key: nothing is set.
@@ -235,14 +237,15 @@ TEST_F(ConfigFileTest, LinesThatMatchNoKeyAreIgnored) {
   }
 }
 
-// Each of the six keys on two lines takes the second value, also where that is empty.
+// Each of the seven keys on two lines takes the second value, also where that is empty.
 TEST_F(ConfigFileTest, LastLineOfAKeyCounts) {
   const websock_cfg_t got = read_fresh("roam_service_url=a:1/a\nroam_service_url=b:2/b\n"
                                        "initial_connection_delay=1\ninitial_connection_delay=2\n"
                                        "max_connection_delay=3\nmax_connection_delay=\n"
                                        "ap_location=first\nap_location=second\n"
                                        "log_level=1\nlog_level=2\n"
-                                       "whole_messages=1\nwhole_messages=\n");
+                                       "whole_messages=1\nwhole_messages=\n"
+                                       "pacing=event\npacing=\n");
   EXPECT_EQ(url_of(got), "b 2 /b");
   EXPECT_EQ(settings_of(got), "delays 2 0, level 2, second");
   EXPECT_EQ(g_log_level, 2u);
@@ -278,6 +281,16 @@ TEST_F(ConfigFileTest, WholeMessagesAreOnForEveryNumberBut0) {
     EXPECT_FALSE(read_fresh("whole_messages=" + std::string(value) + "\n").whole_messages) << value;
   for (const char *value : {"1", "01", "2", "9", "10", "1x", " 1", "+1", "-1", "4294967296"})
     EXPECT_TRUE(read_fresh("whole_messages=" + std::string(value) + "\n").whole_messages) << value;
+}
+
+// "event" in any letter case is on; "steps", blanks around it and every other text are off.
+TEST_F(ConfigFileTest, PacingIsOneOfTwoWords) {
+  for (const char *value : {"event", "EVENT", "Event"}) {
+    EXPECT_TRUE(read_fresh("pacing=" + std::string(value) + "\r\n").event_pacing) << value;
+    EXPECT_TRUE(read_fresh("pacing=" + std::string(value)).event_pacing) << value;
+  }
+  for (const char *value : {"steps", "", " event", "event ", "events", "even", "1", "\"event\""})
+    EXPECT_FALSE(read_fresh("pacing=" + std::string(value) + "\n").event_pacing) << value;
 }
 
 // "" and blanks at both ends, "=", quotes, "#", "%" and bytes above 0x7F stay, without a line end.

@@ -21,7 +21,8 @@ constexpr char no_url[] = "not valid  0 ";
 inline std::string settings_of(const websock_cfg_t &cfg) {
   return "delays " + std::to_string(cfg.initial_connection_delay) + " " +
          std::to_string(cfg.max_connection_delay) + ", level " + std::to_string(cfg.log_level) +
-         (cfg.whole_messages ? ", whole messages, " : ", ") + cfg.ap_location;
+         (cfg.whole_messages ? ", whole messages" : "") + (cfg.event_pacing ? ", event" : "") +
+         ", " + cfg.ap_location;
 }
 
 constexpr char no_settings[] = "delays 0 0, level 0, default-domain";

@@ -10,7 +10,7 @@
 namespace vemk {
 namespace {
 
-// Location, host and path of 256 bytes, port to cfg_file_failed, whole_messages: 796 bytes in all.
+// Location, host and path of 256 bytes, port to event_pacing: 796 bytes in all.
 TEST(ConfigLayoutTest, FieldsFollowOneAnotherInTheirOrder) {
   ASSERT_TRUE(std::is_standard_layout<websock_cfg_t>::value);
   EXPECT_EQ(offsetof(websock_cfg_t, ap_location), 0u);
@@ -24,6 +24,7 @@ TEST(ConfigLayoutTest, FieldsFollowOneAnotherInTheirOrder) {
   EXPECT_EQ(offsetof(websock_cfg_t, cfg_mode), 788u);
   EXPECT_EQ(offsetof(websock_cfg_t, cfg_file_failed), 792u);
   EXPECT_EQ(offsetof(websock_cfg_t, whole_messages), 793u);
+  EXPECT_EQ(offsetof(websock_cfg_t, event_pacing), 794u);
   EXPECT_EQ(sizeof(websock_cfg_t), 796u);
 }
 

@@ -179,6 +179,15 @@ TEST_F(LogModuleTest, EveryBitOpensItsCategoryOnly) {
   EXPECT_THAT(lines_with_mask(0xFFFFFFF0), IsEmpty());
 }
 
+// Each of the four categories is enabled exactly while its bit is in the mask.
+TEST_F(LogModuleTest, ModuleTellsWhetherACategoryIsWritten) {
+  for (const std::uint32_t mask : {0x00u, 0x01u, 0x0Au, 0xFFFFFFF0u, 0x0Fu}) {
+    log_set_level(module, mask);
+    for (const std::uint32_t category : {1u, 2u, 4u, 8u})
+      EXPECT_EQ((mask & category) != 0, log_is_enabled(module, category)) << mask << category;
+  }
+}
+
 // zandor_log_msg_timed gets "|%d|%s> " with PID and name, then vzandor_log_msg the message.
 TEST_F(LogModuleTest, OneLineIsAPrefixCallThenAMessageCall) {
   log_set_level(module, 0x08);

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,6 +15,8 @@ namespace vemk {
 namespace {
 
 using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
 
 class BridgeTest : public testing::Test {
 protected:
@@ -48,10 +51,35 @@ TEST_F(BridgeTest, WorkersAreBuiltStartedJoinedAndDestroyedInOrder) {
                           "~ipc_worker", "~websock_worker"));
 }
 
-// Both queues in their order, host, path, port, &url_valid, 5, 300, false, and whole_messages.
+// Each event-driven worker stands behind its base; start and end keep the order of the others.
+TEST_F(BridgeTest, EventPacingBuildsTheEventDrivenWorkersInTheSameOrder) {
+  cfg.event_pacing = true;
+  run();
+  EXPECT_THAT(fake_process::events(),
+              ElementsAre("websock_worker", "event_websock_worker", "ipc_worker",
+                          "event_ipc_worker", "start ipc_worker", "start websock_worker",
+                          "join ipc_worker", "join websock_worker", "~ipc_worker",
+                          "~websock_worker"));
+}
+
+// Both get the bus-to-service queue's bound, then the other's; with steps there are none.
+TEST_F(BridgeTest, EventDrivenWorkersShareABoundForEachQueue) {
+  run();
+  EXPECT_THAT(fake_workers::websock_arguments().bounds, IsEmpty());
+  cfg.event_pacing = true;
+  run();
+  for (const auto &bounds :
+       {fake_workers::websock_arguments().bounds, fake_workers::ipc_arguments().bounds})
+    EXPECT_THAT(bounds,
+                ElementsAre(Pair(&first_queue, &second_queue), Pair(&second_queue, &first_queue)));
+}
+
+// For either pacing both queues, host, path, port, &url_valid, 5, 300, false, and whole_messages.
 TEST_F(BridgeTest, WebSocketWorkerGetsQueuesUrlFlagAndDelays) {
-  for (const bool whole_messages : {false, true}) {
+  for (const auto &[whole_messages, event_pacing] :
+       {std::pair(false, false), {true, false}, {false, true}, {true, true}}) {
     cfg.whole_messages = whole_messages;
+    cfg.event_pacing = event_pacing;
     run();
     const fake_workers::websock_arguments_t arguments = fake_workers::websock_arguments();
     EXPECT_EQ(&first_queue, arguments.from_bus);
@@ -69,12 +97,15 @@ TEST_F(BridgeTest, WebSocketWorkerGetsQueuesUrlFlagAndDelays) {
 
 // It gets both queues in their order, module identifier 2 and the address of its own run flag.
 TEST_F(BridgeTest, BusWorkerGetsTheSameQueuesItsModuleAndItsFlag) {
-  run();
-  const fake_workers::ipc_arguments_t arguments = fake_workers::ipc_arguments();
-  EXPECT_EQ(&first_queue, arguments.from_bus);
-  EXPECT_EQ(&second_queue, arguments.to_bus);
-  EXPECT_EQ(2, arguments.module_id);
-  EXPECT_EQ(&bus_run_flag, arguments.run_flag);
+  for (const bool event_pacing : {false, true}) {
+    cfg.event_pacing = event_pacing;
+    run();
+    const fake_workers::ipc_arguments_t arguments = fake_workers::ipc_arguments();
+    EXPECT_EQ(&first_queue, arguments.from_bus);
+    EXPECT_EQ(&second_queue, arguments.to_bus);
+    EXPECT_EQ(2, arguments.module_id);
+    EXPECT_EQ(&bus_run_flag, arguments.run_flag);
+  }
 }
 
 // When ipc_worker's constructor throws, websock_worker is destroyed; nothing is ever started.

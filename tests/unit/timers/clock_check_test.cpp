@@ -162,6 +162,42 @@ TEST_F(ClockCheckTest, FailedCheckAddsNoTimerAndFiresNothing) {
   EXPECT_EQ(-1, fake_libc::exit_status([this] { service->run_expired(); }));
 }
 
+// After a wait of 30 s the reading 1040 passes, and 1041 is logged against 1000.
+TEST_F(ClockCheckTest, AnnouncedWaitIsAllowedOnTopOfTenSeconds) {
+  service->expect_wait(30000);
+  run_with({1041, 1040});
+  EXPECT_THAT(fake_log::lines(), ElementsAre(time_error("1041", "1000", 0)));
+}
+
+// 29001 ms count as 30 s and 30001 ms as 31 s; 0 ms allow the usual 10 s.
+TEST_F(ClockCheckTest, AnnouncedWaitIsRoundedUpToSeconds) {
+  const std::pair<std::int32_t, std::int64_t> cases[] = {{29001, 40}, {30000, 40}, {30001, 41},
+                                                         {999, 11},   {1, 11},     {0, 10}};
+  for (const auto &[milliseconds, seconds] : cases) {
+    const std::int64_t start = fake_libc::now_us() / 1000000;
+    service->expect_wait(milliseconds);
+    run_with({start + seconds + 1, start + seconds});
+    EXPECT_EQ(1u, fake_log::lines().size()) << milliseconds;
+    fake_log::clear();
+    fake_libc::set_seconds(start + seconds);
+  }
+}
+
+// The wait counts for one good reading only, also if it ended early: after 1001, 1012 is too late.
+TEST_F(ClockCheckTest, AnnouncedWaitCountsOnce) {
+  service->expect_wait(30000);
+  run_with({1001});
+  run_with({1012, 1011});
+  EXPECT_THAT(fake_log::lines(), ElementsAre(time_error("1012", "1001", 0)));
+}
+
+// A bad reading in between does not use the wait up: 999 is logged, then 1040 passes.
+TEST_F(ClockCheckTest, AnnouncedWaitOutlastsABadReading) {
+  service->expect_wait(30000);
+  run_with({999, 1040});
+  EXPECT_THAT(fake_log::lines(), ElementsAre(time_error("999", "1000", 0)));
+}
+
 // A jump of 11 seconds in the first call is followed by exit(-1), not by a second call.
 TEST_F(ClockCheckTest, DelayIsEndedByAClockThatJumpsInItsCallback) {
   int calls = 0;

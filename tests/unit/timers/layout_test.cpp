@@ -1,5 +1,7 @@
 // How a pending timer lies in memory.
 
+#include <cstdint>
+
 #include <gtest/gtest.h>
 
 #include "support/layout.h"
@@ -17,14 +19,16 @@ TEST(TimerLayoutTest, IsCallbackThenIdThenExpiry) {
   EXPECT_EQ(sizeof entry, sizeof entry.callback + 8);
 }
 
-// A list of three words, a timespec and the position of a walk are all that a service has.
+// A list of three words, a timespec, the position of a walk and a number are all that it has.
 TEST(TimerLayoutTest, ServiceIsTheListThenTheLastTime) {
-  // Two words for the ends, one for the count; then the time, and the position of a walk.
+  // Two words for the ends, one for the count; then the time, the position of a walk, and a number
+  // of seconds.
   EXPECT_EQ(sizeof(timer_service::timer_list), 3 * sizeof(void *));
   struct layout_t {
     timer_service::timer_list timers;
     timespec last_now;
     void *next_to_fire;
+    std::int32_t expected_wait;
   };
   EXPECT_EQ(sizeof(timer_service), sizeof(layout_t));
 }

@@ -1,5 +1,6 @@
 #include <cerrno>
 #include <stdexcept>
+#include <unistd.h>
 
 #include "unit/timers/timers_fixture.h"
 
@@ -13,6 +14,7 @@ using testing::IsEmpty;
 constexpr std::int64_t second_us = 1000000;
 
 class DelayWithCallbackTest : public TimersFixture {};
+class MillisecondsUntilTest : public TimersFixture {};
 class WaitWhileTest : public TimersFixture {};
 class WaitNextTest : public TimersFixture {};
 class SleepSecondsTest : public TimersFixture {};
@@ -104,6 +106,85 @@ TEST_F(DelayWithCallbackTest, CallbacksExceptionEndsTheDelay) {
                                             }),
                std::runtime_error);
   EXPECT_EQ(3, calls);
+}
+
+// Each pause is given the milliseconds that are left, 3000, 2000 and 500; a call follows each.
+TEST_F(DelayWithCallbackTest, PauseOfTheCallersGetsTheRestOfTheDelay) {
+  std::vector<std::int32_t> pauses;
+  std::vector<std::int64_t> called_at;
+  const std::vector<useconds_t> lengths = {1000000, 1500000, 500000};
+  EXPECT_EQ(1003, service->delay_with_callback(
+                      3, [&] { called_at.push_back(fake_libc::now_us() - 1000 * second_us); },
+                      [&](std::int32_t milliseconds) {
+                        pauses.push_back(milliseconds);
+                        usleep(lengths.at(pauses.size() - 1));
+                      }));
+  EXPECT_THAT(pauses, ElementsAre(3000, 2000, 500));
+  EXPECT_THAT(called_at, ElementsAre(1000000, 2500000, 3000000));
+}
+
+// Delays of 0 and -1 call the pause once with 0 ms, and the callback once.
+TEST_F(DelayWithCallbackTest, PauseOfTheCallersMayBeZero) {
+  for (const std::int32_t delay : {0, -1}) {
+    std::vector<std::int32_t> pauses;
+    int calls = 0;
+    EXPECT_EQ(1000, service->delay_with_callback(
+                        delay, [&] { ++calls; },
+                        [&](std::int32_t milliseconds) { pauses.push_back(milliseconds); }));
+    EXPECT_THAT(pauses, ElementsAre(0));
+    EXPECT_EQ(1, calls);
+  }
+}
+
+// A pause of 60 seconds passes the clock check because it was announced.
+TEST_F(DelayWithCallbackTest, AnnouncedPauseMayBeLong) {
+  const auto pause = [&](std::int32_t milliseconds) {
+    service->expect_wait(milliseconds);
+    fake_libc::advance_seconds(milliseconds / 1000);
+  };
+  EXPECT_EQ(1060, service->delay_with_callback(
+                      60, [] {}, pause));
+  EXPECT_THAT(fake_log::lines(), IsEmpty());
+}
+
+// Without a timer it is the time to the given second: 5000 ms to 1005, 0 to 1000 and 999.
+TEST_F(MillisecondsUntilTest, WithoutATimerTheSecondCounts) {
+  EXPECT_EQ(5000, service->milliseconds_until(1005));
+  EXPECT_EQ(0, service->milliseconds_until(1000));
+  EXPECT_EQ(0, service->milliseconds_until(999));
+}
+
+// Timers in 8 and 3 seconds: 3000 ms; a second before that counts instead: 2000.
+TEST_F(MillisecondsUntilTest, FirstTimerOrTheSecondWhicheverIsEarlier) {
+  service->add_timer([] {}, 0, 8);
+  service->add_timer([] {}, 0, 3);
+  EXPECT_EQ(3000, service->milliseconds_until(1060));
+  EXPECT_EQ(2000, service->milliseconds_until(1002));
+}
+
+// A timer of this second, and one that is overdue, give 0.
+TEST_F(MillisecondsUntilTest, DueTimerGivesZero) {
+  service->add_timer([] {}, 0, 0);
+  EXPECT_EQ(0, service->milliseconds_until(1060));
+  fake_libc::advance_seconds(1);
+  EXPECT_EQ(0, service->milliseconds_until(1060));
+}
+
+// From 1000.4 s it is 600 ms to 1001; from 1000.0005 s it is 1000 ms, rounded up.
+TEST_F(MillisecondsUntilTest, PartOfAMillisecondCountsAsAWhole) {
+  usleep(500);
+  EXPECT_EQ(1000, service->milliseconds_until(1001));
+  usleep(399500);
+  EXPECT_EQ(600, service->milliseconds_until(1001));
+}
+
+// An hour is the most, also for second 2147483647 from -2147483648 on.
+TEST_F(MillisecondsUntilTest, OneHourIsTheMost) {
+  EXPECT_EQ(3600000, service->milliseconds_until(4600));
+  EXPECT_EQ(3600000, service->milliseconds_until(4601));
+  EXPECT_EQ(3599000, service->milliseconds_until(4599));
+  fake_libc::set_seconds(-2147483647LL - 1);
+  EXPECT_EQ(3600000, service->milliseconds_until(2147483647));
 }
 
 // It returns 0 after one question.

@@ -87,7 +87,7 @@ protected:
   temporary_folder folder;
 };
 
-// The whole report: service, delays, first five windows, log mask, location, yes; no note with 1.
+// The whole report, first five windows among it: with whole_messages=1 there is no note.
 TEST_F(ConfigCheckTest, TellsWhatTheDaemonUses) {
   const config_check_t result =
       check(good + "ap_location=lobby west\nlog_level=0x05\nwhole_messages=1\n");
@@ -102,7 +102,8 @@ TEST_F(ConfigCheckTest, TellsWhatTheDaemonUses) {
                                "  first delays    [1;3) [2;6) [4;12) [8;24) [16;48) seconds\n"
                                "  log             error, info (0x05)\n"
                                "  location        lobby west\n"
-                               "  whole messages  yes\n");
+                               "  whole messages  yes\n"
+                               "  pacing          steps\n");
 }
 
 // Without whole_messages, and with 0, a note; without its key no log (0x00) and default-domain.
@@ -118,7 +119,8 @@ TEST_F(ConfigCheckTest, WholeMessagesAreRecommended) {
                                file + ": usable; the daemon uses\n"),
                     EndsWith("  log             nothing (0x00)\n"
                              "  location        default-domain\n"
-                             "  whole messages  no\n")));
+                             "  whole messages  no\n"
+                             "  pacing          steps\n")));
   const config_check_t off = check(good + "whole_messages=0\n");
   EXPECT_EQ(off.verdict, config_verdict::usable);
   EXPECT_THAT(off.report, StartsWith(file + ":4: note: without whole_messages=1 "));
@@ -147,6 +149,20 @@ TEST_F(ConfigCheckTest, WholeMessagesAre0Or1) {
                    {"10", "'10' counts as 1; write 1"}});
   expect_no_findings("whole_messages=", {"0", "1", "00", "01"});
   expect_findings("whole_mesages=", {{"1", "did you mean whole_messages=?"}});
+}
+
+// "event" in any letter case is used; another word is a warning and counts as "steps".
+TEST_F(ConfigCheckTest, PacingIsStepsOrEvent) {
+  expect_no_findings("pacing=", {"steps", "event", "Steps", "EVENT"});
+  for (const char *value : {"", "fast", "event ", " steps"}) {
+    const std::string fault =
+        "'" + std::string(value) + "' is not a pacing and counts as steps; write steps or event";
+    expect_findings("pacing=", {{value, fault}});
+    EXPECT_THAT(check(good + "pacing=" + value + "\n").report,
+                EndsWith("  pacing          steps\n"));
+  }
+  EXPECT_THAT(check(good + "pacing=Event\n").report, EndsWith("  pacing          event\n"));
+  expect_findings("paceing=", {{"event", "did you mean pacing=?"}});
 }
 
 // "#", ";" and indented comments, blank lines and "LOG_LEVEL=0X0f" bring no finding.

@@ -116,6 +116,8 @@ private:
     case 4:
       if (one_in(3))
         return joined({key("whole_messages"), usually("1", {"0", "2", "", "yes", "-1", " 1"})});
+      if (one_in(3))
+        return joined({key("pacing"), usually("event", {"steps", "Event", "", "fast", "event "})});
       return one_in(2) ? long_line() : "# a comment";
     case 5:
       return one_in(3) ? garbage() : "";
@@ -160,7 +162,7 @@ protected:
     static const std::regex plain_line(
         R"(|#[^\r]*|;[^\r]*|roam_service_url=(ws://)?[A-Za-z0-9.]+:[0-9]{1,5}/[!-"$-~]*|)"
         R"((initial|max)_connection_delay=[0-9]{1,10}|ap_location=[^\r]*|)"
-        R"(log_level=([0-7]|0x0[0-7])|whole_messages=[01])",
+        R"(log_level=([0-7]|0x0[0-7])|whole_messages=[01]|pacing=(steps|event))",
         std::regex::icase);
     std::istringstream lines(file);
     for (std::string line; std::getline(lines, line);) {

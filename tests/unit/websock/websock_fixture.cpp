@@ -24,6 +24,7 @@ WebsockFixture::~WebsockFixture() {
   ws_to_bus.reset_notify();
   fake_lws::on_destroy(nullptr);
   fake_libc::on_sleep(nullptr);
+  fake_libc::on_poll(nullptr);
   worker.reset();
 }
 

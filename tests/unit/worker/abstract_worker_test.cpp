@@ -75,6 +75,14 @@ public:
   std::vector<const bool *> flags;
 };
 
+/// Passes the time between its steps in a way of its own.
+class waiting_worker : public recording_worker {
+public:
+  using recording_worker::recording_worker;
+
+  void pause_before_next_step() override { note("wait"); }
+};
+
 /// Sleeps are recorded with the operations, and the worker's thread ends in its last restart pause:
 /// the loop has no end of its own.
 class AbstractWorkerTest : public LoggingTest {
@@ -229,6 +237,20 @@ TEST_F(AbstractWorkerTest, StepPauseOfZeroOrLessIsNone) {
     worker->on_run_once = steps({true, true});
     EXPECT_THAT(events_of(1), ElementsAre("init", "run_once", "run_once", "deinit", "sleep 300000"))
         << pause;
+  }
+}
+
+// A worker's own pause takes the place of the sleep, and of none with a step pause of 0.
+TEST_F(AbstractWorkerTest, PauseBetweenStepsMayBeReplaced) {
+  for (const std::int32_t pause : {100000, 0}) {
+    worker = std::make_unique<waiting_worker>(&run_flag, "waiting", pause, restart_pause_us);
+    worker->on_run_once = steps({true, false});
+    if (pause == 0)
+      EXPECT_THAT(events_of(1),
+                  ElementsAre("init", "run_once", "run_once", "deinit", "sleep 300000"));
+    else
+      EXPECT_THAT(events_of(1),
+                  ElementsAre("init", "run_once", "wait", "run_once", "deinit", "sleep 300000"));
   }
 }
 

@@ -53,13 +53,14 @@ TEST(WorkerLayoutTest, MembersFollowOneAnotherInTheirOrder) {
   EXPECT_EQ(offset_in(worker, worker.first_member()), word);
 }
 
-// init, run_once, deinit and keep_running have the slots 0 to 3, the two destructors 4 and 5.
+// Slots: init 0, run_once 1, deinit 2, keep_running 3, destructors 4 and 5, the step's pause 6.
 TEST(WorkerLayoutTest, VirtualOperationsHaveTheSlotsOfTheirOrder) {
   EXPECT_EQ(slot_of(&abstract_worker::init), 0u);
   EXPECT_EQ(slot_of(&abstract_worker::run_once), 1u);
   EXPECT_EQ(slot_of(&abstract_worker::deinit), 2u);
   EXPECT_EQ(slot_of(&abstract_worker::keep_running), 3u);
-  EXPECT_EQ(slot_of(&bare_worker::first_of_its_own), 6u);
+  EXPECT_EQ(slot_of(&abstract_worker::pause_before_next_step), 6u);
+  EXPECT_EQ(slot_of(&bare_worker::first_of_its_own), 7u);
 }
 
 // data lies at 0, length with 32 bits at one word, and nothing else follows.
@@ -70,13 +71,15 @@ TEST(BufferLayoutTest, IsTwoWordsDataThenLength) {
   EXPECT_EQ(sizeof(buffer_info_t::length), 4u);
 }
 
-// The three lie behind one another in this order, with nothing else.
-TEST(QueueLayoutTest, IsNotifyThenItemsThenLock) {
+// The three lie behind one another in this order, then the count of bytes, with nothing else.
+TEST(QueueLayoutTest, IsNotifyThenItemsThenLockThenBytes) {
   const message_queue_t queue;
   EXPECT_EQ(offset_in(queue, &queue.notify), 0u);
   EXPECT_EQ(offset_in(queue, &queue.items), sizeof queue.notify);
   EXPECT_EQ(offset_in(queue, &queue.lock), sizeof queue.notify + sizeof queue.items);
-  EXPECT_EQ(sizeof queue, sizeof queue.notify + sizeof queue.items + sizeof queue.lock);
+  const std::size_t behind_lock = sizeof queue.notify + sizeof queue.items + sizeof queue.lock;
+  EXPECT_EQ(offset_in(queue, &queue.bytes), behind_lock);
+  EXPECT_EQ(sizeof queue, behind_lock + sizeof queue.bytes);
 }
 
 // It is a std::deque of shared pointers, which gives its blocks back as they empty.

@@ -107,6 +107,35 @@ TEST_F(MessageQueueTest, ItemsLeaveInTheirOrderAcrossTheBlocksOfTheContainer) {
   EXPECT_EQ(nullptr, queue.try_pop());
 }
 
+// Pushes of 3, 0 and 2 bytes and of null count 5; the item under way in take() is not counted.
+TEST_F(MessageQueueTest, PayloadBytesAreThoseOfTheItemsInIt) {
+  EXPECT_EQ(0u, queue.payload_bytes());
+  for (const char *item : {"abc", "", "de"})
+    queue.push(buffer_of(item));
+  queue.push(nullptr);
+  EXPECT_EQ(5u, queue.payload_bytes());
+  queue.take([this](const item_t &) { EXPECT_EQ(2u, queue.payload_bytes()); });
+  queue.try_pop();
+  EXPECT_EQ(2u, queue.payload_bytes());
+  take_all(queue);
+  EXPECT_EQ(0u, queue.payload_bytes());
+}
+
+// notify_consumer() calls notify as a push does, with the lock held, and without a target nothing.
+TEST_F(MessageQueueTest, ConsumerCanBeNotifiedWithoutAnItem) {
+  int calls = 0;
+  queue.set_notify([&] {
+    ++calls;
+    std::thread other([&] { EXPECT_FALSE(queue.lock.try_lock()); });
+    other.join();
+  });
+  queue.notify_consumer();
+  EXPECT_EQ(1, calls);
+  EXPECT_TRUE(queue.items.empty());
+  queue.set_notify(nullptr);
+  queue.notify_consumer();
+}
+
 // It sees the sizes 1, 2 and 1 of three pushes and is not called by pops.
 TEST_F(MessageQueueTest, NotifyRunsOnceForEveryPushAfterTheItemIsStored) {
   std::vector<std::size_t> sizes;
