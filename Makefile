@@ -3,6 +3,11 @@ SHELL := /bin/bash
 # Most tests wait for a peer or a delay rather than compute.
 TEST_JOBS ?= 16
 
+# PACING=event has every daemon of the system tests and of the soak use it.
+ifdef PACING
+export VEMK_PACING := $(PACING)
+endif
+
 # No target is a file.
 .PHONY: $(shell sed -n 's/^\([a-z][a-z-]*\):.*/\1/p' $(firstword $(MAKEFILE_LIST)))
 
@@ -29,6 +34,13 @@ test: packages unpacked
 	cmake --preset default
 	cmake --build --preset default
 	ctest --test-dir build --output-on-failure -j $(TEST_JOBS)
+
+# The system tests with daemons of pacing=event.
+test-event: export VEMK_PACING := event
+test-event: packages unpacked
+	cmake --preset default
+	cmake --build --preset default
+	ctest --test-dir build --output-on-failure -j $(TEST_JOBS) -L system
 
 # The console in a headless browser; `make test` does not include this.
 browser-test: build

@@ -3,7 +3,7 @@
 Environment: VEMK_BUILD_DIR, the folder with vemk; VEMK_COMPANION_DIR, the folder with vemkctl and
 roam-service when it is another one; VEMK_RUNNER, words to put in front of the daemon's command
 line; VEMK_RUNNER_DIR, a folder that they need and that may lie under /tmp; VEMK_SLOWDOWN, a factor
-for every limit.
+for every limit; VEMK_PACING, "event" for tests of the daemon with pacing=event.
 """
 
 import collections

@@ -92,6 +92,7 @@ def test_restart_of_the_server_heals(make_rig):
     server.start()
     heard = bus.wait_for_last_status("connected", after=announced)[announced:]
     assert set(heard[:-1]) == {"disconnected"}
+    server.wait_for_connections(2)
     assert len(server.handshakes) == 2
     assert passes_on_connection(rig, 2)
     daemon.wait_for_descriptors(descriptors)

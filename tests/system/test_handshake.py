@@ -85,6 +85,7 @@ def test_delay_grows_with_each_refusal_and_starts_over_when_connected(make_daemo
     assert set(bus.statuses()) == {"disconnected"}
     server.start()
     bus.wait_for_last_status("connected", seconds=60)
+    server.wait_for_connections(1)
     assert len(server.handshakes) == 1
     tried = len(daemon.lines_with("Generate delay"))
     server.reset()
@@ -154,7 +155,11 @@ def test_answer_after_eight_seconds_connects(connect_through):
 # Fault, before the connection: the handshake answer and the first frame in the same segment.
 # Seen: the bus hears "connected", then the frame's message, and messages flow both ways.
 def test_first_frame_in_the_segment_of_the_handshake_is_received(connect_through, bus):
-    connect_through(accepts(lambda head: head + text(b"first")), heard=[b"first"])
+    def head_and_frame(head):
+        bus.wait_listening()
+        return head + text(b"first")
+
+    connect_through(accepts(head_and_frame), heard=[b"first"])
     heard = [received.payload for received in bus.received]
     assert heard.index(b"first") > heard.index(connected)
 

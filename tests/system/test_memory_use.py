@@ -16,6 +16,7 @@ import pytest
 
 from harness.frame_server import pattern
 from harness.library_texts import keeps_send_buffer
+from harness.pacing import steps_only
 from harness.preloaded import failing_memory, short_pauses
 from harness.process_memory import address_space_bytes, peak_kib, pss_kib
 from harness.round_trip import passes_both_ways
@@ -70,6 +71,7 @@ def ended_by_exception(daemon, worker):
 # Fault, on the bus: a flood of 100,000 messages, 30 MB, faster than the connection takes them.
 # Seen: all wait in the daemon and arrive once, in order and unaltered; the next flood finds the
 # memory of this one, which the C library keeps between blocks that are still in use.
+@steps_only("a flood waits on the bus, and test_pacing_floods.py has one")
 def test_a_hundred_thousand_messages_from_the_bus_arrive_in_order(make_rig, pauses):
     daemon, bus, server = make_rig(pauses.start_options)
     before = pss_kib(daemon.pid)
@@ -285,6 +287,7 @@ def test_an_exception_of_the_websock_thread_ends_the_process(rig, memory, start_
 
 # Fault, in the process: no memory for the dump of a received message.
 # Seen: the message arrives unaltered, without a dump and without any other line.
+@steps_only("no dump is made that the log does not show")
 def test_no_memory_for_a_dump_leaves_only_the_dump_out(rig, memory):
     daemon, bus, server = rig
     memory.fail("websock-roaming", behind=2346)

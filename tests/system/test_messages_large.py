@@ -9,6 +9,7 @@ from harness.frame_server import pattern
 from harness.frames import frame, opcode_continuation, opcode_ping, opcode_text, text
 from harness.healing import fault_watch, lost_and_found
 from harness.keepalive import fast_clock
+from harness.pacing import steps_only
 from harness.waiting import slowdown
 
 large_size = 16 << 20
@@ -42,6 +43,7 @@ def test_sixteen_mebibytes_in_fragments_arrive_unchanged(make_frame_rig):
 # Seen: at 40 KiB a second it takes longer than three pings: the answers to them are stuck behind
 # it. "There are no 3 pong answer in a row from server", healed; no message on the bus but for the
 # next connection's first, with the pieces in front of it that had come, each 4096 bytes.
+@steps_only("the message takes seconds")
 def test_message_that_takes_longer_than_three_pings_is_cut_off(make_frame_rig):
     rig = make_frame_rig(fast_clock(40), {"answers_pings": True}, log_level=8)
     daemon, bus, server = rig

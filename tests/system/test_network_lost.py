@@ -30,6 +30,7 @@ def test_three_pings_find_the_network_lost(make_wired_rig, networks, outage):
     assert bus.run("status", "--timeout", "20").stdout == b"disconnected\n"
     networks.mend(outage)
     bus.wait_for_last_status("connected")
+    server.wait_for_connections(2)
     assert len(server.handshakes) == 2
     assert passes_both_ways(bus, server, "with the network back")
     daemon.wait_for_descriptors(descriptors)

@@ -50,6 +50,7 @@ def test_server_gone_behind_a_proxy_is_tried_again(make_proxied):
     assert set(bus.statuses()[announced:]) == {"disconnected"}
     server.start()
     bus.wait_for_last_status("connected", after=announced)
+    server.wait_for_connections(2)
     assert len(server.handshakes) == 2
     assert passes_both_ways(bus, server, "again")
 

@@ -26,7 +26,7 @@ def heals(bus, server):
     """The next attempt leads to a connection, and only now the bus hears of one."""
     assert set(bus.statuses()) == {"disconnected"}
     bus.wait_until_connected()
-    return len(server.handshakes) == 1 and passes_both_ways(bus, server, "the way is free")
+    return passes_both_ways(bus, server, "the way is free") and len(server.handshakes) == 1
 
 
 def worker_lines(daemon):

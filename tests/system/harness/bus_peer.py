@@ -28,6 +28,7 @@ class bus_peer:
         self.listener = None
         self.readers = []
         self.ask_time = 0.0
+        self.asked = 0
 
     def listen(self):
         """Starts the listener; it may be started before the daemon and then waits for it."""
@@ -128,6 +129,7 @@ class bus_peer:
             if time.monotonic() > self.ask_time:
                 self.ask_time = time.monotonic() + 5 * slowdown
                 self.send(status_request)
+                self.asked += 1
             return False
 
         wait_until(connected_or_asked, "status connected on the bus",

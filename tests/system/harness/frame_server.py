@@ -51,7 +51,6 @@ class frame_server(raw_server):
 
     def send_bytewise(self, data):
         """Each byte in a TCP segment of its own."""
-        self.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         for i in range(len(data)):
             self.connection.sendall(data[i:i + 1])
 

@@ -67,6 +67,15 @@ class short_pauses(preloaded):
         self.numbers[1] = websock
 
 
+class slow_bus(preloaded):
+    """Makes the bus take longer over each KiB that the daemon gives to it."""
+
+    library, variable, size = "preload/slow_bus.so", "SLOW_BUS", 8
+
+    def pause(self, microseconds):
+        self.numbers[0] = microseconds
+
+
 class stepping_clock(preloaded):
     """Makes the daemon's readings of the monotonic clock step."""
 

@@ -97,6 +97,8 @@ class raw_server:
                 connection, _ = self.listener.accept()
             except OSError:
                 return
+            # The daemon may read each part at once, and the next one is not to wait for that.
+            connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             self.connections.append(connection)
             self.accept_times.append(time.monotonic())
             threading.Thread(target=self.serve, args=(connection,), daemon=True).start()

@@ -11,6 +11,7 @@ import subprocess
 
 import pytest
 
+from harness.pacing import is_event
 from harness.waiting import wait_until
 
 log_line_t = collections.namedtuple("log_line_t", "time pid module text")
@@ -22,8 +23,10 @@ report_pattern = re.compile(
     re.MULTILINE)
 
 
-def config_text(url, initial_delay=1, max_delay=1, log_level=0, more=""):
+def config_text(url, initial_delay=1, max_delay=1, log_level=0, more="", event_pacing=is_event):
     """A configuration; with both delays 1 every drawn delay is 0 s."""
+    if event_pacing:
+        more += "pacing=event\n"
     return (f"roam_service_url={url}\ninitial_connection_delay={initial_delay}\n"
             f"max_connection_delay={max_delay}\nlog_level={log_level}\n{more}")
 
@@ -47,10 +50,11 @@ class vemk_daemon:
               preload=None, network=None, output_to=None, log_to=None, runner=()):
         """Starts with `-f` and a file of the text `config`, or with `arguments` alone.
 
-        `stack_bytes` is what each thread gets, the first one too; 8 MiB otherwise. `preload` is a
-        library, by its path in the build folder or a whole one; `network` a network_namespace;
-        `output_to` and `log_to` are open files in place of its standard output and standard error,
-        whose texts the tests then do not see; `runner` is words to put in front of the program.
+        `stack_bytes` is what each thread gets, the first one too; 8 MiB otherwise. `preload` is
+        libraries, by their paths in the build folder or whole ones, with blanks between them;
+        `network` a network_namespace; `output_to` and `log_to` are open files in place of its
+        standard output and standard error, whose texts the tests then do not see; `runner` is words
+        to put in front of the program.
         """
         if config is not None:
             self.config_file.write_bytes(config if isinstance(config, bytes) else config.encode())
@@ -67,12 +71,14 @@ class vemk_daemon:
                 stdout=output_to or output, stderr=log_to or log)
         return self
 
-    def preload_words(self, library):
-        if not (self.place.build_folder / library).exists():
-            pytest.fail(f"{self.place.build_folder} holds no {library}: build it")
+    def preload_words(self, libraries):
+        for library in libraries.split():
+            if not (self.place.build_folder / library).exists():
+                pytest.fail(f"{self.place.build_folder} holds no {library}: build it")
+        bound = (str(self.place.bound_build_folder / library) for library in libraries.split())
         # The address sanitizer wants to be the first library, or to be told that it is not.
         sanitizer = f"{os.environ.get('ASAN_OPTIONS', '')}:verify_asan_link_order=0".lstrip(":")
-        return ["env", f"LD_PRELOAD={self.place.bound_build_folder / library}",
+        return ["env", f"LD_PRELOAD={' '.join(bound)}",
                 f"ASAN_OPTIONS={sanitizer}"]
 
     def clean_environment(self, more):

@@ -1,17 +1,19 @@
 // Preloaded into the daemon: a clock that goes faster, and pauses that are as much shorter.
 //
 // FAST_CLOCK gives the speed, an integer. Between two looks at the clock at most 0.6 seconds of its
-// time pass; the longest pause takes 0.5. When this machine stalls, the clock goes slower for a
-// moment instead of jumping: the daemon ends when it finds that more than ten seconds have passed.
-// Between two of its checks, some twenty lines of the log look at the clock. stepping_clock.c
-// cannot serve here: it makes just such jumps, and the libraries' clock and all pauses stay as they
-// are.
+// time pass, or those of a longer poll. When this machine stalls, the clock goes slower for a moment
+// instead of jumping: the daemon ends when it finds that more than ten seconds have passed. Between
+// two of its checks, some twenty lines of the log look at the clock. stepping_clock.c cannot serve
+// here: it makes just such jumps, and the libraries' clock and all pauses stay as they are.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <poll.h>
 #include <pthread.h>
+#include <stdbool.h>
 #include <stdint.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/prctl.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
@@ -53,14 +55,14 @@ static void start(void) {
   last_look_ns = real_ns(CLOCK_MONOTONIC);
 }
 
-static int64_t look(void) {
+static int64_t look(int64_t longest_step_ns) {
   pthread_once(&started, start);
   pthread_mutex_lock(&lock);
   const int64_t now = real_ns(CLOCK_MONOTONIC);
   const int64_t real_step = now - last_look_ns;
   int64_t step = real_step * speed;
-  if (step > max_step_ns)
-    step = max_step_ns;
+  if (step > longest_step_ns)
+    step = longest_step_ns;
   ahead_ns += step - real_step;
   last_look_ns = now;
   const int64_t result = ahead_ns;
@@ -69,7 +71,7 @@ static int64_t look(void) {
 }
 
 int clock_gettime(clockid_t clock, struct timespec *time) {
-  const int64_t ahead = look();
+  const int64_t ahead = look(max_step_ns);
   const int result = real_clock_gettime(clock, time);
   if (result == 0 && (clock == CLOCK_MONOTONIC || clock == CLOCK_REALTIME))
     *time = timespec_of(time->tv_sec * second_ns + time->tv_nsec + ahead);
@@ -99,8 +101,23 @@ int usleep(useconds_t pause_us) {
   return real_nanosleep(&pause, NULL);
 }
 
+// The daemon checks its clock on this thread alone. When this one stalls, the clock must not make up
+// for the time in the long wait of another one.
+static bool checks_clock(void) {
+  char name[16] = "";
+  prctl(PR_GET_NAME, name);
+  return strcmp(name, "websock-roaming") == 0;
+}
+
 int poll(struct pollfd *descriptors, nfds_t count, int limit_ms) {
   pthread_once(&started, start);
-  const struct timespec limit = timespec_of((int64_t)limit_ms * 1000000 / speed);
-  return real_ppoll(descriptors, count, limit_ms < 0 ? NULL : &limit, NULL);
+  const int64_t limit_ns = (int64_t)limit_ms * 1000000;
+  const struct timespec limit = timespec_of(limit_ns / speed);
+  const bool is_long = limit_ns > max_step_ns && checks_clock();
+  if (is_long)
+    look(max_step_ns);
+  const int ready = real_ppoll(descriptors, count, limit_ms < 0 ? NULL : &limit, NULL);
+  if (is_long)
+    look(limit_ns);
+  return ready;
 }
