@@ -223,7 +223,7 @@ def message_in_message(soak, rig, choices):
         return sent_t([frame(opcode_text, payload, final=False), frame(opcode_text, b"second")],
                       payload, False)
 
-    with rig.sending_down:
+    with rig.sending_down, rig.lock:
         rig.send_down(begun_twice, choices.randint(20, 2000))
         rig.expect_drop(rig.connection)
 

@@ -2,6 +2,7 @@
 
 import contextlib
 import json
+import random
 import signal
 import threading
 import time
@@ -9,6 +10,7 @@ import traceback
 
 from harness.bus_peer import bus_peer, is_status, received_t, status_request
 from harness.frames import frame, opcode_ping
+from harness.pacing import is_event
 from harness.sandbox import sandbox
 from harness.vemk_daemon import config_text, vemk_daemon
 from harness.waiting import slowdown, wait_until
@@ -71,7 +73,7 @@ class rig:
         self.violations = []
         self.up = up_model(self.violate)
         self.down = down_model(self.violate)
-        self.status = status_model()
+        self.status = status_model(start_may_be_unheard=True)
         self.up_messages = message_maker("up", seed)
         self.down_messages = message_maker("down", seed)
         self.connection = 0
@@ -83,21 +85,34 @@ class rig:
         self.bus_away = False
         self.place = sandbox(build_folder, companion_folder)
         self.service = service(self.take_event, answers_ping).start()
+        self.resume_service = self.service.suspend()
         port = relay(self.service.port) if relay else self.service.port
         self.url = f"ws://127.0.0.1:{port}/roam"
         self.bus = judging_listener(self.place, self.hear).listen()
         self.daemons = []
+        self.event_pacing = is_event or random.Random(f"pacing {seed}").random() < 0.5
         self.start_daemon()
 
     def start_daemon(self):
-        self.daemon = vemk_daemon(self.place, f"daemon-{len(self.daemons) + 1}")
-        self.daemon.start(config_text(self.url, initial_delay=1, max_delay=2, log_level=15),
+        """Starts one with the other pacing than that before it, unless the environment sets it."""
+        pacing = "event" if self.event_pacing else "steps"
+        self.daemon = vemk_daemon(self.place, f"{pacing}-{len(self.daemons) + 1}")
+        self.daemon.start(config_text(self.url, initial_delay=1, max_delay=2, log_level=15,
+                                      event_pacing=self.event_pacing),
                           environment=eager_to_give_back)
+        self.event_pacing = is_event or not self.event_pacing
         self.daemons.append(self.daemon)
         self.log = log_tail(self.daemon.log_file)
 
+    def begin(self):
+        """Lets the first daemon connect when there is a listener to hear of it."""
+        self.bus.wait_listening()
+        self.resume_service()
+        self.wait(self.is_connected, "the first connection")
+
     def close(self):
         self.judging = False
+        self.resume_service()
         if self.daemon.process:
             self.daemon.process.send_signal(signal.SIGCONT)
         for daemon in self.daemons:

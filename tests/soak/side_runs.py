@@ -15,6 +15,7 @@ row_t = collections.namedtuple("row_t", "name minutes answers_ping run")
 rows = []
 
 megabyte = 1024 * 1024
+three_pings_missing = b"There are no 3 pong answer in a row from server"
 
 
 def row(name, minutes, answers_ping=always):
@@ -35,8 +36,10 @@ def second_of_three(number):
 @row("keepalive: no ping answered", 2, never)
 def no_ping_answered(side):
     """The connection is given up at the first callback after the third ping."""
-    wait_for_pings(side, 3)
-    expect_given_up(side, b"There are no 3 pong answer in a row from server", 88, 95)
+    wait_for_pings(side, 2)
+    expect_given_up(side, three_pings_missing, 88, 95)
+    if side.pings != 3:
+        side.violate(f"given up after {side.pings} pings")
 
 
 @row("keepalive: one of three pings answered", 3, second_of_three)
@@ -45,8 +48,10 @@ def one_of_three_answered(side):
     wait_for_pings(side, 3)
     side.sleep(5)
     side.probe()
-    wait_for_pings(side, 5)
-    expect_given_up(side, b"There are no 3 pong answer in a row from server", 148, 157)
+    wait_for_pings(side, 4)
+    expect_given_up(side, three_pings_missing, 148, 157)
+    if side.pings != 5:
+        side.violate(f"given up after {side.pings} pings")
 
 
 @row("keepalive: writeable callbacks stop", 2)
@@ -112,27 +117,28 @@ def expect_given_up(side, line, earliest, latest):
 class side_run(threading.Thread):
     """One row, with a daemon, a service and a bus of its own."""
 
-    def __init__(self, row, folders, interrupt):
-        super().__init__(daemon=True)
+    def __init__(self, row, folders, seed, interrupt):
+        super().__init__(name=row.name, daemon=True)
         self.row = row
+        self.seed = f"{row.name} {seed}"
         self.folders = folders
         self.interrupt = interrupt
         self.violations = []
         self.seconds = None
 
     def run(self):
-        side = rig(*self.folders, seed=self.row.name, answers_ping=self.row.answers_ping,
+        side = rig(*self.folders, self.seed, answers_ping=self.row.answers_ping,
                    interrupt=self.interrupt)
+        self.name += f" ({side.daemon.name})"
         with contextlib.closing(side), side.judged():
-            side.bus.wait_listening()
-            side.wait(side.is_connected, "the first connection")
+            side.begin()
             side.began = time.monotonic()
             side.probe()
             self.row.run(side)
             side.probe()
             side.judge_status()
             self.seconds = time.monotonic() - side.began
-        self.violations = [f"{self.row.name}: {text}" for text in side.violations]
+        self.violations = [f"{self.name}: {text}" for text in side.violations]
         if self.violations:
             self.interrupt.set()
 
@@ -143,9 +149,9 @@ class side_runs:
     `interrupt` ends all of them, and is set when one of them fails.
     """
 
-    def __init__(self, build_folder, companion_folder, minutes, interrupt):
+    def __init__(self, build_folder, companion_folder, minutes, seed, interrupt):
         self.left_out = [row for row in rows if row.minutes > minutes]
-        self.runs = [side_run(row, (build_folder, companion_folder), interrupt)
+        self.runs = [side_run(row, (build_folder, companion_folder), seed, interrupt)
                      for row in rows if row.minutes <= minutes]
 
     def start(self):
@@ -164,6 +170,6 @@ class side_runs:
         for run in self.runs:
             outcome = "FAILED" if run.violations else \
                 "ended by hand" if run.seconds is None else f"as designed, {run.seconds:.0f} s"
-            yield f"beside      {run.row.name}: {outcome}"
+            yield f"beside      {run.name}: {outcome}"
         for row in self.left_out:
             yield f"not run     {row.name}: takes a run of {row.minutes:g} minutes"

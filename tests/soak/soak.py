@@ -47,7 +47,8 @@ def main():
 def run_soak(options, build_folder, companion_folder):
     parent = os.getppid()
     run = soak_run(build_folder, companion_folder, options.seed, options.minutes * 60)
-    beside = side_runs(build_folder, companion_folder, options.minutes, run.rig.interrupt)
+    beside = side_runs(build_folder, companion_folder, options.minutes, options.seed,
+                       run.rig.interrupt)
     threading.excepthook = lambda failed: fail(run, failed)
     finished = threading.Event()
     threading.Thread(target=work, args=(run, beside, finished)).start()

@@ -63,8 +63,7 @@ class soak_run:
     def run(self):
         """Returns when the run is over; what went wrong stands in the rig's violations."""
         with self.rig.judged():
-            self.rig.bus.wait_listening()
-            self.rig.wait(self.rig.is_connected, "the first connection")
+            self.rig.begin()
             self.traffic.start()
             self.warm_up()
             self.inject_until(self.began + self.seconds)
