@@ -13,7 +13,7 @@ backlogs = (1, 10, 100, 1000, 10000, 100000)
 rest_seconds = 60
 
 # Beyond these, a bus drops what a listener has not yet read.
-bus_pieces = 150000
+bus_pieces = 60000
 bus_piece_bytes = 1024
 
 # Others may have this share of the processors; the counters of busy time are coarse.
