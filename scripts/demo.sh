@@ -195,8 +195,8 @@ start_listener() {
 
 start_daemon() {
   printf '%s\n' "roam_service_url=$url" initial_connection_delay=1 max_connection_delay=4 \
-    ap_location=demonstration log_level=0x0f >"$work/vemk.conf"
-  "$build/vemk" -f "$work/vemk.conf" >"$work/vemk.log" 2>&1 </dev/null 3>&- &
+    ap_location=demonstration log_level=0x0f "pacing=$1" >"$work/vemk.conf"
+  "$build/vemk" -f "$work/vemk.conf" >>"$work/vemk.log" 2>&1 </dev/null 3>&- &
   daemon=$!
   started+=("$daemon")
 }
@@ -243,6 +243,42 @@ show_status_request() {
   bus_line=$line_number
   item 'on the bus:' "$line"
   item 'answer:' "$state"
+}
+
+# Prints the milliseconds from the service to the bus, the median of five messages.
+message_time() {
+  local deadline=$((SECONDS + step_limit_s)) times=() text begin end arrived
+  exec 4<"$work/from-bus"
+  for text in {1..5}; do
+    text="timed message $text, pacing=$1"
+    begin=${EPOCHREALTIME//[!0-9]/}
+    printf '%s\n' "$text" >&3
+    until IFS= read -r arrived <&4 && [[ $arrived == *"$text"* ]]; do
+      ((SECONDS < deadline)) || not_seen "a message's time with pacing=$1"
+    done
+    end=${EPOCHREALTIME//[!0-9]/}
+    times+=($((end - begin)))
+    # So that the next one meets the daemon at another moment of its step.
+    sleep 0.13
+  done
+  exec 4<&-
+  printf '%s\n' "${times[@]}" | sort -n | awk 'NR == 3 { printf "%.1f ms\n", $1 / 1000 }'
+}
+
+show_times() {
+  local time
+  heading '5. How long a message takes from the service to the bus'
+  time=$(message_time steps) || exit 1
+  item 'pacing=steps:' "$time"
+  stop_process "$daemon"
+  unset 'started[-1]'
+  bus_line=$(wc -l <"$work/from-bus")
+  start_daemon event
+  wait_for_line "$work/from-bus" "$bus_line" '"cmd": "connected"' \
+    'the connection with pacing=event was not seen'
+  bus_line=$line_number
+  time=$(message_time event) || exit 1
+  item 'pacing=event:' "$time"
 }
 
 # Prints the lines that are added to the file $1 from its line $2 on, each after the label $3.
@@ -311,7 +347,7 @@ if [ -t 0 ] || [ "${VEMK_DEMO_STAY:-}" = 1 ]; then
 fi
 start_service
 start_listener
-start_daemon
+start_daemon steps
 printf '%svemk, the bridge between the module bus and a roaming service%s\n\n' "$bold" "$plain"
 item 'roaming service:' "$url"
 [ -z "$console" ] || item 'console:' "$console"
@@ -321,7 +357,8 @@ show_status_messages
 show_bus_to_service
 show_service_to_bus
 show_status_request
-heading 'All four steps were seen.'
+show_times
+heading 'All five steps were seen.'
 if [ "$stays" = yes ]; then
   stay
 fi
