@@ -143,8 +143,8 @@ TEST_F(EventWebsockWorkerTest, HalfEmptyQueueResumesTheReading) {
   EXPECT_THAT(calls_of_push("three"), IsEmpty());
 }
 
-// Four pings without a pong do not end a connection that is not read; behind it three do. Since 4.0
-// each of the four keeps the library from closing the connection, too.
+// Four pings without a pong do not end a connection that is not read; behind it three do.
+// Since 4.0 each of the four keeps the library from closing the connection, too.
 TEST_F(EventWebsockWorkerTest, PongsAreNotMissedWhileNothingIsRead) {
   make_connected();
   fill_service_to_bus();
