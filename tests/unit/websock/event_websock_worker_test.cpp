@@ -11,7 +11,6 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
@@ -346,29 +345,8 @@ TEST_F(EventWebsockWorkerTest, MessagesAreDumpedForTheDebugCategory) {
 
 // 50 reconnects under constant pushes: no call names what is gone, and no step has a pause.
 TEST_F(EventWebsockWorkerTest, PushesDuringReconnectsTouchOnlyWhatExists) {
-  constexpr int rounds = 50;
-  constexpr int most_pushes = 50000;
   make(1, 1);
-  for (int i = 0; i < rounds; ++i) {
-    fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED); });
-    fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE); });
-    fake_lws::script_service([] {
-      fake_lws::deliver(fake_lws::closed_reason);
-      fake_lws::kill_connection(fake_lws::connection());
-    });
-  }
-  std::atomic<bool> stop{false};
-  std::thread pusher([&] {
-    for (int i = 0; i < most_pushes && !stop; ++i) {
-      push_from_bus("text");
-      std::this_thread::yield();
-    }
-  });
-  run_until_restart(*event, rounds);
-  stop = true;
-  pusher.join();
-  EXPECT_THAT(fake_lws::calls(), Not(Contains(HasSubstr("dead"))));
-  EXPECT_EQ(fake_lws::connect_infos().size(), static_cast<std::size_t>(rounds));
+  expect_reconnects_under_pushes(*event);
   EXPECT_THAT(fake_libc::sleeps_us(), Not(Contains(step_pause_us)));
 }
 

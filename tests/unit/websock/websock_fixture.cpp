@@ -1,7 +1,11 @@
 #include "unit/websock/websock_fixture.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
+#include <thread>
+
+#include "support/worker_thread.h"
 
 namespace vemk {
 
@@ -138,6 +142,31 @@ std::vector<std::string> WebsockFixture::service_calls(const std::string &contex
     return {service};
   return {"lws_sul_schedule " + context + " 0 " + std::to_string(limit_ms * 1000), service,
           "lws_sul_schedule " + context + " 0 cancel"};
+}
+
+void WebsockFixture::expect_reconnects_under_pushes(abstract_worker &pushed_to) {
+  constexpr int rounds = 50;
+  constexpr int most_pushes = 50000;
+  for (int i = 0; i < rounds; ++i) {
+    fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED); });
+    fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE); });
+    fake_lws::script_service([] {
+      fake_lws::deliver(fake_lws::closed_reason);
+      fake_lws::kill_connection(fake_lws::connection());
+    });
+  }
+  std::atomic<bool> stop{false};
+  std::thread pusher([&] {
+    for (int i = 0; i < most_pushes && !stop; ++i) {
+      push_from_bus("text");
+      std::this_thread::yield();
+    }
+  });
+  run_until_restart(pushed_to, rounds);
+  stop = true;
+  pusher.join();
+  EXPECT_THAT(fake_lws::calls(), Not(testing::Contains(testing::HasSubstr("dead"))));
+  EXPECT_EQ(fake_lws::connect_infos().size(), static_cast<std::size_t>(rounds));
 }
 
 } // namespace vemk

@@ -45,6 +45,10 @@ protected:
   void let_pass(int seconds);
 
   void push_from_bus(const std::string &text) { bus_to_ws.push(buffer_of(text)); }
+
+  /// Runs the worker through 50 connections while another thread pushes all the time. No call may
+  /// name a connection or context that is gone.
+  void expect_reconnects_under_pushes(abstract_worker &pushed_to);
   std::vector<std::string> take_to_bus() { return take_all(ws_to_bus); }
   /// What the receive buffer holds.
   std::string received_so_far() const { return text_of(*worker->rx_buffer); }

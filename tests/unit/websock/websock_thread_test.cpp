@@ -1,9 +1,7 @@
-#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <pthread.h>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/worker_thread.h"
@@ -131,29 +129,8 @@ TEST_F(WebsockThreadTest, FalseRunFlagCyclesWithoutSteps) {
 // 50 reconnects under constant pushes: no call names a connection or context that is gone.
 // Messages come from the bus thread all the time, also while a connection is going away.
 TEST_F(WebsockThreadTest, PushesDuringReconnectsTouchOnlyWhatExists) {
-  constexpr int rounds = 50;
-  constexpr int most_pushes = 50000;
   make_worker(1, 1);
-  for (int i = 0; i < rounds; ++i) {
-    fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_ESTABLISHED); });
-    fake_lws::script_service([] { fake_lws::deliver(LWS_CALLBACK_CLIENT_WRITEABLE); });
-    fake_lws::script_service([] {
-      fake_lws::deliver(fake_lws::closed_reason);
-      fake_lws::kill_connection(fake_lws::connection());
-    });
-  }
-  std::atomic<bool> stop{false};
-  std::thread pusher([&] {
-    for (int i = 0; i < most_pushes && !stop; ++i) {
-      push_from_bus("text");
-      std::this_thread::yield();
-    }
-  });
-  run_until_restart(*worker, rounds);
-  stop = true;
-  pusher.join();
-  EXPECT_THAT(fake_lws::calls(), Not(testing::Contains(testing::HasSubstr("dead"))));
-  EXPECT_EQ(fake_lws::connect_infos().size(), static_cast<std::size_t>(rounds));
+  expect_reconnects_under_pushes(*worker);
 }
 
 } // namespace
