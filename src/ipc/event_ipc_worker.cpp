@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
+#include <memory>
 
 #include "module_bus.h"
 
@@ -67,7 +69,8 @@ bool event_ipc_worker::take_from_bus() {
 }
 
 bool event_ipc_worker::send_queued_to_bus() {
-  const auto send = [this](const std::shared_ptr<buffer_info_t> &buffer) { send_to_bus(buffer); };
+  const std::function<void(std::shared_ptr<buffer_info_t>)> send =
+      [this](const std::shared_ptr<buffer_info_t> &buffer) { send_to_bus(buffer); };
   for (int sent = 0; sent < batch_messages; ++sent) {
     if (!ws_to_bus_queue->take(send))
       return sent > 0;

@@ -93,11 +93,6 @@ void timer_service::fire_due(std::int32_t now) {
   }
 }
 
-std::int32_t timer_service::delay_with_callback(std::int32_t seconds,
-                                                const std::function<void()> &callback) {
-  return delay_with_callback(seconds, callback, nullptr);
-}
-
 std::int32_t
 timer_service::delay_with_callback(std::int32_t seconds, const std::function<void()> &callback,
                                    const std::function<void(std::int32_t milliseconds)> &pause) {

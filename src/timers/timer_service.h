@@ -54,12 +54,11 @@ public:
   void run_expired();
 
   /// Calls `callback` every 50 ms, at least once, until `seconds` have passed. Returns the second
-  /// of the monotonic clock at which it ended.
-  std::int32_t delay_with_callback(std::int32_t seconds, const std::function<void()> &callback);
-
-  /// The same with another pause than 50 ms: `pause` may pass up to that many milliseconds.
-  std::int32_t delay_with_callback(std::int32_t seconds, const std::function<void()> &callback,
-                                   const std::function<void(std::int32_t milliseconds)> &pause);
+  /// of the monotonic clock at which it ended. With a `pause`, that one passes up to so many
+  /// milliseconds in place of the 50.
+  std::int32_t
+  delay_with_callback(std::int32_t seconds, const std::function<void()> &callback,
+                      const std::function<void(std::int32_t milliseconds)> &pause = nullptr);
 
   /// Sleeps in steps of one second while `predicate` returns true. Returns 0.
   std::int32_t wait_while(const std::function<bool()> &predicate);

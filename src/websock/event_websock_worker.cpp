@@ -5,7 +5,6 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <utility>
 
 #include "websock/websock_log.h"
 #include "worker/buffer_log.h"
@@ -24,42 +23,21 @@ constexpr std::int32_t unsettled_wait_ms = 500;
 // default.
 constexpr useconds_t drop_pause_us = 50000;
 
-/// Collects what is written into full packets, from begin() on.
-class packet_cork {
-public:
-  explicit packet_cork(lws *wsi) : socket(lws_get_socket_fd(wsi)), is_set(false) {}
-
-  packet_cork(const packet_cork &) = delete;
-  packet_cork &operator=(const packet_cork &) = delete;
-
-  ~packet_cork() {
-    if (is_set)
-      set(0);
-  }
-
-  void begin() {
-    if (!is_set)
-      set(1);
-    is_set = true;
-  }
-
-private:
-  void set(int value) const { setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value); }
-
-  int socket;
-  bool is_set;
-};
+/// Collects what is written into full packets, until this is called with 0.
+void cork(lws *wsi, int value) {
+  setsockopt(lws_get_socket_fd(wsi), IPPROTO_TCP, TCP_CORK, &value, sizeof value);
+}
 
 } // namespace
 
 event_websock_worker::event_websock_worker(message_queue_t *from_bus, message_queue_t *to_bus,
-                                           std::string server_host, std::string server_path,
+                                           const char *server_host, const char *server_path,
                                            std::int32_t server_port, const bool *keep_running_flag,
                                            std::uint32_t first_delay, std::uint32_t largest_delay,
                                            bool only_whole_messages, queue_bound *from_bus_bound,
                                            queue_bound *to_bus_bound)
-    : websock_worker(from_bus, to_bus, std::move(server_host), std::move(server_path), server_port,
-                     keep_running_flag, first_delay, largest_delay, false, only_whole_messages),
+    : websock_worker(from_bus, to_bus, server_host, server_path, server_port, keep_running_flag,
+                     first_delay, largest_delay, false, only_whole_messages),
       bus_to_ws_bound(from_bus_bound), ws_to_bus_bound(to_bus_bound), is_closing(false),
       is_receiving_held(false), waits_for_room(false) {}
 
@@ -119,34 +97,38 @@ int event_websock_worker::process_client_writeable(lws *wsi, void *, void *) {
 }
 
 bool event_websock_worker::send_batch(lws *wsi) {
-  packet_cork cork(wsi);
   bool has_failed = false;
+  bool is_corked = false;
   int taken = 0;
-  const auto send = [&](const std::shared_ptr<buffer_info_t> &message) {
-    if (keep_own_message(message))
-      return;
-    if (taken > 0)
-      cork.begin();
-    has_failed = lws_send(wsi, message->data, message->length, LWS_WRITE_TEXT) < 0;
-  };
-  for (; taken < batch_messages; ++taken) {
-    // What the library holds back when the connection is cut is lost.
-    if (has_failed || lws_partial_buffered(wsi) != 0)
-      return true;
-    if (!bus_to_ws_queue->take(send))
-      return false;
+  const std::function<void(std::shared_ptr<buffer_info_t>)> send =
+      [&](const std::shared_ptr<buffer_info_t> &message) {
+        if (keep_own_message(message))
+          return;
+        if (taken > 0 && !is_corked) {
+          is_corked = true;
+          cork(wsi, 1);
+        }
+        has_failed = lws_send(wsi, message->data, message->length, LWS_WRITE_TEXT) < 0;
+      };
+  bool has_more = true;
+  // What the library holds back when the connection is cut is lost.
+  while (has_more && taken < batch_messages && !has_failed && lws_partial_buffered(wsi) == 0) {
+    has_more = bus_to_ws_queue->take(send);
     bus_to_ws_bound->after_take();
+    ++taken;
   }
-  return true;
+  if (is_corked)
+    cork(wsi, 0);
+  return has_more;
 }
 
 void event_websock_worker::control_receiving() {
   lws *const wsi = release.established();
   if (wsi == nullptr)
     return;
-  waits_for_room = true;
+  waits_for_room.store(true, std::memory_order_relaxed);
   const bool is_full = ws_to_bus_bound->stops_producer();
-  waits_for_room = is_full;
+  waits_for_room.store(is_full, std::memory_order_relaxed);
   if (is_full == is_receiving_held)
     return;
   is_receiving_held = is_full;
@@ -157,7 +139,7 @@ void event_websock_worker::control_receiving() {
 
 void event_websock_worker::request_writeable(lws *wsi) {
   // While more than one message waits, a writeable callback has been requested already.
-  if (bus_to_ws_queue->items.size() <= 1 || waits_for_room)
+  if (bus_to_ws_queue->items.size() <= 1 || waits_for_room.load(std::memory_order_relaxed))
     websock_worker::request_writeable(wsi);
 }
 

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <string>
 
 #include "websock/websock_worker.h"
 #include "worker/queue_bound.h"
@@ -27,8 +26,8 @@ namespace vemk {
 class event_websock_worker : public websock_worker {
 public:
   /// As websock_worker's, with the library bound and the bounds of both queues.
-  event_websock_worker(message_queue_t *from_bus, message_queue_t *to_bus, std::string server_host,
-                       std::string server_path, std::int32_t server_port,
+  event_websock_worker(message_queue_t *from_bus, message_queue_t *to_bus, const char *server_host,
+                       const char *server_path, std::int32_t server_port,
                        const bool *keep_running_flag, std::uint32_t first_delay,
                        std::uint32_t largest_delay, bool only_whole_messages,
                        queue_bound *from_bus_bound, queue_bound *to_bus_bound);

@@ -6,19 +6,21 @@ queue_bound::queue_bound(message_queue_t *bounded_queue, message_queue_t *consum
     : bounded(bounded_queue), consumed(consumed_queue), stopped(false) {}
 
 bool queue_bound::stops_producer() {
-  if (!stopped && bounded->payload_bytes() < limit_bytes)
+  if (!stopped.load(std::memory_order_relaxed) && bounded->payload_bytes() < limit_bytes)
     return false;
-  stopped = true;
-  // The consumer may have taken the last message before it could see the stop.
-  if (is_half_empty())
-    stopped = false;
-  return stopped;
+  stopped.store(true, std::memory_order_relaxed);
+  // The consumer may have taken the last message before it could see the stop. The queue's lock
+  // orders the two.
+  if (!is_half_empty())
+    return true;
+  stopped.store(false, std::memory_order_relaxed);
+  return false;
 }
 
 void queue_bound::after_take() {
-  if (!stopped || !is_half_empty())
+  if (!stopped.load(std::memory_order_relaxed) || !is_half_empty())
     return;
-  stopped = false;
+  stopped.store(false, std::memory_order_relaxed);
   consumed->notify_consumer();
 }
 

@@ -14,7 +14,7 @@ from device_build import configure, device_build, run, source_folder, tools_t
 # What the C and C++ libraries consist of; the dynamic loader is one of them on some processors.
 language_libraries = {"libc", "libm", "libstdc++", "libgcc_s", "libatomic", "ld"}
 stand_in_pattern = re.compile(r"zmq|spdlog|cli11|CLI/|\bfmt\b|libfmt", re.IGNORECASE)
-max_size = 120 * 1024
+max_size = 80 * 1024
 
 platform_functions = {
     "InitTrace", "SetTraceOpt", "InitLibParams", "FreeLibParams", "ModulePeerStart",
@@ -139,7 +139,7 @@ def test_stack_is_executable_where_the_kernel_needs_that(build):
         build.build("-DVEMK_EXECUTABLE_STACK=OFF")
 
 
-# At most 120 KiB stripped.
+# At most 80 KiB stripped.
 def test_stripped_program_is_within_its_budget(build):
     assert build.stripped_size() <= max_size
 

@@ -129,13 +129,13 @@ wake_event::wake_event() : descriptor(-1) {}
 wake_event::~wake_event() = default;
 
 event_websock_worker::event_websock_worker(message_queue_t *from_bus, message_queue_t *to_bus,
-                                           std::string server_host, std::string server_path,
+                                           const char *server_host, const char *server_path,
                                            std::int32_t server_port, const bool *keep_running_flag,
                                            std::uint32_t first_delay, std::uint32_t largest_delay,
                                            bool only_whole_messages, queue_bound *from_bus_bound,
                                            queue_bound *to_bus_bound)
-    : websock_worker(from_bus, to_bus, std::move(server_host), std::move(server_path), server_port,
-                     keep_running_flag, first_delay, largest_delay, false, only_whole_messages) {
+    : websock_worker(from_bus, to_bus, server_host, server_path, server_port, keep_running_flag,
+                     first_delay, largest_delay, false, only_whole_messages) {
   record("event_websock_worker");
   last_websock.bounds = {bounds[from_bus_bound], bounds[to_bus_bound]};
 }
