@@ -4,14 +4,10 @@
 #include <cstring>
 #include <poll.h>
 #include <string>
-#include <unistd.h>
 
 #include "module_bus.h"
 #include "module_bus/bus_client.h"
 #include "module_bus/bus_folder.h"
-
-// Not every bus has it.
-extern "C" int GetMsgDescriptor(void) __attribute__((weak));
 
 namespace vemk {
 
@@ -90,11 +86,6 @@ public:
 
 private:
   static void wait() {
-    constexpr int poll_us = 50;
-    if (GetMsgDescriptor == nullptr) {
-      usleep(poll_us);
-      return;
-    }
     pollfd ready{GetMsgDescriptor(), POLLIN, 0};
     poll(&ready, 1, -1);
   }

@@ -10,14 +10,10 @@
 
 #include "module_bus.h"
 
-/* Not every bus has it. */
-extern int GetMsgDescriptor(void) __attribute__((weak));
-
-enum { length_offset = 4, payload_offset = 13, every_listener = 3, poll_us = 1000, ping_s = 30 };
+enum { length_offset = 4, payload_offset = 13, every_listener = 3, ping_s = 30 };
 
 static struct lws *service;
 static struct lws *bus;
-static lws_sorted_usec_list_t bus_poll;
 static int ended;
 
 static unsigned char *frame;
@@ -84,17 +80,8 @@ static void pass_down(const void *piece, size_t length) {
   lws_callback_on_writable(service);
 }
 
-static void poll_bus(lws_sorted_usec_list_t *timer) {
-  lws_callback_on_writable(service);
-  lws_sul_schedule(lws_get_context(service), 0, timer, poll_bus, poll_us);
-}
-
 static void join_bus(void) {
   lws_sock_file_fd_type descriptor;
-  if (GetMsgDescriptor == NULL) {
-    poll_bus(&bus_poll);
-    return;
-  }
   descriptor.filefd = dup(GetMsgDescriptor());
   bus = lws_adopt_descriptor_vhost(lws_get_vhost(service), LWS_ADOPT_RAW_FILE_DESC, descriptor,
                                    "websock-roaming", NULL);
